@@ -1,0 +1,17 @@
+#include "frame/clock.hpp"
+
+#include <ctime>
+
+namespace zeltocom {
+
+double ClockMs() {
+  return static_cast<double>(std::clock()) * 1000.0 / CLOCKS_PER_SEC;
+}
+
+void delayms(int ms) {
+  const double end = ClockMs() + ms;
+  while (ClockMs() < end) {
+  }
+}
+
+}  // namespace zeltocom

@@ -1,0 +1,26 @@
+#include "frame/errors.hpp"
+
+#include <mutex>
+
+#include "frame/fixed_text.hpp"
+#include "frame/registry.hpp"
+
+namespace zeltocom {
+
+namespace {
+std::mutex mtxErrDesc;
+FixedText<kErrorTextSize> Error_Description;
+}  // namespace
+
+void SetError(s_CommPort* port, std::string_view text) {
+  if (port != nullptr) port->errorText.assign(text);
+  std::lock_guard lock(mtxErrDesc);
+  Error_Description.assign(text);
+}
+
+std::string GetErrorDescription() {
+  std::lock_guard lock(mtxErrDesc);
+  return std::string(Error_Description.view());
+}
+
+}  // namespace zeltocom

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zeltocom {
+
+struct s_CommPort;
+
+constexpr std::size_t kErrorTextSize = 512;
+
+// Stores `text` as the last error of `port` (when given) and of the library.
+void SetError(s_CommPort* port, std::string_view text);
+// The library-wide text of the last error.
+std::string GetErrorDescription();
+
+}  // namespace zeltocom

@@ -1,0 +1,172 @@
+#include "frame/utils.hpp"
+
+#include <cctype>
+#include <climits>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+
+namespace zeltocom {
+
+namespace {
+
+// Digits of `text` as one number; saturates instead of overflowing.
+long long GatherDigits(std::string_view text) {
+  long long value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') continue;
+    if (value > (LLONG_MAX - 9) / 10) return LLONG_MAX;
+    value = value * 10 + (c - '0');
+  }
+  return value;
+}
+
+}  // namespace
+
+int ParseInt(std::string_view text) {
+  const long long value = GatherDigits(text);
+  return value > INT_MAX ? INT_MAX : static_cast<int>(value);
+}
+
+long ParseLong(std::string_view text) {
+  const long long value = GatherDigits(text);
+  return value > LONG_MAX ? LONG_MAX : static_cast<long>(value);
+}
+
+float ParseDecimal(std::string_view text) {
+  std::string digits;
+  int pointAt = -1;
+  for (char c : text) {
+    if (c >= '0' && c <= '9') {
+      digits += c;
+    } else if (c == '.') {
+      pointAt = static_cast<int>(digits.size());
+    }
+  }
+  const int p = pointAt >= 0 ? pointAt : static_cast<int>(digits.size());
+  float value = 0.0f;
+  for (int i = 0; i < static_cast<int>(digits.size()); ++i) {
+    value += static_cast<float>((digits[i] - '0') * std::pow(10.0, p - 1 - i));
+  }
+  return value;
+}
+
+bool isInteger(std::string_view text) {
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
+std::string strtoupper(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::string strtolower(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+int strcountchar(std::string_view text, char c) {
+  int n = 0;
+  for (char x : text) n += (x == c);
+  return n;
+}
+
+bool Contains(std::string_view text, std::string_view what) {
+  return text.find(what) != std::string_view::npos;
+}
+
+std::vector<std::string> SplitNonEmpty(std::string_view text, char separator) {
+  std::vector<std::string> pieces;
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    std::size_t end = text.find(separator, start);
+    if (end == std::string_view::npos) end = text.size();
+    if (end > start) pieces.emplace_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return pieces;
+}
+
+void str_replace(std::string& text, std::string_view what, std::string_view with) {
+  if (what.empty() || text.empty()) return;
+  std::string out;
+  out.reserve(text.size() * 2 + 1);
+  for (std::size_t i = 0; i < text.size();) {
+    if (text.compare(i, what.size(), what) == 0) {
+      out += with;
+      i += what.size();
+    } else {
+      out += text[i++];
+    }
+  }
+  text = std::move(out);
+}
+
+void filterstring(std::string& text) {
+  std::erase_if(text, [](char c) { return static_cast<unsigned char>(c) <= 31; });
+}
+
+void trim(std::string& text) {
+  const std::size_t first = text.find_first_not_of(' ');
+  if (first == std::string::npos) {
+    text.clear();
+    return;
+  }
+  text = text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+std::string GetParameter(std::string& line, int side) {
+  trim(line);
+  const std::size_t eq = line.find('=');
+  if (eq == std::string::npos) return {};
+  if (side != 0) {
+    std::string value = line.substr(eq + 1);
+    trim(value);
+    return value;
+  }
+  return line.substr(0, eq);
+}
+
+void FormatDecimal(std::string& text) {
+  float probe = 0.0f;
+  const bool pointLocale = std::sscanf("0.253", "%f", &probe) == 1 && probe == 0.253f;
+  for (char& c : text) {
+    if (pointLocale && c == ',') c = '.';
+    if (!pointLocale && c == '.') c = ',';
+  }
+}
+
+double RoundToDecimals(double value, int decimals) {
+  const double f = std::pow(10.0, decimals);
+  return std::floor(value * f + 0.5) / f;
+}
+
+std::string GetDateString() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char buf[50];
+  const std::size_t n = std::strftime(buf, sizeof buf, "%d %B %Y", &local);
+  return std::string(buf, n);
+}
+
+std::string StringPrintf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list copy;
+  va_copy(copy, args);
+  const int n = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string out(n > 0 ? static_cast<std::size_t>(n) : 0, '\0');
+  if (n > 0) std::vsnprintf(out.data(), out.size() + 1, format, args);
+  va_end(args);
+  return out;
+}
+
+}  // namespace zeltocom

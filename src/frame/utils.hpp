@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zeltocom {
+
+// Instrument replies carry units, signs and stray characters; the parsers
+// gather the digits and ignore everything else, sign and point included.
+int ParseInt(std::string_view text);
+long ParseLong(std::string_view text);
+// Like ParseInt, but the last '.' places the decimal point.
+float ParseDecimal(std::string_view text);
+bool isInteger(std::string_view text);
+
+std::string strtoupper(std::string_view text);
+std::string strtolower(std::string_view text);
+int strcountchar(std::string_view text, char c);
+bool Contains(std::string_view text, std::string_view what);
+// The pieces between separators; empty pieces are dropped.
+std::vector<std::string> SplitNonEmpty(std::string_view text, char separator);
+
+void str_replace(std::string& text, std::string_view what, std::string_view with);
+// Drops control characters (codes 0 to 31).
+void filterstring(std::string& text);
+// Drops leading and trailing blanks (the space character only).
+void trim(std::string& text);
+// Splits "key = value": side 0 gives the key as written, any other side the
+// trimmed value. Empty when the line holds no '='.
+std::string GetParameter(std::string& line, int side);
+// Turns the decimal separators of a reply into the one the C locale reads.
+void FormatDecimal(std::string& text);
+double RoundToDecimals(double value, int decimals);
+std::string GetDateString();
+
+// printf-style formatting into a std::string.
+std::string StringPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace zeltocom

@@ -1,0 +1,71 @@
+// Kernel termios2 and serial_struct: this file must not see <termios.h>.
+#include <asm/termbits.h>
+#include <linux/serial.h>
+#include <sys/ioctl.h>
+
+#include "serial/driver.hpp"
+#include "serial/line_flags.hpp"
+#include "serial/termios2.hpp"
+
+namespace zeltocom {
+
+namespace {
+
+// What cfmakeraw does, for the kernel's structure.
+void MakeRaw(struct termios2& t) {
+  t.c_iflag &= ~(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
+  t.c_oflag &= ~OPOST;
+  t.c_lflag &= ~(ECHO | ECHONL | ICANON | ISIG | IEXTEN);
+  t.c_cflag &= ~(CSIZE | PARENB);
+  t.c_cflag |= CS8;
+  t.c_cc[VMIN] = 1;
+  t.c_cc[VTIME] = 0;
+}
+
+}  // namespace
+
+int RS232ChangeBaudrate1(int& fd, int baud) {
+  if (baud <= 0) return -1;
+  struct serial_struct serial {};
+  if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return -1;
+  serial.flags = (serial.flags & ~ASYNC_SPD_MASK) | ASYNC_SPD_CUST;
+  serial.custom_divisor = (serial.baud_base + baud / 2) / baud;
+  if (serial.custom_divisor < 1) serial.custom_divisor = 1;
+  if (ioctl(fd, TIOCSSERIAL, &serial) != 0) return -1;
+
+  // B38400 is the code that the driver maps to the custom divisor.
+  struct termios2 t {};
+  if (ioctl(fd, TCGETS2, &t) != 0) return -1;
+  t.c_cflag = (t.c_cflag & ~(CBAUD | CIBAUD)) | B38400;
+  t.c_ispeed = 38400;
+  t.c_ospeed = 38400;
+  return ioctl(fd, TCSETS2, &t) == 0 ? 0 : -1;
+}
+
+int RS232ChangeBaudrate2(int& fd, int baud) {
+  struct termios2 t {};
+  if (ioctl(fd, TCGETS2, &t) != 0) return -1;
+  t.c_cflag = (t.c_cflag & ~(CBAUD | CIBAUD)) | BOTHER;
+  t.c_ispeed = static_cast<speed_t>(baud);
+  t.c_ospeed = static_cast<speed_t>(baud);
+  return ioctl(fd, TCSETS2, &t) == 0 ? 0 : -1;
+}
+
+int ApplyRawArbitraryRate(int fd) {
+  struct termios2 t {};
+  if (ioctl(fd, TCGETS2, &t) != 0) return -1;
+  SetInstrumentLineFlags(t, false);
+  t.c_cc[VTIME] = 5;
+  t.c_cc[VMIN] = 0;
+  MakeRaw(t);
+  ioctl(fd, TCFLSH, TCIFLUSH);
+  return ioctl(fd, TCSETS2, &t) == 0 ? 1 : 0;
+}
+
+int SerialPortType(int fd) {
+  struct serial_struct serial {};
+  if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return -1;
+  return serial.type;
+}
+
+}  // namespace zeltocom

@@ -1,0 +1,15 @@
+#pragma once
+
+// Line settings that need the kernel's termios2 and serial_struct, whose
+// header clashes with <termios.h>; kept behind plain ints.
+namespace zeltocom {
+
+// Configures the line raw with the rate set by RS232ChangeBaudrate2 left in
+// place: 1 applied, 0 applying failed, -1 the settings could not be read.
+int ApplyRawArbitraryRate(int fd);
+
+// The UART type that the serial driver reports, 0 for none; -1 when the
+// descriptor is not a serial port.
+int SerialPortType(int fd);
+
+}  // namespace zeltocom

@@ -1,0 +1,42 @@
+#include "serial/baudrates.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace zeltocom;
+
+TEST(Baudrates, AdmittedRates) {
+  EXPECT_TRUE(isBaudrateValid(0));
+  EXPECT_TRUE(isBaudrateValid(921600));
+  EXPECT_TRUE(isBaudrateValid(9600));
+  EXPECT_FALSE(isBaudrateValid(14400));
+  EXPECT_FALSE(isBaudrateValid(-9600));
+}
+
+TEST(Baudrates, SearchOrderPutsTheRememberedRateFirst) {
+  EXPECT_EQ(RateSearchOrder(-1),
+            (std::vector<int>{57600, 460800, 115200, 921600, 9600, 230400, 38400, 19200}));
+  EXPECT_EQ(RateSearchOrder(921600),
+            (std::vector<int>{921600, 57600, 460800, 115200, 9600, 230400, 38400, 19200}));
+  EXPECT_EQ(RateSearchOrder(19200),
+            (std::vector<int>{19200, 57600, 460800, 115200, 921600, 9600, 230400, 38400}));
+  EXPECT_EQ(RateSearchOrder(12345), RateSearchOrder(-1));
+}
+
+TEST(Baudrates, CharacterTimeHasAFloor) {
+  EXPECT_NEAR(CharTimeMs(9600), 1.1458, 1e-4);
+  EXPECT_NEAR(CharTimeMs(57600), 0.19097, 1e-5);
+  EXPECT_DOUBLE_EQ(CharTimeMs(115200), 0.15);
+}
+
+TEST(Baudrates, MemoryKeepsTheFirstSerialOfAPath) {
+  EXPECT_EQ(GetBaudrateForPort("/dev/x"), -1);
+  UpdateBaudrateForPort("/dev/x", "AAA1", 115200);
+  UpdateBaudrateForPort("/dev/x", "BBB2", 9600);
+  EXPECT_EQ(GetBaudrateForPort("/dev/x"), 9600);
+
+  std::string path;
+  EXPECT_EQ(GetBaudrateForSN("AAA1", &path), 9600);
+  EXPECT_EQ(path, "/dev/x");
+  EXPECT_EQ(GetBaudrateForSN("BBB2", &path), -1);
+  EXPECT_EQ(GetBaudrateForSN("aaa1", nullptr), -1);  // case matters here
+}

@@ -1,0 +1,116 @@
+#include "serial/enumerate.hpp"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+using namespace zeltocom;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A fabricated /sys/class/tty and /dev: each tty directory gets a device
+// link whose driver link names `driver` (or no device link at all).
+class FakeSysfs : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = fs::temp_directory_path() / ("zeltocom-sysfs-" + std::to_string(getpid()));
+    fs::create_directories(root_ / "class/tty");
+    fs::create_directories(root_ / "dev");
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  void AddTty(const std::string& name, const std::string& driver) {
+    fs::create_directories(root_ / "class/tty" / name);
+    if (driver.empty()) return;
+    const fs::path device = root_ / "devices" / name;
+    fs::create_directories(device);
+    fs::create_directories(root_ / "drivers" / driver);
+    fs::create_directory_symlink(root_ / "drivers" / driver, device / "driver");
+    fs::create_directory_symlink(device, root_ / "class/tty" / name / "device");
+  }
+
+  std::vector<std::string> Scan(const UartProbe& probe) {
+    return ScanTtyClass(TtyDir(), DevDir(), probe);
+  }
+  std::string TtyDir() const { return (root_ / "class/tty").string() + "/"; }
+  std::string DevDir() const { return (root_ / "dev").string() + "/"; }
+
+  // The names in the directory's own order, as the kernel returns them.
+  std::vector<std::string> DirectoryOrder() const {
+    std::vector<std::string> names;
+    dirent** entries = nullptr;
+    const int n = scandir(TtyDir().c_str(), &entries, nullptr, nullptr);
+    for (int i = 0; i < n; ++i) {
+      const std::string name = entries[i]->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+      free(entries[i]);
+    }
+    free(entries);
+    return names;
+  }
+
+  fs::path root_;
+};
+
+}  // namespace
+
+TEST_F(FakeSysfs, ListsPortsWithADriverInReverseDirectoryOrder) {
+  AddTty("ttyUSB0", "ftdi_sio");
+  AddTty("ttyACM0", "cdc_acm");
+  AddTty("ttyUSB1", "ftdi_sio");
+  AddTty("tty1", "");  // a virtual console has no device link
+
+  std::vector<std::string> expected;
+  for (const std::string& name : DirectoryOrder()) {
+    if (name != "tty1") expected.insert(expected.begin(), DevDir() + name);
+  }
+  EXPECT_EQ(Scan([](const std::string&) { return true; }), expected);
+}
+
+TEST_F(FakeSysfs, LegacyUartsNeedHardwareAndComeLast) {
+  AddTty("ttyS0", "serial8250");
+  AddTty("ttyS1", "port");  // the serial-base driver of current kernels
+  AddTty("ttyS2", "serial8250");
+  AddTty("ttyUSB0", "ftdi_sio");
+
+  std::vector<std::string> probed;
+  const auto onlyS1 = [&](const std::string& path) {
+    probed.push_back(path);
+    return path == DevDir() + "ttyS1";
+  };
+  const std::vector<std::string> ports = Scan(onlyS1);
+  EXPECT_EQ(ports, (std::vector<std::string>{DevDir() + "ttyUSB0", DevDir() + "ttyS1"}));
+  EXPECT_EQ(probed.size(), 3u);
+}
+
+TEST_F(FakeSysfs, RealProbeRejectsWhatIsNotASerialPort) {
+  // A regular file stands in for the device node: it opens, but reports no UART.
+  AddTty("ttyS3", "serial8250");
+  std::FILE* node = std::fopen((DevDir() + "ttyS3").c_str(), "w");
+  std::fclose(node);
+  EXPECT_TRUE(Scan(HasUartBehind).empty());
+  EXPECT_FALSE(HasUartBehind(DevDir() + "missing"));
+}
+
+TEST(Enumeration, UnreadableClassDirectoryGivesNoPorts) {
+  EXPECT_TRUE(ScanTtyClass("/nonexistent/tty/", "/dev/", HasUartBehind).empty());
+}
+
+TEST(Enumeration, EnvironmentVariableNamesThePorts) {
+  setenv("ZELTOCOM_PORTS", "/dev/pts/41;;/dev/pts/40;", 1);
+  EXPECT_EQ(EnumSerialPorts(), (std::vector<std::string>{"/dev/pts/41", "/dev/pts/40"}));
+  unsetenv("ZELTOCOM_PORTS");
+}
+
+TEST(Enumeration, AvailabilityIsAnExactMatch) {
+  SetDetectedPorts({"/dev/pts/3", "/dev/pts/4"});
+  EXPECT_TRUE(isDevicePathAvailable("/dev/pts/4"));
+  EXPECT_FALSE(isDevicePathAvailable("/dev/pts/"));
+  SetDetectedPorts({});
+  EXPECT_FALSE(isDevicePathAvailable("/dev/pts/4"));
+}
