@@ -1,0 +1,87 @@
+/*
+ * ZeltoCom: drives LED analysers, spectrometers and their daisy-chained
+ * companions over serial lines.
+ *
+ * Every call blocks until the instrument has answered or a time-out has
+ * passed. Results: 1 success; 0 a failure reported by the instrument or a
+ * time-out; -1 a refused argument, an unknown port or a failed write (each
+ * function below states its exact values). After a failure the error text is
+ * read with ZeltoCom_GetError_Description and its per-port forms.
+ * Buffers are the caller's; each function states the room it needs.
+ * One port must not be driven from two threads at once.
+ */
+#ifndef ZELTOCOM_H
+#define ZELTOCOM_H
+
+#if defined(__GNUC__)
+#define ZELTOCOM_API __attribute__((visibility("default")))
+#else
+#define ZELTOCOM_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Error texts (buffers of at least 512 bytes) ---- */
+
+/* The text of the library's last error; returns `buffer`. */
+ZELTOCOM_API char* ZeltoCom_GetError_Description(char* buffer);
+/* The last error of the open port at `devicePath`, or the library's last
+ * error when no such port is open; returns `buffer`. */
+ZELTOCOM_API char* ZeltoCom_GetError_DescriptionByPort(const char* devicePath, char* buffer);
+/* The same, for the open port whose instrument has `serialNumber`. */
+ZELTOCOM_API char* ZeltoCom_GetError_DescriptionBySN(const char* serialNumber, char* buffer);
+
+/* ---- Opening and closing ---- */
+
+/* Opens the instrument at `devicePath`. `baudrate` 0 searches the rate (the
+ * rate this path last worked at first), else one of 9600, 19200, 38400,
+ * 57600, 115200, 230400, 460800, 921600. 1 opened; 0 failure; -1 invalid
+ * baud rate. */
+ZELTOCOM_API int ZeltoCom_Open(const char* devicePath, int baudrate);
+/* Finds the instrument with `serialNumber` among the detected ports and opens
+ * it. Results as ZeltoCom_Open. */
+ZELTOCOM_API int ZeltoCom_OpenSN(const char* serialNumber, int baudrate);
+/* Checks that a project file named the device ID `deviceID`; opens nothing.
+ * 1 known; -1 otherwise. */
+ZELTOCOM_API int ZeltoCom_OpenID(const char* deviceID);
+/* 1 closed; 0 not open. */
+ZELTOCOM_API int ZeltoCom_Close(const char* devicePath);
+ZELTOCOM_API int ZeltoCom_CloseSN(const char* serialNumber);
+/* Closes every open port; always 1. */
+ZELTOCOM_API int ZeltoCom_CloseAll(void);
+/* Thread bodies: store the result of ZeltoCom_Close / ZeltoCom_CloseSN in
+ * `*result` and return it. */
+ZELTOCOM_API int ZeltoCom_Close_Multi_Thread(int* result, const char* devicePath);
+ZELTOCOM_API int ZeltoCom_CloseSN_Multi_Thread(int* result, const char* serialNumber);
+
+/* ---- Ports and the library ---- */
+
+/* Writes the library version ("v3.0.0"; at least 7 bytes). */
+ZELTOCOM_API void ZeltoCom_GetLibraryVersion(char* buffer);
+/* Lists the machine's serial ports afresh (or the paths in the environment
+ * variable ZELTOCOM_PORTS, separated by ';'); returns their number. */
+ZELTOCOM_API int ZeltoCom_EnumPorts(void);
+/* Copies the path of each open port into paths[0], paths[1], ... (254 bytes
+ * each); returns their number, 0 on failure. */
+ZELTOCOM_API int ZeltoCom_GetOpenedPorts(char** paths);
+/* The same as one text, the paths joined by `separator`. */
+ZELTOCOM_API int ZeltoCom_GetOpenedPortsS(char* buffer, int separator);
+/* 1 when the last enumeration listed `devicePath`, else 0. */
+ZELTOCOM_API int ZeltoCom_IsPortAvailable(const char* devicePath);
+/* Path of the open port whose instrument has `serialNumber`: 1, or -1. */
+ZELTOCOM_API int ZeltoCom_GetPortBySN(char* devicePath, const char* serialNumber);
+/* Serial number of the instrument on the open port `devicePath`: 1, or -1. */
+ZELTOCOM_API int ZeltoCom_GetSNByPort(char* serialNumber, const char* devicePath);
+/* Path of the project device `deviceID`, or "" when unknown; returns
+ * `devicePath`. */
+ZELTOCOM_API char* ZeltoCom_GetPortByID(const char* deviceID, char* devicePath);
+/* The rate the open port `devicePath` works at, or 0 on failure. */
+ZELTOCOM_API int ZeltoCom_GetBaudrate(const char* devicePath);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZELTOCOM_H */

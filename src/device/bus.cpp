@@ -1,0 +1,105 @@
+#include "device/bus.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+#include "frame/errors.hpp"
+#include "frame/registry.hpp"
+#include "frame/utils.hpp"
+
+namespace zeltocom {
+
+namespace {
+
+constexpr std::string_view kEotMarker = "\r\n\x04";
+
+s_CommPort* MasterOf(s_CommPort* port) { return port->parent != nullptr ? port->parent : port; }
+
+// After a refused BUSGET the line must not stay with a half-selected device.
+void FreeLineAfterRefusal(s_CommPort* port) {
+  RS232SendCommand(port->fd, "BUSFREE");
+  t_comresponse ignored;
+  RS232WaitForData(port->fd, &ignored, 80, port->eotFormat.view(), true, false, 0);
+}
+
+}  // namespace
+
+std::string GetEOTformat(int fd, double charTimeMs, std::string_view answer) {
+  if (Contains(answer, kEotMarker)) return std::string(kEotMarker);
+  const long wait = static_cast<long>(std::ceil(3 * charTimeMs)) * 5 + 16;
+  t_comresponse more;
+  RS232WaitForData(fd, &more, wait, "\x04", false);
+  return Contains(more.data, "\x04") ? std::string(kEotMarker) : std::string("\r\n");
+}
+
+std::string GetEOTformat(s_CommPort* port, std::string_view answer) {
+  return GetEOTformat(port->fd, port->charTimeMs, answer);
+}
+
+int CMD_BusFree(s_CommPort* port, t_comresponse* response) {
+  s_CommPort* master = MasterOf(port);
+  if (RS232SendCommand(port->fd, "BUSFREE") != 1) {
+    SetError(master, "Unable to send command BUSFREE");
+    return -1;
+  }
+  const long timeout = static_cast<long>(16 * port->charTimeMs + 20);
+  RS232WaitForData(port->fd, response, timeout, port->eotFormat.view(), true);
+  if (response->elapsedMs < timeout && !response->syntaxError) {
+    master->busState = 1;
+    master->busOwner = master;
+    return 1;
+  }
+  SetError(master, "Syntax error or Timeout in BUSFREE");
+  return 0;
+}
+
+int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, t_comresponse* response) {
+  const std::string serial = strtoupper(serialNumber);
+  s_CommPort* master = MasterOf(port);
+
+  if (master->busOwner->serialNumber == serial) {
+    response->elapsedMs = 0;
+    response->data = "OK";
+    response->syntaxError = false;
+    return 1;
+  }
+  if (master->busState == 0) {
+    const int freed = CMD_BusFree(master->busOwner, response);
+    if (freed != 1) return freed;
+  }
+
+  s_CommPort* known = PortsList_GetBySerialNumber(master->chain.get(), serial);
+  const std::string terminator = known != nullptr ? std::string(known->eotFormat.view()) : "\r\n";
+  if (RS232SendCommand(master->fd, "BUSGET" + serial) != 1) return -1;
+  const long timeout = std::max(80L, static_cast<long>(15 * master->charTimeMs + 20));
+  RS232WaitForData(master->fd, response, timeout, terminator, known != nullptr);
+
+  if (response->elapsedMs >= timeout || response->syntaxError) {
+    FreeLineAfterRefusal(port);
+    SetError(master, "Syntax error or Timeout in BUSGET");
+    return 0;
+  }
+  if (!Contains(response->data, "OK")) {
+    FreeLineAfterRefusal(port);
+    return 0;
+  }
+  master->busState = 0;
+  if (known != nullptr) {
+    master->busOwner = known;
+    return 1;
+  }
+  if (serial != master->serialNumber.view()) {
+    const std::string eot = GetEOTformat(master, response->data);
+    if (PortsList_Add(master->chain.get(), master, master->fd, master->devicePath.view(), serial,
+                      "", eot, master->baudrate, master->charTimeMs) != 1) {
+      return 0;
+    }
+    master->busOwner = master->chain->last;
+    return 1;
+  }
+  master->busOwner = master;
+  master->busState = 1;
+  return 1;
+}
+
+}  // namespace zeltocom
