@@ -1,0 +1,153 @@
+// Simulated instruments on pseudo-terminals.
+//
+// A SimPort creates a pseudo-terminal and plays the instrument at its master
+// side; a host opens the slave path exactly as it would open a USB serial
+// port. Further instruments can be daisy-chained behind the one on the port.
+// Nothing here knows about the ZeltoCom library: the simulator only speaks the
+// instruments' line protocol.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zeltosim {
+
+// How an instrument misbehaves.
+enum class Fault {
+  None,
+  Silent,          // reads everything, answers nothing
+  Echo,            // sends every received line back instead of answering
+  Slow,            // answers correctly, but only after Config::slowDelayMs
+  SyntaxErrorAll,  // answers every command with "SYNTAX ERROR"
+};
+
+// What the instrument sends when a line arrives at a speed other than its own.
+enum class WrongSpeed { Silent, Garbage };
+
+// What a capture reports for one fibre of an LED analyser.
+enum class Range { Normal, OverRange, UnderRange };
+
+// One measuring channel of an LED analyser: the light it currently sees.
+struct Fiber {
+  double red = 0.30;  // relative colour; the three need not sum to 1
+  double green = 0.50;
+  double blue = 0.20;
+  double intensity = 1200.0;  // linear intensity
+  Range force = Range::Normal;
+};
+
+struct Config {
+  std::string serial = "ZS000001";      // "GETSERIAL"
+  std::string hardware = "Zelto 05-P";  // "GETHW"; "-W" / "-W2" makes a spectrometer
+  std::string firmware = "F2.20";       // "GETVERSION"
+  std::string id = "05F";               // "ID"
+  bool eot = false;             // end answers with CR LF 0x04 instead of CR LF
+  bool knowsBus = true;         // false: BUSFREE / BUSGET are syntax errors
+  bool hasIntensityModeCommand = true;  // false: the mode shows only in GETSTATUS
+  bool darkAnnounces = true;    // CAPTUREDARK answers "Acquiring..." before the result
+  Fault fault = Fault::None;
+  int slowDelayMs = 3000;       // answer delay of Fault::Slow
+  int answerDelayMs = 0;        // extra delay before every answer
+  double captureTimeScale = 1.0;  // multiplies the time a capture takes
+  std::string captureCondition;   // spectrometer: answer captures with this text instead of "OK"
+  std::vector<Fiber> fibers = {Fiber{}, Fiber{}};  // LED analysers; spectrometers ignore it
+};
+
+// The serial line of a SimPort.
+struct LineOptions {
+  int baud = 57600;                          // the instrument's own rate
+  WrongSpeed wrongSpeed = WrongSpeed::Silent;
+  bool lineDelay = false;  // pace output at 11 bits per character
+};
+
+// One line as it arrived on the wire.
+struct ReceivedLine {
+  std::string text;   // as sent, letter case kept, without CR LF
+  int lineBaud = 0;   // the speed the host had configured when it arrived
+  bool understood = false;  // the speed matched and an instrument handled it
+};
+
+// The settings one instrument keeps per adjustment set.
+struct Settings {
+  int factor = 1;
+  int averages = 1;
+  int pwm = 0;
+  long customTime = -1;  // in the instrument's own unit (us on "-W2", ms otherwise); -1 = none
+  bool logarithmic = true;
+};
+
+class Instrument;
+
+class SimPort {
+ public:
+  explicit SimPort(Config master, LineOptions line = {});
+  ~SimPort();
+  SimPort(const SimPort&) = delete;
+  SimPort& operator=(const SimPort&) = delete;
+
+  // The slave path a host opens, such as /dev/pts/7.
+  const std::string& path() const;
+  // The instrument on the port itself.
+  Instrument& master();
+  // Adds an instrument reached through the master with "BUSGET<serial>".
+  Instrument& chain(Config chained);
+  // The instrument's current rate (it changes after "SETBAUD<rate>").
+  int baud() const;
+  // Serial number of the instrument that holds the line now (the master's
+  // when the bus is free).
+  std::string busHolder() const;
+
+  // Every non-empty line that arrived, in order.
+  std::vector<ReceivedLine> lineLog() const;
+  // Lines of lineLog() whose text equals `command`, ignoring letter case.
+  int countReceived(const std::string& command) const;
+  void clearLog();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Behaviour and state of one instrument. All members are safe to call while
+// the port's thread runs.
+class Instrument {
+ public:
+  ~Instrument();
+  Instrument(const Instrument&) = delete;
+  Instrument& operator=(const Instrument&) = delete;
+
+  const std::string& serial() const;
+  bool isSpectrometer() const;
+  // Lines this instrument answered or acted on, as received.
+  std::vector<std::string> received() const;
+  void clearReceived();
+
+  void setFault(Fault fault);
+  void setAnswerDelayMs(int ms);
+  void setSlowDelayMs(int ms);
+  void setCaptureTimeScale(double scale);
+  void setEot(bool on);
+  void setFiber(int index, const Fiber& fiber);  // 0-based
+  void setCaptureCondition(const std::string& text);
+  void setDarkAnnounces(bool on);
+
+  bool eot() const;
+  int adjustmentSet() const;
+  Settings settings() const;  // of the current adjustment set
+  int captures() const;       // captures and dark acquisitions taken so far
+  std::string lastCaptureCommand() const;
+
+  struct State;  // internal
+
+ private:
+  friend class SimPort;
+  explicit Instrument(Config config);
+  std::unique_ptr<State> state_;
+};
+
+// "path1;path2;..." for ZELTOCOM_PORTS.
+std::string PortsVariable(const std::vector<const SimPort*>& ports);
+
+}  // namespace zeltosim

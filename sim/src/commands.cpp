@@ -1,0 +1,451 @@
+// The instruments' command set. Adding a command means adding one table entry
+// and one handler; lookup tries longer names first so that, for instance,
+// "GETINTENSITYMODE" wins over "GETINTENSITY<nn>" and "CAPTUREDARK" over "C".
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <optional>
+#include <string_view>
+
+#include "instrument_state.hpp"
+#include "photometry.hpp"
+
+namespace zeltosim::detail {
+namespace {
+
+using State = Instrument::State;
+
+enum class Match { Exact, Prefix };  // Prefix: the name followed by an argument
+enum class Family { Any, Analyser, Spectrometer, PwmSpectrometer };
+
+struct Call {
+  State& st;
+  std::string_view arg;     // upper case, after the command name
+  const std::string& line;  // as received
+};
+
+using Handler = Reply (*)(const Call&);
+
+struct Command {
+  std::string_view name;
+  Match match;
+  Family family;
+  Handler handler;
+  std::string_view usage;  // as HELP lists it
+};
+
+bool Fits(Family family, const State& st) {
+  switch (family) {
+    case Family::Any: return true;
+    case Family::Analyser: return !st.spectrometer;
+    case Family::Spectrometer: return st.spectrometer;
+    case Family::PwmSpectrometer: return st.microseconds;
+  }
+  return false;
+}
+
+// ---- argument parsing -------------------------------------------------------
+
+std::optional<long> Number(std::string_view text, size_t maxDigits, long lo, long hi) {
+  if (text.empty() || text.size() > maxDigits) return std::nullopt;
+  long value = 0;
+  for (char c : text) {
+    if (!std::isdigit(static_cast<unsigned char>(c))) return std::nullopt;
+    value = value * 10 + (c - '0');
+  }
+  if (value < lo || value > hi) return std::nullopt;
+  return value;
+}
+
+std::string TwoDigits(int value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%02d", value);
+  return text;
+}
+
+int ScaledMs(const State& st, double ms) {
+  return static_cast<int>(std::lround(std::min(ms * st.config.captureTimeScale, 1.0e9)));
+}
+
+Reply Ok(const State& st) { return SayOnce(st, {"OK"}); }
+
+// ---- identity, framing, line --------------------------------------------------
+
+Reply GetSerial(const Call& c) { return SayOnce(c.st, {c.st.config.serial}); }
+Reply GetHardware(const Call& c) { return SayOnce(c.st, {c.st.config.hardware}); }
+Reply GetVersion(const Call& c) { return SayOnce(c.st, {c.st.config.firmware}); }
+Reply GetId(const Call& c) { return SayOnce(c.st, {c.st.config.id}); }
+
+// The mode switches first, so the confirmation is already in the new framing.
+Reply EnableEot(const Call& c) {
+  c.st.config.eot = true;
+  return Ok(c.st);
+}
+
+Reply DisableEot(const Call& c) {
+  c.st.config.eot = false;
+  return Ok(c.st);
+}
+
+Reply SetBaud(const Call& c) {
+  const auto rate = Number(c.arg, 8, 1, 20'000'000);
+  if (!rate) return SyntaxError(c.st);
+  Reply reply = Ok(c.st);  // still at the old rate
+  reply.newBaud = static_cast<int>(*rate);
+  return reply;
+}
+
+// ---- settings of the current adjustment set ------------------------------------
+
+Reply GetFactor(const Call& c) { return SayOnce(c.st, {std::to_string(c.st.current().factor)}); }
+Reply GetAverage(const Call& c) { return SayOnce(c.st, {std::to_string(c.st.current().averages)}); }
+
+Reply SetFactor(const Call& c) {
+  const auto n = Number(c.arg, 4, 1, 9999);
+  if (!n) return SyntaxError(c.st);
+  c.st.current().factor = static_cast<int>(*n);
+  return Ok(c.st);
+}
+
+Reply SetAverage(const Call& c) {
+  const auto n = Number(c.arg, 4, 1, 9999);
+  if (!n) return SyntaxError(c.st);
+  c.st.current().averages = static_cast<int>(*n);
+  return Ok(c.st);
+}
+
+Reply GetFibers(const Call& c) {
+  const size_t n = c.st.spectrometer ? 1 : c.st.config.fibers.size();
+  return SayOnce(c.st, {std::to_string(n)});
+}
+
+Reply GetPwm(const Call& c) { return SayOnce(c.st, {std::to_string(c.st.current().pwm)}); }
+
+Reply SetPwm(const Call& c) {
+  const auto on = Number(c.arg, 1, 0, 1);
+  if (!on) return SyntaxError(c.st);
+  c.st.current().pwm = static_cast<int>(*on);
+  return Ok(c.st);
+}
+
+// "-W2" models count in microseconds, all others in milliseconds.
+long DefaultCustomTime(const State& st) { return st.microseconds ? 100000 : 100; }
+
+Reply GetCustomTime(const Call& c) {
+  const long t = c.st.current().customTime;
+  const long shown = t < 0 ? DefaultCustomTime(c.st) : t;
+  return SayOnce(c.st, {std::to_string(shown) + (c.st.microseconds ? " us" : " ms")});
+}
+
+Reply SetCustomTime(const Call& c) {
+  const auto t = Number(c.arg, 9, 0, 999'999'999);
+  if (!t) return SyntaxError(c.st);
+  c.st.current().customTime = *t;
+  return Ok(c.st);
+}
+
+Reply GetIntensityMode(const Call& c) {
+  if (!c.st.config.hasIntensityModeCommand) return SyntaxError(c.st);
+  return SayOnce(c.st, {c.st.current().logarithmic ? "LOGARITHMIC" : "LINEAR"});
+}
+
+Reply SetLogarithmic(const Call& c) {
+  c.st.current().logarithmic = true;
+  return Ok(c.st);
+}
+
+Reply SetLinear(const Call& c) {
+  c.st.current().logarithmic = false;
+  return Ok(c.st);
+}
+
+Reply GetAdjustmentSet(const Call& c) { return SayOnce(c.st, {TwoDigits(c.st.currentSet)}); }
+
+Reply SetAdjustmentSet(const Call& c) {
+  const auto n = Number(c.arg, 3, 0, kAdjustmentSets - 1);
+  if (!n) return SyntaxError(c.st);
+  c.st.currentSet = static_cast<int>(*n);
+  return Ok(c.st);
+}
+
+Reply ResetAdjustment(const Call& c) {
+  c.st.current() = Settings{};
+  return Ok(c.st);
+}
+
+// ---- multi-line reports ---------------------------------------------------------
+
+Reply GetStatus(const Call& c) {
+  const State& st = c.st;
+  const Settings& s = st.sets[static_cast<size_t>(st.currentSet)];
+  return SayOnce(st, {
+                         "Model: " + st.config.hardware,
+                         "Serial: " + st.config.serial,
+                         "Firmware: " + st.config.firmware,
+                         "Adjustment set: " + TwoDigits(st.currentSet),
+                         "Factor: " + std::to_string(s.factor),
+                         "Averages: " + std::to_string(s.averages),
+                         std::string("Intensity mode: ") + (s.logarithmic ? "Logarithmic" : "Linear"),
+                     });
+}
+
+Reply GetInfo(const Call& c) {
+  const State& st = c.st;
+  const size_t fibres = st.spectrometer ? 1 : st.config.fibers.size();
+  return SayOnce(st, {
+                         st.spectrometer ? "Zelto spectrometer" : "Zelto LED analyser",
+                         "Hardware: " + st.config.hardware,
+                         "Firmware: " + st.config.firmware,
+                         "Serial: " + st.config.serial,
+                         "ID: " + st.config.id,
+                         "Fibers: " + std::to_string(fibres),
+                     });
+}
+
+Reply Help(const Call& c);  // lists the table below
+
+// ---- LED analyser captures and readings ---------------------------------------------
+
+struct LedCapture {
+  int range = 0;     // 0 = automatic
+  bool pwm = false;
+  int frames = -1;   // -1 = the instrument's default
+};
+
+// "", "<r>", "<r>PWM", "<r>PWM<ff>", "PWM", "PWM<ff>"
+std::optional<LedCapture> ParseLedCapture(std::string_view arg) {
+  LedCapture cap;
+  if (!arg.empty() && std::isdigit(static_cast<unsigned char>(arg.front()))) {
+    cap.range = arg.front() - '0';
+    if (cap.range < 1 || cap.range > 6) return std::nullopt;
+    arg.remove_prefix(1);
+  }
+  if (arg.starts_with("PWM")) {
+    cap.pwm = true;
+    arg.remove_prefix(3);
+    if (!arg.empty()) {
+      const auto frames = Number(arg, 2, 0, 99);
+      if (!frames || arg.size() != 2) return std::nullopt;
+      cap.frames = static_cast<int>(*frames);
+      arg = {};
+    }
+  }
+  if (!arg.empty()) return std::nullopt;
+  return cap;
+}
+
+double LedCaptureMs(const LedCapture& cap, const Settings& s) {
+  static constexpr std::array<double, 7> kRangeMs = {300, 900, 400, 160, 70, 30, 12};
+  double ms = kRangeMs[static_cast<size_t>(cap.range)] * s.factor * s.averages;
+  if (cap.pwm) ms *= std::max(1.0, (cap.frames < 0 ? 7 : cap.frames) / 2.0);
+  return ms;
+}
+
+std::string LedCaptureResult(const std::vector<Fiber>& fibres) {
+  for (size_t i = 0; i < fibres.size(); ++i) {
+    const Range r = fibres[i].force;
+    if (r == Range::Normal) continue;
+    const char* what = r == Range::OverRange ? "OVERRANGE" : "UNDERRANGE";
+    return std::string(what) + " ON FIBER " + TwoDigits(static_cast<int>(i + 1));
+  }
+  return "OK";
+}
+
+Reply LedCaptureCommand(const Call& c) {
+  const auto cap = ParseLedCapture(c.arg);
+  if (!cap) return SyntaxError(c.st);
+  State& st = c.st;
+  st.captured = st.config.fibers;
+  ++st.captures;
+  st.lastCaptureCommand = c.line;
+  const int ms = ScaledMs(st, LedCaptureMs(*cap, st.current()));
+  Reply reply;
+  reply.messages.push_back(Say(st, {LedCaptureResult(st.captured)}, ms));
+  return reply;
+}
+
+using FiberText = std::string (*)(const Fiber&, bool logarithmic);
+
+// "<nn>" (two digits, 1-based) or "ALL" (one line per fibre, one message).
+Reply Readings(const Call& c, FiberText text) {
+  const State& st = c.st;
+  const bool logarithmic = st.sets[static_cast<size_t>(st.currentSet)].logarithmic;
+  std::vector<std::string> lines;
+  if (c.arg == "ALL") {
+    for (const Fiber& f : st.captured) lines.push_back(text(f, logarithmic));
+    return SayOnce(st, std::move(lines));
+  }
+  const auto n = c.arg.size() == 2 ? Number(c.arg, 2, 1, static_cast<long>(st.captured.size()))
+                                   : std::nullopt;
+  if (!n) return SyntaxError(st);
+  return SayOnce(st, {text(st.captured[static_cast<size_t>(*n - 1)], logarithmic)});
+}
+
+Reply GetRgbi(const Call& c) { return Readings(c, RgbiText); }
+Reply GetIntensity(const Call& c) { return Readings(c, IntensityText); }
+Reply GetHsi(const Call& c) { return Readings(c, HsiText); }
+Reply GetXy(const Call& c) {
+  return Readings(c, [](const Fiber& f, bool) { return XyText(f); });
+}
+Reply GetCct(const Call& c) {
+  return Readings(c, [](const Fiber& f, bool) { return CctText(f); });
+}
+Reply GetWavelength(const Call& c) {
+  return Readings(c, [](const Fiber& f, bool) { return WavelengthText(f); });
+}
+
+// ---- spectrometer captures --------------------------------------------------------------
+
+// An exposure in the instrument's own unit; an empty argument lets the
+// instrument choose.
+std::optional<long> ParseExposure(const State& st, std::string_view arg) {
+  if (arg.empty()) return st.microseconds ? 50000 : 50;
+  const long max = st.microseconds ? 4'000'000 : 15'000;
+  return Number(arg, 8, 0, max);
+}
+
+double ExposureMs(const State& st, long exposure) {
+  const Settings& s = st.sets[static_cast<size_t>(st.currentSet)];
+  const double ms = st.microseconds ? exposure / 1000.0 : static_cast<double>(exposure);
+  return ms * s.averages;
+}
+
+Reply SpectrumCapture(const Call& c) {
+  const auto exposure = ParseExposure(c.st, c.arg);
+  if (!exposure) return SyntaxError(c.st);
+  State& st = c.st;
+  ++st.captures;
+  st.lastCaptureCommand = c.line;
+  const bool pwm = st.microseconds && st.current().pwm != 0;
+  const int ms = ScaledMs(st, ExposureMs(st, *exposure) * (pwm ? 2 : 1));
+  const std::string answer = st.config.captureCondition.empty() ? "OK" : st.config.captureCondition;
+  Reply reply;
+  reply.messages.push_back(Say(st, {answer}, ms));
+  return reply;
+}
+
+// "CAPTUREDARK%3d" pads short exposures with blanks.
+Reply CaptureDark(const Call& c) {
+  std::string_view arg = c.arg;
+  if (!arg.empty()) {
+    arg.remove_prefix(std::min(arg.find_first_not_of(' '), arg.size()));
+    if (arg.empty()) return SyntaxError(c.st);
+  }
+  const auto exposure = ParseExposure(c.st, arg);
+  if (!exposure) return SyntaxError(c.st);
+  State& st = c.st;
+  ++st.captures;
+  st.lastCaptureCommand = c.line;
+  Reply reply;
+  if (st.config.darkAnnounces) reply.messages.push_back(Say(st, {"Acquiring..."}));
+  reply.messages.push_back(Say(st, {"OK"}, ScaledMs(st, ExposureMs(st, *exposure))));
+  return reply;
+}
+
+// Acquisitions run to their end before the next line is read, so there is
+// never one left to stop.
+Reply StopAcquisition(const Call& c) { return Ok(c.st); }
+
+// ---- the table ---------------------------------------------------------------------------
+
+constexpr auto E = Match::Exact;
+constexpr auto P = Match::Prefix;
+constexpr auto Any = Family::Any;
+constexpr auto Led = Family::Analyser;
+constexpr auto Spectro = Family::Spectrometer;
+constexpr auto Pwm = Family::PwmSpectrometer;
+
+const std::vector<Command>& Table() {
+  static const std::vector<Command> table = {
+      {"GETSERIAL", E, Any, GetSerial, "GETSERIAL"},
+      {"GETHW", E, Any, GetHardware, "GETHW"},
+      {"GETVERSION", E, Any, GetVersion, "GETVERSION"},
+      {"ID", E, Any, GetId, "ID"},
+      {"ENABLEEOT", E, Any, EnableEot, "ENABLEEOT"},
+      {"DISABLEEOT", E, Any, DisableEot, "DISABLEEOT"},
+      {"SETBAUD", P, Any, SetBaud, "SETBAUD<rate>"},
+      {"GETFACTOR", E, Any, GetFactor, "GETFACTOR"},
+      {"SETFACTOR", P, Any, SetFactor, "SETFACTOR<n>"},
+      {"PUTFACTOR", P, Any, SetFactor, "PUTFACTOR<n>"},
+      {"GETAVERAGE", E, Any, GetAverage, "GETAVERAGE"},
+      {"SETAVERAGE", P, Any, SetAverage, "SETAVERAGE<n>"},
+      {"PUTAVERAGE", P, Any, SetAverage, "PUTAVERAGE<n>"},
+      {"GETNFIB", E, Any, GetFibers, "GETNFIB"},
+      {"GETPWM", E, Pwm, GetPwm, "GETPWM"},
+      {"SETPWM", P, Pwm, SetPwm, "SETPWM<0|1>"},
+      {"PUTPWM", P, Pwm, SetPwm, "PUTPWM<0|1>"},
+      {"GETCUSTOMTIME", E, Any, GetCustomTime, "GETCUSTOMTIME"},
+      {"SETCUSTOMTIME", P, Any, SetCustomTime, "SETCUSTOMTIME<n>"},
+      {"PUTCUSTOMTIME", P, Any, SetCustomTime, "PUTCUSTOMTIME<n>"},
+      {"GETINTENSITYMODE", E, Any, GetIntensityMode, "GETINTENSITYMODE"},
+      {"SETLOG", E, Any, SetLogarithmic, "SETLOG"},
+      {"PUTLOG", E, Any, SetLogarithmic, "PUTLOG"},
+      {"SETLIN", E, Any, SetLinear, "SETLIN"},
+      {"PUTLIN", E, Any, SetLinear, "PUTLIN"},
+      {"GETCALIBRATION", E, Led, GetAdjustmentSet, "GETCALIBRATION"},
+      {"SETCALIBRATION", P, Led, SetAdjustmentSet, "SETCALIBRATION<n>"},
+      {"PUTCALIBRATION", P, Led, SetAdjustmentSet, "PUTCALIBRATION<n>"},
+      {"GETADJUSTMENT", E, Spectro, GetAdjustmentSet, "GETADJUSTMENT"},
+      {"SETADJUSTMENT", P, Spectro, SetAdjustmentSet, "SETADJUSTMENT<n>"},
+      {"PUTADJUSTMENT", P, Spectro, SetAdjustmentSet, "PUTADJUSTMENT<n>"},
+      {"RESETADJUSTMENT", E, Any, ResetAdjustment, "RESETADJUSTMENT"},
+      {"RESETUSERCAL", E, Any, ResetAdjustment, "RESETUSERCAL"},
+      {"GETSTATUS", E, Any, GetStatus, "GETSTATUS"},
+      {"GETINFO", E, Any, GetInfo, "GETINFO"},
+      {"HELP", E, Any, Help, "HELP"},
+      {"C", P, Led, LedCaptureCommand, "C[<range>][PWM[<frames>]]"},
+      {"GETRGBI", P, Led, GetRgbi, "GETRGBI<nn>|ALL"},
+      {"GETXY", P, Led, GetXy, "GETXY<nn>|ALL"},
+      {"GETINTENSITY", P, Led, GetIntensity, "GETINTENSITY<nn>|ALL"},
+      {"GETHSI", P, Led, GetHsi, "GETHSI<nn>|ALL"},
+      {"GETCCT", P, Led, GetCct, "GETCCT<nn>|ALL"},
+      {"GETWAVELENGTH", P, Led, GetWavelength, "GETWAVELENGTH<nn>|ALL"},
+      {"C", P, Spectro, SpectrumCapture, "C[<exposure>]"},
+      {"CAPTUREDARK", P, Spectro, CaptureDark, "CAPTUREDARK[<exposure>]"},
+      {"I", E, Spectro, StopAcquisition, "I"},
+  };
+  return table;
+}
+
+const std::vector<const Command*>& LongestFirst() {
+  static const std::vector<const Command*> order = [] {
+    std::vector<const Command*> v;
+    for (const Command& cmd : Table()) v.push_back(&cmd);
+    std::stable_sort(v.begin(), v.end(), [](const Command* a, const Command* b) {
+      return a->name.size() > b->name.size();
+    });
+    return v;
+  }();
+  return order;
+}
+
+Reply Help(const Call& c) {
+  std::vector<std::string> lines = {"Commands:"};
+  if (c.st.config.knowsBus) {
+    lines.emplace_back("BUSFREE");
+    lines.emplace_back("BUSGET<serial>");
+  }
+  for (const Command& cmd : Table())
+    if (Fits(cmd.family, c.st)) lines.emplace_back(cmd.usage);
+  return SayOnce(c.st, std::move(lines));
+}
+
+bool Matches(const Command& cmd, const std::string& upper) {
+  return cmd.match == Match::Exact ? upper == cmd.name : upper.starts_with(cmd.name);
+}
+
+}  // namespace
+
+Reply Execute(Instrument::State& st, const std::string& line) {
+  const std::string upper = Upper(line);
+  for (const Command* cmd : LongestFirst()) {
+    if (!Fits(cmd->family, st) || !Matches(*cmd, upper)) continue;
+    const std::string_view arg = std::string_view(upper).substr(cmd->name.size());
+    return cmd->handler(Call{st, arg, line});
+  }
+  return SyntaxError(st);
+}
+
+}  // namespace zeltosim::detail

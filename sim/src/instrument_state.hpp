@@ -1,0 +1,69 @@
+// What an instrument knows and how its answers are planned. The port's thread
+// turns a Reply into bytes on the wire; nothing here touches the line.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "zeltosim/zeltosim.hpp"
+
+namespace zeltosim {
+namespace detail {
+
+// One burst of answer lines, sent once its delay (counted from the end of the
+// previous message) has passed.
+struct Message {
+  int delayMs = 0;
+  std::vector<std::string> lines;
+  bool eot = false;  // 0x04 after the last line
+};
+
+struct Reply {
+  std::vector<Message> messages;
+  int newBaud = 0;  // > 0: the line switches to this rate after the messages
+};
+
+inline constexpr int kAdjustmentSets = 99;
+
+}  // namespace detail
+
+struct Instrument::State {
+  explicit State(Config c);
+
+  mutable std::mutex mutex;  // guards everything below
+  Config config;
+  bool spectrometer = false;
+  bool microseconds = false;  // "-W2" models: exposures in us, and PWM
+  std::array<Settings, detail::kAdjustmentSets> sets{};
+  int currentSet = 0;
+  std::vector<Fiber> captured;  // readings of the last capture
+  int captures = 0;
+  std::string lastCaptureCommand;
+  std::vector<std::string> received;
+
+  Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
+};
+
+namespace detail {
+
+std::string Upper(std::string text);
+
+// A message in the instrument's present end-of-transmission mode.
+Message Say(const Instrument::State& st, std::vector<std::string> lines, int delayMs = 0);
+Reply SayOnce(const Instrument::State& st, std::vector<std::string> lines);
+Reply SyntaxError(const Instrument::State& st);
+
+// Full treatment of a line that reached this instrument: it is recorded, the
+// instrument's fault and delays apply, and `normal` decides the answer of a
+// healthy instrument. Takes the instrument's lock; `normal` runs under it.
+using Behaviour = std::function<Reply(Instrument::State&)>;
+Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& normal);
+
+// The command table: the answer of a healthy instrument to `line`.
+Reply Execute(Instrument::State& st, const std::string& line);
+
+}  // namespace detail
+}  // namespace zeltosim

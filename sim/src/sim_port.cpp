@@ -1,0 +1,387 @@
+// The port's thread: it reads the host's lines from the pty master, checks the
+// line speed, routes each line to the instrument that holds the bus, and puts
+// the answers on the wire with their delays and pacing.
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#include "instrument_state.hpp"
+#include "line_speed.hpp"
+#include "pty_line.hpp"
+
+namespace zeltosim {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using State = Instrument::State;
+using detail::Reply;
+
+constexpr size_t kMaxLine = 512;  // a real instrument's buffer is far smaller
+constexpr int kPollMs = 50;       // bounds how long stopping the thread takes
+constexpr auto kWriteGiveUp = std::chrono::milliseconds(200);
+
+LineOptions Checked(LineOptions line) {
+  if (line.baud <= 0) throw std::invalid_argument("baud rate must be positive");
+  return line;
+}
+
+}  // namespace
+
+struct SimPort::Impl {
+  struct Member {
+    std::unique_ptr<Instrument> instrument;
+    State* state;
+  };
+
+  explicit Impl(LineOptions line) : options(Checked(line)), baud(options.baud) {}
+  ~Impl() { stop(); }
+
+  void start() { thread = std::thread([this] { run(); }); }
+  void stop();
+  void run();
+
+  bool stopRequested() const;
+  // false when the port is stopping before `deadline`.
+  bool sleepUntil(Clock::time_point deadline);
+  bool sleepFor(int ms) { return sleepUntil(Clock::now() + std::chrono::milliseconds(ms)); }
+
+  void readInput();
+  void feed(const char* bytes, size_t count);
+  void handle(const std::string& text);
+  Reply route(const std::string& text);
+  Reply bus(const std::string& text, const std::string& upper);
+  Reply busFree(const std::string& text, size_t current);
+  void deliver(const Reply& reply);
+  bool transmit(const std::string& bytes, int rate);
+  bool transmitPaced(const std::string& bytes, int rate);
+  int currentBaud() const;
+  void setBaud(int rate);
+  bool writeAll(const char* data, size_t size);
+  std::string noise();
+
+  State& stateAt(size_t index) const {
+    std::lock_guard lock(mutex);
+    return *members[index].state;
+  }
+
+  detail::PtyLine pty;
+  const LineOptions options;
+
+  mutable std::mutex mutex;  // guards the fields up to `log`
+  std::condition_variable wake;
+  bool stopping = false;
+  int baud;
+  std::vector<Member> members;  // [0] is the master; only ever appended to
+  size_t holder = 0;            // index into members
+  std::vector<ReceivedLine> log;
+
+  // Used by the port's thread only.
+  std::string partial;
+  std::deque<std::string> ready;
+  std::minstd_rand random{0x5eed};
+
+  std::thread thread;  // last: starts after, and stops before, everything above
+};
+
+void SimPort::Impl::stop() {
+  {
+    std::lock_guard lock(mutex);
+    stopping = true;
+  }
+  wake.notify_all();
+  if (thread.joinable()) thread.join();
+}
+
+bool SimPort::Impl::stopRequested() const {
+  std::lock_guard lock(mutex);
+  return stopping;
+}
+
+bool SimPort::Impl::sleepUntil(Clock::time_point deadline) {
+  std::unique_lock lock(mutex);
+  return !wake.wait_until(lock, deadline, [this] { return stopping; });
+}
+
+// Lines are taken one at a time; while one is being answered the rest of the
+// host's bytes wait in the pty, as in a real instrument's receive buffer.
+void SimPort::Impl::run() {
+  while (!stopRequested()) {
+    if (ready.empty()) {
+      readInput();
+      continue;
+    }
+    const std::string text = std::move(ready.front());
+    ready.pop_front();
+    try {
+      handle(text);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "zeltosim: line \"%s\" on %s: %s\n", text.c_str(), pty.path().c_str(),
+                   e.what());
+    }
+  }
+}
+
+void SimPort::Impl::readInput() {
+  pollfd p{pty.master(), POLLIN, 0};
+  if (::poll(&p, 1, kPollMs) <= 0) return;
+  if (p.revents & POLLIN) {
+    char buffer[256];
+    const ssize_t n = ::read(pty.master(), buffer, sizeof buffer);
+    if (n > 0) feed(buffer, static_cast<size_t>(n));
+    return;
+  }
+  sleepFor(kPollMs);  // an error state: do not spin on it
+}
+
+void SimPort::Impl::feed(const char* bytes, size_t count) {
+  for (size_t i = 0; i < count; ++i) {
+    const char c = bytes[i];
+    if (c == '\n') {
+      if (!partial.empty()) ready.push_back(std::move(partial));
+      partial.clear();
+    } else if (c != '\r' && partial.size() < kMaxLine) {
+      partial.push_back(c);
+    }
+  }
+}
+
+void SimPort::Impl::handle(const std::string& text) {
+  const int speed = detail::ReadLineSpeed(pty.master());
+  bool understood = false;
+  {
+    std::lock_guard lock(mutex);
+    understood = speed == baud;
+    log.push_back(ReceivedLine{text, speed < 0 ? 0 : speed, understood});
+  }
+  if (understood) {
+    deliver(route(text));
+  } else if (options.wrongSpeed == WrongSpeed::Garbage) {
+    transmit(noise(), currentBaud());
+  }
+}
+
+// Bytes a receiver clocked at the wrong rate would make of an answer: never
+// CR, LF or 0x04, so they cannot pass for a complete answer.
+std::string SimPort::Impl::noise() {
+  std::uniform_int_distribution<int> length(3, 8);
+  std::uniform_int_distribution<int> byte(0x80, 0xFF);
+  std::string bytes(static_cast<size_t>(length(random)), '\0');
+  for (char& c : bytes) c = static_cast<char>(byte(random));
+  return bytes;
+}
+
+Reply SimPort::Impl::route(const std::string& text) {
+  const std::string upper = detail::Upper(text);
+  if (upper == "BUSFREE" || upper.starts_with("BUSGET")) return bus(text, upper);
+  State* owner = nullptr;
+  {
+    std::lock_guard lock(mutex);
+    owner = members[holder].state;
+  }
+  return detail::Respond(*owner, text, [&](State& st) { return detail::Execute(st, text); });
+}
+
+// The master handles bus commands whoever holds the line. The holder
+// acknowledges BUSFREE, in its own framing, as it lets go; a chained
+// instrument that is handed the line confirms it itself.
+Reply SimPort::Impl::bus(const std::string& text, const std::string& upper) {
+  std::vector<std::pair<size_t, std::string>> chained;  // index, upper-case serial
+  size_t current = 0;
+  {
+    std::lock_guard lock(mutex);
+    current = holder;
+    for (size_t i = 1; i < members.size(); ++i)
+      chained.emplace_back(i, detail::Upper(members[i].state->config.serial));
+  }
+  if (upper == "BUSFREE") return busFree(text, current);
+
+  std::optional<size_t> newHolder;
+  Reply reply = detail::Respond(stateAt(0), text, [&](State& st) {
+    if (!st.config.knowsBus) return detail::SyntaxError(st);
+    const std::string wanted = upper.substr(6);
+    if (wanted.empty()) return detail::SyntaxError(st);
+    if (wanted == detail::Upper(st.config.serial)) {
+      newHolder = 0;
+      return detail::SayOnce(st, {"OK"});
+    }
+    for (const auto& [index, serial] : chained) {
+      if (serial != wanted) continue;
+      newHolder = index;
+      return Reply{};
+    }
+    return detail::SayOnce(st, {"NO DEVICE"});
+  });
+  if (!newHolder) return reply;
+  {
+    std::lock_guard lock(mutex);
+    holder = *newHolder;
+  }
+  if (*newHolder == 0) return reply;
+  return detail::Respond(stateAt(*newHolder), text,
+                         [](State& st) { return detail::SayOnce(st, {"OK"}); });
+}
+
+Reply SimPort::Impl::busFree(const std::string& text, size_t current) {
+  bool knowsBus = true;
+  {
+    State& master = stateAt(0);
+    std::lock_guard lock(master.mutex);
+    knowsBus = master.config.knowsBus;
+  }
+  bool freed = false;
+  Reply reply = detail::Respond(stateAt(current), text, [&](State& st) {
+    if (!knowsBus) return detail::SyntaxError(st);
+    freed = true;
+    return detail::SayOnce(st, {"OK"});
+  });
+  if (freed) {
+    std::lock_guard lock(mutex);
+    holder = 0;
+  }
+  return reply;
+}
+
+void SimPort::Impl::deliver(const Reply& reply) {
+  const int rate = currentBaud();
+  for (size_t i = 0; i < reply.messages.size(); ++i) {
+    const detail::Message& message = reply.messages[i];
+    if (!sleepFor(message.delayMs)) return;
+    std::string bytes;
+    for (const std::string& line : message.lines) bytes += line + "\r\n";
+    if (message.eot) bytes += '\x04';
+    // A new rate takes effect as the last answer goes out, so a host that has
+    // read that answer already finds the instrument at the new rate.
+    if (i + 1 == reply.messages.size() && reply.newBaud > 0) setBaud(reply.newBaud);
+    if (!transmit(bytes, rate)) return;
+  }
+}
+
+int SimPort::Impl::currentBaud() const {
+  std::lock_guard lock(mutex);
+  return baud;
+}
+
+void SimPort::Impl::setBaud(int rate) {
+  std::lock_guard lock(mutex);
+  baud = rate;
+}
+
+bool SimPort::Impl::transmit(const std::string& bytes, int rate) {
+  if (options.lineDelay) return transmitPaced(bytes, rate);
+  return writeAll(bytes.data(), bytes.size());
+}
+
+// Each character leaves when a real line at the current rate would have
+// finished sending it (start, 8 data bits, stop bits and gap: 11 bits).
+bool SimPort::Impl::transmitPaced(const std::string& bytes, int rate) {
+  const std::chrono::duration<double> charTime(11.0 / rate);
+  const auto start = Clock::now();
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const auto due = static_cast<size_t>((Clock::now() - start) / charTime);
+    const size_t upTo = std::min(due, bytes.size());
+    if (upTo > sent) {
+      if (!writeAll(bytes.data() + sent, upTo - sent)) return false;
+      sent = upTo;
+      continue;
+    }
+    const auto next = start + std::chrono::duration_cast<Clock::duration>(charTime * double(sent + 1));
+    if (!sleepUntil(next)) return false;
+  }
+  return true;
+}
+
+// false only when the port is stopping. Bytes that the host does not take in
+// time are lost, as they would be on a real wire.
+bool SimPort::Impl::writeAll(const char* data, size_t size) {
+  const auto giveUp = Clock::now() + kWriteGiveUp;
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = ::write(pty.master(), data + done, size - done);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if ((n < 0 && errno != EAGAIN) || Clock::now() > giveUp) return true;
+    pollfd p{pty.master(), POLLOUT, 0};
+    ::poll(&p, 1, 20);
+    if (stopRequested()) return false;
+  }
+  return true;
+}
+
+// ---- SimPort -----------------------------------------------------------------
+
+SimPort::SimPort(Config master, LineOptions line) : impl_(std::make_unique<Impl>(line)) {
+  std::unique_ptr<Instrument> instrument(new Instrument(std::move(master)));
+  State* state = instrument->state_.get();
+  impl_->members.push_back(Impl::Member{std::move(instrument), state});
+  impl_->start();
+}
+
+SimPort::~SimPort() = default;
+
+const std::string& SimPort::path() const { return impl_->pty.path(); }
+
+Instrument& SimPort::master() {
+  std::lock_guard lock(impl_->mutex);
+  return *impl_->members.front().instrument;
+}
+
+Instrument& SimPort::chain(Config chained) {
+  std::unique_ptr<Instrument> instrument(new Instrument(std::move(chained)));
+  State* state = instrument->state_.get();
+  Instrument& added = *instrument;
+  std::lock_guard lock(impl_->mutex);
+  impl_->members.push_back(Impl::Member{std::move(instrument), state});
+  return added;
+}
+
+int SimPort::baud() const { return impl_->currentBaud(); }
+
+std::string SimPort::busHolder() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->members[impl_->holder].state->config.serial;
+}
+
+std::vector<ReceivedLine> SimPort::lineLog() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->log;
+}
+
+int SimPort::countReceived(const std::string& command) const {
+  const std::string wanted = detail::Upper(command);
+  std::lock_guard lock(impl_->mutex);
+  int count = 0;
+  for (const ReceivedLine& line : impl_->log)
+    if (detail::Upper(line.text) == wanted) ++count;
+  return count;
+}
+
+void SimPort::clearLog() {
+  std::lock_guard lock(impl_->mutex);
+  impl_->log.clear();
+}
+
+std::string PortsVariable(const std::vector<const SimPort*>& ports) {
+  std::string joined;
+  for (const SimPort* port : ports) {
+    if (port == nullptr) throw std::invalid_argument("PortsVariable: null port");
+    if (!joined.empty()) joined += ';';
+    joined += port->path();
+  }
+  return joined;
+}
+
+}  // namespace zeltosim

@@ -1,0 +1,188 @@
+#include "options.hpp"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string_view>
+
+namespace zeltosim::tool {
+
+const char* const kUsage = R"(Usage: zeltosim [--port SETTINGS]... [--chain SETTINGS]...
+
+Plays LED analysers and spectrometers on pseudo-terminals. Prints one line per
+instrument (serial, rate, slave path), then ZELTOCOM_PORTS=<path>;<path>...,
+and runs until SIGINT or SIGTERM. Without --port one default analyser starts.
+
+  --port SETTINGS    an instrument on a new pseudo-terminal
+  --chain SETTINGS   an instrument daisy-chained behind the last --port
+  --help             this text
+
+SETTINGS is a comma-separated list of key=value pairs (may be empty):
+  serial=TEXT        serial number (default ZS000001, ZS000002, ... in order)
+  hw=TEXT            hardware descriptor (default "Zelto 05-P"; "-W" in it
+                     makes a spectrometer, "-W2" one that counts in us)
+  firmware=TEXT      firmware text (default F2.20)
+  id=TEXT            id text (default 05F)
+  eot=0|1            end answers with 0x04 (default 0)
+  fibers=N           number of fibres of an analyser, 0..99 (default 2)
+  fault=none|silent|echo|slow|syntax
+  slowdelay=MS       answer delay of fault=slow (default 3000)
+  answerdelay=MS     extra delay before every answer (default 0)
+  timescale=X        multiplies capture times (default 1)
+  knowsbus=0|1       understands BUSFREE / BUSGET (default 1)
+  modecmd=0|1        understands GETINTENSITYMODE (default 1)
+  darkannounces=0|1  CAPTUREDARK answers "Acquiring..." first (default 1)
+  condition=TEXT     a spectrometer answers captures with TEXT instead of OK
+ only with --port:
+  baud=RATE          the instrument's rate (default 57600)
+  wrongspeed=silent|garbage   answer to lines at another speed (default silent)
+  linedelay=0|1      pace output at 11 bits per character (default 0)
+)";
+
+namespace {
+
+[[noreturn]] void Bad(const std::string& message) { throw std::invalid_argument(message); }
+
+long Integer(const std::string& key, const std::string& value, long lo, long hi) {
+  char* end = nullptr;
+  errno = 0;
+  const long n = std::strtol(value.c_str(), &end, 10);
+  if (value.empty() || *end != '\0' || errno != 0 || n < lo || n > hi)
+    Bad(key + "=" + value + ": expected a whole number from " + std::to_string(lo) + " to " +
+        std::to_string(hi));
+  return n;
+}
+
+bool Flag(const std::string& key, const std::string& value) {
+  if (value == "1" || value == "on" || value == "true" || value == "yes") return true;
+  if (value == "0" || value == "off" || value == "false" || value == "no") return false;
+  Bad(key + "=" + value + ": expected 0 or 1");
+}
+
+Fault FaultNamed(const std::string& value) {
+  if (value == "none") return Fault::None;
+  if (value == "silent") return Fault::Silent;
+  if (value == "echo") return Fault::Echo;
+  if (value == "slow") return Fault::Slow;
+  if (value == "syntax") return Fault::SyntaxErrorAll;
+  Bad("fault=" + value + ": expected none, silent, echo, slow or syntax");
+}
+
+double Scale(const std::string& value) {
+  char* end = nullptr;
+  const double x = std::strtod(value.c_str(), &end);
+  if (value.empty() || *end != '\0' || !std::isfinite(x) || x < 0.0)
+    Bad("timescale=" + value + ": expected a number >= 0");
+  return x;
+}
+
+std::string NonEmpty(const std::string& key, const std::string& value) {
+  if (value.empty()) Bad(key + " must not be empty");
+  return value;
+}
+
+// Keys every instrument has; false when `key` is not one of them.
+bool SetInstrumentKey(Config& c, const std::string& key, const std::string& value) {
+  if (key == "serial") c.serial = NonEmpty(key, value);
+  else if (key == "hw") c.hardware = value;
+  else if (key == "firmware") c.firmware = value;
+  else if (key == "id") c.id = value;
+  else if (key == "eot") c.eot = Flag(key, value);
+  else if (key == "fibers") c.fibers.assign(static_cast<size_t>(Integer(key, value, 0, 99)), Fiber{});
+  else if (key == "fault") c.fault = FaultNamed(value);
+  else if (key == "slowdelay") c.slowDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
+  else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
+  else if (key == "timescale") c.captureTimeScale = Scale(value);
+  else if (key == "knowsbus") c.knowsBus = Flag(key, value);
+  else if (key == "modecmd") c.hasIntensityModeCommand = Flag(key, value);
+  else if (key == "darkannounces") c.darkAnnounces = Flag(key, value);
+  else if (key == "condition") c.captureCondition = value;
+  else return false;
+  return true;
+}
+
+bool SetLineKey(LineOptions& line, const std::string& key, const std::string& value) {
+  if (key == "baud") line.baud = static_cast<int>(Integer(key, value, 1, 20'000'000));
+  else if (key == "linedelay") line.lineDelay = Flag(key, value);
+  else if (key == "wrongspeed") {
+    if (value == "silent") line.wrongSpeed = WrongSpeed::Silent;
+    else if (value == "garbage") line.wrongSpeed = WrongSpeed::Garbage;
+    else Bad("wrongspeed=" + value + ": expected silent or garbage");
+  } else return false;
+  return true;
+}
+
+std::vector<std::pair<std::string, std::string>> Pairs(const std::string& settings) {
+  std::vector<std::pair<std::string, std::string>> pairs;
+  size_t start = 0;
+  while (start < settings.size()) {
+    size_t end = settings.find(',', start);
+    if (end == std::string::npos) end = settings.size();
+    const std::string item = settings.substr(start, end - start);
+    const size_t eq = item.find('=');
+    if (eq == std::string::npos || eq == 0) Bad("\"" + item + "\": expected key=value");
+    pairs.emplace_back(item.substr(0, eq), item.substr(eq + 1));
+    start = end + 1;
+  }
+  return pairs;
+}
+
+std::string DefaultSerial(int number) {
+  char text[16];
+  std::snprintf(text, sizeof text, "ZS%06d", number);
+  return text;
+}
+
+Config InstrumentFrom(const std::string& settings, int number, LineOptions* line) {
+  Config c;
+  c.serial = DefaultSerial(number);
+  for (const auto& [key, value] : Pairs(settings)) {
+    if (SetInstrumentKey(c, key, value)) continue;
+    if (line != nullptr && SetLineKey(*line, key, value)) continue;
+    const bool lineKey = key == "baud" || key == "wrongspeed" || key == "linedelay";
+    Bad(lineKey ? key + " belongs to the line: give it with --port, not --chain"
+                : "unknown key \"" + key + "\"");
+  }
+  return c;
+}
+
+}  // namespace
+
+Options ParseOptions(const std::vector<std::string>& args) {
+  Options options;
+  int number = 0;
+  for (size_t i = 0; i < args.size(); ++i) {
+    std::string arg = args[i];
+    std::string value;
+    const size_t eq = arg.find('=');
+    if (arg.starts_with("--") && eq != std::string::npos) {
+      value = arg.substr(eq + 1);
+      arg.resize(eq);
+    } else if (arg == "--port" || arg == "--chain") {
+      if (i + 1 >= args.size()) Bad(arg + " needs its settings (use \"\" for the defaults)");
+      value = args[++i];
+    }
+    if (arg == "--help" || arg == "-h") {
+      options.help = true;
+    } else if (arg == "--port") {
+      PortSetup setup;
+      setup.master = InstrumentFrom(value, ++number, &setup.line);
+      options.ports.push_back(std::move(setup));
+    } else if (arg == "--chain") {
+      if (options.ports.empty()) Bad("--chain needs a --port before it");
+      options.ports.back().chained.push_back(InstrumentFrom(value, ++number, nullptr));
+    } else {
+      Bad("unknown option \"" + args[i] + "\"");
+    }
+  }
+  if (options.ports.empty()) {
+    PortSetup setup;
+    setup.master.serial = DefaultSerial(1);
+    options.ports.push_back(setup);
+  }
+  return options;
+}
+
+}  // namespace zeltosim::tool

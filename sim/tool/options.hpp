@@ -1,0 +1,27 @@
+// Command line of the zeltosim executable.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "zeltosim/zeltosim.hpp"
+
+namespace zeltosim::tool {
+
+struct PortSetup {
+  Config master;
+  LineOptions line;
+  std::vector<Config> chained;
+};
+
+struct Options {
+  bool help = false;
+  std::vector<PortSetup> ports;
+};
+
+// Throws std::invalid_argument with a message fit for the user.
+Options ParseOptions(const std::vector<std::string>& args);
+
+extern const char* const kUsage;
+
+}  // namespace zeltosim::tool
