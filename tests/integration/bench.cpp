@@ -1,0 +1,76 @@
+#include "bench.hpp"
+
+#include <cstdlib>
+
+#include "frame/registry.hpp"
+#include "frame/utils.hpp"
+
+void SimBench::SetUp() {
+  // Never let a test fall back to scanning the machine's own ports.
+  setenv("ZELTOCOM_PORTS", ";", 1);
+}
+
+void SimBench::TearDown() {
+  ZeltoCom_CloseAll();
+  ports_.clear();
+}
+
+zeltosim::SimPort& SimBench::AddPort(zeltosim::Config config, zeltosim::LineOptions line) {
+  ports_.push_back(std::make_unique<zeltosim::SimPort>(std::move(config), line));
+  return *ports_.back();
+}
+
+void SimBench::Publish() {
+  std::vector<const zeltosim::SimPort*> ports;
+  for (const auto& port : ports_) ports.push_back(port.get());
+  setenv("ZELTOCOM_PORTS", zeltosim::PortsVariable(ports).c_str(), 1);
+  ASSERT_EQ(ZeltoCom_EnumPorts(), static_cast<int>(ports.size()));
+}
+
+zeltosim::SimPort& SimBench::OpenPort(zeltosim::Config config, zeltosim::LineOptions line) {
+  zeltosim::SimPort& port = AddPort(std::move(config), line);
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), line.baud), 1) << LastError();
+  return port;
+}
+
+std::string SimBench::LastError() {
+  char buffer[512];
+  return ZeltoCom_GetError_Description(buffer);
+}
+
+std::string SimBench::PortError(const zeltosim::SimPort& port) {
+  char buffer[512];
+  return ZeltoCom_GetError_DescriptionByPort(port.path().c_str(), buffer);
+}
+
+zeltocom::s_CommPort* SimBench::Record(const zeltosim::SimPort& port) {
+  return zeltocom::PortsList_GetByDevPath(port.path());
+}
+
+std::vector<int> SimBench::SpeedsOf(const zeltosim::SimPort& port, const std::string& command) {
+  std::vector<int> speeds;
+  for (const zeltosim::ReceivedLine& line : port.lineLog()) {
+    if (zeltocom::strtoupper(line.text) == zeltocom::strtoupper(command)) {
+      speeds.push_back(line.lineBaud);
+    }
+  }
+  return speeds;
+}
+
+zeltosim::Config Analyser(const std::string& serial, int fibers) {
+  zeltosim::Config config;
+  config.serial = serial;
+  config.hardware = "Zelto 05-P";
+  config.fibers.assign(static_cast<std::size_t>(fibers), zeltosim::Fiber{});
+  config.captureTimeScale = 0.1;
+  return config;
+}
+
+zeltosim::Config Spectrometer(const std::string& serial, const std::string& hardware) {
+  zeltosim::Config config;
+  config.serial = serial;
+  config.hardware = hardware;
+  config.captureTimeScale = 0.1;
+  return config;
+}

@@ -1,0 +1,228 @@
+// Opening, closing and the port queries, over simulated instruments.
+#include <cstring>
+
+#include "bench.hpp"
+#include "frame/registry.hpp"
+
+using zeltosim::Config;
+using zeltosim::Fault;
+using zeltosim::LineOptions;
+
+namespace {
+
+LineOptions At(int baud) {
+  LineOptions line;
+  line.baud = baud;
+  return line;
+}
+
+}  // namespace
+
+using OpenTest = SimBench;
+
+TEST_F(OpenTest, FixedRateOpensAndReadsTheSerialNumber) {
+  zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(115200));
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
+  char serial[32];
+  EXPECT_EQ(ZeltoCom_GetSNByPort(serial, port.path().c_str()), 1);
+  EXPECT_STREQ(serial, "ZS4711");
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
+  // The wake-up, the bus release and the serial number, in this order.
+  EXPECT_EQ(port.lineLog().front().text, "BUSFREE");
+  EXPECT_EQ(port.lineLog().back().text, "GETSERIAL");
+}
+
+TEST_F(OpenTest, FixedRateMismatchFailsWithoutARecord) {
+  zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(9600));
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
+  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(zeltocom::OpenedPorts.count, 0);
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 14400), -1);
+  EXPECT_EQ(LastError(), "Invalid baud-rate");
+}
+
+TEST_F(OpenTest, RateSearchTriesTheRatesInOrderThenTheRememberedOneFirst) {
+  zeltosim::SimPort& port = AddPort(Analyser("ZS0921"), At(921600));
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 1) << LastError();
+  EXPECT_EQ(SpeedsOf(port, "BUSFREE"), (std::vector<int>{57600, 460800, 115200, 921600}));
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 921600);
+
+  ASSERT_EQ(ZeltoCom_Close(port.path().c_str()), 1);
+  port.clearLog();
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 1) << LastError();
+  EXPECT_EQ(SpeedsOf(port, "BUSFREE"), (std::vector<int>{921600}));
+}
+
+TEST_F(OpenTest, RateSearchFindsNothingOnASilentLine) {
+  Config config = Analyser("ZS0001");
+  config.fault = Fault::Silent;
+  zeltosim::SimPort& port = AddPort(config, At(19200));
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
+  EXPECT_EQ(LastError(), "Unable to open port");
+  EXPECT_EQ(SpeedsOf(port, "BUSFREE").size(), 8u);
+}
+
+TEST_F(OpenTest, GarbageAtWrongSpeedsDoesNotFoolTheSearch) {
+  LineOptions line = At(38400);
+  line.wrongSpeed = zeltosim::WrongSpeed::Garbage;
+  zeltosim::SimPort& port = AddPort(Analyser("ZS3840"), line);
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 38400);
+  char serial[32];
+  ZeltoCom_GetSNByPort(serial, port.path().c_str());
+  EXPECT_STREQ(serial, "ZS3840");
+}
+
+TEST_F(OpenTest, AnEchoingLineIsNoInstrument) {
+  Config config = Analyser("ZS0001");
+  config.fault = Fault::Echo;
+  zeltosim::SimPort& port = AddPort(config);
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
+  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
+  EXPECT_EQ(LastError(), "Unable to open port");
+}
+
+TEST_F(OpenTest, AnInstrumentWithoutBusCommandsStillOpens) {
+  Config config = Analyser("ZS0002");
+  config.knowsBus = false;
+  zeltosim::SimPort& port = AddPort(config);
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 1) << LastError();
+}
+
+TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
+  Config withEot = Analyser("ZSEOT1");
+  withEot.eot = true;
+  zeltosim::SimPort& eot = AddPort(withEot, At(230400));
+  zeltosim::SimPort& plain = AddPort(Analyser("ZSPLN1"), At(230400));
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(eot.path().c_str(), 230400), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_Open(plain.path().c_str(), 230400), 1) << LastError();
+  EXPECT_EQ(Record(eot)->eotFormat.view(), "\r\n\x04");
+  EXPECT_EQ(Record(plain)->eotFormat.view(), "\r\n");
+  EXPECT_EQ(Record(eot)->serialNumber.view(), "ZSEOT1");
+}
+
+TEST_F(OpenTest, ShortSerialNumbersPassOnlyAtAFixedRate) {
+  zeltosim::SimPort& port = AddPort(Analyser("Z12"));
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 1) << LastError();
+}
+
+TEST_F(OpenTest, ASecondOpenLeavesTheFirstConnectionAlone) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
+  port.clearLog();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
+  EXPECT_EQ(LastError(), "The port is already in use");
+  EXPECT_TRUE(port.lineLog().empty());
+  EXPECT_EQ(zeltocom::OpenedPorts.count, 1);
+}
+
+TEST_F(OpenTest, UnknownPathsAndNoPorts) {
+  AddPort(Analyser("ZS0001"));
+  Publish();
+  EXPECT_EQ(ZeltoCom_Open("/dev/pts/nothing", 57600), 0);
+  EXPECT_EQ(LastError(), "Device Path not available");
+  EXPECT_EQ(ZeltoCom_Open(nullptr, 57600), 0);
+  EXPECT_EQ(LastError(), "Device Path not available");
+
+  setenv("ZELTOCOM_PORTS", ";", 1);
+  EXPECT_EQ(ZeltoCom_EnumPorts(), 0);
+  EXPECT_EQ(ZeltoCom_Open(ports_[0]->path().c_str(), 57600), 0);
+  EXPECT_EQ(LastError(), "No ports detected");
+  EXPECT_EQ(ZeltoCom_OpenSN("ZS0001", 0), 0);
+  EXPECT_EQ(LastError(), "No ports detected");
+  EXPECT_EQ(ZeltoCom_OpenID("ANY"), -1);
+  EXPECT_EQ(LastError(), "No ports detected");
+}
+
+TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPort) {
+  zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"), At(9600));
+  zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(460800));
+  Publish();
+  ASSERT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 1) << LastError();
+  char path[256];
+  ASSERT_EQ(ZeltoCom_GetPortBySN(path, "zsbbbb"), 1);
+  EXPECT_EQ(path, second.path());
+  EXPECT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 0);
+  EXPECT_EQ(LastError(), "The port is already open!");
+
+  // The open port is not probed again while another serial is searched.
+  first.clearLog();
+  second.clearLog();
+  EXPECT_EQ(ZeltoCom_OpenSN("ZSCCCC", 9600), 0);
+  EXPECT_EQ(LastError(), "Unable to find device");
+  EXPECT_TRUE(second.lineLog().empty());
+  EXPECT_EQ(SpeedsOf(first, "GETSERIAL"), (std::vector<int>{9600}));
+
+  EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 115200), 0);
+  EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 3), -1);
+  EXPECT_EQ(LastError(), "Invalid baud-rate");
+  EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 9600), 1) << LastError();
+}
+
+TEST_F(OpenTest, OpenBySerialNumberTriesTheRememberedPlaceFirst) {
+  zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"));
+  zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(19200));
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(second.path().c_str(), 0), 1);
+  ASSERT_EQ(ZeltoCom_CloseSN("ZSBBBB"), 1);
+  first.clearLog();
+  second.clearLog();
+  ASSERT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 1) << LastError();
+  EXPECT_TRUE(first.lineLog().empty());
+  EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{19200}));
+}
+
+TEST_F(OpenTest, ClosingByPathSerialAndAll) {
+  zeltosim::SimPort& a = AddPort(Analyser("ZSAAAA"));
+  zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
+  zeltosim::SimPort& c = AddPort(Analyser("ZSCCCC"));
+  Publish();
+  for (auto* port : {&a, &b, &c}) ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), 57600), 1);
+
+  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
+  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 0);
+  EXPECT_EQ(LastError(), "The device path is not in use");
+  int result = -5;
+  EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(ZeltoCom_CloseSN("ZSAAAA"), 0);
+  EXPECT_EQ(zeltocom::OpenedPorts.count, 1);
+  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  EXPECT_EQ(zeltocom::OpenedPorts.count, 0);
+  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  EXPECT_EQ(ZeltoCom_Close_Multi_Thread(&result, c.path().c_str()), 0);
+  EXPECT_EQ(result, 0);
+
+  // A closed path opens again.
+  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), 57600), 1) << LastError();
+}
+
+TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
+  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
+  Publish();
+  zeltocom::s_IDPort row;
+  row.devicePath.assign(port.path());
+  row.deviceID.assign("LEFT-LAMP");
+  zeltocom::lstIDtoPort.push_back(row);
+
+  EXPECT_EQ(ZeltoCom_OpenID("LEFT-LAMP"), 1);
+  EXPECT_TRUE(port.lineLog().empty());
+  EXPECT_EQ(ZeltoCom_OpenID("RIGHT-LAMP"), -1);
+  EXPECT_EQ(LastError(), "ID not found");
+
+  char path[256] = "untouched";
+  EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LEFT-LAMP", path)), port.path());
+  ZeltoCom_GetPortByID("RIGHT-LAMP", path);
+  EXPECT_STREQ(path, "");
+  zeltocom::lstIDtoPort.clear();
+}
