@@ -1,0 +1,90 @@
+// A host's first session with ZeltoCom, against simulated instruments.
+//
+// The simulator starts three instruments on pseudo-terminals; from then on
+// the demo talks to them only through the library's C interface, as a test
+// station would talk to real ones.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "zeltocom.h"
+#include "zeltosim/zeltosim.hpp"
+
+namespace {
+
+std::string LastError() {
+  char text[512];
+  return ZeltoCom_GetError_Description(text);
+}
+
+bool Check(int result, const char* what) {
+  const std::string why = result == 1 ? "" : "  " + LastError();
+  std::printf("  %-46s -> %d%s\n", what, result, why.c_str());
+  return result == 1;
+}
+
+void ListOpenPorts() {
+  std::vector<std::vector<char>> buffers(8, std::vector<char>(256));
+  std::vector<char*> paths;
+  for (auto& buffer : buffers) paths.push_back(buffer.data());
+  const int n = ZeltoCom_GetOpenedPorts(paths.data());
+  std::printf("\n%d ports open:\n", n);
+  std::printf("  %-14s %-10s %s\n", "path", "serial", "baud");
+  for (int i = 0; i < n; ++i) {
+    char serial[32] = "";
+    ZeltoCom_GetSNByPort(serial, paths[i]);
+    std::printf("  %-14s %-10s %d\n", paths[i], serial, ZeltoCom_GetBaudrate(paths[i]));
+  }
+}
+
+zeltosim::Config Instrument(const char* serial, const char* hardware, bool eot, int fibres) {
+  zeltosim::Config config;
+  config.serial = serial;
+  config.hardware = hardware;
+  config.eot = eot;
+  config.fibers.resize(static_cast<std::size_t>(fibres));
+  for (int i = 0; i < fibres; ++i) {
+    zeltosim::Fiber& fibre = config.fibers[static_cast<std::size_t>(i)];
+    fibre.red = 0.2 + 0.2 * i;
+    fibre.green = 0.6 - 0.15 * i;
+    fibre.blue = 0.2;
+    fibre.intensity = 800.0 + 400.0 * i;
+  }
+  return config;
+}
+
+}  // namespace
+
+int main() {
+  zeltosim::SimPort analyser(Instrument("ZA100001", "Zelto 05-P", true, 3), {921600});
+  zeltosim::SimPort second(Instrument("ZA100002", "Zelto 08-T", false, 2), {9600});
+  zeltosim::SimPort spectrometer(Instrument("ZW200001", "Zelto 01-W2", false, 0), {115200});
+  const std::string ports = zeltosim::PortsVariable({&analyser, &second, &spectrometer});
+  // The library lists exactly these ports; the machine's own are never touched.
+  setenv("ZELTOCOM_PORTS", ports.c_str(), 1);
+
+  char version[16];
+  ZeltoCom_GetLibraryVersion(version);
+  std::printf("ZeltoCom %s, simulated instruments on %s\n\n", version, ports.c_str());
+  std::printf("ZeltoCom_EnumPorts() -> %d ports\n", ZeltoCom_EnumPorts());
+  std::printf("  %s: analyser ZA100001, 921600 baud, answers end with 0x04\n",
+              analyser.path().c_str());
+  std::printf("  %s: analyser ZA100002, 9600 baud\n", second.path().c_str());
+  std::printf("  %s: spectrometer ZW200001, 115200 baud\n\n", spectrometer.path().c_str());
+
+  std::printf("Opening:\n");
+  const std::string byPath = "ZeltoCom_Open(" + analyser.path() + ", 0)";
+  Check(ZeltoCom_Open(analyser.path().c_str(), 0), byPath.c_str());
+  Check(ZeltoCom_OpenSN("ZA100002", 0), "ZeltoCom_OpenSN(ZA100002, 0)");
+  Check(ZeltoCom_Open(spectrometer.path().c_str(), 115200), "ZeltoCom_Open(spectrometer, 115200)");
+  Check(ZeltoCom_Open(analyser.path().c_str(), 0), "ZeltoCom_Open(the first one again)");
+  ListOpenPorts();
+
+  std::printf("\nClosing:\n");
+  Check(ZeltoCom_CloseAll(), "ZeltoCom_CloseAll()");
+  char open[1024] = "";
+  const int stillOpen = ZeltoCom_GetOpenedPortsS(open, ';');
+  std::printf("  ZeltoCom_GetOpenedPortsS -> %d (%s)\n", stillOpen, LastError().c_str());
+  return 0;
+}
