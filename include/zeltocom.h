@@ -80,6 +80,12 @@ ZELTOCOM_API char* ZeltoCom_GetPortByID(const char* deviceID, char* devicePath);
 /* The rate the open port `devicePath` works at, or 0 on failure. */
 ZELTOCOM_API int ZeltoCom_GetBaudrate(const char* devicePath);
 
+/* The model family of the instrument that holds the line of `devicePath`:
+ * writes "FUNCTIONAL", "ICT", "LOWLIGHT", "IR", "ATLAS", "DISPLAY",
+ * "SPECTROMETER", "CLR", "CLRSTD" or "UNKONWN" (at least 13 bytes) and
+ * returns 1; 0 or -1 on failure. */
+ZELTOCOM_API int ZeltoCom_GetDeviceType(const char* devicePath, char* category);
+
 #ifdef __cplusplus
 }
 #endif

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "api/common.hpp"
+#include "device/identify.hpp"
 #include "frame/clock.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
@@ -136,6 +137,16 @@ char* ZeltoCom_GetPortByID(const char* deviceID, char* devicePath) {
 int ZeltoCom_GetBaudrate(const char* devicePath) {
   const s_CommPort* port = DetectedOpenPort(Arg(devicePath));
   return port != nullptr ? port->baudrate : 0;
+}
+
+int ZeltoCom_GetDeviceType(const char* devicePath, char* category) {
+  s_CommPort* port = DetectedOpenPort(Arg(devicePath));
+  if (port == nullptr) return 0;
+  // A daisy-chained instrument holding the line is the one reported.
+  const int loaded = CMD_LoadSettings_HardwareType(port->busOwner);
+  if (loaded != 1) return loaded;
+  CopyOut(category, DeviceTypeWord(port->busOwner->deviceType));
+  return 1;
 }
 
 }  // extern "C"

@@ -1,0 +1,147 @@
+#include "device/identify.hpp"
+
+#include <cmath>
+
+#include "device/command.hpp"
+#include "frame/registry.hpp"
+#include "frame/utils.hpp"
+
+namespace zeltocom {
+
+namespace {
+
+long IdentifyTimeoutMs(const s_CommPort* port) {
+  return static_cast<long>(10 * port->charTimeMs) + 20;
+}
+
+// One model code: "Zelto <n>-<suffix>", the number zero-padded to two
+// digits or written plainly.
+struct ModelCode {
+  bool padded;
+  const char* suffix;
+  int type;
+};
+
+constexpr ModelCode kModelCodes[] = {
+    {false, "P", DEVTYPE_ICT},         {true, "P", DEVTYPE_ICT},
+    {false, "T", DEVTYPE_FUNCTIONAL},  {true, "T", DEVTYPE_FUNCTIONAL},
+    {false, "PX", DEVTYPE_IR},         {true, "PX", DEVTYPE_IR},
+    {true, "M", DEVTYPE_LOWLIGHT},     {true, "N", DEVTYPE_FUNCTIONAL},
+    {true, "V", DEVTYPE_DISPLAY},      {true, "PN", DEVTYPE_ICT},
+    {true, "TN", DEVTYPE_FUNCTIONAL},  {true, "W", DEVTYPE_SPECTROMETER},
+    {true, "W2", DEVTYPE_SPECTROMETER}, {true, "CLR", DEVTYPE_CLR},
+};
+
+}  // namespace
+
+int CMD_GetSerialNumber(int& fd, std::string& serialNumber) {
+  serialNumber.clear();
+  if (RS232SendCommand(fd, "GETSERIAL") != 1) return 0;
+  t_comresponse response;
+  RS232WaitForData(fd, &response, 300, "\r\n", true);
+  if (response.elapsedMs > 300 || response.syntaxError) return 0;
+  serialNumber = response.data;
+  return 1;
+}
+
+int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text) {
+  t_comresponse response;
+  const int result = CMD_SendCommand(port, "GETHW", IdentifyTimeoutMs(port), &response);
+  if (result == 1) text = response.data;
+  return result;
+}
+
+int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text) {
+  t_comresponse response;
+  const int result = CMD_SendCommand(port, "GETVERSION", IdentifyTimeoutMs(port), &response);
+  if (result == 1) text = response.data;
+  return result;
+}
+
+void CMD_GetFirmwareVersion(s_CommPort* port) {
+  std::string text;
+  if (CMD_GetFirmwareVersion(port, text) == 1) port->firmwareText.assign(text);
+}
+
+void CMD_GetID(s_CommPort* port) {
+  t_comresponse response;
+  const long timeout = 2 * static_cast<long>(10 * port->charTimeMs) + 20;
+  if (CMD_SendCommand(port, "ID", timeout, &response) == 1) {
+    port->deviceIdText.assign(response.data);
+  }
+}
+
+int CMD_GetDeviceType(std::string_view descriptor) {
+  if (descriptor.empty()) return DEVTYPE_UNKNOWN;
+  if (Contains(descriptor, "Zelto Node")) return DEVTYPE_NODE;
+  const std::string upper = strtoupper(descriptor);
+  if (Contains(upper, "CLR_STD") || Contains(upper, "STD_CLR")) return DEVTYPE_CLRSTD;
+  // Whole-text, case-sensitive comparisons: trailing characters make a
+  // descriptor unknown.
+  for (int n = 1; n <= 20; ++n) {
+    for (const ModelCode& code : kModelCodes) {
+      const std::string candidate =
+          StringPrintf(code.padded ? "Zelto %02d-%s" : "Zelto %d-%s", n, code.suffix);
+      if (candidate == descriptor) return code.type;
+    }
+  }
+  return DEVTYPE_UNKNOWN;
+}
+
+const char* DeviceTypeWord(int deviceType) {
+  // "UNKONWN" is the spelling hosts compare against.
+  static constexpr const char* kWords[] = {"UNKONWN", "FUNCTIONAL", "ICT",     "LOWLIGHT",
+                                           "IR",      "ATLAS",      "DISPLAY", "SPECTROMETER",
+                                           "CLR",     "CLRSTD"};
+  if (deviceType < 1 || deviceType > 9) return kWords[0];
+  return kWords[deviceType];
+}
+
+int CMD_LoadSettings_HardwareType(s_CommPort* port) {
+  if (!port->hardwareDescriptor.empty()) return 1;
+  std::string text;
+  const int result = CMD_GetHardwareDescriptor(port, text);
+  if (result != 1) {
+    port->deviceType = DEVTYPE_UNKNOWN;
+    return result;
+  }
+  port->hardwareDescriptor.assign(text);
+  port->deviceType = CMD_GetDeviceType(port->hardwareDescriptor.view());
+  return 1;
+}
+
+int CMD_LoadSettings_FirmwareVersion(s_CommPort* port) {
+  if (!port->firmwareText.empty()) return 1;
+  std::string text;
+  const int result = CMD_GetFirmwareVersion(port, text);
+  if (result != 1) return result;
+  port->firmwareText.assign(text);
+  port->firmwareNumber = FirmwareNumberOf(port->firmwareText.view());
+  return 1;
+}
+
+uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
+                               int averages) {
+  const bool slowFamily = deviceType == DEVTYPE_LOWLIGHT || deviceType == DEVTYPE_CLR;
+  double base = 1250;
+  if (deviceType == DEVTYPE_DISPLAY) base = 6500;
+  if (slowFamily) base = 2200;
+  if (deviceType == DEVTYPE_NODE) base = 2000;
+
+  if (range == 0) base /= 1.2;
+  double t = base;
+  if (pwm != 0) t += (pwmFrames != 0 ? pwmFrames : 7) * base;
+  if (range > 0) {
+    t *= std::pow(2.4, 2 - range);
+    if (range > 3) t *= 1.2;
+  }
+  t *= exposure;
+  t = (averages * t + 17 + 16 + 25) * 1.2;
+
+  if (t < 150) return 150;
+  if (slowFamily && t < 300) return 300;
+  if (t >= 1.8e19) return UINT64_MAX;
+  return static_cast<uint64_t>(std::ceil(t));
+}
+
+}  // namespace zeltocom

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace zeltocom {
+
+struct s_CommPort;
+
+// Model families; the rest of the library branches on them.
+enum eDeviceType {
+  DEVTYPE_UNKNOWN = 0,
+  DEVTYPE_FUNCTIONAL = 1,
+  DEVTYPE_ICT = 2,
+  DEVTYPE_LOWLIGHT = 3,
+  DEVTYPE_IR = 4,
+  DEVTYPE_NODE = 5,
+  DEVTYPE_DISPLAY = 6,
+  DEVTYPE_SPECTROMETER = 7,
+  DEVTYPE_CLR = 8,
+  DEVTYPE_CLRSTD = 9,
+};
+
+// Identification exchanges: 1 answered in time, 0 late or refused, -1 not
+// sent (GETSERIAL gives 0 then too).
+int CMD_GetSerialNumber(int& fd, std::string& serialNumber);
+int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text);
+int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text);
+void CMD_GetFirmwareVersion(s_CommPort* port);
+void CMD_GetID(s_CommPort* port);
+
+// The model family of a "GETHW" answer.
+int CMD_GetDeviceType(std::string_view descriptor);
+// The word hosts compare against for a device type.
+const char* DeviceTypeWord(int deviceType);
+
+// Asks "GETHW" once per port and classifies the answer.
+int CMD_LoadSettings_HardwareType(s_CommPort* port);
+int CMD_LoadSettings_FirmwareVersion(s_CommPort* port);
+
+// How long a capture of this kind may take, in ms.
+uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
+                               int averages);
+
+}  // namespace zeltocom

@@ -1,0 +1,82 @@
+#include "device/identify.hpp"
+
+#include <gtest/gtest.h>
+
+#include "device/capture_command.hpp"
+
+using namespace zeltocom;
+
+TEST(DeviceType, ModelCodesMatchWholeTexts) {
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 5-P"), DEVTYPE_ICT);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 05-P"), DEVTYPE_ICT);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 12-PN"), DEVTYPE_ICT);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 3-T"), DEVTYPE_FUNCTIONAL);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 03-TN"), DEVTYPE_FUNCTIONAL);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 03-N"), DEVTYPE_FUNCTIONAL);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 7-PX"), DEVTYPE_IR);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 07-PX"), DEVTYPE_IR);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 05-M"), DEVTYPE_LOWLIGHT);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 10-V"), DEVTYPE_DISPLAY);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 01-W"), DEVTYPE_SPECTROMETER);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 20-W2"), DEVTYPE_SPECTROMETER);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 02-CLR"), DEVTYPE_CLR);
+
+  // Only two digits are padded, numbers stop at 20, and case and trailing
+  // characters matter.
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 5-M"), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 21-W2"), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 00-P"), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 07-W1"), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType("zelto 05-P"), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType("Zelto 05-P "), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType(""), DEVTYPE_UNKNOWN);
+}
+
+TEST(DeviceType, NodeAndColourStandardAreFoundInside) {
+  EXPECT_EQ(CMD_GetDeviceType("Zelto Node 4"), DEVTYPE_NODE);
+  EXPECT_EQ(CMD_GetDeviceType("ZELTO NODE"), DEVTYPE_UNKNOWN);
+  EXPECT_EQ(CMD_GetDeviceType("xx std_clr yy"), DEVTYPE_CLRSTD);
+  EXPECT_EQ(CMD_GetDeviceType("ZELTO NODE CLR_STD"), DEVTYPE_CLRSTD);
+  // The node test comes first.
+  EXPECT_EQ(CMD_GetDeviceType("Zelto Node CLR_STD"), DEVTYPE_NODE);
+}
+
+TEST(DeviceType, CategoryWords) {
+  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_UNKNOWN), "UNKONWN");
+  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_NODE), "ATLAS");
+  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_SPECTROMETER), "SPECTROMETER");
+  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_CLRSTD), "CLRSTD");
+  EXPECT_STREQ(DeviceTypeWord(10), "UNKONWN");
+  EXPECT_STREQ(DeviceTypeWord(-3), "UNKONWN");
+}
+
+TEST(CaptureTimeout, WorkedExamples) {
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 0, 2, 0, 1, 1), 1570u);
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 0, 5, 0, 1, 1), 200u);
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 1, 0, 0, 1, 1), 10070u);
+}
+
+TEST(CaptureTimeout, FamiliesRangesAndFloors) {
+  // Exposure and averages scale the capture, not the fixed overhead.
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, 2, 0, 2, 3), 9070u);
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_DISPLAY, 0, 2, 0, 1, 1), 7870u);
+
+  // Fast ranges hit the floors: 300 ms for low-light and colour models.
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, 6, 0, 1, 1), 150u);
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_LOWLIGHT, 0, 6, 0, 1, 1), 300u);
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_CLR, 0, 6, 0, 1, 1), 300u);
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, 2, 0, 0, 1), 150u);
+  // A negative range divides nothing and multiplies nothing.
+  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, -1, 0, 1, 1), 1570u);
+}
+
+TEST(CaptureCommand, EveryRangeAndPwmForm) {
+  EXPECT_EQ(BuildCaptureCommand("C", 0, 0, 5), "C");
+  EXPECT_EQ(BuildCaptureCommand("C", 0, 4, 5), "C4");
+  EXPECT_EQ(BuildCaptureCommand("C", 1, 3, 7), "C3PWM07");
+  EXPECT_EQ(BuildCaptureCommand("C", 2, 3, 16), "C3PWM16");
+  EXPECT_EQ(BuildCaptureCommand("C", 1, 6, 0), "C6PWM");
+  EXPECT_EQ(BuildCaptureCommand("C", 1, 0, 12), "CPWM12");
+  EXPECT_EQ(BuildCaptureCommand("C", 1, 0, 0), "CPWM");
+  EXPECT_EQ(BuildCaptureCommand("BUSC", 1, 2, 0), "BUSC2PWM");
+}
