@@ -86,6 +86,26 @@ ZELTOCOM_API int ZeltoCom_GetBaudrate(const char* devicePath);
  * returns 1; 0 or -1 on failure. */
 ZELTOCOM_API int ZeltoCom_GetDeviceType(const char* devicePath, char* category);
 
+/* ---- Sending commands ---- */
+
+/* Sends `command` (as typed; matched without regard to letter case) to the
+ * instrument holding the line of `devicePath` and copies its answer into
+ * `response` (may be null; room for the whole answer). "BUSGET<serial>" and
+ * "BUSFREE" hand the line of a daisy chain over. 1 answer received; 0
+ * "Timeout" or "Syntax error"; -1 port not open or write failed. */
+ZELTOCOM_API int ZeltoCom_Send(const char* devicePath, const char* command, char* response);
+ZELTOCOM_API int ZeltoCom_SendSN(const char* serialNumber, const char* command, char* response);
+ZELTOCOM_API int ZeltoCom_SendByID(const char* deviceID, const char* command, char* response);
+/* Thread body: stores the result of ZeltoCom_Send in `*result`, returns it. */
+ZELTOCOM_API int ZeltoCom_Send_Multi_Thread(int* result, const char* devicePath,
+                                            const char* command, char* response);
+/* The time-out of every plain send, in ms (initially 2500); returns 1. */
+ZELTOCOM_API int ZeltoCom_SetResponseTimeout(int milliseconds);
+/* `mode` 1: capture time-outs of this port follow the instrument's settings;
+ * any other value: they are the time-out of ZeltoCom_SetResponseTimeout.
+ * 1, or -1 when the port is not open. */
+ZELTOCOM_API int ZeltoCom_SetResponseTimeoutAuto(const char* devicePath, int mode);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <atomic>
 #include <cstring>
 #include <string_view>
 
 namespace zeltocom {
 
 struct s_CommPort;
+
+// The library-wide response time-out in ms of every plain send.
+extern std::atomic<int> LA_ResponseTimeout;
 
 // A host's text argument; a null pointer reads as the empty text.
 inline std::string_view Arg(const char* text) {

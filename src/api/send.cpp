@@ -1,0 +1,281 @@
+// Sending commands and response time-outs.
+#include <exception>
+#include <string>
+
+#include "api/common.hpp"
+#include "device/bus.hpp"
+#include "device/identify.hpp"
+#include "device/settings.hpp"
+#include "frame/clock.hpp"
+#include "frame/errors.hpp"
+#include "frame/registry.hpp"
+#include "frame/utils.hpp"
+#include "serial/baudrates.hpp"
+#include "serial/driver.hpp"
+#include "zeltocom.h"
+
+using namespace zeltocom;
+
+namespace zeltocom {
+std::atomic<int> LA_ResponseTimeout{2500};
+}
+
+namespace {
+
+constexpr std::string_view kEot = "\x04";
+
+bool IsGetAll(const std::string& upper) { return Contains(upper, "GET") && Contains(upper, "ALL"); }
+
+// Answers of several lines that end only when the instrument falls silent.
+bool IsPagedAnswer(const std::string& upper) {
+  return upper == "GETSTATUS" || upper == "GETINFO" || upper == "HELP";
+}
+
+// Firmware that does not end a BUSCE answer with 0x04 although it uses it.
+bool HasOldBusFirmware(const s_CommPort* owner) {
+  const std::string_view text = owner->firmwareText.view();
+  if (text.empty()) return false;
+  return (text[0] == 'F' && owner->firmwareNumber < 212) ||
+         (text[0] == 'S' && owner->firmwareNumber <= 200);
+}
+
+int AnswerBusCommand(int result, const t_comresponse& answer, char* response) {
+  if (!answer.data.empty()) CopyOut(response, answer.data);
+  return result;
+}
+
+std::string MarkerFor(const s_CommPort* owner, const std::string& upper) {
+  if (upper == "ENABLEEOT") return "\r\n\x04";
+  if (upper == "DISABLEEOT") return "\r\n";
+  return std::string(owner->eotFormat.view().substr(0, 4));
+}
+
+// Waits for the answer in the way this command needs. False when the plain
+// wait ran out (the caller reports the time-out).
+bool WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::string& marker,
+                   int entryTimeout, t_comresponse* answer) {
+  const bool eotMarker = Contains(marker, kEot);
+  const long timeout = LA_ResponseTimeout;
+  if (IsGetAll(upper) && !eotMarker) {
+    RS232WaitForData(owner->fd, answer, timeout, marker, true, true, owner->numFibers);
+  } else if (IsPagedAnswer(upper) && !eotMarker) {
+    RS232WaitForData(owner->fd, answer, timeout, marker, false, true, 0);
+  } else if (Contains(upper, "BUSCE") && eotMarker && HasOldBusFirmware(owner)) {
+    RS232WaitForData(owner->fd, answer, entryTimeout, "\r\n", false, false, 0);
+    if (!Contains(answer->data, kEot)) {
+      t_comresponse lateEot;
+      RS232WaitForData(owner->fd, &lateEot, 1, kEot, false);
+    }
+  } else {
+    const bool keepLineEnds = IsPagedAnswer(upper) || upper == "GETPORTINFO" ||
+                              upper == "GETPORTDETAILS" || IsGetAll(upper);
+    RS232WaitForData(owner->fd, answer, timeout, marker, !keepLineEnds);
+    if (answer->elapsedMs >= timeout) return false;
+  }
+  return true;
+}
+
+// The settings entry of the owner's current adjustment set.
+FiberSettings& CurrentEntry(s_CommPort* owner) {
+  CMD_LoadSettings_AdjustmentSet(owner);
+  return *owner->fiberSettingsCur;
+}
+
+void SelectSetIfValid(s_CommPort* port, int set) {
+  if (set >= 0 && set < kAdjustmentSets) port->SelectAdjustmentSet(set);
+}
+
+void FollowQuery(s_CommPort* owner, const std::string& upper, const std::string& answer) {
+  if (Contains(upper, "NFIB")) {
+    owner->numFibers = ParseInt(answer);
+  } else if (Contains(upper, "VERSION")) {
+    owner->firmwareText.assign(answer, 19);
+  } else if (Contains(upper, "HW")) {
+    owner->hardwareDescriptor.assign(answer, 24);
+    owner->deviceType = CMD_GetDeviceType(owner->hardwareDescriptor.view());
+  } else if (Contains(upper, "FACTOR")) {
+    CurrentEntry(owner).factor = ParseInt(answer);
+  } else if (Contains(upper, "AVERAGE")) {
+    CurrentEntry(owner).averages = ParseInt(answer);
+  } else if (upper == "GETPWM") {
+    CurrentEntry(owner).pwm = ParseInt(answer);
+  }
+}
+
+void FollowCapture(s_CommPort* owner, const std::string& upper) {
+  if (upper.empty() || upper[0] != 'C') return;
+  if (upper == "CS" || upper == "CAPTURESEQUENCE") {
+    owner->captureState = 1;
+  } else if (upper.size() <= 2 || Contains(upper, "PWM") || Contains(upper, "CAPTURE")) {
+    owner->captureState = 0;
+  }
+}
+
+void FollowSetting(s_CommPort* addressed, s_CommPort* owner, const std::string& upper) {
+  if (Contains(upper, "FACTOR")) {
+    CurrentEntry(owner).factor = ParseInt(upper);
+  } else if (Contains(upper, "AVERAGE")) {
+    CurrentEntry(owner).averages = ParseInt(upper);
+  } else if (Contains(upper, "BAUD")) {
+    addressed->baudrate = static_cast<int>(ParseLong(upper));
+  } else if (Contains(upper, "CUSTOMTIME")) {
+    CMD_LoadSettings_HardwareType(owner);
+    // "-W2" models take microseconds; the cache keeps milliseconds.
+    const float divisor = IsW2Model(owner) ? 1000.0f : 1.0f;
+    CurrentEntry(owner).customTime = static_cast<float>(ParseInt(upper)) / divisor;
+  } else if (Contains(upper, "PWM")) {
+    CurrentEntry(owner).pwm = ParseInt(upper);
+  } else if (Contains(upper, "LOG")) {
+    CurrentEntry(owner).intensityMode = 1;
+  } else if (Contains(upper, "LIN")) {
+    CurrentEntry(owner).intensityMode = 0;
+  } else if (Contains(upper, "RESETADJUSTMENT") || Contains(upper, "RESETUSERCAL")) {
+    FiberSettings& entry = CurrentEntry(owner);
+    entry.factor = 1;
+    entry.averages = 1;
+    entry.pwm = 0;
+    entry.customTime = -1.0f;
+    entry.intensityMode = 1;
+  } else if (Contains(upper, "CALIBRATION") || Contains(upper, "ADJUSTMENT")) {
+    const int set = ParseInt(upper);
+    SelectSetIfValid(owner, set);
+    if (Contains(upper, "BUS")) {
+      SelectSetIfValid(addressed, set);
+      for (s_CommPort* chained : PortsList_All(addressed->chain.get())) SelectSetIfValid(chained, set);
+    }
+  }
+}
+
+// Keeps the cache in step with what the command asked or changed.
+void FollowCommand(s_CommPort* addressed, s_CommPort* owner, const std::string& upper,
+                   const std::string& answer) {
+  if (Contains(upper, "PUT") || Contains(upper, "SET")) {
+    FollowSetting(addressed, owner, upper);
+  } else if (Contains(upper, "GET")) {
+    FollowQuery(owner, upper, answer);
+  } else {
+    FollowCapture(owner, upper);
+  }
+}
+
+void CleanAnswer(std::string& answer) {
+  std::size_t start = 0;
+  while (start < answer.size() && static_cast<unsigned char>(answer[start]) < 0x20) ++start;
+  answer.erase(0, start);
+  TrimAnswerEnd(answer);
+}
+
+int Send(s_CommPort* addressed, const std::string& command, char* response) {
+  const int entryTimeout = LA_ResponseTimeout;
+  s_CommPort* owner = addressed->busOwner;
+  const std::string upper = strtoupper(command);
+
+  t_comresponse answer;
+  if (Contains(upper, "BUSFREE")) {
+    return AnswerBusCommand(CMD_BusFree(owner, &answer), answer, response);
+  }
+  if (Contains(upper, "BUSGET") && upper.size() > 6) {
+    const int result = CMD_BusGet(owner, upper.substr(6, 14), &answer);
+    return AnswerBusCommand(result, answer, response);
+  }
+
+  if (Contains(upper, "BUSCE")) CMD_LoadSettings_FirmwareVersion(owner);
+  if (IsGetAll(upper) && !Contains(owner->eotFormat.view(), kEot)) {
+    CMD_LoadSettings_NumFibers(owner);
+  }
+
+  if (RS232SendCommand(owner->fd, command) != 1) {
+    SetError(owner, "Unable to send command");
+    return -1;
+  }
+  SetError(owner, "");
+  if (response != nullptr) response[0] = '\0';
+
+  const std::string marker = MarkerFor(owner, upper);
+  if (!WaitForAnswer(owner, upper, marker, entryTimeout, &answer)) {
+    // The instrument may have switched before it could answer.
+    if (Contains(upper, "SETBAUD")) ChangePortBaudrate(owner, upper);
+    SetError(owner, "Timeout");
+    return 0;
+  }
+  if (answer.syntaxError) {
+    SetError(owner, "Syntax error");
+    return 0;
+  }
+  if (Contains(upper, "SETBAUD")) {
+    ChangePortBaudrate(owner, upper);
+    delayms(100);
+    t_comresponse settle;
+    RS232WaitForData(owner->fd, &settle, 20, marker, false);
+  }
+
+  try {
+    // A late answer is still returned, but it may belong to an earlier
+    // command, so it teaches the cache nothing.
+    if (answer.elapsedMs < entryTimeout) FollowCommand(addressed, owner, upper, answer.data);
+    if (Contains(upper, "ABLEEOT")) owner->eotFormat.assign(marker);
+    CleanAnswer(answer.data);
+    CopyOut(response, answer.data);
+    owner->lastResponse.reserve(8 * answer.data.size() + 2);
+    owner->lastResponse = answer.data;
+    return 1;
+  } catch (const std::exception& e) {
+    SetError(owner, e.what());
+    return -1;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+int ZeltoCom_Send(const char* devicePath, const char* command, char* response) {
+  s_CommPort* port = PortsList_GetByDevPath(Arg(devicePath));
+  if (port == nullptr) {
+    SetError(nullptr, "The device path is not in use");
+    return -1;
+  }
+  return Send(port, std::string(Arg(command)), response);
+}
+
+int ZeltoCom_SendSN(const char* serialNumber, const char* command, char* response) {
+  s_CommPort* port = PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber));
+  if (port == nullptr) {
+    SetError(nullptr, "The device path is not in use");
+    return -1;
+  }
+  return ZeltoCom_Send(port->devicePath.c_str(), command, response);
+}
+
+int ZeltoCom_SendByID(const char* deviceID, const char* command, char* response) {
+  const s_IDPort* row = IDtoPortList_GetPortByDeviceID(lstIDtoPort, Arg(deviceID));
+  if (row == nullptr) {
+    SetError(nullptr, "ID not found");
+    return -1;
+  }
+  return ZeltoCom_Send(row->devicePath.c_str(), command, response);
+}
+
+int ZeltoCom_SetResponseTimeout(int milliseconds) {
+  LA_ResponseTimeout = milliseconds;
+  return 1;
+}
+
+int ZeltoCom_SetResponseTimeoutAuto(const char* devicePath, int mode) {
+  s_CommPort* port = PortsList_GetByDevPath(Arg(devicePath));
+  if (port == nullptr) {
+    SetError(nullptr, "The port is not in use");
+    return -1;
+  }
+  port->autoResponseTimeout = mode == 1;
+  return 1;
+}
+
+int ZeltoCom_Send_Multi_Thread(int* result, const char* devicePath, const char* command,
+                               char* response) {
+  const int r = ZeltoCom_Send(devicePath, command, response);
+  if (result != nullptr) *result = r;
+  return r;
+}
+
+}  // extern "C"

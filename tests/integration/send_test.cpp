@@ -1,0 +1,269 @@
+// The generic send: wait rules, errors, and the settings cache following the
+// commands.
+#include <chrono>
+#include <thread>
+
+#include "bench.hpp"
+#include "frame/registry.hpp"
+
+using zeltocom::s_CommPort;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+class SendTest : public SimBench {
+ protected:
+  void SetUp() override {
+    SimBench::SetUp();
+    ZeltoCom_SetResponseTimeout(400);
+  }
+  zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = {}) {
+    zeltosim::SimPort& port = OpenPort(std::move(config), line);
+    port.clearLog();
+    return port;
+  }
+  int Send(const zeltosim::SimPort& port, const char* command) {
+    answer_[0] = '\0';
+    return ZeltoCom_Send(port.path().c_str(), command, answer_);
+  }
+  static int Lines(const std::string& text) {
+    return static_cast<int>(std::count(text.begin(), text.end(), '\n')) + (text.empty() ? 0 : 1);
+  }
+  char answer_[4096] = {};
+};
+
+long MsSince(Clock::time_point start) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+}  // namespace
+
+TEST_F(SendTest, CommandsAreSentAsTypedAndUnderstoodInAnyCase) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001", 3));
+  ASSERT_EQ(Send(port, "getnfib"), 1) << LastError();
+  EXPECT_STREQ(answer_, "3");
+  EXPECT_EQ(port.lineLog().back().text, "getnfib");
+  EXPECT_EQ(Record(port)->numFibers, 3);
+  EXPECT_EQ(LastError(), "");
+}
+
+TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001", 3));
+  ASSERT_EQ(Send(port, "C4"), 1) << LastError();
+  const auto start = Clock::now();
+  ASSERT_EQ(Send(port, "GETRGBIALL"), 1) << LastError();
+  EXPECT_LT(MsSince(start), 300);
+  EXPECT_EQ(Lines(answer_), 3);
+  // The fibre count was asked first, once.
+  EXPECT_EQ(port.countReceived("GETNFIB"), 1);
+}
+
+TEST_F(SendTest, GetAllRunningOutStillReturnsTheLines) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001", 2));
+  Record(port)->numFibers = 3;
+  const auto start = Clock::now();
+  EXPECT_EQ(Send(port, "GETXYALL"), 1);
+  EXPECT_GE(MsSince(start), 350);
+  EXPECT_EQ(Lines(answer_), 2);
+  EXPECT_EQ(LastError(), "");
+}
+
+TEST_F(SendTest, ALateAnswerTeachesTheCacheNothing) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  s_CommPort* record = Record(port);
+  ASSERT_EQ(Send(port, "GETFACTOR"), 1);
+  ASSERT_EQ(record->fiberSettingsCur->factor, 1);
+  // A mirroring line answers "GETFACTORALL" with one line where two are
+  // awaited: the answer comes back late.
+  port.master().setFault(zeltosim::Fault::Echo);
+  record->numFibers = 2;
+  EXPECT_EQ(Send(port, "GETFACTORALL"), 1);
+  EXPECT_STREQ(answer_, "GETFACTORALL");
+  EXPECT_EQ(record->fiberSettingsCur->factor, 1);
+  // In time, the same answer is taken at its word.
+  record->numFibers = 1;
+  EXPECT_EQ(Send(port, "GETFACTORALL"), 1);
+  EXPECT_EQ(record->fiberSettingsCur->factor, 0);
+}
+
+TEST_F(SendTest, PagedAnswersEndWhenTheInstrumentFallsSilent) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  for (const char* command : {"GETSTATUS", "GETINFO", "HELP"}) {
+    const auto start = Clock::now();
+    ASSERT_EQ(Send(port, command), 1) << command;
+    EXPECT_GT(Lines(answer_), 3) << command;
+    EXPECT_GE(MsSince(start), 190) << command;
+  }
+  EXPECT_NE(std::string(answer_).find("GETSERIAL"), std::string::npos);
+}
+
+TEST_F(SendTest, TimeOutAndSyntaxErrorTexts) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  EXPECT_EQ(Send(port, "NOSUCHCOMMAND"), 0);
+  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(PortError(port), "Syntax error");
+
+  port.master().setFault(zeltosim::Fault::Silent);
+  EXPECT_EQ(Send(port, "GETSERIAL"), 0);
+  EXPECT_EQ(LastError(), "Timeout");
+
+  port.master().setFault(zeltosim::Fault::None);
+  EXPECT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_EQ(LastError(), "");
+  EXPECT_EQ(PortError(port), "");
+}
+
+TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  ASSERT_EQ(Send(port, "SETBAUD115200"), 1) << LastError();
+  EXPECT_EQ(port.baud(), 115200);
+  EXPECT_EQ(Record(port)->baudrate, 115200);
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
+  EXPECT_STREQ(answer_, "ZS0001");
+}
+
+TEST_F(SendTest, SetBaudThatTimesOutStillMovesTheLine) {
+  zeltosim::Config config = Analyser("ZS0001");
+  config.slowDelayMs = 600;
+  zeltosim::SimPort& port = Open(config);
+  port.master().setFault(zeltosim::Fault::Slow);
+  EXPECT_EQ(Send(port, "SETBAUD230400"), 0);
+  EXPECT_EQ(LastError(), "Timeout");
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));
+  port.master().setFault(zeltosim::Fault::None);
+  EXPECT_EQ(port.baud(), 230400);
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
+  EXPECT_EQ(port.lineLog().back().lineBaud, 230400);
+}
+
+TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  s_CommPort* record = Record(port);
+  ASSERT_EQ(Send(port, "SETFACTOR3"), 1);
+  ASSERT_EQ(Send(port, "putaverage4"), 1);
+  EXPECT_EQ(record->adjustmentSet, 0);
+  EXPECT_EQ(record->fiberSettingsCur->factor, 3);
+  EXPECT_EQ(record->fiberSettingsCur->averages, 4);
+  ASSERT_EQ(Send(port, "SETLIN"), 1);
+  EXPECT_EQ(record->fiberSettingsCur->intensityMode, 0);
+
+  // Another adjustment set starts unknown; the old one keeps its values.
+  ASSERT_EQ(Send(port, "SETCALIBRATION05"), 1);
+  EXPECT_EQ(record->adjustmentSet, 5);
+  EXPECT_EQ(record->fiberSettingsCur, &record->fiberSettings[5]);
+  EXPECT_EQ(record->fiberSettingsCur->factor, -1);
+  EXPECT_EQ(record->fiberSettings[0].factor, 3);
+
+  ASSERT_EQ(Send(port, "GETFACTOR"), 1);
+  EXPECT_EQ(record->fiberSettingsCur->factor, 1);
+  ASSERT_EQ(Send(port, "SETFACTOR7"), 1);
+  ASSERT_EQ(Send(port, "RESETUSERCAL"), 1);
+  const zeltocom::FiberSettings& reset = *record->fiberSettingsCur;
+  EXPECT_EQ(reset.factor, 1);
+  EXPECT_EQ(reset.averages, 1);
+  EXPECT_EQ(reset.pwm, 0);
+  EXPECT_EQ(reset.intensityMode, 1);
+  EXPECT_FLOAT_EQ(reset.customTime, -1.0f);
+}
+
+TEST_F(SendTest, CacheFollowsIdentificationQueries) {
+  zeltosim::Config config = Spectrometer("ZS0001", "Zelto 01-W2");
+  config.firmware = "S1.90";
+  zeltosim::SimPort& port = Open(config);
+  s_CommPort* record = Record(port);
+  ASSERT_EQ(Send(port, "GETHW"), 1);
+  EXPECT_EQ(record->hardwareDescriptor.view(), "Zelto 01-W2");
+  EXPECT_EQ(record->deviceType, 7);
+  ASSERT_EQ(Send(port, "GETVERSION"), 1);
+  EXPECT_EQ(record->firmwareText.view(), "S1.90");
+  // Microseconds on the wire, milliseconds in the cache.
+  ASSERT_EQ(Send(port, "PUTCUSTOMTIME0002500"), 1);
+  EXPECT_FLOAT_EQ(record->fiberSettingsCur->customTime, 2.5f);
+  ASSERT_EQ(Send(port, "PUTPWM1"), 1);
+  EXPECT_EQ(record->fiberSettingsCur->pwm, 1);
+  ASSERT_EQ(Send(port, "GETPWM"), 1);
+  EXPECT_EQ(record->fiberSettingsCur->pwm, 1);
+}
+
+TEST_F(SendTest, ShortCaptureCommandsClearTheSequenceState) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  s_CommPort* record = Record(port);
+  for (const char* command : {"C", "C6", "c6pwm"}) {
+    record->captureState = 1;
+    ASSERT_EQ(Send(port, command), 1) << command;
+    EXPECT_EQ(record->captureState, 0) << command;
+  }
+}
+
+TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  ASSERT_EQ(Send(port, "ENABLEEOT"), 1);
+  EXPECT_STREQ(answer_, "OK");
+  EXPECT_EQ(Record(port)->eotFormat.view(), "\r\n\x04");
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_STREQ(answer_, "ZS0001");
+  ASSERT_EQ(Send(port, "DisableEot"), 1);
+  EXPECT_EQ(Record(port)->eotFormat.view(), "\r\n");
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_STREQ(answer_, "ZS0001");
+}
+
+TEST_F(SendTest, AnswerIsKeptWithoutABuffer) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  ASSERT_EQ(ZeltoCom_Send(port.path().c_str(), "GETHW", nullptr), 1);
+  EXPECT_EQ(Record(port)->lastResponse, "Zelto 05-P");
+  int result = 0;
+  EXPECT_EQ(ZeltoCom_Send_Multi_Thread(&result, port.path().c_str(), "ID", nullptr), 1);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(Record(port)->lastResponse, "05F");
+}
+
+TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  char answer[64];
+  EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
+  EXPECT_STREQ(answer, "ZS0001");
+  EXPECT_EQ(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer), -1);
+  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer), -1);
+  EXPECT_EQ(LastError(), "The device path is not in use");
+
+  zeltocom::s_IDPort row;
+  row.devicePath.assign(port.path());
+  row.deviceID.assign("LAMP");
+  zeltocom::lstIDtoPort.push_back(row);
+  EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
+  EXPECT_EQ(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer), -1);
+  EXPECT_EQ(LastError(), "ID not found");
+  zeltocom::lstIDtoPort.clear();
+
+  EXPECT_EQ(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1), -1);
+  EXPECT_EQ(LastError(), "The port is not in use");
+  EXPECT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
+  EXPECT_FALSE(Record(port)->autoResponseTimeout);
+}
+
+TEST_F(SendTest, BusCommandsHandTheLineOver) {
+  zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
+  port.chain(Analyser("CHAIN01"));
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 1);
+  ASSERT_EQ(Send(port, "BUSGETchain01"), 1) << LastError();
+  EXPECT_NE(std::string(answer_).find("OK"), std::string::npos);
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_STREQ(answer_, "CHAIN01");
+  // The chained instrument's settings are its own.
+  EXPECT_EQ(Record(port)->busOwner->serialNumber.view(), "CHAIN01");
+  ASSERT_EQ(Send(port, "GETNFIB"), 1);
+  EXPECT_EQ(Record(port)->busOwner->numFibers, 2);
+  EXPECT_EQ(Record(port)->numFibers, -1);
+
+  ASSERT_EQ(Send(port, "BUSFREE"), 1);
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_STREQ(answer_, "MASTER1");
+  // A bare BUSGET is an ordinary command.
+  EXPECT_EQ(Send(port, "BUSGET"), 0);
+  EXPECT_EQ(LastError(), "Syntax error");
+}
