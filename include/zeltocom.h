@@ -106,6 +106,23 @@ ZELTOCOM_API int ZeltoCom_SetResponseTimeout(int milliseconds);
  * 1, or -1 when the port is not open. */
 ZELTOCOM_API int ZeltoCom_SetResponseTimeoutAuto(const char* devicePath, int mode);
 
+/* ---- Captures ---- */
+
+/* LED analyser capture of all fibres. `pwm` non-zero for PWM mode; `range` 0
+ * automatic or 1 to 6; `pwmFrames` 0 for the default, at most 15 with `pwm`
+ * 1. 1 captured; 0 time-out, syntax error or an over-range, under-range or
+ * stability report (see the error text); -1 refused argument, spectrometer,
+ * or write failure. Read the results with ZeltoCom_Send ("GETRGBI01", ...). */
+ZELTOCOM_API int ZeltoCom_Capture(const char* devicePath, int pwm, int range, int pwmFrames);
+/* Spectrometer capture. `manualExposure` 1 uses `exposure` (ms; at most 4000
+ * on "-W2" models, 15000 on others), else the instrument chooses. `pwm`
+ * switches the PWM mode of "-W2" models. Results as ZeltoCom_Capture. */
+ZELTOCOM_API int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm,
+                                              int manualExposure, float exposure);
+/* Dark reference of a spectrometer; arguments and results as above. */
+ZELTOCOM_API int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int manualExposure,
+                                           float exposure);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,228 @@
+// LED analyser and spectrometer captures.
+#include <chrono>
+
+#include "bench.hpp"
+#include "frame/registry.hpp"
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+class CaptureTest : public SimBench {
+ protected:
+  zeltosim::SimPort& Open(zeltosim::Config config) {
+    zeltosim::SimPort& port = OpenPort(std::move(config));
+    port.clearLog();
+    return port;
+  }
+  std::vector<std::string> Sent(const zeltosim::SimPort& port) {
+    std::vector<std::string> sent;
+    for (const zeltosim::ReceivedLine& line : port.lineLog()) sent.push_back(line.text);
+    return sent;
+  }
+};
+
+long MsSince(Clock::time_point start) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+}  // namespace
+
+TEST_F(CaptureTest, EveryRangeAndPwmFormSendsItsCommand) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  const struct {
+    int pwm, range, frames;
+    const char* command;
+  } cases[] = {
+      {0, 0, 5, "C"},       {0, 6, 5, "C6"},         {0, 3, 0, "C3"},     {1, 5, 3, "C5PWM03"},
+      {1, 6, 0, "C6PWM"},   {1, 0, 2, "CPWM02"},     {1, 0, 0, "CPWM"},   {2, 4, 16, "C4PWM16"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), c.pwm, c.range, c.frames), 1)
+        << c.command << ": " << LastError();
+    EXPECT_EQ(port.master().lastCaptureCommand(), c.command);
+  }
+  EXPECT_EQ(port.master().captures(), 8);
+  // The settings were asked once, before the first capture.
+  EXPECT_EQ(port.countReceived("GETHW"), 1);
+  EXPECT_EQ(port.countReceived("GETFACTOR"), 1);
+  EXPECT_EQ(port.countReceived("GETAVERAGE"), 0);
+}
+
+TEST_F(CaptureTest, RefusedArgumentsSendNothing) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 7, 0), -1);
+  EXPECT_EQ(LastError(), "Range value out of limits");
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, -1, 0), -1);
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 1, 2, 16), -1);
+  EXPECT_EQ(LastError(), "Frames value out of limits");
+  EXPECT_EQ(PortError(port), "Frames value out of limits");
+  EXPECT_TRUE(port.lineLog().empty());
+  EXPECT_EQ(ZeltoCom_Capture("/dev/pts/none", 0, 2, 0), -1);
+  EXPECT_EQ(LastError(), "The port is not in use");
+}
+
+TEST_F(CaptureTest, RangeReportsBecomeErrorTexts) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::Fiber fiber;
+  fiber.force = zeltosim::Range::OverRange;
+  port.master().setFiber(1, fiber);
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0), 0);
+  EXPECT_EQ(LastError(), "OVERRANGE ON FIBER 02 condition detected");
+  EXPECT_EQ(PortError(port), "OVERRANGE ON FIBER 02 condition detected");
+
+  fiber.force = zeltosim::Range::UnderRange;
+  port.master().setFiber(1, fiber);
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0), 0);
+  EXPECT_EQ(LastError(), "UNDERRANGE ON FIBER 02 condition detected");
+
+  // The port stays usable.
+  port.master().setFiber(1, zeltosim::Fiber{});
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0), 1);
+}
+
+TEST_F(CaptureTest, TimeOutAndSyntaxErrorNameTheDevice) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 1);
+  port.master().setFault(zeltosim::Fault::Silent);
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 0);
+  const std::string error = LastError();
+  EXPECT_EQ(error.rfind("Timeout (", 0), 0u) << error;
+  EXPECT_NE(error.find(" ms) in Device on " + port.path() + " with SN ZS0001"), std::string::npos)
+      << error;
+
+  port.master().setFault(zeltosim::Fault::SyntaxErrorAll);
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 0);
+  EXPECT_EQ(LastError(), "Syntax error in Device on " + port.path() + " with SN ZS0001");
+}
+
+TEST_F(CaptureTest, WithoutTheAutomaticTimeOutTheLibraryWideOneHolds) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 1, 0), 1);
+  port.master().setFault(zeltosim::Fault::Silent);
+  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
+  ZeltoCom_SetResponseTimeout(250);
+  // Range 1 would otherwise wait several seconds.
+  const auto start = Clock::now();
+  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 1, 0), 0);
+  EXPECT_LT(MsSince(start), 1500);
+  EXPECT_EQ(LastError().rfind("Timeout (2", 0), 0u) << LastError();
+}
+
+TEST_F(CaptureTest, AnalysersAndSpectrometersRefuseEachOthersCalls) {
+  zeltosim::SimPort& spectrometer = Open(Spectrometer("SP0001"));
+  EXPECT_EQ(ZeltoCom_Capture(spectrometer.path().c_str(), 0, 2, 0), -1);
+  EXPECT_EQ(LastError(), "Device is a Spectrometer");
+  EXPECT_EQ(Sent(spectrometer), (std::vector<std::string>{"GETHW"}));
+
+  zeltosim::SimPort& analyser = Open(Analyser("ZS0001"));
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(analyser.path().c_str(), 0, 0, 0), -1);
+  EXPECT_EQ(LastError(), "Device is not a Spectrometer");
+  EXPECT_EQ(Sent(analyser), (std::vector<std::string>{"GETHW"}));
+
+  // The dark asks for the adjustment set before it refuses.
+  analyser.clearLog();
+  ZeltoCom_Close(analyser.path().c_str());
+  ASSERT_EQ(ZeltoCom_Open(analyser.path().c_str(), 57600), 1);
+  analyser.clearLog();
+  EXPECT_EQ(ZeltoCom_SpectrometerDark(analyser.path().c_str(), 0, 0, 0), -1);
+  EXPECT_EQ(LastError(), "Device is not a Spectrometer");
+  EXPECT_EQ(Sent(analyser), (std::vector<std::string>{"GETHW", "GETCALIBRATION"}));
+}
+
+TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnit) {
+  zeltosim::SimPort& w2 = Open(Spectrometer("SP0002", "Zelto 01-W2"));
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 2.5f), 1) << LastError();
+  EXPECT_EQ(Sent(w2), (std::vector<std::string>{"GETHW", "GETADJUSTMENT", "GETAVERAGE", "PUTPWM0",
+                                                "C2500"}));
+  zeltosim::SimPort& w = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 1, 1, 2.5f), 1) << LastError();
+  EXPECT_EQ(w.master().lastCaptureCommand(), "C2");
+  EXPECT_EQ(w.countReceived("PUTPWM1"), 0);
+  // Any other manual flag lets the instrument choose.
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 2, 2.5f), 1) << LastError();
+  EXPECT_EQ(w.master().lastCaptureCommand(), "C");
+}
+
+TEST_F(CaptureTest, ExposureLimitsDependOnTheModel) {
+  zeltosim::Config fast = Spectrometer("SP0002", "Zelto 01-W2");
+  fast.captureTimeScale = 0.01;
+  zeltosim::SimPort& w2 = Open(fast);
+  // The limit follows the descriptor as far as it is known.
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 0, 0), 1);
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.5f), -1);
+  EXPECT_EQ(LastError(), "Exposure value out of limits");
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, -1.0f), -1);
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.0f), 1) << LastError();
+  EXPECT_EQ(w2.master().lastCaptureCommand(), "C4000000");
+
+  fast.serial = "SP0001";
+  fast.hardware = "Zelto 01-W";
+  zeltosim::SimPort& w = Open(fast);
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 1, 15000.0f), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 1, 15001.0f), -1);
+}
+
+TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
+  zeltosim::SimPort& port = Open(Spectrometer("SP0002", "Zelto 01-W2"));
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0), 1) << LastError();
+  EXPECT_EQ(port.countReceived("PUTPWM1"), 1);
+  EXPECT_EQ(port.master().settings().pwm, 1);
+  // The switch is not a cached setting.
+  EXPECT_EQ(Record(port)->fiberSettingsCur->pwm, -1);
+
+  port.master().setFault(zeltosim::Fault::SyntaxErrorAll);
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0), 0);
+  EXPECT_EQ(LastError(), "Syntax error");
+}
+
+TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
+  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  port.master().setCaptureCondition("NOT STABLE");
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0);
+  EXPECT_EQ(LastError(), "NOT STABLE");
+  port.master().setCaptureCondition("DARK TOO HIGH");
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0);
+  EXPECT_EQ(LastError(), "DARK TOO HIGH");
+  port.master().setCaptureCondition("Overrange");
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0);
+  EXPECT_EQ(LastError(), "Overrange condition detected");
+}
+
+TEST_F(CaptureTest, NoAveragesMeansTheShortestTimeOut) {
+  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 1);
+  Record(port)->fiberSettingsCur->averages = 0;
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 1, 20.0f), 1) << LastError();
+  EXPECT_EQ(port.master().lastCaptureCommand(), "C");
+}
+
+TEST_F(CaptureTest, DarkIsAnnouncedThenReported) {
+  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 5.0f), 1) << LastError();
+  EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK  5");
+  ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 250.0f), 1) << LastError();
+  EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK250");
+  ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0), 1) << LastError();
+  EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK");
+  EXPECT_EQ(port.countReceived("I"), 0);
+}
+
+TEST_F(CaptureTest, DarkWithoutAnnouncementIsStopped) {
+  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  port.master().setDarkAnnounces(false);
+  // The instrument's plain result comes within the first wait.
+  EXPECT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0), 0);
+  EXPECT_EQ(LastError(), "Dark Acquisition not detected");
+  EXPECT_EQ(port.countReceived("I"), 1);
+}
+
+TEST_F(CaptureTest, DarkWhoseResultComesAfterTheFirstWaitSucceeds) {
+  zeltosim::Config config = Spectrometer("SP0001", "Zelto 01-W");
+  config.captureTimeScale = 1.0;
+  config.darkAnnounces = false;
+  zeltosim::SimPort& port = Open(config);
+  EXPECT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 1300.0f), 1) << LastError();
+  EXPECT_EQ(port.countReceived("I"), 0);
+}
