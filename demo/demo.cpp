@@ -24,18 +24,48 @@ bool Check(int result, const char* what) {
   return result == 1;
 }
 
+std::string Ask(const std::string& path, const std::string& command) {
+  char answer[4096] = "";
+  if (ZeltoCom_Send(path.c_str(), command.c_str(), answer) != 1) return "(" + LastError() + ")";
+  return answer;
+}
+
 void ListOpenPorts() {
   std::vector<std::vector<char>> buffers(8, std::vector<char>(256));
   std::vector<char*> paths;
   for (auto& buffer : buffers) paths.push_back(buffer.data());
   const int n = ZeltoCom_GetOpenedPorts(paths.data());
   std::printf("\n%d ports open:\n", n);
-  std::printf("  %-14s %-10s %s\n", "path", "serial", "baud");
+  std::printf("  %-14s %-10s %-8s %s\n", "path", "serial", "baud", "type");
   for (int i = 0; i < n; ++i) {
     char serial[32] = "";
+    char type[16] = "";
     ZeltoCom_GetSNByPort(serial, paths[i]);
-    std::printf("  %-14s %-10s %d\n", paths[i], serial, ZeltoCom_GetBaudrate(paths[i]));
+    ZeltoCom_GetDeviceType(paths[i], type);
+    std::printf("  %-14s %-10s %-8d %s\n", paths[i], serial, ZeltoCom_GetBaudrate(paths[i]), type);
   }
+}
+
+void ShowAnalyserReadings(const std::string& path) {
+  std::printf("\nLED capture on %s:\n", path.c_str());
+  if (!Check(ZeltoCom_Capture(path.c_str(), 0, 0, 0), "ZeltoCom_Capture(auto range)")) return;
+  const int fibres = std::atoi(Ask(path, "GETNFIB").c_str());
+  std::printf("  %-5s %-16s %-15s %-10s %-6s %s\n", "fibre", "R G B I", "x y", "intensity", "CCT",
+              "nm");
+  for (int fibre = 1; fibre <= fibres; ++fibre) {
+    const std::string n = (fibre < 10 ? "0" : "") + std::to_string(fibre);
+    std::printf("  %-5d %-16s %-15s %-10s %-6s %s\n", fibre, Ask(path, "GETRGBI" + n).c_str(),
+                Ask(path, "GETxy" + n).c_str(), Ask(path, "GETINTENSITY" + n).c_str(),
+                Ask(path, "GETCCT" + n).c_str(), Ask(path, "GETWAVELENGTH" + n).c_str());
+  }
+}
+
+void ShowSpectrometer(const std::string& path) {
+  std::printf("\nSpectrometer %s:\n", path.c_str());
+  Check(ZeltoCom_SpectrometerDark(path.c_str(), 0, 1, 20.0f), "ZeltoCom_SpectrometerDark(20 ms)");
+  Check(ZeltoCom_SpectrometerCapture(path.c_str(), 0, 1, 20.0f),
+        "ZeltoCom_SpectrometerCapture(20 ms)");
+  Check(ZeltoCom_Capture(path.c_str(), 0, 0, 0), "ZeltoCom_Capture (an LED capture)");
 }
 
 zeltosim::Config Instrument(const char* serial, const char* hardware, bool eot, int fibres) {
@@ -80,6 +110,9 @@ int main() {
   Check(ZeltoCom_Open(spectrometer.path().c_str(), 115200), "ZeltoCom_Open(spectrometer, 115200)");
   Check(ZeltoCom_Open(analyser.path().c_str(), 0), "ZeltoCom_Open(the first one again)");
   ListOpenPorts();
+
+  ShowAnalyserReadings(analyser.path());
+  ShowSpectrometer(spectrometer.path());
 
   std::printf("\nClosing:\n");
   Check(ZeltoCom_CloseAll(), "ZeltoCom_CloseAll()");
