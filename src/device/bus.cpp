@@ -83,8 +83,8 @@ int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, t_comresponse* r
     FreeLineAfterRefusal(port);
     return 0;
   }
-  master->busState = 0;
   if (known != nullptr) {
+    master->busState = 0;
     master->busOwner = known;
     return 1;
   }
@@ -92,8 +92,10 @@ int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, t_comresponse* r
     const std::string eot = GetEOTformat(master, response->data);
     if (PortsList_Add(master->chain.get(), master, master->fd, master->devicePath.view(), serial,
                       "", eot, master->baudrate, master->charTimeMs) != 1) {
+      FreeLineAfterRefusal(port);
       return 0;
     }
+    master->busState = 0;
     master->busOwner = master->chain->last;
     return 1;
   }
