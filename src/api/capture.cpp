@@ -1,5 +1,4 @@
 // LED and spectrometer captures.
-#include <cmath>
 #include <exception>
 #include <string>
 

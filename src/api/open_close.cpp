@@ -112,16 +112,24 @@ int OpenAtFixedRate(const std::string& path, int baud) {
   return 1;
 }
 
+// Tries `rates` in order and registers the first instrument that `accept`
+// takes.
+template <typename Accept>
+bool OpenFirstAccepted(const std::string& path, const std::vector<int>& rates, Accept accept) {
+  for (int baud : rates) {
+    int fd = -1;
+    const std::optional<Identity> identity = OpenAndIdentify(fd, path, baud, accept);
+    if (!identity) continue;
+    if (Register(fd, path, *identity, baud)) return true;
+    Abandon(fd);
+    return false;
+  }
+  return false;
+}
+
 int OpenWithRateSearch(const std::string& path) {
   const auto hasSerial = [](const Identity& id) { return id.serialNumber.size() > 3; };
-  for (int baud : RateSearchOrder(GetBaudrateForPort(path))) {
-    int fd = -1;
-    const std::optional<Identity> identity = OpenAndIdentify(fd, path, baud, hasSerial);
-    if (!identity) continue;
-    if (Register(fd, path, *identity, baud)) return 1;
-    Abandon(fd);
-    break;
-  }
+  if (OpenFirstAccepted(path, RateSearchOrder(GetBaudrateForPort(path)), hasSerial)) return 1;
   SetError(nullptr, "Unable to open port");
   return 0;
 }
@@ -132,20 +140,6 @@ std::vector<std::string> CandidatePaths(const std::string& rememberedPath) {
   const auto it = std::ranges::find(paths, rememberedPath);
   if (it != paths.end()) std::rotate(paths.begin(), it, it + 1);
   return paths;
-}
-
-bool FindOnPath(const std::string& path, const std::vector<int>& rates,
-                std::string_view serialNumber) {
-  const auto wanted = [&](const Identity& id) { return id.serialNumber == serialNumber; };
-  for (int baud : rates) {
-    int fd = -1;
-    const std::optional<Identity> identity = OpenAndIdentify(fd, path, baud, wanted);
-    if (!identity) continue;
-    if (Register(fd, path, *identity, baud)) return true;
-    Abandon(fd);
-    return false;
-  }
-  return false;
 }
 
 int CloseRecord(s_CommPort* port) {
@@ -200,7 +194,8 @@ int ZeltoCom_OpenSN(const char* serialNumber, int baudrate) {
   for (const std::string& path : CandidatePaths(rememberedPath)) {
     // An open port's instrument is known already; probing it would disturb it.
     if (PortsList_GetByDevPath(path) != nullptr) continue;
-    if (FindOnPath(path, rates, serial)) return 1;
+    const auto wanted = [&](const Identity& id) { return id.serialNumber == serial; };
+    if (OpenFirstAccepted(path, rates, wanted)) return 1;
   }
   SetError(nullptr, "Unable to find device");
   return 0;
