@@ -1,5 +1,7 @@
 #include "frame/clock.hpp"
 
+#include <sched.h>
+
 #include <ctime>
 
 namespace zeltocom {
@@ -10,8 +12,7 @@ double ClockMs() {
 
 void delayms(int ms) {
   const double end = ClockMs() + ms;
-  while (ClockMs() < end) {
-  }
+  while (ClockMs() < end) sched_yield();
 }
 
 }  // namespace zeltocom

@@ -7,7 +7,8 @@ namespace zeltocom {
 double ClockMs();
 
 // Busy-waits `ms` milliseconds of processor time. It deliberately does not
-// sleep: a sleeping thread would stop the clock it is waiting on.
+// sleep: a sleeping thread would stop the clock it is waiting on. It yields
+// the processor to threads that wait for it.
 void delayms(int ms);
 
 // Nothing to pump on this platform; kept so that waiting loops read alike.

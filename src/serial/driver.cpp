@@ -1,6 +1,7 @@
 #include "serial/driver.hpp"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -220,6 +221,10 @@ int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::stri
         break;
       }
       markerSeen = Contains(text, end);
+    } else {
+      // Still polling, but let the instruments' side and other ports' workers
+      // run first when they are waiting for this processor.
+      sched_yield();
     }
     elapsed = ClockMs() - start;
     if (!text.empty()) {
