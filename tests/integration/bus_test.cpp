@@ -108,13 +108,3 @@ TEST_F(BusTest, NoAnswerIsReportedOnTheMaster) {
   EXPECT_EQ(master_->busState, 1);
 }
 
-TEST_F(BusTest, BusFreeReturnsTheLine) {
-  ASSERT_EQ(BusGet("CHAIN01"), 1);
-  t_comresponse response;
-  EXPECT_EQ(CMD_BusFree(master_->busOwner, &response), 1);
-  EXPECT_EQ(master_->busOwner, master_);
-  EXPECT_EQ(master_->busState, 1);
-
-  Port().master().setFault(zeltosim::Fault::Silent);
-  ASSERT_EQ(BusGet("CHAIN01"), 0);
-}

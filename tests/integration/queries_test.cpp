@@ -52,14 +52,3 @@ TEST_F(QueriesTest, LookUpsOfPortsThatAreNotOpen) {
   EXPECT_STREQ(buffer, "v3.0.0");
 }
 
-TEST_F(QueriesTest, ErrorTextsPerPortAndLibraryWide) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
-  zeltocom::s_CommPort* record = Record(port);
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(ZeltoCom_Open("/dev/pts/none", 57600), 0);
-  // A failed open has no port: the port's own text stays empty.
-  EXPECT_EQ(LastError(), "Device Path not available");
-  EXPECT_EQ(PortError(port), "");
-  char buffer[512];
-  EXPECT_STREQ(ZeltoCom_GetError_DescriptionBySN("ZS9999", buffer), "Device Path not available");
-}

@@ -92,42 +92,6 @@ TEST_F(DriverTest, ASilentDeviceRunsIntoTheTimeOut) {
   EXPECT_GE(MsSince(start), 100);
 }
 
-TEST_F(DriverTest, SyntaxErrorIsFlagged) {
-  zeltosim::Config config = Analyser("ZS0001");
-  config.fault = zeltosim::Fault::SyntaxErrorAll;
-  OpenLine(AddPort(config).path());
-  const t_comresponse response = Ask("GETSERIAL", 500, "\r\n", true);
-  EXPECT_TRUE(response.syntaxError);
-  EXPECT_EQ(response.data, "SYNTAX ERROR");
-  EXPECT_LT(response.elapsedMs, 500);
-}
-
-TEST_F(DriverTest, EndMarkerWithAndWithoutTrimming) {
-  zeltosim::Config config = Analyser("ZS0001");
-  config.eot = true;
-  OpenLine(AddPort(config).path());
-  EXPECT_EQ(Ask("GETSERIAL", 500, "\r\n\x04", true).data, "ZS0001");
-  EXPECT_EQ(Ask("GETSERIAL", 500, "\r\n\x04", false).data, "ZS0001\r\n\x04");
-}
-
-TEST_F(DriverTest, LineCountEndsAMultiLineAnswer) {
-  OpenLine(AddPort(Analyser("ZS0001", 3)).path());
-  const auto start = Clock::now();
-  const t_comresponse response = Ask("GETRGBIALL", 2000, "\r\n", false, true, 3);
-  EXPECT_EQ(std::count(response.data.begin(), response.data.end(), '\n'), 3);
-  // Ends at the third line feed, well before the time-out.
-  EXPECT_LT(MsSince(start), 1000);
-}
-
-TEST_F(DriverTest, QuietPeriodEndsAPagedAnswer) {
-  OpenLine(AddPort(Analyser("ZS0001")).path());
-  const auto start = Clock::now();
-  const t_comresponse response = Ask("GETSTATUS", 2000, "\r\n", false, true, 0);
-  EXPECT_GE(std::count(response.data.begin(), response.data.end(), '\n'), 3);
-  EXPECT_GE(MsSince(start), 150);
-  EXPECT_LT(MsSince(start), 1500);
-}
-
 TEST_F(DriverTest, EveryCommandGetsItsOwnLineEnd) {
   RawLine line;
   OpenLine(line.path());

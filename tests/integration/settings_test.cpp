@@ -44,37 +44,6 @@ TEST_F(SettingsTest, DeviceTypeWords) {
   EXPECT_STREQ(word, "kept");
 }
 
-TEST_F(SettingsTest, AnalysersAreNotAskedForAverages) {
-  s_CommPort* port = Open(Analyser("ZS0001", 4));
-  CMD_LoadSettings_Averages(port);
-  CMD_LoadSettings_Exposure(port);
-  CMD_LoadSettings_NumFibers(port);
-  EXPECT_EQ(port->fiberSettingsCur->averages, 1);
-  EXPECT_EQ(port->fiberSettingsCur->factor, 1);
-  EXPECT_EQ(port->numFibers, 4);
-  EXPECT_EQ(Sim().countReceived("GETAVERAGE"), 0);
-  EXPECT_EQ(CMD_LoadSettings_PWM(port), 0);
-  EXPECT_EQ(port->fiberSettingsCur->pwm, -1);
-  // Loaded once: no further traffic.
-  Sim().clearLog();
-  CMD_LoadSettings_Exposure(port);
-  CMD_LoadSettings_NumFibers(port);
-  EXPECT_TRUE(Sim().lineLog().empty());
-}
-
-TEST_F(SettingsTest, SpectrometersTakeFixedDefaults) {
-  s_CommPort* port = Open(Spectrometer("SP0001", "Zelto 01-W"));
-  CMD_LoadSettings_Exposure(port);
-  CMD_LoadSettings_NumFibers(port);
-  CMD_LoadSettings_Averages(port);
-  EXPECT_EQ(port->fiberSettingsCur->factor, 1);
-  EXPECT_EQ(port->numFibers, 1);
-  EXPECT_EQ(port->fiberSettingsCur->averages, 1);
-  EXPECT_EQ(Sim().countReceived("GETFACTOR"), 0);
-  EXPECT_EQ(Sim().countReceived("GETNFIB"), 0);
-  EXPECT_EQ(Sim().countReceived("GETAVERAGE"), 1);
-}
-
 TEST_F(SettingsTest, SilentInstrumentsGetDefaultsThatSizeATimeOut) {
   s_CommPort* port = Open(Analyser("ZS0001"));
   CMD_LoadSettings_HardwareType(port);

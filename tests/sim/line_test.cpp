@@ -1,4 +1,5 @@
-// The wire: framing, line speed, faults, delays, the bus and the port's life.
+// What the library's tests do not show of the simulator: noise at the wrong
+// speed, delays and pacing, readings, and the port's life.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,47 +10,10 @@
 using namespace simtest;
 using zeltosim::Config;
 using zeltosim::Fault;
+using zeltosim::Fiber;
 using zeltosim::LineOptions;
 using zeltosim::SimPort;
 using zeltosim::WrongSpeed;
-
-TEST(SimLine, FramesAnswersWithCrLfAndOptionalEot) {
-  SimPort port(Config{});
-  HostLine host(port.path());
-  EXPECT_EQ(host.ask("GETSERIAL"), "ZS000001\r\n");
-  EXPECT_EQ(host.ask("ENABLEEOT", "\x04"), "OK\r\n\x04");
-  EXPECT_EQ(host.ask("GETSERIAL", "\x04"), "ZS000001\r\n\x04");
-  EXPECT_TRUE(port.master().eot());
-  EXPECT_EQ(host.ask("DISABLEEOT"), "OK\r\n");
-  EXPECT_EQ(host.readFor(50ms), "") << "no 0x04 may trail the OK of DISABLEEOT";
-  EXPECT_EQ(host.ask("NOSUCHCOMMAND"), "SYNTAX ERROR\r\n");
-}
-
-TEST(SimLine, IgnoresWakeUpAndMatchesAnyLetterCase) {
-  SimPort port(Config{});
-  HostLine host(port.path());
-  host.sendRaw("\r\n\r\n\r\n");
-  EXPECT_EQ(host.ask("getSerial"), "ZS000001\r\n");
-  const auto log = port.lineLog();
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].text, "getSerial");
-  EXPECT_EQ(log[0].lineBaud, 57600);
-  EXPECT_TRUE(log[0].understood);
-  EXPECT_EQ(port.countReceived("GETSERIAL"), 1);
-  EXPECT_EQ(port.master().received(), std::vector<std::string>{"getSerial"});
-}
-
-TEST(SimLine, WrongSpeedIsNotUnderstood) {
-  SimPort port(Config{}, LineOptions{57600, WrongSpeed::Silent, false});
-  HostLine host(port.path(), B9600);
-  host.send("GETSERIAL");
-  EXPECT_EQ(host.readFor(150ms), "");
-  const auto log = port.lineLog();
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].lineBaud, 9600);
-  EXPECT_FALSE(log[0].understood);
-  EXPECT_TRUE(port.master().received().empty());
-}
 
 TEST(SimLine, WrongSpeedGarbageNeverLooksLikeAnAnswer) {
   SimPort port(Config{}, LineOptions{57600, WrongSpeed::Garbage, false});
@@ -62,37 +26,6 @@ TEST(SimLine, WrongSpeedGarbageNeverLooksLikeAnAnswer) {
     EXPECT_EQ(noise.find_first_of("\r\n\x04"), std::string::npos);
   }
   host.setSpeed(B57600);
-  EXPECT_EQ(host.ask("GETSERIAL"), "ZS000001\r\n");
-}
-
-TEST(SimLine, SetBaudAnswersAtTheOldRateThenSwitches) {
-  SimPort port(Config{});
-  HostLine host(port.path());
-  EXPECT_EQ(host.ask("SETBAUD115200"), "OK\r\n");
-  EXPECT_EQ(port.baud(), 115200);
-  host.send("GETSERIAL");
-  EXPECT_EQ(host.readFor(100ms), "");
-  host.setSpeed(B115200);
-  EXPECT_EQ(host.ask("GETSERIAL"), "ZS000001\r\n");
-  EXPECT_EQ(host.ask("SETBAUD0"), "SYNTAX ERROR\r\n");
-  EXPECT_EQ(host.ask("SETBAUD"), "SYNTAX ERROR\r\n");
-  EXPECT_EQ(port.baud(), 115200);
-}
-
-TEST(SimLine, FaultsSwitchAtRunTime) {
-  SimPort port(Config{});
-  HostLine host(port.path());
-  port.master().setFault(Fault::Echo);
-  EXPECT_EQ(host.ask("getSerial"), "getSerial\r\n");
-  port.master().setFault(Fault::SyntaxErrorAll);
-  EXPECT_EQ(host.ask("GETSERIAL"), "SYNTAX ERROR\r\n");
-  port.master().setFault(Fault::Silent);
-  host.send("BUSFREE");
-  EXPECT_EQ(host.readFor(100ms), "");
-  port.master().setFault(Fault::Echo);
-  EXPECT_EQ(host.ask("ENABLEEOT"), "ENABLEEOT\r\n");
-  EXPECT_FALSE(port.master().eot()) << "an echoing instrument must not act on the line";
-  port.master().setFault(Fault::None);
   EXPECT_EQ(host.ask("GETSERIAL"), "ZS000001\r\n");
 }
 
@@ -122,38 +55,6 @@ TEST(SimLine, LineDelayPacesOutputAtTheRate) {
   EXPECT_GE(MsSince(start), expectedMs - 5);
 }
 
-TEST(SimLine, BusRoutesToAChainedInstrumentAndBack) {
-  SimPort port(Config{});
-  Config second;
-  second.serial = "ZS000002";
-  second.eot = true;
-  port.chain(second);
-  HostLine host(port.path());
-
-  EXPECT_EQ(host.ask("BUSGETzs000002", "\x04"), "OK\r\n\x04") << "the chained one confirms";
-  EXPECT_EQ(port.busHolder(), "ZS000002");
-  EXPECT_EQ(host.ask("GETSERIAL", "\x04"), "ZS000002\r\n\x04");
-  EXPECT_EQ(host.ask("BUSGETZS999999"), "NO DEVICE\r\n");
-  EXPECT_EQ(port.busHolder(), "ZS000002");
-  // The holder lets go of the line and says so in its own framing.
-  EXPECT_EQ(host.ask("BUSFREE", "\x04"), "OK\r\n\x04");
-  EXPECT_EQ(host.ask("GETSERIAL"), "ZS000001\r\n");
-
-  EXPECT_EQ(host.ask("BUSGETZS000002", "\x04"), "OK\r\n\x04");
-  EXPECT_EQ(host.ask("BUSGETZS000001"), "OK\r\n");
-  EXPECT_EQ(port.busHolder(), "ZS000001");
-  EXPECT_EQ(host.ask("BUSGET"), "SYNTAX ERROR\r\n");
-}
-
-TEST(SimLine, InstrumentWithoutBusRefusesBusCommands) {
-  Config config;
-  config.knowsBus = false;
-  SimPort port(config);
-  HostLine host(port.path());
-  EXPECT_EQ(host.ask("BUSFREE"), "SYNTAX ERROR\r\n");
-  EXPECT_EQ(host.ask("BUSGETZS000001"), "SYNTAX ERROR\r\n");
-}
-
 TEST(SimLine, StopsPromptlyEvenInTheMiddleOfACapture) {
   auto port = std::make_unique<SimPort>(Config{});
   HostLine host(port->path());
@@ -175,3 +76,28 @@ TEST(SimLine, RefusesBadSettingsWithClearErrors) {
   EXPECT_THROW(port.master().setAnswerDelayMs(-1), std::invalid_argument);
   EXPECT_THROW(zeltosim::PortsVariable({&port, nullptr}), std::invalid_argument);
 }
+
+TEST(SimLine, ReadingsComeFromTheLastCaptureOneLinePerFibre) {
+  SimPort port(Config{});
+  HostLine host(port.path());
+  EXPECT_EQ(host.ask("GETRGBIALL", "\r\n0 0 0 0\r\n"), "0 0 0 0\r\n0 0 0 0\r\n");
+
+  port.master().setFiber(1, Fiber{0.0, 0.0, 1.0, 1000.0});
+  EXPECT_EQ(host.ask("C6"), "OK\r\n");
+  port.master().setFiber(1, Fiber{1.0, 0.0, 0.0, 5.0});  // too late for that capture
+  EXPECT_EQ(host.ask("SETLIN"), "OK\r\n");
+  const std::string all = host.ask("GETRGBIALL", "255 1000\r\n");
+  EXPECT_EQ(all, "77 128 51 1200\r\n0 0 255 1000\r\n");
+  EXPECT_EQ(host.ask("GETINTENSITY02"), "1000\r\n");
+  EXPECT_EQ(host.ask("SETLOG"), "OK\r\n");
+  EXPECT_EQ(host.ask("GETINTENSITY02"), "14427\r\n");  // 20814 ln 2
+
+  const std::string xy = host.ask("GETXY02");
+  EXPECT_EQ(xy, "0.1500 0.0600\r\n");
+  EXPECT_EQ(host.ask("GETHSI02"), "240.00 100.00 14427\r\n");
+  EXPECT_EQ(host.ask("GETWAVELENGTH02"), "465\r\n");
+  EXPECT_EQ(host.ask("GETCCT01"), "5614\r\n");
+  for (const char* bad : {"GETXY03", "GETXY00", "GETXY1", "GETCCTALLX"})
+    EXPECT_EQ(host.ask(bad), "SYNTAX ERROR\r\n") << bad;
+}
+

@@ -107,10 +107,3 @@ TEST(Enumeration, EnvironmentVariableNamesThePorts) {
   unsetenv("ZELTOCOM_PORTS");
 }
 
-TEST(Enumeration, AvailabilityIsAnExactMatch) {
-  SetDetectedPorts({"/dev/pts/3", "/dev/pts/4"});
-  EXPECT_TRUE(isDevicePathAvailable("/dev/pts/4"));
-  EXPECT_FALSE(isDevicePathAvailable("/dev/pts/"));
-  SetDetectedPorts({});
-  EXPECT_FALSE(isDevicePathAvailable("/dev/pts/4"));
-}

@@ -49,25 +49,6 @@ TEST(Registry, AddAndRemoveKeepTheLinksStraight) {
   EXPECT_EQ(list.count, 0);
 }
 
-TEST(Registry, NewRecordStartsUnknown) {
-  s_CommPorts list;
-  s_CommPort* p = AddPort(&list, "/dev/a", "zs01");
-  EXPECT_EQ(p->serialNumber.view(), "ZS01");
-  EXPECT_EQ(p->busOwner, p);
-  EXPECT_EQ(p->busState, 1);
-  EXPECT_EQ(p->numFibers, -1);
-  EXPECT_EQ(p->adjustmentSet, -1);
-  EXPECT_EQ(p->fiberSettingsCur, &p->fiberSettings[0]);
-  EXPECT_EQ(p->fiberSettings[98].factor, -1);
-  EXPECT_FLOAT_EQ(p->fiberSettings[98].customTime, -1.0f);
-  EXPECT_TRUE(p->autoResponseTimeout);
-  EXPECT_TRUE(p->hardwareDescriptor.empty());
-
-  s_CommPort* chained = AddPort(p->chain.get(), "/dev/a", "C2", "", p);
-  EXPECT_EQ(chained->parent, p);
-  EXPECT_EQ(chained->busOwner, nullptr);
-}
-
 TEST(Registry, FirmwareNumberFollowsTheText) {
   s_CommPorts list;
   EXPECT_EQ(AddPort(&list, "/a", "1", "1B2")->firmwareNumber, 999);
