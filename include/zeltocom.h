@@ -99,12 +99,20 @@ ZELTOCOM_API int ZeltoCom_SendByID(const char* deviceID, const char* command, ch
 /* Thread body: stores the result of ZeltoCom_Send in `*result`, returns it. */
 ZELTOCOM_API int ZeltoCom_Send_Multi_Thread(int* result, const char* devicePath,
                                             const char* command, char* response);
-/* The time-out of every plain send, in ms (initially 2500); returns 1. */
+/* The time-out of every plain send, in ms (initially 2500); returns 1, or -1
+ * for a negative time-out. */
 ZELTOCOM_API int ZeltoCom_SetResponseTimeout(int milliseconds);
 /* `mode` 1: capture time-outs of this port follow the instrument's settings;
  * any other value: they are the time-out of ZeltoCom_SetResponseTimeout.
  * 1, or -1 when the port is not open. */
 ZELTOCOM_API int ZeltoCom_SetResponseTimeoutAuto(const char* devicePath, int mode);
+/* From now on no call writes more than `bytes` bytes, terminator included,
+ * into a host's answer buffer (the `response` of every send); a longer answer
+ * is cut there and the call returns 0 with "Answer longer than the response
+ * buffer", while the whole answer stays kept for the port. 0, the initial
+ * value, means no limit: the buffer must then hold the whole answer. 1, or
+ * -1 for a negative size. */
+ZELTOCOM_API int ZeltoCom_SetResponseBufferSize(int bytes);
 
 /* ---- Captures ---- */
 

@@ -15,6 +15,7 @@ void CheckNonNegative(int value, const char* what) {
 Config Checked(Config c) {
   if (c.serial.empty()) throw std::invalid_argument("instrument serial number must not be empty");
   CheckNonNegative(c.slowDelayMs, "slowDelayMs");
+  CheckNonNegative(c.trickleMs, "trickleMs");
   CheckNonNegative(c.answerDelayMs, "answerDelayMs");
   if (!(c.captureTimeScale >= 0.0) || !std::isfinite(c.captureTimeScale))
     throw std::invalid_argument("captureTimeScale must be a finite number >= 0");
@@ -63,11 +64,16 @@ Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& n
     case Fault::SyntaxErrorAll:
       reply = SyntaxError(st);
       break;
+    case Fault::Babble:
+      reply.endless = true;
+      return reply;
     case Fault::None:
     case Fault::Slow:
+    case Fault::Trickle:
       reply = normal(st);
       break;
   }
+  if (st.config.fault == Fault::Trickle) reply.byteIntervalMs = st.config.trickleMs;
   int lead = st.config.answerDelayMs;
   if (st.config.fault == Fault::Slow) lead += st.config.slowDelayMs;
   if (!reply.messages.empty()) reply.messages.front().delayMs += lead;

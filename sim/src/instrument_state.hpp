@@ -23,7 +23,9 @@ struct Message {
 
 struct Reply {
   std::vector<Message> messages;
-  int newBaud = 0;  // > 0: the line switches to this rate after the messages
+  int newBaud = 0;         // > 0: the line switches to this rate after the messages
+  int byteIntervalMs = 0;  // > 0: the bytes go out one at a time, this far apart
+  bool endless = false;    // digits follow until the instrument's fault changes
 };
 
 inline constexpr int kAdjustmentSets = 99;

@@ -48,7 +48,9 @@ PtyLine::PtyLine() {
   }
 }
 
-PtyLine::~PtyLine() {
+PtyLine::~PtyLine() { close(); }
+
+void PtyLine::close() {
   CloseIfOpen(slave_);
   CloseIfOpen(master_);
 }

@@ -14,6 +14,8 @@ class PtyLine {
   PtyLine& operator=(const PtyLine&) = delete;
 
   int master() const { return master_; }
+  // Closes both sides; the host's side of the line hangs up.
+  void close();
   const std::string& path() const { return path_; }
 
  private:

@@ -62,7 +62,10 @@ struct SimPort::Impl {
   Reply bus(const std::string& text, const std::string& upper);
   Reply busFree(const std::string& text, size_t current);
   void deliver(const Reply& reply);
-  bool transmit(const std::string& bytes, int rate);
+  void babble();
+  bool holderBabbles() const;
+  bool transmit(const std::string& bytes, int rate, int byteIntervalMs = 0);
+  bool transmitSlowly(const std::string& bytes, int byteIntervalMs);
   bool transmitPaced(const std::string& bytes, int rate);
   int currentBaud() const;
   void setBaud(int rate);
@@ -262,8 +265,29 @@ void SimPort::Impl::deliver(const Reply& reply) {
     // A new rate takes effect as the last answer goes out, so a host that has
     // read that answer already finds the instrument at the new rate.
     if (i + 1 == reply.messages.size() && reply.newBaud > 0) setBaud(reply.newBaud);
-    if (!transmit(bytes, rate)) return;
+    if (!transmit(bytes, rate, reply.byteIntervalMs)) return;
   }
+  if (reply.endless) babble();
+}
+
+// Digits without a line end, as fast as the host takes them: never paced,
+// so that the host sees an endless answer soon.
+void SimPort::Impl::babble() {
+  std::string digits;
+  while (digits.size() < 1000) digits += "0123456789";
+  while (!stopRequested() && holderBabbles()) {
+    if (!writeAll(digits.data(), digits.size())) return;
+  }
+}
+
+bool SimPort::Impl::holderBabbles() const {
+  State* st = nullptr;
+  {
+    std::lock_guard lock(mutex);
+    st = members[holder].state;
+  }
+  std::lock_guard lock(st->mutex);
+  return st->config.fault == Fault::Babble;
 }
 
 int SimPort::Impl::currentBaud() const {
@@ -276,9 +300,17 @@ void SimPort::Impl::setBaud(int rate) {
   baud = rate;
 }
 
-bool SimPort::Impl::transmit(const std::string& bytes, int rate) {
+bool SimPort::Impl::transmit(const std::string& bytes, int rate, int byteIntervalMs) {
+  if (byteIntervalMs > 0) return transmitSlowly(bytes, byteIntervalMs);
   if (options.lineDelay) return transmitPaced(bytes, rate);
   return writeAll(bytes.data(), bytes.size());
+}
+
+bool SimPort::Impl::transmitSlowly(const std::string& bytes, int byteIntervalMs) {
+  for (char c : bytes) {
+    if (!sleepFor(byteIntervalMs) || !writeAll(&c, 1)) return false;
+  }
+  return true;
 }
 
 // Each character leaves when a real line at the current rate would have
@@ -372,6 +404,11 @@ int SimPort::countReceived(const std::string& command) const {
 void SimPort::clearLog() {
   std::lock_guard lock(impl_->mutex);
   impl_->log.clear();
+}
+
+void SimPort::unplug() {
+  impl_->stop();
+  impl_->pty.close();
 }
 
 std::string PortsVariable(const std::vector<const SimPort*>& ports) {

@@ -27,8 +27,9 @@ SETTINGS is a comma-separated list of key=value pairs (may be empty):
   id=TEXT            id text (default 05F)
   eot=0|1            end answers with 0x04 (default 0)
   fibers=N           number of fibres of an analyser, 0..99 (default 2)
-  fault=none|silent|echo|slow|syntax
+  fault=none|silent|echo|slow|syntax|trickle|babble
   slowdelay=MS       answer delay of fault=slow (default 3000)
+  trickle=MS         time between the bytes of fault=trickle (default 1500)
   answerdelay=MS     extra delay before every answer (default 0)
   timescale=X        multiplies capture times (default 1)
   knowsbus=0|1       understands BUSFREE / BUSGET (default 1)
@@ -67,7 +68,9 @@ Fault FaultNamed(const std::string& value) {
   if (value == "echo") return Fault::Echo;
   if (value == "slow") return Fault::Slow;
   if (value == "syntax") return Fault::SyntaxErrorAll;
-  Bad("fault=" + value + ": expected none, silent, echo, slow or syntax");
+  if (value == "trickle") return Fault::Trickle;
+  if (value == "babble") return Fault::Babble;
+  Bad("fault=" + value + ": expected none, silent, echo, slow, syntax, trickle or babble");
 }
 
 double Scale(const std::string& value) {
@@ -93,6 +96,7 @@ bool SetInstrumentKey(Config& c, const std::string& key, const std::string& valu
   else if (key == "fibers") c.fibers.assign(static_cast<size_t>(Integer(key, value, 0, 99)), Fiber{});
   else if (key == "fault") c.fault = FaultNamed(value);
   else if (key == "slowdelay") c.slowDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
+  else if (key == "trickle") c.trickleMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "timescale") c.captureTimeScale = Scale(value);
   else if (key == "knowsbus") c.knowsBus = Flag(key, value);

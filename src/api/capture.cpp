@@ -1,9 +1,9 @@
 // LED and spectrometer captures.
-#include <exception>
 #include <string>
 
 #include "api/common.hpp"
 #include "device/capture_command.hpp"
+#include "device/command.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
 #include "frame/errors.hpp"
@@ -23,8 +23,8 @@ bool ReportsCondition(const std::string& upper, std::initializer_list<const char
   return false;
 }
 
-int CaptureLed(s_CommPort* port, int pwm, int range, int pwmFrames) {
-  s_CommPort* device = port->busOwner;
+int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
+  s_CommPort* device = port.owner();
   if (static_cast<unsigned>(range) > 6) {
     SetError(device, "Range value out of limits");
     return -1;
@@ -59,16 +59,18 @@ int CaptureLed(s_CommPort* port, int pwm, int range, int pwmFrames) {
   t_comresponse answer;
   const long timeoutMs = static_cast<long>(timeout);
   RS232WaitForData(device->fd, &answer, timeoutMs, device->eotFormat.view(), true);
-  if (answer.elapsedMs >= timeoutMs) {
-    SetError(device, StringPrintf("Timeout (%lu ms) in Device on %s with SN %s",
-                                  static_cast<unsigned long>(answer.elapsedMs),
-                                  device->devicePath.c_str(), device->serialNumber.c_str()));
-    return 0;
-  }
-  if (answer.syntaxError) {
-    SetError(device, StringPrintf("Syntax error in Device on %s with SN %s",
-                                  device->devicePath.c_str(), device->serialNumber.c_str()));
-    return 0;
+  switch (OutcomeOf(answer, timeoutMs)) {
+    case WaitOutcome::Late:
+      SetError(device, StringPrintf("Timeout (%lu ms) in Device on %s with SN %s",
+                                    static_cast<unsigned long>(answer.elapsedMs),
+                                    device->devicePath.c_str(), device->serialNumber.c_str()));
+      return 0;
+    case WaitOutcome::SyntaxError:
+      SetError(device, StringPrintf("Syntax error in Device on %s with SN %s",
+                                    device->devicePath.c_str(), device->serialNumber.c_str()));
+      return 0;
+    case WaitOutcome::Answered:
+      break;
   }
   if (answer.data.empty()) return 1;
   if (ReportsCondition(strtoupper(answer.data), {"OVERRANGE", "UNDERRANGE", "STABLE"})) {
@@ -102,13 +104,7 @@ SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* devi
   SpectrometerPlan plan;
   if (!port->autoResponseTimeout) {
     plan.timeoutMs = LA_ResponseTimeout;
-    // Without the automatic time-out no capture command is built: a "-W2"
-    // instrument gets its PWM command once more.
-    if (w2) {
-      plan.command = PwmCommand(pwm);
-    } else {
-      plan.command = manualExposure == 1 ? manualCommand : automaticCommand;
-    }
+    plan.command = manualExposure == 1 ? manualCommand : automaticCommand;
     return plan;
   }
 
@@ -130,13 +126,15 @@ SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* devi
 // 1 when the answer came in time and was no syntax error; else the error
 // text is set and 0 returned.
 int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs) {
-  if (answer.elapsedMs >= timeoutMs) {
-    SetError(device, "Timeout");
-    return 0;
-  }
-  if (answer.syntaxError) {
-    SetError(device, "Syntax error");
-    return 0;
+  switch (OutcomeOf(answer, timeoutMs)) {
+    case WaitOutcome::Late:
+      SetError(device, "Timeout");
+      return 0;
+    case WaitOutcome::SyntaxError:
+      SetError(device, "Syntax error");
+      return 0;
+    case WaitOutcome::Answered:
+      break;
   }
   return 1;
 }
@@ -195,9 +193,9 @@ bool CheckSpectrometer(s_CommPort* device) {
   return false;
 }
 
-int AcquireSpectrometer(s_CommPort* port, Acquisition kind, int pwm, int manualExposure,
+int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int manualExposure,
                         float exposure) {
-  s_CommPort* device = port->busOwner;
+  s_CommPort* device = port.owner();
   const int maxExposure = IsW2Model(device) ? 4000 : 15000;
   if (manualExposure == 1 && !ExposureAcceptable(exposure, maxExposure)) {
     SetError(device, "Exposure value out of limits");
@@ -214,7 +212,7 @@ int AcquireSpectrometer(s_CommPort* port, Acquisition kind, int pwm, int manualE
     if (switched != 1) return switched;
   }
   const SpectrometerPlan plan =
-      PlanSpectrometer(port, device, kind, pwm, manualExposure, exposure, maxExposure);
+      PlanSpectrometer(port.get(), device, kind, pwm, manualExposure, exposure, maxExposure);
   if (RS232SendCommand(device->fd, plan.command) != 1) {
     SetError(device, "Unable to send command");
     return -1;
@@ -223,19 +221,14 @@ int AcquireSpectrometer(s_CommPort* port, Acquisition kind, int pwm, int manualE
                                    : FinishSpectrum(device, plan.timeoutMs);
 }
 
+// Runs a capture on the open port at `devicePath`, holding its line.
 template <typename Body>
-int WithOpenPort(const char* devicePath, Body body) {
-  s_CommPort* port = PortsList_GetByDevPath(Arg(devicePath));
-  if (port == nullptr) {
-    SetError(nullptr, "The port is not in use");
-    return -1;
-  }
-  try {
-    return body(port);
-  } catch (const std::exception& e) {
-    SetError(port->busOwner, e.what());
-    return -1;
-  }
+int OnOpenPort(const char* devicePath, Body body) {
+  return Guarded(-1, [&](Call& call) {
+    const std::optional<HeldPort> port =
+        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not in use");
+    return port ? body(*port) : -1;
+  });
 }
 
 }  // namespace
@@ -243,20 +236,20 @@ int WithOpenPort(const char* devicePath, Body body) {
 extern "C" {
 
 int ZeltoCom_Capture(const char* devicePath, int pwm, int range, int pwmFrames) {
-  return WithOpenPort(devicePath,
-                      [&](s_CommPort* port) { return CaptureLed(port, pwm, range, pwmFrames); });
+  return OnOpenPort(devicePath,
+                      [&](const HeldPort& port) { return CaptureLed(port, pwm, range, pwmFrames); });
 }
 
 int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm, int manualExposure,
                                  float exposure) {
-  return WithOpenPort(devicePath, [&](s_CommPort* port) {
+  return OnOpenPort(devicePath, [&](const HeldPort& port) {
     return AcquireSpectrometer(port, Acquisition::Spectrum, pwm, manualExposure, exposure);
   });
 }
 
 int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int manualExposure,
                               float exposure) {
-  return WithOpenPort(devicePath, [&](s_CommPort* port) {
+  return OnOpenPort(devicePath, [&](const HeldPort& port) {
     return AcquireSpectrometer(port, Acquisition::Dark, pwm, manualExposure, exposure);
   });
 }

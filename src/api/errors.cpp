@@ -8,12 +8,9 @@ using namespace zeltocom;
 
 namespace {
 
-char* CopyError(char* buffer, const s_CommPort* port) {
-  if (port != nullptr) {
-    CopyOut(buffer, port->errorText.view());
-  } else {
-    CopyOut(buffer, GetErrorDescription());
-  }
+// A port that is not open has no text of its own: the library's is given.
+char* CopyError(char* buffer, const PortRef& port) {
+  CopyOut(buffer, port ? GetPortErrorText(*port) : GetErrorDescription());
   return buffer;
 }
 
@@ -21,14 +18,20 @@ char* CopyError(char* buffer, const s_CommPort* port) {
 
 extern "C" {
 
-char* ZeltoCom_GetError_Description(char* buffer) { return CopyError(buffer, nullptr); }
+char* ZeltoCom_GetError_Description(char* buffer) {
+  return Guarded<char*>(nullptr, [&] { return CopyError(buffer, nullptr); });
+}
 
 char* ZeltoCom_GetError_DescriptionByPort(const char* devicePath, char* buffer) {
-  return CopyError(buffer, PortsList_GetByDevPath(Arg(devicePath)));
+  return Guarded<char*>(nullptr, [&] {
+    return CopyError(buffer, PortsList_GetByDevPath(Arg(devicePath)));
+  });
 }
 
 char* ZeltoCom_GetError_DescriptionBySN(const char* serialNumber, char* buffer) {
-  return CopyError(buffer, PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber)));
+  return Guarded<char*>(nullptr, [&] {
+    return CopyError(buffer, PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber)));
+  });
 }
 
 }  // extern "C"

@@ -1,9 +1,9 @@
-// Sending commands and response time-outs.
-#include <exception>
+// Sending commands, response time-outs and the room of answer buffers.
 #include <string>
 
 #include "api/common.hpp"
 #include "device/bus.hpp"
+#include "device/command.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
 #include "frame/clock.hpp"
@@ -15,10 +15,6 @@
 #include "zeltocom.h"
 
 using namespace zeltocom;
-
-namespace zeltocom {
-std::atomic<int> LA_ResponseTimeout{2500};
-}
 
 namespace {
 
@@ -39,15 +35,18 @@ bool HasOldBusFirmware(const s_CommPort* owner) {
          (text[0] == 'S' && owner->firmwareNumber <= 200);
 }
 
-int AnswerBusCommand(int result, const t_comresponse& answer, char* response) {
-  if (!answer.data.empty()) CopyOut(response, answer.data);
-  return result;
+constexpr const char* kAnswerCut = "Answer longer than the response buffer";
+
+int AnswerBusCommand(s_CommPort* owner, int result, const t_comresponse& answer, char* response) {
+  if (answer.data.empty() || CopyAnswer(response, answer.data)) return result;
+  SetError(owner, kAnswerCut);
+  return 0;
 }
 
 std::string MarkerFor(const s_CommPort* owner, const std::string& upper) {
   if (upper == "ENABLEEOT") return "\r\n\x04";
   if (upper == "DISABLEEOT") return "\r\n";
-  return std::string(owner->eotFormat.view().substr(0, 4));
+  return std::string(owner->eotFormat.view());
 }
 
 // Waits for the answer in the way this command needs. False when the plain
@@ -70,7 +69,7 @@ bool WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::strin
     const bool keepLineEnds = IsPagedAnswer(upper) || upper == "GETPORTINFO" ||
                               upper == "GETPORTDETAILS" || IsGetAll(upper);
     RS232WaitForData(owner->fd, answer, timeout, marker, !keepLineEnds);
-    if (answer->elapsedMs >= timeout) return false;
+    if (OutcomeOf(*answer, timeout) == WaitOutcome::Late) return false;
   }
   return true;
 }
@@ -89,10 +88,9 @@ void FollowQuery(s_CommPort* owner, const std::string& upper, const std::string&
   if (Contains(upper, "NFIB")) {
     owner->numFibers = ParseInt(answer);
   } else if (Contains(upper, "VERSION")) {
-    owner->firmwareText.assign(answer, 19);
+    owner->SetFirmware(answer);
   } else if (Contains(upper, "HW")) {
-    owner->hardwareDescriptor.assign(answer, 24);
-    owner->deviceType = CMD_GetDeviceType(owner->hardwareDescriptor.view());
+    SetHardwareDescriptor(owner, answer, 24);
   } else if (Contains(upper, "FACTOR")) {
     CurrentEntry(owner).factor = ParseInt(answer);
   } else if (Contains(upper, "AVERAGE")) {
@@ -141,7 +139,9 @@ void FollowSetting(s_CommPort* addressed, s_CommPort* owner, const std::string& 
     SelectSetIfValid(owner, set);
     if (Contains(upper, "BUS")) {
       SelectSetIfValid(addressed, set);
-      for (s_CommPort* chained : PortsList_All(addressed->chain.get())) SelectSetIfValid(chained, set);
+      for (const PortRef& chained : PortsList_All(&addressed->chain)) {
+        SelectSetIfValid(chained.get(), set);
+      }
     }
   }
 }
@@ -165,18 +165,20 @@ void CleanAnswer(std::string& answer) {
   TrimAnswerEnd(answer);
 }
 
-int Send(s_CommPort* addressed, const std::string& command, char* response) {
+// Sends `command` to the instrument that holds the line of the held port.
+int Send(const HeldPort& port, const std::string& command, char* response) {
   const int entryTimeout = LA_ResponseTimeout;
-  s_CommPort* owner = addressed->busOwner;
+  s_CommPort* addressed = port.get();
+  s_CommPort* owner = port.owner();
   const std::string upper = strtoupper(command);
 
   t_comresponse answer;
   if (Contains(upper, "BUSFREE")) {
-    return AnswerBusCommand(CMD_BusFree(owner, &answer), answer, response);
+    return AnswerBusCommand(owner, CMD_BusFree(owner, &answer), answer, response);
   }
   if (Contains(upper, "BUSGET") && upper.size() > 6) {
     const int result = CMD_BusGet(owner, upper.substr(6, 14), &answer);
-    return AnswerBusCommand(result, answer, response);
+    return AnswerBusCommand(owner, result, answer, response);
   }
 
   if (Contains(upper, "BUSCE")) CMD_LoadSettings_FirmwareVersion(owner);
@@ -189,7 +191,7 @@ int Send(s_CommPort* addressed, const std::string& command, char* response) {
     return -1;
   }
   SetError(owner, "");
-  if (response != nullptr) response[0] = '\0';
+  CopyAnswer(response, "");
 
   const std::string marker = MarkerFor(owner, upper);
   if (!WaitForAnswer(owner, upper, marker, entryTimeout, &answer)) {
@@ -209,20 +211,34 @@ int Send(s_CommPort* addressed, const std::string& command, char* response) {
     RS232WaitForData(owner->fd, &settle, 20, marker, false);
   }
 
-  try {
-    // A late answer is still returned, but it may belong to an earlier
-    // command, so it teaches the cache nothing.
-    if (answer.elapsedMs < entryTimeout) FollowCommand(addressed, owner, upper, answer.data);
-    if (Contains(upper, "ABLEEOT")) owner->eotFormat.assign(marker);
-    CleanAnswer(answer.data);
-    CopyOut(response, answer.data);
-    owner->lastResponse.reserve(8 * answer.data.size() + 2);
-    owner->lastResponse = answer.data;
-    return 1;
-  } catch (const std::exception& e) {
-    SetError(owner, e.what());
-    return -1;
+  // A late answer is still returned, but it may belong to an earlier
+  // command, so it teaches the cache nothing.
+  if (OutcomeOf(answer, entryTimeout) == WaitOutcome::Answered) {
+    FollowCommand(addressed, owner, upper, answer.data);
   }
+  if (Contains(upper, "ABLEEOT")) owner->eotFormat.assign(marker);
+  CleanAnswer(answer.data);
+  owner->lastResponse = answer.data;
+  if (!CopyAnswer(response, answer.data)) {
+    SetError(owner, kAnswerCut);
+    return 0;
+  }
+  return 1;
+}
+
+// The checks every form of send makes on its command before anything else.
+bool CommandGiven(const char* command) {
+  if (!Arg(command).empty()) return true;
+  SetError(nullptr, "No command given");
+  return false;
+}
+
+int SendTo(Call& call, PortRef port, const char* notOpenText, const char* command,
+           char* response) {
+  if (!CommandGiven(command)) return -1;
+  const std::optional<HeldPort> held = call.Hold(std::move(port), notOpenText);
+  if (!held) return -1;
+  return Send(*held, std::string(command), response);
 }
 
 }  // namespace
@@ -230,45 +246,63 @@ int Send(s_CommPort* addressed, const std::string& command, char* response) {
 extern "C" {
 
 int ZeltoCom_Send(const char* devicePath, const char* command, char* response) {
-  s_CommPort* port = PortsList_GetByDevPath(Arg(devicePath));
-  if (port == nullptr) {
-    SetError(nullptr, "The device path is not in use");
-    return -1;
-  }
-  return Send(port, std::string(Arg(command)), response);
+  return Guarded(-1, [&](Call& call) {
+    return SendTo(call, PortsList_GetByDevPath(Arg(devicePath)), "The device path is not in use",
+                  command, response);
+  });
 }
 
 int ZeltoCom_SendSN(const char* serialNumber, const char* command, char* response) {
-  s_CommPort* port = PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber));
-  if (port == nullptr) {
-    SetError(nullptr, "The device path is not in use");
-    return -1;
-  }
-  return ZeltoCom_Send(port->devicePath.c_str(), command, response);
+  return Guarded(-1, [&](Call& call) {
+    return SendTo(call, PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber)),
+                  "The device path is not in use", command, response);
+  });
 }
 
 int ZeltoCom_SendByID(const char* deviceID, const char* command, char* response) {
-  const s_IDPort* row = IDtoPortList_GetPortByDeviceID(lstIDtoPort, Arg(deviceID));
-  if (row == nullptr) {
-    SetError(nullptr, "ID not found");
-    return -1;
-  }
-  return ZeltoCom_Send(row->devicePath.c_str(), command, response);
+  return Guarded(-1, [&](Call& call) {
+    const std::optional<s_IDPort> row = IDtoPortList_GetPortByDeviceID(Arg(deviceID));
+    if (!row) {
+      SetError(nullptr, "ID not found");
+      return -1;
+    }
+    return SendTo(call, PortsList_GetByDevPath(row->devicePath.view()),
+                  "The device path is not in use", command, response);
+  });
 }
 
 int ZeltoCom_SetResponseTimeout(int milliseconds) {
-  LA_ResponseTimeout = milliseconds;
-  return 1;
+  return Guarded(-1, [&] {
+    if (milliseconds < 0) {
+      SetError(nullptr, "The response time-out must not be negative");
+      return -1;
+    }
+    LA_ResponseTimeout = milliseconds;
+    return 1;
+  });
 }
 
 int ZeltoCom_SetResponseTimeoutAuto(const char* devicePath, int mode) {
-  s_CommPort* port = PortsList_GetByDevPath(Arg(devicePath));
-  if (port == nullptr) {
-    SetError(nullptr, "The port is not in use");
-    return -1;
-  }
-  port->autoResponseTimeout = mode == 1;
-  return 1;
+  return Guarded(-1, [&] {
+    const PortRef port = PortsList_GetByDevPath(Arg(devicePath));
+    if (!port) {
+      SetError(nullptr, "The port is not in use");
+      return -1;
+    }
+    port->autoResponseTimeout = mode == 1;
+    return 1;
+  });
+}
+
+int ZeltoCom_SetResponseBufferSize(int bytes) {
+  return Guarded(-1, [&] {
+    if (bytes < 0) {
+      SetError(nullptr, "The response buffer size must not be negative");
+      return -1;
+    }
+    ResponseBufferSize = bytes;
+    return 1;
+  });
 }
 
 int ZeltoCom_Send_Multi_Thread(int* result, const char* devicePath, const char* command,

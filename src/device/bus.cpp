@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "device/command.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
@@ -12,8 +13,6 @@ namespace zeltocom {
 namespace {
 
 constexpr std::string_view kEotMarker = "\r\n\x04";
-
-s_CommPort* MasterOf(s_CommPort* port) { return port->parent != nullptr ? port->parent : port; }
 
 // After a refused BUSGET the line must not stay with a half-selected device.
 void FreeLineAfterRefusal(s_CommPort* port) {
@@ -37,14 +36,14 @@ std::string GetEOTformat(s_CommPort* port, std::string_view answer) {
 }
 
 int CMD_BusFree(s_CommPort* port, t_comresponse* response) {
-  s_CommPort* master = MasterOf(port);
+  s_CommPort* master = port->Master();
   if (RS232SendCommand(port->fd, "BUSFREE") != 1) {
     SetError(master, "Unable to send command BUSFREE");
     return -1;
   }
   const long timeout = static_cast<long>(16 * port->charTimeMs + 20);
   RS232WaitForData(port->fd, response, timeout, port->eotFormat.view(), true);
-  if (response->elapsedMs < timeout && !response->syntaxError) {
+  if (OutcomeOf(*response, timeout) == WaitOutcome::Answered) {
     master->busState = 1;
     master->busOwner = master;
     return 1;
@@ -55,7 +54,7 @@ int CMD_BusFree(s_CommPort* port, t_comresponse* response) {
 
 int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, t_comresponse* response) {
   const std::string serial = strtoupper(serialNumber);
-  s_CommPort* master = MasterOf(port);
+  s_CommPort* master = port->Master();
 
   if (master->busOwner->serialNumber == serial) {
     response->elapsedMs = 0;
@@ -68,13 +67,13 @@ int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, t_comresponse* r
     if (freed != 1) return freed;
   }
 
-  s_CommPort* known = PortsList_GetBySerialNumber(master->chain.get(), serial);
+  const PortRef known = PortsList_GetBySerialNumber(&master->chain, serial);
   const std::string terminator = known != nullptr ? std::string(known->eotFormat.view()) : "\r\n";
   if (RS232SendCommand(master->fd, "BUSGET" + serial) != 1) return -1;
   const long timeout = std::max(80L, static_cast<long>(15 * master->charTimeMs + 20));
   RS232WaitForData(master->fd, response, timeout, terminator, known != nullptr);
 
-  if (response->elapsedMs >= timeout || response->syntaxError) {
+  if (OutcomeOf(*response, timeout) != WaitOutcome::Answered) {
     FreeLineAfterRefusal(port);
     SetError(master, "Syntax error or Timeout in BUSGET");
     return 0;
@@ -85,18 +84,20 @@ int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, t_comresponse* r
   }
   if (known != nullptr) {
     master->busState = 0;
-    master->busOwner = known;
+    master->busOwner = known.get();
     return 1;
   }
   if (serial != master->serialNumber.view()) {
     const std::string eot = GetEOTformat(master, response->data);
-    if (PortsList_Add(master->chain.get(), master, master->fd, master->devicePath.view(), serial,
-                      "", eot, master->baudrate, master->charTimeMs) != 1) {
+    const PortRef added = PortsList_Add(&master->chain, master, master->fd,
+                                        master->devicePath.view(), serial, "", eot,
+                                        master->baudrate, master->charTimeMs);
+    if (!added) {
       FreeLineAfterRefusal(port);
       return 0;
     }
     master->busState = 0;
-    master->busOwner = master->chain->last;
+    master->busOwner = added.get();
     return 1;
   }
   master->busOwner = master;

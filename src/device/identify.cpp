@@ -39,7 +39,7 @@ int CMD_GetSerialNumber(int& fd, std::string& serialNumber) {
   if (RS232SendCommand(fd, "GETSERIAL") != 1) return 0;
   t_comresponse response;
   RS232WaitForData(fd, &response, 300, "\r\n", true);
-  if (response.elapsedMs > 300 || response.syntaxError) return 0;
+  if (OutcomeOf(response, 300) != WaitOutcome::Answered) return 0;
   serialNumber = response.data;
   return 1;
 }
@@ -60,7 +60,7 @@ int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text) {
 
 void CMD_GetFirmwareVersion(s_CommPort* port) {
   std::string text;
-  if (CMD_GetFirmwareVersion(port, text) == 1) port->firmwareText.assign(text);
+  if (CMD_GetFirmwareVersion(port, text) == 1) port->SetFirmware(text);
 }
 
 void CMD_GetID(s_CommPort* port) {
@@ -97,6 +97,11 @@ const char* DeviceTypeWord(int deviceType) {
   return kWords[deviceType];
 }
 
+void SetHardwareDescriptor(s_CommPort* port, std::string_view text, std::size_t maxLength) {
+  port->hardwareDescriptor.assign(text, maxLength);
+  port->deviceType = CMD_GetDeviceType(port->hardwareDescriptor.view());
+}
+
 int CMD_LoadSettings_HardwareType(s_CommPort* port) {
   if (!port->hardwareDescriptor.empty()) return 1;
   std::string text;
@@ -105,8 +110,7 @@ int CMD_LoadSettings_HardwareType(s_CommPort* port) {
     port->deviceType = DEVTYPE_UNKNOWN;
     return result;
   }
-  port->hardwareDescriptor.assign(text);
-  port->deviceType = CMD_GetDeviceType(port->hardwareDescriptor.view());
+  SetHardwareDescriptor(port, text);
   return 1;
 }
 
@@ -115,8 +119,7 @@ int CMD_LoadSettings_FirmwareVersion(s_CommPort* port) {
   std::string text;
   const int result = CMD_GetFirmwareVersion(port, text);
   if (result != 1) return result;
-  port->firmwareText.assign(text);
-  port->firmwareNumber = FirmwareNumberOf(port->firmwareText.view());
+  port->SetFirmware(text);
   return 1;
 }
 

@@ -35,6 +35,9 @@ int CMD_GetDeviceType(std::string_view descriptor);
 // The word hosts compare against for a device type.
 const char* DeviceTypeWord(int deviceType);
 
+// Sets the hardware descriptor and the device type derived from it, always
+// together.
+void SetHardwareDescriptor(s_CommPort* port, std::string_view text, std::size_t maxLength = 26);
 // Asks "GETHW" once per port and classifies the answer.
 int CMD_LoadSettings_HardwareType(s_CommPort* port);
 int CMD_LoadSettings_FirmwareVersion(s_CommPort* port);

@@ -2,15 +2,44 @@
 
 #include <sched.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace zeltocom {
 
+namespace {
+
+bool ReadWaitMode() {
+  const char* mode = std::getenv("ZELTOCOM_WAIT");
+  return mode != nullptr && std::strcmp(mode, "block") == 0;
+}
+
+const bool kBlockingWaits = ReadWaitMode();
+
+double ReadMs(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) * 1000.0 + static_cast<double>(now.tv_nsec) / 1.0e6;
+}
+
+}  // namespace
+
+bool BlockingWaits() { return kBlockingWaits; }
+
 double ClockMs() {
-  return static_cast<double>(std::clock()) * 1000.0 / CLOCKS_PER_SEC;
+  return ReadMs(kBlockingWaits ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID);
 }
 
 void delayms(int ms) {
+  if (ms <= 0) return;
+  if (kBlockingWaits) {
+    timespec span{ms / 1000, static_cast<long>(ms % 1000) * 1'000'000L};
+    while (nanosleep(&span, &span) != 0 && errno == EINTR) {
+    }
+    return;
+  }
   const double end = ClockMs() + ms;
   while (ClockMs() < end) sched_yield();
 }

@@ -2,13 +2,22 @@
 
 namespace zeltocom {
 
-// Processor time of the whole process in milliseconds. Every time-out, pause
-// and elapsed time of the library counts this one clock.
+// How the library waits for instruments, fixed when the library is loaded.
+// Busy (the default): a waiting thread polls its line without sleeping and
+// every time-out counts the processor time of the thread that waits, so that
+// time-outs mean the same on a loaded and an idle machine and parallel waits
+// do not shorten each other's. Blocking (ZELTOCOM_WAIT=block): a waiting
+// thread sleeps in poll() and time-outs count monotonic wall-clock time, so a
+// waiting port costs no processor.
+bool BlockingWaits();
+
+// The one clock of the library, in milliseconds: every time-out, pause and
+// elapsed time counts it. Processor time of the calling thread, or monotonic
+// time with blocking waits.
 double ClockMs();
 
-// Busy-waits `ms` milliseconds of processor time. It deliberately does not
-// sleep: a sleeping thread would stop the clock it is waiting on. It yields
-// the processor to threads that wait for it.
+// Waits `ms` milliseconds of the library clock: a busy wait that yields the
+// processor to threads that want it, or a sleep with blocking waits.
 void delayms(int ms);
 
 // Nothing to pump on this platform; kept so that waiting loops read alike.

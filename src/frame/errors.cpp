@@ -13,14 +13,19 @@ FixedText<kErrorTextSize> Error_Description;
 }  // namespace
 
 void SetError(s_CommPort* port, std::string_view text) {
-  if (port != nullptr) port->errorText.assign(text);
   std::lock_guard lock(mtxErrDesc);
+  if (port != nullptr) port->errorText.assign(text);
   Error_Description.assign(text);
 }
 
 std::string GetErrorDescription() {
   std::lock_guard lock(mtxErrDesc);
   return std::string(Error_Description.view());
+}
+
+std::string GetPortErrorText(const s_CommPort& port) {
+  std::lock_guard lock(mtxErrDesc);
+  return std::string(port.errorText.view());
 }
 
 }  // namespace zeltocom

@@ -10,8 +10,12 @@ struct s_CommPort;
 constexpr std::size_t kErrorTextSize = 512;
 
 // Stores `text` as the last error of `port` (when given) and of the library.
+// Error texts are read and written under one lock, so any thread may set or
+// read them at any time.
 void SetError(s_CommPort* port, std::string_view text);
 // The library-wide text of the last error.
 std::string GetErrorDescription();
+// The last error of `port`.
+std::string GetPortErrorText(const s_CommPort& port);
 
 }  // namespace zeltocom

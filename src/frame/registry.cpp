@@ -1,6 +1,6 @@
 #include "frame/registry.hpp"
 
-#include <mutex>
+#include <algorithm>
 #include <new>
 
 #include "frame/utils.hpp"
@@ -8,46 +8,30 @@
 namespace zeltocom {
 
 s_CommPorts OpenedPorts;
-std::vector<s_IDPort> lstIDtoPort;
 
 namespace {
 
-// Guards the structure of every s_CommPorts. Look-ups hold it only while
-// they walk, so a record found stays usable only as long as nobody removes
-// it; the library keeps one thread per port for that reason.
+// Guards the structure of every s_CommPorts and the project table. Held only
+// while a list is read or changed, never across an exchange.
 std::mutex mtxOPL;
-
-void Unlink(s_CommPorts* list, s_CommPort* port) {
-  if (port->prev != nullptr) {
-    port->prev->next = port->next;
-  } else {
-    list->first = port->next;
-  }
-  if (port->next != nullptr) {
-    port->next->prev = port->prev;
-  } else {
-    list->last = port->prev;
-  }
-  port->prev = port->next = nullptr;
-  --list->count;
-}
-
-void StopTriggerListener(s_CommPort* port) {
-  if (!port->triggerThread) return;
-  if (port->triggerState == 1) port->triggerAbort = true;
-  if (port->triggerThread->joinable() &&
-      port->triggerThread->get_id() != std::this_thread::get_id()) {
-    port->triggerThread->join();
-  }
-}
+std::vector<s_IDPort> lstIDtoPort;
 
 template <typename Match>
-s_CommPort* Find(const s_CommPorts* list, Match match) {
+PortRef Find(const s_CommPorts* list, Match match) {
   std::lock_guard lock(mtxOPL);
-  for (s_CommPort* p = list->first; p != nullptr; p = p->next) {
+  for (const PortRef& p : list->records) {
     if (match(*p)) return p;
   }
   return nullptr;
+}
+
+template <typename Match>
+std::optional<s_IDPort> FindRow(Match match) {
+  std::lock_guard lock(mtxOPL);
+  for (const s_IDPort& row : lstIDtoPort) {
+    if (match(row)) return row;
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -64,148 +48,121 @@ void s_CommPort::SelectAdjustmentSet(int set) {
   *fiberSettingsCur = FiberSettings{};
 }
 
-s_CommPorts::~s_CommPorts() {
-  while (first != nullptr) PortsList_Del(this, first);
+void s_CommPort::SetFirmware(std::string_view text, std::size_t maxLength) {
+  firmwareText.assign(text, maxLength);
+  firmwareNumber = FirmwareNumberOf(firmwareText.view());
 }
 
-int PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,
-                  std::string_view serialNumber, std::string_view firmwareText,
-                  std::string_view eotFormat, int baudrate, double charTimeMs) {
-  auto* port = new (std::nothrow) s_CommPort;
-  if (port == nullptr) return 0;
-  port->chain.reset(new (std::nothrow) s_CommPorts);
-  if (!port->chain) {
-    delete port;
-    return 0;
-  }
-  port->fd = fd;
-  port->devicePath.assign(devicePath);
-  port->serialNumber.assign(strtoupper(serialNumber));
-  port->firmwareText.assign(firmwareText);
-  port->firmwareNumber = FirmwareNumberOf(port->firmwareText.view());
-  port->eotFormat.assign(eotFormat);
-  port->baudrate = baudrate;
-  port->charTimeMs = charTimeMs;
-  port->fiberSettingsCur = &port->fiberSettings[0];
-  port->parent = parent;
-  port->busOwner = parent == nullptr ? port : nullptr;
-
-  std::lock_guard lock(mtxOPL);
-  port->prev = list->last;
-  if (list->last != nullptr) {
-    list->last->next = port;
-  } else {
-    list->first = port;
-  }
-  list->last = port;
-  ++list->count;
-  return 1;
+std::unique_lock<std::mutex> LockLine(s_CommPort& port) {
+  return std::unique_lock(port.Master()->lineMutex);
 }
 
-s_CommPort* PortsList_GetBySerialNumber(s_CommPorts* list, std::string_view serialNumber) {
+PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,
+                      std::string_view serialNumber, std::string_view firmwareText,
+                      std::string_view eotFormat, int baudrate, double charTimeMs) {
+  PortRef port;
+  try {
+    port = std::make_shared<s_CommPort>();
+    port->fd = fd;
+    port->devicePath.assign(devicePath);
+    port->serialNumber.assign(strtoupper(serialNumber));
+    port->SetFirmware(firmwareText);
+    port->eotFormat.assign(eotFormat);
+    port->baudrate = baudrate;
+    port->charTimeMs = charTimeMs;
+    port->fiberSettingsCur = &port->fiberSettings[0];
+    port->parent = parent;
+    port->busOwner = parent == nullptr ? port.get() : nullptr;
+    std::lock_guard lock(mtxOPL);
+    list->records.push_back(port);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  return port;
+}
+
+PortRef PortsList_GetBySerialNumber(const s_CommPorts* list, std::string_view serialNumber) {
   const std::string key = strtoupper(serialNumber);
   return Find(list, [&](const s_CommPort& p) { return p.serialNumber == key; });
 }
 
-s_CommPort* PortsList_GetByDevPath(std::string_view devicePath) {
+PortRef PortsList_GetByDevPath(std::string_view devicePath) {
   return Find(&OpenedPorts, [&](const s_CommPort& p) { return p.devicePath == devicePath; });
 }
 
-s_CommPort* PortsList_GetByHandler(const int& fd) {
-  return Find(&OpenedPorts, [&](const s_CommPort& p) { return p.fd == fd; });
-}
-
-s_CommPort* PortsList_GetByIndex(s_CommPorts* list, int index) {
-  int i = 0;
-  return Find(list, [&](const s_CommPort&) { return i++ == index; });
-}
-
-std::vector<s_CommPort*> PortsList_All(s_CommPorts* list) {
-  std::vector<s_CommPort*> ports;
+PortRef PortsList_GetByIndex(const s_CommPorts* list, int index) {
   std::lock_guard lock(mtxOPL);
-  for (s_CommPort* p = list->first; p != nullptr; p = p->next) ports.push_back(p);
-  return ports;
+  if (index < 0 || static_cast<std::size_t>(index) >= list->records.size()) return nullptr;
+  return list->records[static_cast<std::size_t>(index)];
 }
 
-void PortsList_Del(s_CommPorts* list, s_CommPort* port) {
-  if (list == nullptr || port == nullptr) return;
-  while (port->chain && port->chain->first != nullptr) {
-    PortsList_Del(port->chain.get(), port->chain->first);
-  }
-  // Joined before the lock is taken: the listener looks ports up itself.
-  StopTriggerListener(port);
+int PortsList_Count(const s_CommPorts* list) {
+  std::lock_guard lock(mtxOPL);
+  return static_cast<int>(list->records.size());
+}
+
+std::vector<PortRef> PortsList_All(const s_CommPorts* list) {
+  std::lock_guard lock(mtxOPL);
+  return list->records;
+}
+
+bool PortsList_Del(s_CommPorts* list, const s_CommPort* port) {
+  if (list == nullptr || port == nullptr) return false;
+  PortRef removed;
   {
     std::lock_guard lock(mtxOPL);
-    Unlink(list, port);
+    const auto it = std::ranges::find(list->records, port, &PortRef::get);
+    if (it == list->records.end()) return false;
+    removed = std::move(*it);
+    list->records.erase(it);
+    // The chained instruments are reached through this record only.
+    removed->chain.records.clear();
   }
-  delete port;
+  s_CommPort* master = removed->parent;
+  if (master != nullptr && master->busOwner == removed.get()) {
+    master->busOwner = master;
+    master->busState = 1;
+  }
+  return true;
 }
 
 void PortsList_DelBySerialNumber(s_CommPorts* list, std::string_view serialNumber) {
-  PortsList_Del(list, PortsList_GetBySerialNumber(list, serialNumber));
+  PortsList_Del(list, PortsList_GetBySerialNumber(list, serialNumber).get());
 }
 
 void PortsList_DelByDevPath(s_CommPorts* list, std::string_view devicePath) {
-  PortsList_Del(list, Find(list, [&](const s_CommPort& p) { return p.devicePath == devicePath; }));
+  PortsList_Del(list,
+                Find(list, [&](const s_CommPort& p) { return p.devicePath == devicePath; }).get());
 }
 
 void PortsList_DelByIndex(s_CommPorts* list, int index) {
-  PortsList_Del(list, PortsList_GetByIndex(list, index));
+  PortsList_Del(list, PortsList_GetByIndex(list, index).get());
 }
 
-void PortsList_Swap(s_CommPorts* list, s_CommPort* a, s_CommPort* b) {
-  if (list == nullptr || a == nullptr || b == nullptr || a == b || list->count < 2) return;
+void PortsList_Swap(s_CommPorts* list, const s_CommPort* a, const s_CommPort* b) {
+  if (list == nullptr || a == nullptr || b == nullptr) return;
   std::lock_guard lock(mtxOPL);
-  // Swapping through the neighbours' links covers adjacent and distant
-  // records alike once each side's neighbours are taken before relinking.
-  s_CommPort* aPrev = a->prev;
-  s_CommPort* aNext = a->next;
-  s_CommPort* bPrev = b->prev;
-  s_CommPort* bNext = b->next;
-  if (aNext == b) {
-    a->prev = b;
-    a->next = bNext;
-    b->prev = aPrev;
-    b->next = a;
-  } else if (bNext == a) {
-    b->prev = a;
-    b->next = aNext;
-    a->prev = bPrev;
-    a->next = b;
-  } else {
-    a->prev = bPrev;
-    a->next = bNext;
-    b->prev = aPrev;
-    b->next = aNext;
-  }
-  for (s_CommPort* p : {a, b}) {
-    if (p->prev != nullptr) {
-      p->prev->next = p;
-    } else {
-      list->first = p;
-    }
-    if (p->next != nullptr) {
-      p->next->prev = p;
-    } else {
-      list->last = p;
-    }
-  }
+  const auto ia = std::ranges::find(list->records, a, &PortRef::get);
+  const auto ib = std::ranges::find(list->records, b, &PortRef::get);
+  if (ia != list->records.end() && ib != list->records.end()) std::iter_swap(ia, ib);
 }
 
-const s_IDPort* IDtoPortList_GetPortByDeviceID(const std::vector<s_IDPort>& table,
-                                               std::string_view deviceID) {
-  for (const s_IDPort& row : table) {
-    if (row.deviceID == deviceID) return &row;
-  }
-  return nullptr;
+void IDtoPortList_Add(const s_IDPort& row) {
+  std::lock_guard lock(mtxOPL);
+  lstIDtoPort.push_back(row);
 }
 
-const s_IDPort* IDtoPortList_GetByDevPath(const std::vector<s_IDPort>& table,
-                                          std::string_view devicePath) {
-  for (const s_IDPort& row : table) {
-    if (row.devicePath == devicePath && !row.chained) return &row;
-  }
-  return nullptr;
+void IDtoPortList_Clear() {
+  std::lock_guard lock(mtxOPL);
+  lstIDtoPort.clear();
+}
+
+std::optional<s_IDPort> IDtoPortList_GetPortByDeviceID(std::string_view deviceID) {
+  return FindRow([&](const s_IDPort& row) { return row.deviceID == deviceID; });
+}
+
+std::optional<s_IDPort> IDtoPortList_GetByDevPath(std::string_view devicePath) {
+  return FindRow([&](const s_IDPort& row) { return row.devicePath == devicePath && !row.chained; });
 }
 
 }  // namespace zeltocom

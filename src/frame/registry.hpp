@@ -4,9 +4,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "frame/fixed_text.hpp"
@@ -25,12 +26,31 @@ struct FiberSettings {
 
 constexpr int kAdjustmentSets = 99;
 
-struct s_CommPorts;
+struct s_CommPort;
+// Records are shared: a call that found a port keeps it alive while it works,
+// even when another thread closes the port meanwhile.
+using PortRef = std::shared_ptr<s_CommPort>;
 
-// One opened instrument: directly on a serial port, or daisy-chained behind
-// one (then `parent` is the port's record and `fd` is the parent's).
+// A list of records that owns them. Its structure is read and changed only
+// under the registry lock, through the PortsList_ operations.
+struct s_CommPorts {
+  std::vector<PortRef> records;
+};
+
+// One opened instrument: directly on a serial port (a master), or
+// daisy-chained behind one (then `parent` is the master's record).
+//
+// Who may touch what:
+// - `devicePath`, `serialNumber` and `parent` are set when the record is made
+//   and never change; any thread may read them.
+// - `baudrate` and `autoResponseTimeout` are read by queries that do not
+//   take the line, so they are atomic.
+// - `errorText` is read and written under the error lock (frame/errors).
+// - Everything else, the chain and the records in it included, belongs to
+//   whoever holds the master's line (LockLine); the descriptor is closed, and
+//   `fd` set to -1, only under it.
 struct s_CommPort {
-  int fd = -1;
+  int fd = -1;  // -1 once the port is closed; a chained record copies its master's
   FixedText<254> devicePath;
   FixedText<20> deviceIdText;
   FixedText<15> serialNumber;
@@ -39,7 +59,7 @@ struct s_CommPort {
   FixedText<20> firmwareText;
   int firmwareNumber = -1;
   FixedText<10> eotFormat;  // end-of-response marker
-  int baudrate = 0;
+  std::atomic<int> baudrate{0};
   double charTimeMs = 0.15;
   int numFibers = -1;
   std::array<FiberSettings, kAdjustmentSets> fiberSettings{};
@@ -53,56 +73,51 @@ struct s_CommPort {
   int captureState = 0;  // 1 after a sequence capture, 0 after any other capture
   std::string lastResponse;
   FixedText<512> errorText;
-  bool autoResponseTimeout = true;
-  std::unique_ptr<std::thread> triggerThread;
-  std::atomic<int> triggerState{0};
-  std::atomic<bool> triggerAbort{false};
-  int triggerPreDelay = 0;
-  int triggerPostDelay = 0;
-  s_CommPort* prev = nullptr;
-  s_CommPort* next = nullptr;
-  std::unique_ptr<s_CommPorts> chain;
+  std::atomic<bool> autoResponseTimeout{true};
+  s_CommPorts chain;
   s_CommPort* parent = nullptr;
-  s_CommPort* busOwner = nullptr;  // who holds this port's line now
+  s_CommPort* busOwner = nullptr;  // who holds this master's line now
   int busState = 1;                // 1: the master holds its line
+  std::mutex lineMutex;            // of a master: one exchange at a time
 
   // Makes `set` the current adjustment set and forgets what was cached for it.
   void SelectAdjustmentSet(int set);
-};
-
-// A doubly linked list that owns its records.
-struct s_CommPorts {
-  int count = 0;
-  s_CommPort* first = nullptr;
-  s_CommPort* last = nullptr;
-
-  s_CommPorts() = default;
-  s_CommPorts(const s_CommPorts&) = delete;
-  s_CommPorts& operator=(const s_CommPorts&) = delete;
-  ~s_CommPorts();
+  // Sets the firmware text and the number derived from it, always together.
+  void SetFirmware(std::string_view text, std::size_t maxLength = 19);
+  // The record of the physical port: the parent of a chained record, else itself.
+  s_CommPort* Master() { return parent != nullptr ? parent : this; }
 };
 
 // A firmware text as a number: -1 when empty, 999 for beta versions (second
 // character 'B'), else its digits.
 int FirmwareNumberOf(std::string_view firmwareText);
 
+// Takes the line of `port`'s master: exchanges on one serial line never
+// interleave, and the line is not closed while it is held.
+std::unique_lock<std::mutex> LockLine(s_CommPort& port);
+
 // The directly opened ports of the process.
 extern s_CommPorts OpenedPorts;
 
-int PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,
-                  std::string_view serialNumber, std::string_view firmwareText,
-                  std::string_view eotFormat, int baudrate, double charTimeMs);
-s_CommPort* PortsList_GetBySerialNumber(s_CommPorts* list, std::string_view serialNumber);
-s_CommPort* PortsList_GetByDevPath(std::string_view devicePath);
-s_CommPort* PortsList_GetByHandler(const int& fd);
-s_CommPort* PortsList_GetByIndex(s_CommPorts* list, int index);
-// The records of `list` in order, taken under the list's lock.
-std::vector<s_CommPort*> PortsList_All(s_CommPorts* list);
-void PortsList_Del(s_CommPorts* list, s_CommPort* port);
+// Adds a record at the end of `list`; null when memory ran out.
+PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,
+                      std::string_view serialNumber, std::string_view firmwareText,
+                      std::string_view eotFormat, int baudrate, double charTimeMs);
+// Serial numbers are compared without regard to letter case.
+PortRef PortsList_GetBySerialNumber(const s_CommPorts* list, std::string_view serialNumber);
+// Searches the opened ports; paths are compared exactly.
+PortRef PortsList_GetByDevPath(std::string_view devicePath);
+PortRef PortsList_GetByIndex(const s_CommPorts* list, int index);
+int PortsList_Count(const s_CommPorts* list);
+// The records of `list` in order.
+std::vector<PortRef> PortsList_All(const s_CommPorts* list);
+// Removes `port` (a master with its chain); false when it was not in `list`.
+// The caller holds the master's line. The descriptor is not closed here.
+bool PortsList_Del(s_CommPorts* list, const s_CommPort* port);
 void PortsList_DelBySerialNumber(s_CommPorts* list, std::string_view serialNumber);
 void PortsList_DelByDevPath(s_CommPorts* list, std::string_view devicePath);
 void PortsList_DelByIndex(s_CommPorts* list, int index);
-void PortsList_Swap(s_CommPorts* list, s_CommPort* a, s_CommPort* b);
+void PortsList_Swap(s_CommPorts* list, const s_CommPort* a, const s_CommPort* b);
 
 // One device of a project file: the ID a host addresses it by.
 struct s_IDPort {
@@ -113,11 +128,10 @@ struct s_IDPort {
   bool chained = false;
 };
 
-extern std::vector<s_IDPort> lstIDtoPort;
-
-const s_IDPort* IDtoPortList_GetPortByDeviceID(const std::vector<s_IDPort>& table,
-                                               std::string_view deviceID);
-const s_IDPort* IDtoPortList_GetByDevPath(const std::vector<s_IDPort>& table,
-                                          std::string_view devicePath);
+// The table of project devices (lstIDtoPort); look-ups return copies.
+void IDtoPortList_Add(const s_IDPort& row);
+void IDtoPortList_Clear();
+std::optional<s_IDPort> IDtoPortList_GetPortByDeviceID(std::string_view deviceID);
+std::optional<s_IDPort> IDtoPortList_GetByDevPath(std::string_view devicePath);
 
 }  // namespace zeltocom

@@ -77,6 +77,11 @@ void UpdateBaudrateForPort(std::string_view devicePath, std::string_view serialN
   lstPortBaudrates.push_back(row);
 }
 
+void ForgetBaudrates() {
+  std::lock_guard lock(baudMutex);
+  lstPortBaudrates.clear();
+}
+
 int ChangePortBaudrate(s_CommPort* port, std::string_view text) {
   port->baudrate = static_cast<int>(ParseLong(text));
   if (RS232ChangeBaudrate1(port->fd, port->baudrate) == 0) return 0;

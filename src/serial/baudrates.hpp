@@ -25,6 +25,8 @@ std::vector<int> RateSearchOrder(long remembered);
 long GetBaudrateForPort(std::string_view devicePath);
 long GetBaudrateForSN(std::string_view serialNumber, std::string* devicePath);
 void UpdateBaudrateForPort(std::string_view devicePath, std::string_view serialNumber, long baud);
+// Forgets every remembered rate, as at the start of the process.
+void ForgetBaudrates();
 
 // Switches the open line of `port` to the rate given in `text` (its digits);
 // 0 on success, -1 when no way of setting the rate worked.

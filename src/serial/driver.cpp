@@ -1,18 +1,22 @@
 #include "serial/driver.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <thread>
+#include <cerrno>
+#include <climits>
+#include <cmath>
 #include <utility>
 
 #include "frame/clock.hpp"
-#include "frame/registry.hpp"
-#include "frame/utils.hpp"
+#include "serial/baudrates.hpp"
 #include "serial/line_flags.hpp"
 #include "serial/termios2.hpp"
 
@@ -21,6 +25,9 @@ namespace zeltocom {
 namespace {
 
 enum class Way { Applied, Failed, Unavailable };
+
+// How long stale input is drained before a command, at most.
+constexpr double kDrainLimitMs = 1000;
 
 speed_t StandardSpeedCode(int baud) {
   static constexpr std::array<std::pair<int, speed_t>, 8> kCodes = {{
@@ -106,36 +113,111 @@ Way ConfigureFallback(int& fd) {
   return tcsetattr(fd, TCSANOW, &t) == 0 ? Way::Applied : Way::Failed;
 }
 
-int CloseAndFail(int fd) {
+int CloseAndFail(int fd, int result = 0) {
   close(fd);
-  return 0;
+  return result;
 }
 
-// Any write ends a trigger listen on the same line: the listener must not
-// read the answer meant for this command.
-void StopTriggerListenerOf(int& fd) {
-  s_CommPort* port = PortsList_GetByHandler(fd);
-  if (port == nullptr || !port->triggerThread || port->triggerState != 1) return;
-  if (port->triggerThread->get_id() == std::this_thread::get_id()) return;
-  port->triggerAbort = true;
-  if (port->triggerThread->joinable()) port->triggerThread->join();
-  while (port->triggerState == 1) {
+// Another process that opened the port first keeps it: configuring the line
+// under it would disturb its exchanges, and the two would interleave.
+bool ClaimExclusively(int fd) {
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) return false;
+  ioctl(fd, TIOCEXCL);  // refused by some devices; the advisory lock holds anyway
+  return true;
+}
+
+bool LineGoneError(int error) { return error == EIO || error == ENXIO || error == ENODEV; }
+
+// What one look at the line brought.
+struct Intake {
+  std::size_t bytes = 0;
+  bool gone = false;  // hung up, unplugged or closed under us
+};
+
+// Waits up to `waitMs` (0: not at all) for input and reads what is there.
+Intake ReadAvailable(int fd, char* buffer, std::size_t size, int waitMs) {
+  pollfd p{fd, POLLIN, 0};
+  const int ready = poll(&p, 1, waitMs);
+  if (ready < 0) return Intake{0, errno != EINTR};
+  if (ready == 0) return {};
+  if ((p.revents & POLLIN) != 0) {
+    const ssize_t n = read(fd, buffer, size);
+    if (n > 0) return Intake{static_cast<std::size_t>(n), false};
+    // Readable but nothing to read is the end of file of a hung-up line.
+    if (n == 0) return Intake{0, true};
+    return Intake{0, errno != EAGAIN && errno != EINTR};
   }
-  PurgePort(fd);
+  return Intake{0, (p.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0};
 }
 
 void DiscardPendingInput(int fd) {
   int waiting = 0;
   if (ioctl(fd, FIONREAD, &waiting) != 0 || waiting <= 0) return;
-  char scratch[40];
-  while (read(fd, scratch, sizeof scratch) > 0) delayms(10);
+  const double giveUp = ClockMs() + kDrainLimitMs;
+  char scratch[1024];
+  for (;;) {
+    const Intake in = ReadAvailable(fd, scratch, sizeof scratch, 0);
+    if (in.gone) throw LineError("Device disconnected");
+    if (in.bytes == 0) return;
+    if (ClockMs() > giveUp) throw LineError("The line does not stop sending");
+    delayms(10);
+  }
+}
+
+// Looks at each received byte once: end marker, syntax-error replies and
+// line feeds are found in the new bytes only (with the few bytes before them
+// that a match may start in).
+class AnswerScanner {
+ public:
+  explicit AnswerScanner(std::string_view marker)
+      : marker_(marker),
+        syntaxError1_("SYNTAX ERROR" + marker_),
+        syntaxError2_("ERROR: SYNTAX" + marker_) {}
+
+  void Scan(const std::string& text, std::size_t newFrom) {
+    const std::string_view added = std::string_view(text).substr(newFrom);
+    lineFeeds_ += static_cast<int>(std::ranges::count(added, '\n'));
+    if (!markerSeen_) markerSeen_ = FoundSince(text, marker_, newFrom);
+    if (text.size() > 13 && !syntaxError_) {
+      syntaxError_ =
+          FoundSince(text, syntaxError1_, newFrom) || FoundSince(text, syntaxError2_, newFrom);
+    }
+  }
+  bool markerSeen() const { return markerSeen_; }
+  bool syntaxError() const { return syntaxError_; }
+  int lineFeeds() const { return lineFeeds_; }
+
+ private:
+  static bool FoundSince(const std::string& text, const std::string& what, std::size_t newFrom) {
+    const std::size_t from = newFrom >= what.size() ? newFrom - what.size() + 1 : 0;
+    return text.find(what, from) != std::string::npos;
+  }
+
+  std::string marker_;
+  std::string syntaxError1_;
+  std::string syntaxError2_;
+  bool markerSeen_ = false;
+  bool syntaxError_ = false;
+  int lineFeeds_ = 0;
+};
+
+double LineCharTimeMs(int fd) {
+  const int baud = LineBaudrate(fd);
+  return CharTimeMs(baud > 0 ? baud : 9600);
+}
+
+int WaitSliceMs(double untilMs) {
+  const double left = std::ceil(untilMs - ClockMs()) + 1;
+  return static_cast<int>(std::clamp(left, 0.0, static_cast<double>(INT_MAX)));
 }
 
 }  // namespace
 
 int RS232OpenPort(int& fd, const std::string& path, int baud) {
   fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) return 0;
+  if (fd < 0) return errno == EBUSY ? kPortBusy : 0;
+  if (!ClaimExclusively(fd)) return CloseAndFail(fd, kPortBusy);
+  SetLowLatency(fd);
 
   Way way = ConfigureStandardSpeed(fd, baud);
   if (way == Way::Unavailable) way = ConfigureCustomDivisor(fd, baud);
@@ -158,7 +240,6 @@ int RS232ChangeBaudrate3(int& fd) {
 }
 
 int RS232SendCommand(int& fd, std::string_view command) {
-  StopTriggerListenerOf(fd);
   DiscardPendingInput(fd);
 
   std::string line(command);
@@ -173,6 +254,7 @@ int RS232SendCommand(int& fd, std::string_view command) {
       written += static_cast<std::size_t>(n);
       continue;
     }
+    if (n < 0 && LineGoneError(errno)) throw LineError("Device disconnected");
     delayms(2);
     if (++failures >= 30) return 0;
   }
@@ -188,51 +270,65 @@ void TrimAnswerEnd(std::string& text) {
 
 int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::string_view marker,
                      bool trim, bool multiLine, int lineCount) {
-  const std::string end = marker.empty() ? std::string("\r\n") : std::string(marker.substr(0, 9));
-  const std::string syntaxError1 = "SYNTAX ERROR" + end;
-  const std::string syntaxError2 = "ERROR: SYNTAX" + end;
+  // The end text is waited for whole, however it arrives.
+  AnswerScanner scan(marker.empty() ? std::string_view("\r\n") : marker);
   std::string& text = response->data;
   text.clear();
   response->elapsedMs = 0;
   response->syntaxError = false;
 
+  const bool blocking = BlockingWaits();
+  // Generous enough for any legitimate answer, finite for a line that keeps
+  // trickling or streaming.
+  const double lineTimeMs = LineCharTimeMs(fd);
+  const double begin = ClockMs();
+  double lastByte = begin;
+  double elapsed = 0;
+  bool late = false;
   // Reads start small and grow with the answer, so that short replies are
-  // not over-read and long spectra arrive in few calls.
+  // not over-read and long ones arrive in few calls.
   std::size_t capacity = 100;
   std::size_t readSize = 20;
   char chunk[250];
-  bool markerSeen = false;
-  bool late = false;
-  double start = ClockMs();
-  double elapsed = 0;
   for (;;) {
-    const ssize_t n = read(fd, chunk, readSize);
-    if (n > 0) {
-      text.append(chunk, static_cast<std::size_t>(n));
-      start = ClockMs();
+    const bool quietEnds = !text.empty() && (scan.markerSeen() || multiLine) && lineCount == 0;
+    const double capMs = timeoutMs + 2 * lineTimeMs * static_cast<double>(text.size()) + 1000;
+    double until = std::min(lastByte + static_cast<double>(timeoutMs), begin + capMs);
+    if (quietEnds) until = std::min(until, lastByte + 200);
+    const Intake in = ReadAvailable(fd, chunk, readSize, blocking && !late ? WaitSliceMs(until) : 0);
+    if (in.gone) throw LineError("Device disconnected");
+    const double now = ClockMs();
+    if (in.bytes > 0) {
+      const std::size_t newFrom = text.size();
+      text.append(chunk, in.bytes);
+      if (text.size() > kMaxAnswerBytes) throw LineError("Answer too long");
+      scan.Scan(text, newFrom);
+      lastByte = now;
       late = false;
       if (text.size() >= capacity - 1 - readSize) {
         readSize = readSize < 200 ? readSize + 50 : 250;
         capacity += capacity <= 511 ? 512 : 1024;
       }
-      if (text.size() > 13 && (Contains(text, syntaxError1) || Contains(text, syntaxError2))) {
+      if (scan.syntaxError()) {
         response->syntaxError = true;
-        elapsed = ClockMs() - start;
         break;
       }
-      markerSeen = Contains(text, end);
-    } else {
-      // Still polling, but let the instruments' side and other ports' workers
-      // run first when they are waiting for this processor.
+    } else if (!blocking) {
+      // Still polling, but let the instruments' side and other ports'
+      // workers run first when they are waiting for this processor.
       sched_yield();
     }
-    elapsed = ClockMs() - start;
+    elapsed = now - lastByte;
     if (!text.empty()) {
-      if (markerSeen && !multiLine) break;
-      if (markerSeen || multiLine) {
-        if (lineCount > 0 && strcountchar(text, '\n') >= lineCount) break;
+      if (scan.markerSeen() && !multiLine) break;
+      if (scan.markerSeen() || multiLine) {
+        if (lineCount > 0 && scan.lineFeeds() >= lineCount) break;
         if (lineCount == 0 && elapsed > 200) break;
       }
+    }
+    if (now - begin > capMs) {
+      elapsed = std::max(elapsed, static_cast<double>(timeoutMs));
+      break;
     }
     if (elapsed > timeoutMs) {
       if (late) break;
@@ -256,7 +352,8 @@ int RS232_FlushBuffers(int& fd) { return tcflush(fd, TCIOFLUSH); }
 
 int RS232ClosePort(int& fd) {
   PurgePort(fd);
-  const int result = close(fd);
+  ioctl(fd, TIOCNXCL);
+  const int result = close(fd);  // also releases the advisory lock
   fd = -1;
   return result;
 }

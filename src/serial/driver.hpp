@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -13,8 +14,23 @@ struct t_comresponse {
   bool syntaxError = false;
 };
 
-// Opens `path` raw at `baud`; 1 when open and configured, else 0 with the
-// descriptor closed again.
+// A line that cannot carry an exchange any more: unplugged, sending without
+// pause, or answering without end. Thrown by the driver; the call that was
+// using the line fails with its text.
+struct LineError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The longest answer a wait takes in; a longer one ends it ("Answer too long").
+inline constexpr std::size_t kMaxAnswerBytes = std::size_t{1} << 20;
+
+// RS232OpenPort's result when another process holds the port.
+inline constexpr int kPortBusy = -1;
+
+// Opens `path` raw at `baud`, for this process alone (an exclusive advisory
+// lock and, where the device allows it, exclusive mode). 1 when open and
+// configured; kPortBusy when another process uses the port; else 0. On
+// failure the descriptor is closed again.
 int RS232OpenPort(int& fd, const std::string& path, int baud);
 // Custom divisor, arbitrary rate (termios2), and the fixed 57600 fallback: 0 or -1.
 int RS232ChangeBaudrate1(int& fd, int baud);
@@ -22,19 +38,23 @@ int RS232ChangeBaudrate2(int& fd, int baud);
 int RS232ChangeBaudrate3(int& fd);
 
 // Writes `command` followed by CR LF after discarding whatever waits in the
-// input; 1 when the whole line went out.
+// input; 1 when the whole line went out, else 0. Throws LineError when the
+// line is gone or does not stop sending.
 int RS232SendCommand(int& fd, std::string_view command);
 
 // Collects an answer until `marker` (CR LF when empty), a line count, a quiet
 // period or an idle time-out of `timeoutMs`. With `multiLine` the marker
 // alone does not end the wait: `lineCount` > 0 waits for that many line
-// feeds, 0 for 200 ms of quiet, < 0 for the time-out. Returns 1 (0 only when
-// no memory could be had).
+// feeds, 0 for 200 ms of quiet, < 0 for the time-out. A wait that goes on for
+// longer than the time-out, plus twice the line time of what it received,
+// plus a second, ends as late. Returns 1; throws LineError when the line is
+// gone or the answer grows beyond kMaxAnswerBytes.
 int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::string_view marker,
                      bool trim, bool multiLine = false, int lineCount = 0);
 
 void PurgePort(int& fd);
 int RS232_FlushBuffers(int& fd);
+// Discards both queues, gives up the exclusive access and closes.
 int RS232ClosePort(int& fd);
 // Serial drivers here need no event character; kept for instruments that end
 // their answers with 0x04.

@@ -62,6 +62,19 @@ int ApplyRawArbitraryRate(int fd) {
   return ioctl(fd, TCSETS2, &t) == 0 ? 1 : 0;
 }
 
+void SetLowLatency(int fd) {
+  struct serial_struct serial {};
+  if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return;
+  serial.flags |= ASYNC_LOW_LATENCY;
+  ioctl(fd, TIOCSSERIAL, &serial);
+}
+
+int LineBaudrate(int fd) {
+  struct termios2 t {};
+  if (ioctl(fd, TCGETS2, &t) != 0) return -1;
+  return static_cast<int>(t.c_ospeed);
+}
+
 int SerialPortType(int fd) {
   struct serial_struct serial {};
   if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return -1;

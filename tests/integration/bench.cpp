@@ -1,18 +1,51 @@
 #include "bench.hpp"
 
 #include <cstdlib>
+#include <cstring>
 
-#include "frame/registry.hpp"
+#include "frame/errors.hpp"
 #include "frame/utils.hpp"
+#include "serial/baudrates.hpp"
+#include "serial/enumerate.hpp"
+
+namespace {
+
+int EnvInt(const char* name, int fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr && value[0] != '\0' ? std::atoi(value) : fallback;
+}
+
+}  // namespace
 
 void SimBench::SetUp() {
   // Never let a test fall back to scanning the machine's own ports.
   setenv("ZELTOCOM_PORTS", ";", 1);
+  ZeltoCom_CloseAll();
+  zeltocom::ForgetBaudrates();
+  zeltocom::SetDetectedPorts({});
+  zeltocom::FirstDetectionDone = false;
+  zeltocom::IDtoPortList_Clear();
+  zeltocom::SetError(nullptr, "");
+  ZeltoCom_SetResponseTimeout(2500);
+  ZeltoCom_SetResponseBufferSize(0);
 }
 
 void SimBench::TearDown() {
   ZeltoCom_CloseAll();
   ports_.clear();
+}
+
+zeltosim::LineOptions SimBench::BenchLine() {
+  zeltosim::LineOptions line;
+  line.baud = EnvInt("ZELTOCOM_TEST_BAUD", 57600);
+  line.lineDelay = EnvInt("ZELTOCOM_TEST_PACED", 0) != 0;
+  return line;
+}
+
+zeltosim::LineOptions SimBench::At(int baud) {
+  zeltosim::LineOptions line = BenchLine();
+  line.baud = baud;
+  return line;
 }
 
 zeltosim::SimPort& SimBench::AddPort(zeltosim::Config config, zeltosim::LineOptions line) {
@@ -44,7 +77,7 @@ std::string SimBench::PortError(const zeltosim::SimPort& port) {
   return ZeltoCom_GetError_DescriptionByPort(port.path().c_str(), buffer);
 }
 
-zeltocom::s_CommPort* SimBench::Record(const zeltosim::SimPort& port) {
+zeltocom::PortRef SimBench::Record(const zeltosim::SimPort& port) {
   return zeltocom::PortsList_GetByDevPath(port.path());
 }
 
@@ -58,19 +91,24 @@ std::vector<int> SimBench::SpeedsOf(const zeltosim::SimPort& port, const std::st
   return speeds;
 }
 
+std::vector<std::string> SimBench::Sent(const zeltosim::SimPort& port) {
+  std::vector<std::string> sent;
+  for (const zeltosim::ReceivedLine& line : port.lineLog()) sent.push_back(line.text);
+  return sent;
+}
+
 zeltosim::Config Analyser(const std::string& serial, int fibers) {
   zeltosim::Config config;
   config.serial = serial;
   config.hardware = "Zelto 05-P";
   config.fibers.assign(static_cast<std::size_t>(fibers), zeltosim::Fiber{});
   config.captureTimeScale = 0.1;
+  config.eot = EnvInt("ZELTOCOM_TEST_EOT", 0) != 0;
   return config;
 }
 
 zeltosim::Config Spectrometer(const std::string& serial, const std::string& hardware) {
-  zeltosim::Config config;
-  config.serial = serial;
+  zeltosim::Config config = Analyser(serial, 0);
   config.hardware = hardware;
-  config.captureTimeScale = 0.1;
   return config;
 }

@@ -6,32 +6,42 @@
 #include <string>
 #include <vector>
 
+#include "frame/registry.hpp"
+#include "support/lines.hpp"
 #include "zeltocom.h"
 #include "zeltosim/zeltosim.hpp"
 
-namespace zeltocom {
-struct s_CommPort;
-}
-
 // A test bench of simulated instruments. The library sees exactly the ports
-// of the bench (through ZELTOCOM_PORTS), never the machine's serial ports.
+// of the bench (through ZELTOCOM_PORTS), never the machine's serial ports,
+// and every test starts from the state of a freshly loaded library.
+//
+// The line of the bench's instruments can be varied for a whole run:
+// ZELTOCOM_TEST_BAUD (their rate, default 57600), ZELTOCOM_TEST_EOT=1 (they
+// end answers with 0x04) and ZELTOCOM_TEST_PACED=1 (they write byte by byte
+// at the line rate). Tests that need a particular line say so.
 class SimBench : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
-  zeltosim::SimPort& AddPort(zeltosim::Config config, zeltosim::LineOptions line = {});
+  zeltosim::SimPort& AddPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
   // Names the bench's ports in ZELTOCOM_PORTS and enumerates them.
   void Publish();
   // Adds, publishes and opens one instrument at its own rate.
-  zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = {});
+  zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
 
   static std::string LastError();
   static std::string PortError(const zeltosim::SimPort& port);
   // The library's record of an open port.
-  static zeltocom::s_CommPort* Record(const zeltosim::SimPort& port);
+  static zeltocom::PortRef Record(const zeltosim::SimPort& port);
   // The speeds at which `command` arrived, in order.
   static std::vector<int> SpeedsOf(const zeltosim::SimPort& port, const std::string& command);
+  // The lines that arrived, in order.
+  static std::vector<std::string> Sent(const zeltosim::SimPort& port);
+
+  // The line of this run's instruments, and the same at another rate.
+  static zeltosim::LineOptions BenchLine();
+  static zeltosim::LineOptions At(int baud);
 
   std::vector<std::unique_ptr<zeltosim::SimPort>> ports_;
 };

@@ -13,40 +13,43 @@ class BusTest : public SimBench {
   void SetUp() override {
     SimBench::SetUp();
     zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
-    port.chain(Analyser("CHAIN01"));
+    zeltosim::Config withoutEot = Analyser("CHAIN01");
+    withoutEot.eot = false;
+    port.chain(withoutEot);
     zeltosim::Config withEot = Analyser("CHAIN02");
     withEot.eot = true;
     port.chain(withEot);
     Publish();
-    ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 1) << LastError();
+    ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
     master_ = Record(port);
     port.clearLog();
   }
   zeltosim::SimPort& Port() { return *ports_.front(); }
   int BusGet(const char* serial) {
     t_comresponse response;
-    return CMD_BusGet(master_, serial, &response);
+    return CMD_BusGet(master_.get(), serial, &response);
   }
-  s_CommPort* master_ = nullptr;
+  int ChainLength() const { return PortsList_Count(&master_->chain); }
+  PortRef master_;
 };
 
 }  // namespace
 
 TEST_F(BusTest, AChainedInstrumentIsLearntAndHoldsTheLine) {
   ASSERT_EQ(BusGet("chain01"), 1);
-  ASSERT_EQ(master_->chain->count, 1);
-  s_CommPort* chained = master_->chain->first;
+  ASSERT_EQ(ChainLength(), 1);
+  const PortRef chained = PortsList_GetByIndex(&master_->chain, 0);
   EXPECT_EQ(chained->serialNumber.view(), "CHAIN01");
-  EXPECT_EQ(chained->parent, master_);
+  EXPECT_EQ(chained->parent, master_.get());
   EXPECT_EQ(chained->fd, master_->fd);
-  EXPECT_EQ(chained->baudrate, master_->baudrate);
+  EXPECT_EQ(chained->baudrate.load(), master_->baudrate.load());
   EXPECT_EQ(chained->eotFormat.view(), "\r\n");
-  EXPECT_EQ(master_->busOwner, chained);
+  EXPECT_EQ(master_->busOwner, chained.get());
   EXPECT_EQ(master_->busState, 0);
 
   // Asking again for the holder costs no traffic.
   t_comresponse response;
-  EXPECT_EQ(CMD_BusGet(chained, "CHAIN01", &response), 1);
+  EXPECT_EQ(CMD_BusGet(chained.get(), "CHAIN01", &response), 1);
   EXPECT_EQ(response.data, "OK");
   EXPECT_EQ(Port().countReceived("BUSGETCHAIN01"), 1);
 }
@@ -54,7 +57,7 @@ TEST_F(BusTest, AChainedInstrumentIsLearntAndHoldsTheLine) {
 TEST_F(BusTest, SwitchingHoldersFreesTheLineFirst) {
   ASSERT_EQ(BusGet("CHAIN01"), 1);
   ASSERT_EQ(BusGet("CHAIN02"), 1);
-  EXPECT_EQ(master_->chain->count, 2);
+  EXPECT_EQ(ChainLength(), 2);
   EXPECT_EQ(master_->busOwner->serialNumber.view(), "CHAIN02");
   EXPECT_EQ(master_->busOwner->eotFormat.view(), "\r\n\x04");
   std::vector<std::string> sent;
@@ -63,7 +66,7 @@ TEST_F(BusTest, SwitchingHoldersFreesTheLineFirst) {
 
   // Back to a known instrument: its own end marker is used, no new record.
   ASSERT_EQ(BusGet("CHAIN01"), 1);
-  EXPECT_EQ(master_->chain->count, 2);
+  EXPECT_EQ(ChainLength(), 2);
 }
 
 TEST_F(BusTest, TheMastersOwnSerialKeepsTheLineFree) {
@@ -74,29 +77,29 @@ TEST_F(BusTest, TheMastersOwnSerialKeepsTheLineFree) {
   ASSERT_EQ(BusGet("CHAIN01"), 1);
   ASSERT_EQ(BusGet("MASTER1"), 1);
   EXPECT_EQ(Port().countReceived("BUSGETMASTER1"), 1);
-  EXPECT_EQ(master_->busOwner, master_);
+  EXPECT_EQ(master_->busOwner, master_.get());
   EXPECT_EQ(master_->busState, 1);
-  EXPECT_EQ(master_->chain->count, 1);
+  EXPECT_EQ(ChainLength(), 1);
 }
 
 TEST_F(BusTest, ARefusalLeavesThePictureUnchanged) {
   ASSERT_EQ(BusGet("CHAIN01"), 1);
   Port().clearLog();
   EXPECT_EQ(BusGet("NOSUCH9"), 0);
-  EXPECT_EQ(master_->busOwner, master_);
+  EXPECT_EQ(master_->busOwner, master_.get());
   // The previous holder was asked to free the line, then the refused one.
   EXPECT_EQ(Port().countReceived("BUSGETNOSUCH9"), 1);
   EXPECT_EQ(Port().countReceived("BUSFREE"), 2);
-  EXPECT_EQ(master_->chain->count, 1);
+  EXPECT_EQ(ChainLength(), 1);
 }
 
 TEST_F(BusTest, ARefusalFromAFreeLineSendsOneBusFree) {
   SetError(nullptr, "");
   EXPECT_EQ(BusGet("NOSUCH9"), 0);
   EXPECT_EQ(Port().countReceived("BUSFREE"), 1);
-  EXPECT_EQ(master_->busOwner, master_);
+  EXPECT_EQ(master_->busOwner, master_.get());
   EXPECT_EQ(master_->busState, 1);
-  EXPECT_EQ(master_->chain->count, 0);
+  EXPECT_EQ(ChainLength(), 0);
   EXPECT_EQ(LastError(), "");
 }
 

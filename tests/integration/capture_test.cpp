@@ -1,31 +1,20 @@
 // LED analyser and spectrometer captures.
-#include <chrono>
-
 #include "bench.hpp"
 #include "frame/registry.hpp"
 
-using Clock = std::chrono::steady_clock;
+using testlines::Clock;
+using testlines::MsSince;
 
 namespace {
 
 class CaptureTest : public SimBench {
  protected:
-  zeltosim::SimPort& Open(zeltosim::Config config) {
-    zeltosim::SimPort& port = OpenPort(std::move(config));
+  zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = BenchLine()) {
+    zeltosim::SimPort& port = OpenPort(std::move(config), line);
     port.clearLog();
     return port;
   }
-  std::vector<std::string> Sent(const zeltosim::SimPort& port) {
-    std::vector<std::string> sent;
-    for (const zeltosim::ReceivedLine& line : port.lineLog()) sent.push_back(line.text);
-    return sent;
-  }
 };
-
-long MsSince(Clock::time_point start) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
 
 }  // namespace
 
@@ -174,6 +163,18 @@ TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
   EXPECT_EQ(LastError(), "Syntax error");
 }
 
+TEST_F(CaptureTest, WithoutTheAutomaticTimeOutASpectrumIsStillTaken) {
+  zeltosim::SimPort& port = Open(Spectrometer("SP0002", "Zelto 01-W2"));
+  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 1, 5.0f), 1) << LastError();
+  EXPECT_EQ(port.master().captures(), 1);
+  EXPECT_EQ(port.master().lastCaptureCommand(), "C5000");
+  EXPECT_EQ(port.countReceived("PUTPWM1"), 1);
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 1) << LastError();
+  EXPECT_EQ(port.master().captures(), 2);
+  EXPECT_EQ(port.master().lastCaptureCommand(), "C");
+}
+
 TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
   zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
   port.master().setCaptureCondition("NOT STABLE");
@@ -203,6 +204,14 @@ TEST_F(CaptureTest, DarkIsAnnouncedThenReported) {
   EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK250");
   ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0), 1) << LastError();
   EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK");
+  EXPECT_EQ(port.countReceived("I"), 0);
+}
+
+TEST_F(CaptureTest, ADarkAnnouncementArrivingByteByByteIsReadWhole) {
+  zeltosim::LineOptions slowLine = At(9600);
+  slowLine.lineDelay = true;
+  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"), slowLine);
+  EXPECT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 50.0f), 1) << LastError();
   EXPECT_EQ(port.countReceived("I"), 0);
 }
 

@@ -1,22 +1,16 @@
 // Opening, closing and the port queries, over simulated instruments.
-#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include "bench.hpp"
 #include "frame/registry.hpp"
 
+using zeltocom::OpenedPorts;
+using zeltocom::PortsList_Count;
 using zeltosim::Config;
 using zeltosim::Fault;
 using zeltosim::LineOptions;
-
-namespace {
-
-LineOptions At(int baud) {
-  LineOptions line;
-  line.baud = baud;
-  return line;
-}
-
-}  // namespace
 
 using OpenTest = SimBench;
 
@@ -38,7 +32,7 @@ TEST_F(OpenTest, FixedRateMismatchFailsWithoutARecord) {
   Publish();
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
   EXPECT_EQ(LastError(), "Unable to communicate with device");
-  EXPECT_EQ(zeltocom::OpenedPorts.count, 0);
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 14400), -1);
   EXPECT_EQ(LastError(), "Invalid baud-rate");
 }
@@ -83,7 +77,7 @@ TEST_F(OpenTest, AnEchoingLineIsNoInstrument) {
   config.fault = Fault::Echo;
   zeltosim::SimPort& port = AddPort(config);
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
   EXPECT_EQ(LastError(), "Unable to communicate with device");
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
   EXPECT_EQ(LastError(), "Unable to open port");
@@ -100,8 +94,10 @@ TEST_F(OpenTest, AnInstrumentWithoutBusCommandsStillOpens) {
 TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
   Config withEot = Analyser("ZSEOT1");
   withEot.eot = true;
+  Config withoutEot = Analyser("ZSPLN1");
+  withoutEot.eot = false;
   zeltosim::SimPort& eot = AddPort(withEot, At(230400));
-  zeltosim::SimPort& plain = AddPort(Analyser("ZSPLN1"), At(230400));
+  zeltosim::SimPort& plain = AddPort(withoutEot, At(230400));
   Publish();
   ASSERT_EQ(ZeltoCom_Open(eot.path().c_str(), 230400), 1) << LastError();
   ASSERT_EQ(ZeltoCom_Open(plain.path().c_str(), 230400), 1) << LastError();
@@ -114,16 +110,16 @@ TEST_F(OpenTest, ShortSerialNumbersPassOnlyAtAFixedRate) {
   zeltosim::SimPort& port = AddPort(Analyser("Z12"));
   Publish();
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
 }
 
 TEST_F(OpenTest, ASecondOpenLeavesTheFirstConnectionAlone) {
   zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
   port.clearLog();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
   EXPECT_EQ(LastError(), "The port is already in use");
   EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(zeltocom::OpenedPorts.count, 1);
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
 }
 
 TEST_F(OpenTest, UnknownPathsAndNoPorts) {
@@ -148,7 +144,8 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPort) {
   zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"), At(9600));
   zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(460800));
   Publish();
-  ASSERT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 1) << LastError();
+  // Serial numbers match without regard to letter case, open or not.
+  ASSERT_EQ(ZeltoCom_OpenSN("zsbbbb", 0), 1) << LastError();
   char path[256];
   ASSERT_EQ(ZeltoCom_GetPortBySN(path, "zsbbbb"), 1);
   EXPECT_EQ(path, second.path());
@@ -187,7 +184,7 @@ TEST_F(OpenTest, ClosingByPathSerialAndAll) {
   zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
   zeltosim::SimPort& c = AddPort(Analyser("ZSCCCC"));
   Publish();
-  for (auto* port : {&a, &b, &c}) ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), 57600), 1);
+  for (auto* port : {&a, &b, &c}) ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1);
 
   EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
   EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 0);
@@ -196,15 +193,15 @@ TEST_F(OpenTest, ClosingByPathSerialAndAll) {
   EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
   EXPECT_EQ(result, 1);
   EXPECT_EQ(ZeltoCom_CloseSN("ZSAAAA"), 0);
-  EXPECT_EQ(zeltocom::OpenedPorts.count, 1);
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
   EXPECT_EQ(ZeltoCom_CloseAll(), 1);
-  EXPECT_EQ(zeltocom::OpenedPorts.count, 0);
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
   EXPECT_EQ(ZeltoCom_CloseAll(), 1);
   EXPECT_EQ(ZeltoCom_Close_Multi_Thread(&result, c.path().c_str()), 0);
   EXPECT_EQ(result, 0);
 
   // A closed path opens again.
-  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), 57600), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), c.baud()), 1) << LastError();
 }
 
 TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
@@ -213,7 +210,7 @@ TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
   zeltocom::s_IDPort row;
   row.devicePath.assign(port.path());
   row.deviceID.assign("LEFT-LAMP");
-  zeltocom::lstIDtoPort.push_back(row);
+  zeltocom::IDtoPortList_Add(row);
 
   EXPECT_EQ(ZeltoCom_OpenID("LEFT-LAMP"), 1);
   EXPECT_TRUE(port.lineLog().empty());
@@ -224,5 +221,26 @@ TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
   EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LEFT-LAMP", path)), port.path());
   ZeltoCom_GetPortByID("RIGHT-LAMP", path);
   EXPECT_STREQ(path, "");
-  zeltocom::lstIDtoPort.clear();
+}
+
+TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
+  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
+  Publish();
+  // Another program's open file description with its lock, as a second
+  // process using the library would hold it.
+  const int other = open(port.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+  ASSERT_GE(other, 0);
+  ASSERT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
+  EXPECT_EQ(LastError(), "The port is used by another process");
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
+  EXPECT_EQ(LastError(), "The port is used by another process");
+  EXPECT_TRUE(port.lineLog().empty());
+
+  flock(other, LOCK_UN);
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
+  EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0);
+  ASSERT_EQ(ZeltoCom_Close(port.path().c_str()), 1);
+  EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+  close(other);
 }

@@ -21,8 +21,8 @@ TEST_F(QueriesTest, ListsOfOpenPortsFollowTheOpeningOrder) {
   EXPECT_EQ(LastError(), "No ports have been opened yet");
   EXPECT_STREQ(text, "untouched");
 
-  ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), 57600), 1);
-  ASSERT_EQ(ZeltoCom_Open(a.path().c_str(), 57600), 1);
+  ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), b.baud()), 1);
+  ASSERT_EQ(ZeltoCom_Open(a.path().c_str(), a.baud()), 1);
   EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 2);
   EXPECT_EQ(std::string(text), b.path() + ";" + a.path());
 

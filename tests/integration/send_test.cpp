@@ -1,13 +1,13 @@
 // The generic send: wait rules, errors, and the settings cache following the
 // commands.
-#include <chrono>
-#include <thread>
+#include <cstring>
 
 #include "bench.hpp"
 #include "frame/registry.hpp"
 
-using zeltocom::s_CommPort;
-using Clock = std::chrono::steady_clock;
+using testlines::Clock;
+using testlines::MsSince;
+using zeltocom::PortRef;
 
 namespace {
 
@@ -26,16 +26,17 @@ class SendTest : public SimBench {
     answer_[0] = '\0';
     return ZeltoCom_Send(port.path().c_str(), command, answer_);
   }
+  // These waits apply to instruments that end their answers with CR LF only.
+  static zeltosim::Config PlainAnalyser(int fibers) {
+    zeltosim::Config config = Analyser("ZS0001", fibers);
+    config.eot = false;
+    return config;
+  }
   static int Lines(const std::string& text) {
     return static_cast<int>(std::count(text.begin(), text.end(), '\n')) + (text.empty() ? 0 : 1);
   }
   char answer_[4096] = {};
 };
-
-long MsSince(Clock::time_point start) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
 
 }  // namespace
 
@@ -49,7 +50,7 @@ TEST_F(SendTest, CommandsAreSentAsTypedAndUnderstoodInAnyCase) {
 }
 
 TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001", 3));
+  zeltosim::SimPort& port = Open(PlainAnalyser(3));
   ASSERT_EQ(Send(port, "C4"), 1) << LastError();
   ZeltoCom_SetResponseTimeout(3000);
   const auto start = Clock::now();
@@ -62,7 +63,7 @@ TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
 }
 
 TEST_F(SendTest, GetAllRunningOutStillReturnsTheLines) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001", 2));
+  zeltosim::SimPort& port = Open(PlainAnalyser(2));
   Record(port)->numFibers = 3;
   const auto start = Clock::now();
   EXPECT_EQ(Send(port, "GETXYALL"), 1);
@@ -72,8 +73,8 @@ TEST_F(SendTest, GetAllRunningOutStillReturnsTheLines) {
 }
 
 TEST_F(SendTest, ALateAnswerTeachesTheCacheNothing) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  s_CommPort* record = Record(port);
+  zeltosim::SimPort& port = Open(PlainAnalyser(2));
+  const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "GETFACTOR"), 1);
   ASSERT_EQ(record->fiberSettingsCur->factor, 1);
   // A mirroring line answers "GETFACTORALL" with one line where two are
@@ -90,7 +91,7 @@ TEST_F(SendTest, ALateAnswerTeachesTheCacheNothing) {
 }
 
 TEST_F(SendTest, PagedAnswersEndWhenTheInstrumentFallsSilent) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = Open(PlainAnalyser(2));
   for (const char* command : {"GETSTATUS", "GETINFO", "HELP"}) {
     const auto start = Clock::now();
     ASSERT_EQ(Send(port, command), 1) << command;
@@ -141,7 +142,7 @@ TEST_F(SendTest, SetBaudThatTimesOutStillMovesTheLine) {
 
 TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  s_CommPort* record = Record(port);
+  const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "SETFACTOR3"), 1);
   ASSERT_EQ(Send(port, "putaverage4"), 1);
   EXPECT_EQ(record->adjustmentSet, 0);
@@ -173,12 +174,13 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   zeltosim::Config config = Spectrometer("ZS0001", "Zelto 01-W2");
   config.firmware = "S1.90";
   zeltosim::SimPort& port = Open(config);
-  s_CommPort* record = Record(port);
+  const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "GETHW"), 1);
   EXPECT_EQ(record->hardwareDescriptor.view(), "Zelto 01-W2");
   EXPECT_EQ(record->deviceType, 7);
   ASSERT_EQ(Send(port, "GETVERSION"), 1);
   EXPECT_EQ(record->firmwareText.view(), "S1.90");
+  EXPECT_EQ(record->firmwareNumber, 190);
   // Microseconds on the wire, milliseconds in the cache.
   ASSERT_EQ(Send(port, "PUTCUSTOMTIME0002500"), 1);
   EXPECT_FLOAT_EQ(record->fiberSettingsCur->customTime, 2.5f);
@@ -190,7 +192,7 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
 
 TEST_F(SendTest, ShortCaptureCommandsClearTheSequenceState) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  s_CommPort* record = Record(port);
+  const PortRef record = Record(port);
   for (const char* command : {"C", "C6", "c6pwm"}) {
     record->captureState = 1;
     ASSERT_EQ(Send(port, command), 1) << command;
@@ -234,11 +236,10 @@ TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
   zeltocom::s_IDPort row;
   row.devicePath.assign(port.path());
   row.deviceID.assign("LAMP");
-  zeltocom::lstIDtoPort.push_back(row);
+  zeltocom::IDtoPortList_Add(row);
   EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
   EXPECT_EQ(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer), -1);
   EXPECT_EQ(LastError(), "ID not found");
-  zeltocom::lstIDtoPort.clear();
 
   EXPECT_EQ(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1), -1);
   EXPECT_EQ(LastError(), "The port is not in use");
@@ -250,7 +251,7 @@ TEST_F(SendTest, BusCommandsHandTheLineOver) {
   zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
   port.chain(Analyser("CHAIN01"));
   Publish();
-  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 1);
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1);
   ASSERT_EQ(Send(port, "BUSGETchain01"), 1) << LastError();
   EXPECT_NE(std::string(answer_).find("OK"), std::string::npos);
   ASSERT_EQ(Send(port, "GETSERIAL"), 1);
@@ -267,4 +268,26 @@ TEST_F(SendTest, BusCommandsHandTheLineOver) {
   // A bare BUSGET is an ordinary command.
   EXPECT_EQ(Send(port, "BUSGET"), 0);
   EXPECT_EQ(LastError(), "Syntax error");
+}
+
+TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
+  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  ASSERT_EQ(Send(port, "HELP"), 1);
+  const std::string whole = answer_;
+  ASSERT_GT(whole.size(), 300u);
+
+  EXPECT_EQ(ZeltoCom_SetResponseBufferSize(-1), -1);
+  ASSERT_EQ(ZeltoCom_SetResponseBufferSize(256), 1);
+  std::memset(answer_, '#', sizeof answer_);
+  EXPECT_EQ(ZeltoCom_Send(port.path().c_str(), "HELP", answer_), 0);
+  EXPECT_EQ(LastError(), "Answer longer than the response buffer");
+  EXPECT_EQ(std::string(answer_), whole.substr(0, 255));
+  EXPECT_EQ(answer_[256], '#');
+  EXPECT_EQ(Record(port)->lastResponse, whole);
+
+  // Answers that fit are not affected.
+  EXPECT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_STREQ(answer_, "ZS0001");
+  ASSERT_EQ(ZeltoCom_SetResponseBufferSize(0), 1);
+  EXPECT_EQ(Send(port, "HELP"), 1);
 }

@@ -4,10 +4,10 @@
 
 #include <memory>
 
-#include "host_line.hpp"
+#include "support/lines.hpp"
 #include "zeltosim/zeltosim.hpp"
 
-using namespace simtest;
+using namespace testlines;
 using zeltosim::Config;
 using zeltosim::Fault;
 using zeltosim::Fiber;

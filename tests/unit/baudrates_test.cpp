@@ -4,14 +4,6 @@
 
 using namespace zeltocom;
 
-TEST(Baudrates, AdmittedRates) {
-  EXPECT_TRUE(isBaudrateValid(0));
-  EXPECT_TRUE(isBaudrateValid(921600));
-  EXPECT_TRUE(isBaudrateValid(9600));
-  EXPECT_FALSE(isBaudrateValid(14400));
-  EXPECT_FALSE(isBaudrateValid(-9600));
-}
-
 TEST(Baudrates, SearchOrderPutsTheRememberedRateFirst) {
   EXPECT_EQ(RateSearchOrder(-1),
             (std::vector<int>{57600, 460800, 115200, 921600, 9600, 230400, 38400, 19200}));
@@ -29,6 +21,7 @@ TEST(Baudrates, CharacterTimeHasAFloor) {
 }
 
 TEST(Baudrates, MemoryKeepsTheFirstSerialOfAPath) {
+  ForgetBaudrates();
   EXPECT_EQ(GetBaudrateForPort("/dev/x"), -1);
   UpdateBaudrateForPort("/dev/x", "AAA1", 115200);
   UpdateBaudrateForPort("/dev/x", "BBB2", 9600);

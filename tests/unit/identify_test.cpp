@@ -41,15 +41,6 @@ TEST(DeviceType, NodeAndColourStandardAreFoundInside) {
   EXPECT_EQ(CMD_GetDeviceType("Zelto Node CLR_STD"), DEVTYPE_NODE);
 }
 
-TEST(DeviceType, CategoryWords) {
-  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_UNKNOWN), "UNKONWN");
-  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_NODE), "ATLAS");
-  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_SPECTROMETER), "SPECTROMETER");
-  EXPECT_STREQ(DeviceTypeWord(DEVTYPE_CLRSTD), "CLRSTD");
-  EXPECT_STREQ(DeviceTypeWord(10), "UNKONWN");
-  EXPECT_STREQ(DeviceTypeWord(-3), "UNKONWN");
-}
-
 TEST(CaptureTimeout, WorkedExamples) {
   EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 0, 2, 0, 1, 1), 1570u);
   EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 0, 5, 0, 1, 1), 200u);

@@ -21,6 +21,9 @@ enum class Fault {
   Echo,            // sends every received line back instead of answering
   Slow,            // answers correctly, but only after Config::slowDelayMs
   SyntaxErrorAll,  // answers every command with "SYNTAX ERROR"
+  Trickle,         // answers correctly, one byte every Config::trickleMs
+  Babble,          // answers any command with digits, without end, as fast as
+                   // the line takes them, until the fault is cleared
 };
 
 // What the instrument sends when a line arrives at a speed other than its own.
@@ -49,6 +52,7 @@ struct Config {
   bool darkAnnounces = true;    // CAPTUREDARK answers "Acquiring..." before the result
   Fault fault = Fault::None;
   int slowDelayMs = 3000;       // answer delay of Fault::Slow
+  int trickleMs = 1500;         // time between the bytes of Fault::Trickle
   int answerDelayMs = 0;        // extra delay before every answer
   double captureTimeScale = 1.0;  // multiplies the time a capture takes
   std::string captureCondition;   // spectrometer: answer captures with this text instead of "OK"
@@ -104,6 +108,10 @@ class SimPort {
   // Lines of lineLog() whose text equals `command`, ignoring letter case.
   int countReceived(const std::string& command) const;
   void clearLog();
+
+  // Pulls the plug: the instrument stops and the pseudo-terminal goes away,
+  // so the host's side of the line hangs up. For good.
+  void unplug();
 
  private:
   struct Impl;

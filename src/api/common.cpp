@@ -1,0 +1,72 @@
+// What every family of exported calls shares: the guard, held ports, host
+// buffers and the detection checks.
+#include "api/common.hpp"
+
+#include <cstring>
+
+#include "frame/errors.hpp"
+#include "serial/enumerate.hpp"
+#include "zeltocom.h"
+
+namespace zeltocom {
+
+std::atomic<int> LA_ResponseTimeout{2500};
+std::atomic<int> ResponseBufferSize{0};
+
+void CopyOut(char* buffer, std::string_view text) {
+  if (buffer == nullptr) return;
+  std::memcpy(buffer, text.data(), text.size());
+  buffer[text.size()] = '\0';
+}
+
+bool CopyAnswer(char* buffer, std::string_view answer) {
+  const int room = ResponseBufferSize;
+  if (room <= 0 || answer.size() < static_cast<std::size_t>(room)) {
+    CopyOut(buffer, answer);
+    return true;
+  }
+  CopyOut(buffer, answer.substr(0, static_cast<std::size_t>(room) - 1));
+  return false;
+}
+
+std::optional<HeldPort> Call::Hold(PortRef port, const char* notOpenText) {
+  std::unique_lock<std::mutex> line;
+  if (port) line = LockLine(*port);
+  // Closed by another thread while this one waited for the line.
+  if (!port || port->fd < 0) {
+    if (notOpenText != nullptr) SetError(nullptr, notOpenText);
+    return std::nullopt;
+  }
+  blamed_ = port;
+  return HeldPort(std::move(port), std::move(line));
+}
+
+void ReportEscapedError(const Call& call, const char* text) noexcept {
+  try {
+    SetError(call.blamed(), text);
+  } catch (...) {
+    // Nothing more can be said without risking the host.
+  }
+}
+
+bool DetectionCheck() {
+  if ((!FirstDetectionDone && ZeltoCom_EnumPorts() == 0) || DetectedPorts().empty()) {
+    SetError(nullptr, "No ports detected");
+    return false;
+  }
+  return true;
+}
+
+bool PortsDetected() {
+  if (!FirstDetectionDone) {
+    SetError(nullptr, "Detect ports first");
+    return false;
+  }
+  if (DetectedPorts().empty()) {
+    SetError(nullptr, "No ports detected");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace zeltocom

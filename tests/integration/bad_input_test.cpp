@@ -1,0 +1,143 @@
+// Every exported call with bad arguments: null pointers, empty and overlong
+// texts, unknown and closed ports, negative and huge numbers. Each gives a
+// failure result and an error text, and never crashes or hangs.
+#include <climits>
+#include <cmath>
+#include <functional>
+
+#include "bench.hpp"
+#include "frame/errors.hpp"
+
+namespace {
+
+struct BadCall {
+  std::string what;
+  std::function<int()> call;
+  std::vector<int> failures;  // the results that count as the expected failure
+};
+
+class BadInputTest : public SimBench {
+ protected:
+  void SetUp() override {
+    SimBench::SetUp();
+    zeltosim::SimPort& closed = AddPort(Analyser("ZS0002"));
+    zeltosim::SimPort& open = AddPort(Analyser("ZS0001"));
+    Publish();
+    ASSERT_EQ(ZeltoCom_Open(closed.path().c_str(), closed.baud()), 1);
+    ASSERT_EQ(ZeltoCom_Close(closed.path().c_str()), 1);
+    ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), open.baud()), 1);
+    closed_ = closed.path();
+    open_ = open.path();
+  }
+
+  // The texts that no call may take for a port, a serial number or an ID.
+  std::vector<std::pair<std::string, const char*>> BadNames() const {
+    return {{"null", nullptr},
+            {"empty", ""},
+            {"10000 characters", long_.c_str()},
+            {"unknown", "/dev/pts/none"},
+            {"closed", closed_.c_str()}};
+  }
+
+  std::vector<BadCall> Calls() {
+    char* buf = buffer_;
+    std::vector<BadCall> calls;
+    for (const auto& [kind, name] : BadNames()) {
+      const auto add = [&](const std::string& function, std::function<int()> call,
+                           std::vector<int> failures) {
+        calls.push_back({function + "(" + kind + ")", std::move(call), std::move(failures)});
+      };
+      // A closed port may be opened again and is still available.
+      if (name != closed_.c_str()) {
+        add("Open", [=] { return ZeltoCom_Open(name, 57600); }, {0, -1});
+        add("IsPortAvailable", [=] { return ZeltoCom_IsPortAvailable(name); }, {0});
+      }
+      add("OpenSN", [=] { return ZeltoCom_OpenSN(name, 57600); }, {0, -1});
+      add("OpenID", [=] { return ZeltoCom_OpenID(name); }, {-1});
+      add("Close", [=] { return ZeltoCom_Close(name); }, {0});
+      add("CloseSN", [=] { return ZeltoCom_CloseSN(name); }, {0});
+      add("Close_Multi_Thread", [=] { return ZeltoCom_Close_Multi_Thread(nullptr, name); }, {0});
+      add("CloseSN_Multi_Thread", [=] { return ZeltoCom_CloseSN_Multi_Thread(nullptr, name); },
+          {0});
+      add("GetPortBySN", [=] { return ZeltoCom_GetPortBySN(buf, name); }, {-1});
+      add("GetSNByPort", [=] { return ZeltoCom_GetSNByPort(buf, name); }, {-1});
+      add("GetPortByID", [=] { return ZeltoCom_GetPortByID(name, buf) == buf && buf[0] == '\0' ? 0 : 1; },
+          {0});
+      add("GetBaudrate", [=] { return ZeltoCom_GetBaudrate(name); }, {0});
+      add("GetDeviceType", [=] { return ZeltoCom_GetDeviceType(name, buf); }, {0});
+      add("Send", [=] { return ZeltoCom_Send(name, "GETSERIAL", buf); }, {-1});
+      add("SendSN", [=] { return ZeltoCom_SendSN(name, "GETSERIAL", buf); }, {-1});
+      add("SendByID", [=] { return ZeltoCom_SendByID(name, "GETSERIAL", buf); }, {-1});
+      add("Send_Multi_Thread",
+          [=] { return ZeltoCom_Send_Multi_Thread(nullptr, name, "GETSERIAL", buf); }, {-1});
+      add("SetResponseTimeoutAuto", [=] { return ZeltoCom_SetResponseTimeoutAuto(name, 1); }, {-1});
+      add("Capture", [=] { return ZeltoCom_Capture(name, 0, 0, 0); }, {-1});
+      add("SpectrometerCapture", [=] { return ZeltoCom_SpectrometerCapture(name, 0, 0, 0); }, {-1});
+      add("SpectrometerDark", [=] { return ZeltoCom_SpectrometerDark(name, 0, 0, 0); }, {-1});
+      if (name == nullptr || name[0] == '\0' || std::string(name) == long_) {
+        add("Send command", [=, this] { return ZeltoCom_Send(open_.c_str(), name, buf); },
+            {0, -1});
+      }
+    }
+    const char* open = open_.c_str();
+    const char* closed = closed_.c_str();
+    const float nan = std::nanf("");
+    calls.insert(calls.end(), {
+        {"Open(negative rate)", [=] { return ZeltoCom_Open(closed, -57600); }, {-1}},
+        {"Open(huge rate)", [=] { return ZeltoCom_Open(closed, INT_MAX); }, {-1}},
+        {"OpenSN(negative rate)", [] { return ZeltoCom_OpenSN("ZS0009", INT_MIN); }, {-1}},
+        {"GetOpenedPorts(null)", [] { return ZeltoCom_GetOpenedPorts(nullptr); }, {0}},
+        {"GetOpenedPortsS(null)", [] { return ZeltoCom_GetOpenedPortsS(nullptr, ';'); }, {0}},
+        {"GetPortBySN(null buffer)", [] { return ZeltoCom_GetPortBySN(nullptr, "ZS0001"); }, {-1}},
+        {"GetSNByPort(null buffer)", [=] { return ZeltoCom_GetSNByPort(nullptr, open); }, {-1}},
+        {"GetDeviceType(null buffer)", [=] { return ZeltoCom_GetDeviceType(open, nullptr); }, {-1}},
+        {"SetResponseTimeout(negative)", [] { return ZeltoCom_SetResponseTimeout(-1); }, {-1}},
+        {"SetResponseBufferSize(negative)", [] { return ZeltoCom_SetResponseBufferSize(INT_MIN); },
+         {-1}},
+        {"Capture(negative range)", [=] { return ZeltoCom_Capture(open, 0, -1, 0); }, {-1}},
+        {"Capture(huge range)", [=] { return ZeltoCom_Capture(open, 0, INT_MAX, 0); }, {-1}},
+        {"Capture(negative frames)", [=] { return ZeltoCom_Capture(open, 1, 1, -1); }, {-1}},
+        {"Capture(huge frames)", [=] { return ZeltoCom_Capture(open, 1, 1, INT_MAX); }, {-1}},
+        {"SpectrometerCapture(analyser)", [=] { return ZeltoCom_SpectrometerCapture(open, 0, 0, 0); },
+         {-1}},
+        {"SpectrometerCapture(negative exposure)",
+         [=] { return ZeltoCom_SpectrometerCapture(open, 0, 1, -1.0f); }, {-1}},
+        {"SpectrometerCapture(huge exposure)",
+         [=] { return ZeltoCom_SpectrometerCapture(open, 0, 1, 1e30f); }, {-1}},
+        {"SpectrometerDark(exposure not a number)",
+         [=] { return ZeltoCom_SpectrometerDark(open, 0, 1, nan); }, {-1}},
+    });
+    return calls;
+  }
+
+  std::string open_;
+  std::string closed_;
+  const std::string long_ = std::string(10000, 'Z');
+  char buffer_[20000] = {};
+};
+
+}  // namespace
+
+TEST_F(BadInputTest, EveryCallFailsWithAnErrorText) {
+  for (const BadCall& bad : Calls()) {
+    zeltocom::SetError(nullptr, "");
+    const int result = bad.call();
+    EXPECT_NE(std::ranges::find(bad.failures, result), bad.failures.end())
+        << bad.what << " returned " << result;
+    EXPECT_NE(LastError(), "") << bad.what << " set no error text";
+  }
+  // The open port survived all of it.
+  char answer[64];
+  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", answer), 1) << LastError();
+  EXPECT_STREQ(answer, "ZS0001");
+}
+
+TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
+  ZeltoCom_GetLibraryVersion(nullptr);
+  EXPECT_EQ(ZeltoCom_GetError_Description(nullptr), nullptr);
+  EXPECT_EQ(ZeltoCom_GetError_DescriptionByPort(nullptr, nullptr), nullptr);
+  EXPECT_EQ(ZeltoCom_GetError_DescriptionBySN(long_.c_str(), nullptr), nullptr);
+  // An answer nobody wants is still taken and kept.
+  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1);
+  EXPECT_EQ(Record(*ports_.back())->lastResponse, "ZS0001");
+}
