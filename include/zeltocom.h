@@ -7,8 +7,32 @@
  * time-out; -1 a refused argument, an unknown port or a failed write (each
  * function below states its exact values). After a failure the error text is
  * read with ZeltoCom_GetError_Description and its per-port forms.
- * Buffers are the caller's; each function states the room it needs.
- * One port must not be driven from two threads at once.
+ * Buffers are the caller's; each function states the room it needs. No call
+ * throws, and bad arguments get a failure result and an error text.
+ *
+ * Threads: any call may run on any thread. Calls on different ports run at
+ * once. Calls on one port from several threads take turns, each exchange
+ * whole (command to answer), so no thread receives another's answer; a
+ * ZeltoCom_Close from another thread waits for the exchange in progress.
+ * ZeltoCom_GetError_Description holds the last error of the whole process,
+ * whichever thread caused it; ZeltoCom_GetError_DescriptionByPort holds the
+ * last error of one port, and is the one to read in multi-threaded hosts.
+ *
+ * Time: all time-outs are in milliseconds. By default a waiting thread polls
+ * its line and counts its own processor time, so a time-out never fires
+ * early on a loaded machine, at the price of one busy processor per waiting
+ * port (with more waiting ports than processors, time-outs stretch). With
+ * ZELTOCOM_WAIT=block in the environment when the library is loaded, a
+ * waiting thread sleeps and time-outs count wall-clock time: no processor
+ * per waiting port, exact time-outs, but on an overloaded machine the time a
+ * thread was not even running counts too.
+ *
+ * Lines: an open port belongs to this process alone (an exclusive lock):
+ * another process that opens it gets "The port is used by another process".
+ * An instrument that is unplugged ends the call at once with "Device
+ * disconnected"; close the port, and open it again when it is back. A line
+ * that never stops sending gives "The line does not stop sending", and an
+ * answer beyond 1 MiB "Answer too long".
  */
 #ifndef ZELTOCOM_H
 #define ZELTOCOM_H

@@ -25,6 +25,21 @@ std::vector<PortRef> OpenPortsOrError() {
   return ports;
 }
 
+int ReportNotInUse() {
+  SetError(nullptr, "The device path is not in use");
+  return -1;
+}
+
+// Copies a text of an open port into the host's buffer: 1, or -1 without one.
+int CopyPortText(char* buffer, std::string_view text) {
+  if (buffer == nullptr) {
+    SetError(nullptr, kNoBuffer);
+    return -1;
+  }
+  CopyOut(buffer, text);
+  return 1;
+}
+
 }  // namespace
 
 extern "C" {
@@ -102,32 +117,14 @@ int ZeltoCom_IsPortAvailable(const char* devicePath) {
 int ZeltoCom_GetPortBySN(char* devicePath, const char* serialNumber) {
   return Guarded(-1, [&] {
     const PortRef port = PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber));
-    if (!port) {
-      SetError(nullptr, "The device path is not in use");
-      return -1;
-    }
-    if (devicePath == nullptr) {
-      SetError(nullptr, kNoBuffer);
-      return -1;
-    }
-    CopyOut(devicePath, port->devicePath.view());
-    return 1;
+    return port ? CopyPortText(devicePath, port->devicePath.view()) : ReportNotInUse();
   });
 }
 
 int ZeltoCom_GetSNByPort(char* serialNumber, const char* devicePath) {
   return Guarded(-1, [&] {
     const PortRef port = PortsList_GetByDevPath(Arg(devicePath));
-    if (!port) {
-      SetError(nullptr, "The device path is not in use");
-      return -1;
-    }
-    if (serialNumber == nullptr) {
-      SetError(nullptr, kNoBuffer);
-      return -1;
-    }
-    CopyOut(serialNumber, port->serialNumber.view());
-    return 1;
+    return port ? CopyPortText(serialNumber, port->serialNumber.view()) : ReportNotInUse();
   });
 }
 

@@ -241,6 +241,16 @@ int SendTo(Call& call, PortRef port, const char* notOpenText, const char* comman
   return Send(*held, std::string(command), response);
 }
 
+// Stores a library-wide setting: 1, or -1 for a negative value.
+int SetNonNegative(std::atomic<int>& setting, int value, const char* refusal) {
+  if (value < 0) {
+    SetError(nullptr, refusal);
+    return -1;
+  }
+  setting = value;
+  return 1;
+}
+
 }  // namespace
 
 extern "C" {
@@ -273,12 +283,8 @@ int ZeltoCom_SendByID(const char* deviceID, const char* command, char* response)
 
 int ZeltoCom_SetResponseTimeout(int milliseconds) {
   return Guarded(-1, [&] {
-    if (milliseconds < 0) {
-      SetError(nullptr, "The response time-out must not be negative");
-      return -1;
-    }
-    LA_ResponseTimeout = milliseconds;
-    return 1;
+    return SetNonNegative(LA_ResponseTimeout, milliseconds,
+                          "The response time-out must not be negative");
   });
 }
 
@@ -296,12 +302,8 @@ int ZeltoCom_SetResponseTimeoutAuto(const char* devicePath, int mode) {
 
 int ZeltoCom_SetResponseBufferSize(int bytes) {
   return Guarded(-1, [&] {
-    if (bytes < 0) {
-      SetError(nullptr, "The response buffer size must not be negative");
-      return -1;
-    }
-    ResponseBufferSize = bytes;
-    return 1;
+    return SetNonNegative(ResponseBufferSize, bytes,
+                          "The response buffer size must not be negative");
   });
 }
 

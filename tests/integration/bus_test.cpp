@@ -83,24 +83,21 @@ TEST_F(BusTest, TheMastersOwnSerialKeepsTheLineFree) {
 }
 
 TEST_F(BusTest, ARefusalLeavesThePictureUnchanged) {
-  ASSERT_EQ(BusGet("CHAIN01"), 1);
-  Port().clearLog();
-  EXPECT_EQ(BusGet("NOSUCH9"), 0);
-  EXPECT_EQ(master_->busOwner, master_.get());
-  // The previous holder was asked to free the line, then the refused one.
-  EXPECT_EQ(Port().countReceived("BUSGETNOSUCH9"), 1);
-  EXPECT_EQ(Port().countReceived("BUSFREE"), 2);
-  EXPECT_EQ(ChainLength(), 1);
-}
-
-TEST_F(BusTest, ARefusalFromAFreeLineSendsOneBusFree) {
-  SetError(nullptr, "");
+  // From a free line: one BUSFREE, and no error text.
   EXPECT_EQ(BusGet("NOSUCH9"), 0);
   EXPECT_EQ(Port().countReceived("BUSFREE"), 1);
   EXPECT_EQ(master_->busOwner, master_.get());
   EXPECT_EQ(master_->busState, 1);
-  EXPECT_EQ(ChainLength(), 0);
   EXPECT_EQ(LastError(), "");
+
+  // From a chained holder: that one is asked to free the line first.
+  ASSERT_EQ(BusGet("CHAIN01"), 1);
+  Port().clearLog();
+  EXPECT_EQ(BusGet("NOSUCH9"), 0);
+  EXPECT_EQ(master_->busOwner, master_.get());
+  EXPECT_EQ(Port().countReceived("BUSGETNOSUCH9"), 1);
+  EXPECT_EQ(Port().countReceived("BUSFREE"), 2);
+  EXPECT_EQ(ChainLength(), 1);
 }
 
 TEST_F(BusTest, NoAnswerIsReportedOnTheMaster) {

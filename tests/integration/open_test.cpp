@@ -14,27 +14,23 @@ using zeltosim::LineOptions;
 
 using OpenTest = SimBench;
 
-TEST_F(OpenTest, FixedRateOpensAndReadsTheSerialNumber) {
+TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRate) {
   zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(115200));
-  Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
-  char serial[32];
-  EXPECT_EQ(ZeltoCom_GetSNByPort(serial, port.path().c_str()), 1);
-  EXPECT_STREQ(serial, "ZS4711");
-  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
-  // The wake-up, the bus release and the serial number, in this order.
-  EXPECT_EQ(port.lineLog().front().text, "BUSFREE");
-  EXPECT_EQ(port.lineLog().back().text, "GETSERIAL");
-}
-
-TEST_F(OpenTest, FixedRateMismatchFailsWithoutARecord) {
-  zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(9600));
   Publish();
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
   EXPECT_EQ(LastError(), "Unable to communicate with device");
   EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 14400), -1);
   EXPECT_EQ(LastError(), "Invalid baud-rate");
+
+  port.clearLog();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
+  char serial[32];
+  EXPECT_EQ(ZeltoCom_GetSNByPort(serial, port.path().c_str()), 1);
+  EXPECT_STREQ(serial, "ZS4711");
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
+  // The wake-up, the bus release and the serial number, in this order.
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"BUSFREE", "GETSERIAL"}));
 }
 
 TEST_F(OpenTest, RateSearchTriesTheRatesInOrderThenTheRememberedOneFirst) {
@@ -50,16 +46,6 @@ TEST_F(OpenTest, RateSearchTriesTheRatesInOrderThenTheRememberedOneFirst) {
   EXPECT_EQ(SpeedsOf(port, "BUSFREE"), (std::vector<int>{921600}));
 }
 
-TEST_F(OpenTest, RateSearchFindsNothingOnASilentLine) {
-  Config config = Analyser("ZS0001");
-  config.fault = Fault::Silent;
-  zeltosim::SimPort& port = AddPort(config, At(19200));
-  Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
-  EXPECT_EQ(LastError(), "Unable to open port");
-  EXPECT_EQ(SpeedsOf(port, "BUSFREE").size(), 8u);
-}
-
 TEST_F(OpenTest, GarbageAtWrongSpeedsDoesNotFoolTheSearch) {
   LineOptions line = At(38400);
   line.wrongSpeed = zeltosim::WrongSpeed::Garbage;
@@ -72,23 +58,29 @@ TEST_F(OpenTest, GarbageAtWrongSpeedsDoesNotFoolTheSearch) {
   EXPECT_STREQ(serial, "ZS3840");
 }
 
-TEST_F(OpenTest, AnEchoingLineIsNoInstrument) {
+TEST_F(OpenTest, SilentAndEchoingLinesAreNoInstruments) {
   Config config = Analyser("ZS0001");
+  config.fault = Fault::Silent;
+  zeltosim::SimPort& silent = AddPort(config, At(19200));
   config.fault = Fault::Echo;
-  zeltosim::SimPort& port = AddPort(config);
+  zeltosim::SimPort& echo = AddPort(config);
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
-  EXPECT_EQ(LastError(), "Unable to communicate with device");
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
+  EXPECT_EQ(ZeltoCom_Open(silent.path().c_str(), 0), 0);
   EXPECT_EQ(LastError(), "Unable to open port");
+  EXPECT_EQ(SpeedsOf(silent, "BUSFREE").size(), 8u);
+  EXPECT_EQ(ZeltoCom_Open(echo.path().c_str(), echo.baud()), 0);
+  EXPECT_EQ(LastError(), "Unable to communicate with device");
 }
 
-TEST_F(OpenTest, AnInstrumentWithoutBusCommandsStillOpens) {
+TEST_F(OpenTest, TheHandshakeTakesRefusalsButNotShortSerialsWhenSearching) {
   Config config = Analyser("ZS0002");
-  config.knowsBus = false;
-  zeltosim::SimPort& port = AddPort(config);
+  config.knowsBus = false;  // BUSFREE is a syntax error: still an instrument
+  zeltosim::SimPort& noBus = AddPort(config);
+  zeltosim::SimPort& shortSerial = AddPort(Analyser("Z12"));
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_Open(noBus.path().c_str(), 0), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_Open(shortSerial.path().c_str(), 0), 0);
+  EXPECT_EQ(ZeltoCom_Open(shortSerial.path().c_str(), shortSerial.baud()), 1) << LastError();
 }
 
 TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
@@ -106,13 +98,6 @@ TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
   EXPECT_EQ(Record(eot)->serialNumber.view(), "ZSEOT1");
 }
 
-TEST_F(OpenTest, ShortSerialNumbersPassOnlyAtAFixedRate) {
-  zeltosim::SimPort& port = AddPort(Analyser("Z12"));
-  Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
-}
-
 TEST_F(OpenTest, ASecondOpenLeavesTheFirstConnectionAlone) {
   zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
   port.clearLog();
@@ -126,8 +111,6 @@ TEST_F(OpenTest, UnknownPathsAndNoPorts) {
   AddPort(Analyser("ZS0001"));
   Publish();
   EXPECT_EQ(ZeltoCom_Open("/dev/pts/nothing", 57600), 0);
-  EXPECT_EQ(LastError(), "Device Path not available");
-  EXPECT_EQ(ZeltoCom_Open(nullptr, 57600), 0);
   EXPECT_EQ(LastError(), "Device Path not available");
 
   setenv("ZELTOCOM_PORTS", ";", 1);

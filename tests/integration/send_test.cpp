@@ -53,22 +53,21 @@ TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
   zeltosim::SimPort& port = Open(PlainAnalyser(3));
   ASSERT_EQ(Send(port, "C4"), 1) << LastError();
   ZeltoCom_SetResponseTimeout(3000);
-  const auto start = Clock::now();
+  auto start = Clock::now();
   ASSERT_EQ(Send(port, "GETRGBIALL"), 1) << LastError();
   // Ends at the third line feed, long before the time-out.
   EXPECT_LT(MsSince(start), 1500);
   EXPECT_EQ(Lines(answer_), 3);
   // The fibre count was asked first, once.
   EXPECT_EQ(port.countReceived("GETNFIB"), 1);
-}
 
-TEST_F(SendTest, GetAllRunningOutStillReturnsTheLines) {
-  zeltosim::SimPort& port = Open(PlainAnalyser(2));
-  Record(port)->numFibers = 3;
-  const auto start = Clock::now();
+  // Fewer lines than fibres run into the time-out and are still returned.
+  Record(port)->numFibers = 4;
+  ZeltoCom_SetResponseTimeout(400);
+  start = Clock::now();
   EXPECT_EQ(Send(port, "GETXYALL"), 1);
   EXPECT_GE(MsSince(start), 350);
-  EXPECT_EQ(Lines(answer_), 2);
+  EXPECT_EQ(Lines(answer_), 3);
   EXPECT_EQ(LastError(), "");
 }
 
@@ -121,20 +120,15 @@ TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
   ASSERT_EQ(Send(port, "SETBAUD115200"), 1) << LastError();
   EXPECT_EQ(port.baud(), 115200);
-  EXPECT_EQ(Record(port)->baudrate, 115200);
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
   ASSERT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
   EXPECT_STREQ(answer_, "ZS0001");
-}
 
-TEST_F(SendTest, SetBaudThatTimesOutStillMovesTheLine) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  // A change that times out still moves the library's side of the line.
   port.master().setFault(zeltosim::Fault::Silent);
   EXPECT_EQ(Send(port, "SETBAUD230400"), 0);
   EXPECT_EQ(LastError(), "Timeout");
-  EXPECT_EQ(Record(port)->baudrate, 230400);
-  // The silent instrument stayed at its rate; the next command shows where
-  // the library has put the line.
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 230400);
   port.master().setFault(zeltosim::Fault::None);
   EXPECT_EQ(Send(port, "GETSERIAL"), 0);
   EXPECT_EQ(port.lineLog().back().lineBaud, 230400);
@@ -190,16 +184,6 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   EXPECT_EQ(record->fiberSettingsCur->pwm, 1);
 }
 
-TEST_F(SendTest, ShortCaptureCommandsClearTheSequenceState) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  const PortRef record = Record(port);
-  for (const char* command : {"C", "C6", "c6pwm"}) {
-    record->captureState = 1;
-    ASSERT_EQ(Send(port, command), 1) << command;
-    EXPECT_EQ(record->captureState, 0) << command;
-  }
-}
-
 TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
   ASSERT_EQ(Send(port, "ENABLEEOT"), 1);
@@ -211,16 +195,6 @@ TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
   EXPECT_EQ(Record(port)->eotFormat.view(), "\r\n");
   ASSERT_EQ(Send(port, "GETSERIAL"), 1);
   EXPECT_STREQ(answer_, "ZS0001");
-}
-
-TEST_F(SendTest, AnswerIsKeptWithoutABuffer) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  ASSERT_EQ(ZeltoCom_Send(port.path().c_str(), "GETHW", nullptr), 1);
-  EXPECT_EQ(Record(port)->lastResponse, "Zelto 05-P");
-  int result = 0;
-  EXPECT_EQ(ZeltoCom_Send_Multi_Thread(&result, port.path().c_str(), "ID", nullptr), 1);
-  EXPECT_EQ(result, 1);
-  EXPECT_EQ(Record(port)->lastResponse, "05F");
 }
 
 TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {

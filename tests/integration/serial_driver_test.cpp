@@ -30,18 +30,6 @@ class DriverTest : public SimBench {
 
 }  // namespace
 
-TEST_F(DriverTest, ASilentDeviceRunsIntoTheTimeOut) {
-  zeltosim::Config config = Analyser("ZS0001");
-  config.fault = zeltosim::Fault::Silent;
-  OpenLine(AddPort(config).path());
-  const auto start = Clock::now();
-  ASSERT_EQ(RS232SendCommand(fd_, "GETSERIAL"), 1);
-  const t_comresponse response = Wait(150, "\r\n");
-  EXPECT_TRUE(response.data.empty());
-  EXPECT_GE(response.elapsedMs, 150);
-  EXPECT_GE(MsSince(start), 100);
-}
-
 TEST_F(DriverTest, EveryCommandGetsItsOwnLineEnd) {
   FarEnd line;
   OpenLine(line.path());

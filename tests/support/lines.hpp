@@ -1,9 +1,8 @@
-// Both ends of a pseudo-terminal as tests play them, and wall-clock timing.
+// The far end of a pseudo-terminal as tests play it, and wall-clock timing.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -71,42 +70,6 @@ class FarEnd {
   int master_ = -1;
   int slave_ = -1;
   std::string path_;
-};
-
-// The host's end of a simulated line, driven with plain POSIX calls.
-class HostLine {
- public:
-  explicit HostLine(const std::string& path, speed_t speed = B57600) {
-    fd_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (fd_ < 0) throw std::runtime_error("cannot open " + path);
-    setSpeed(speed);
-    ::tcflush(fd_, TCIOFLUSH);
-  }
-  ~HostLine() { ::close(fd_); }
-  HostLine(const HostLine&) = delete;
-  HostLine& operator=(const HostLine&) = delete;
-
-  void setSpeed(speed_t speed) {
-    termios t{};
-    ::tcgetattr(fd_, &t);
-    ::cfmakeraw(&t);
-    ::cfsetispeed(&t, speed);
-    ::cfsetospeed(&t, speed);
-    if (::tcsetattr(fd_, TCSANOW, &t) != 0) throw std::runtime_error("tcsetattr failed");
-  }
-
-  void send(const std::string& line) { WriteTo(fd_, line + "\r\n"); }
-  std::string readUntil(const std::string& end, std::chrono::milliseconds limit = 1000ms) {
-    return ReadFrom(fd_, limit, end);
-  }
-  std::string readFor(std::chrono::milliseconds span) { return ReadFrom(fd_, span); }
-  std::string ask(const std::string& command, const std::string& end = "\r\n") {
-    send(command);
-    return readUntil(end);
-  }
-
- private:
-  int fd_ = -1;
 };
 
 }  // namespace testlines

@@ -17,8 +17,3 @@ TEST(Parsers, GatherDigitsAndIgnoreEverythingElse) {
   // Far too many digits saturate rather than wrap.
   EXPECT_EQ(ParseInt("99999999999999999999999"), INT_MAX);
 }
-
-TEST(Texts, PortListsDropEmptyPieces) {
-  EXPECT_EQ(SplitNonEmpty(";/dev/a;;/dev/b;", ';'), (std::vector<std::string>{"/dev/a", "/dev/b"}));
-  EXPECT_TRUE(SplitNonEmpty("", ';').empty());
-}
