@@ -54,8 +54,11 @@ void ZeltoCom_GetLibraryVersion(char* buffer) {
 int ZeltoCom_EnumPorts(void) {
   return Guarded(0, [] {
     if (!FirstDetectionInProcess.exchange(true)) {
+      // Other callers wait for the flag, so it is lowered whatever happens.
+      struct Lower {
+        ~Lower() { FirstDetectionInProcess = false; }
+      } lower;
       SetDetectedPorts(EnumSerialPorts());
-      FirstDetectionInProcess = false;
       FirstDetectionDone = true;
     } else {
       while (FirstDetectionInProcess) {

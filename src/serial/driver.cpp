@@ -278,8 +278,6 @@ int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::stri
   response->syntaxError = false;
 
   const bool blocking = BlockingWaits();
-  // Generous enough for any legitimate answer, finite for a line that keeps
-  // trickling or streaming.
   const double lineTimeMs = LineCharTimeMs(fd);
   const double begin = ClockMs();
   double lastByte = begin;
@@ -290,10 +288,15 @@ int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::stri
   std::size_t capacity = 100;
   std::size_t readSize = 20;
   char chunk[250];
+  // Generous for any legitimate answer, finite for a line that keeps
+  // trickling or streaming.
+  const auto capMs = [&] {
+    return static_cast<double>(timeoutMs) + 2 * lineTimeMs * static_cast<double>(text.size()) +
+           1000;
+  };
   for (;;) {
     const bool quietEnds = !text.empty() && (scan.markerSeen() || multiLine) && lineCount == 0;
-    const double capMs = timeoutMs + 2 * lineTimeMs * static_cast<double>(text.size()) + 1000;
-    double until = std::min(lastByte + static_cast<double>(timeoutMs), begin + capMs);
+    double until = std::min(lastByte + static_cast<double>(timeoutMs), begin + capMs());
     if (quietEnds) until = std::min(until, lastByte + 200);
     const Intake in = ReadAvailable(fd, chunk, readSize, blocking && !late ? WaitSliceMs(until) : 0);
     if (in.gone) throw LineError("Device disconnected");
@@ -309,16 +312,16 @@ int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::stri
         readSize = readSize < 200 ? readSize + 50 : 250;
         capacity += capacity <= 511 ? 512 : 1024;
       }
-      if (scan.syntaxError()) {
-        response->syntaxError = true;
-        break;
-      }
     } else if (!blocking) {
       // Still polling, but let the instruments' side and other ports'
       // workers run first when they are waiting for this processor.
       sched_yield();
     }
     elapsed = now - lastByte;
+    if (scan.syntaxError()) {
+      response->syntaxError = true;
+      break;
+    }
     if (!text.empty()) {
       if (scan.markerSeen() && !multiLine) break;
       if (scan.markerSeen() || multiLine) {
@@ -326,7 +329,7 @@ int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::stri
         if (lineCount == 0 && elapsed > 200) break;
       }
     }
-    if (now - begin > capMs) {
+    if (now - begin > capMs()) {
       elapsed = std::max(elapsed, static_cast<double>(timeoutMs));
       break;
     }
