@@ -16,12 +16,18 @@ namespace {
 
 constexpr const char* kNoBuffer = "No buffer given for the result";
 
-// The open ports, after the checks shared by the listings; empty with the
-// error text set when there are none.
-std::vector<PortRef> OpenPortsOrError() {
+// The open ports to list into `buffer`, after the checks shared by the
+// listings; empty, with the error text set, when there is nothing to list or
+// nowhere to list it.
+std::vector<PortRef> OpenPortsFor(const void* buffer) {
   if (!DetectionCheck()) return {};
   std::vector<PortRef> ports = PortsList_All(&OpenedPorts);
-  if (ports.empty()) SetError(nullptr, "No ports have been opened yet");
+  if (ports.empty()) {
+    SetError(nullptr, "No ports have been opened yet");
+  } else if (buffer == nullptr) {
+    SetError(nullptr, kNoBuffer);
+    ports.clear();
+  }
   return ports;
 }
 
@@ -72,12 +78,8 @@ int ZeltoCom_EnumPorts(void) {
 
 int ZeltoCom_GetOpenedPorts(char** paths) {
   return Guarded(0, [&] {
-    const std::vector<PortRef> ports = OpenPortsOrError();
+    const std::vector<PortRef> ports = OpenPortsFor(paths);
     if (ports.empty()) return 0;
-    if (paths == nullptr) {
-      SetError(nullptr, kNoBuffer);
-      return 0;
-    }
     int n = 0;
     for (const PortRef& port : ports) CopyOut(paths[n++], port->devicePath.view());
     return n;
@@ -86,12 +88,8 @@ int ZeltoCom_GetOpenedPorts(char** paths) {
 
 int ZeltoCom_GetOpenedPortsS(char* buffer, int separator) {
   return Guarded(0, [&] {
-    const std::vector<PortRef> ports = OpenPortsOrError();
+    const std::vector<PortRef> ports = OpenPortsFor(buffer);
     if (ports.empty()) return 0;
-    if (buffer == nullptr) {
-      SetError(nullptr, kNoBuffer);
-      return 0;
-    }
     std::string text;
     for (const PortRef& port : ports) {
       char piece[255];
