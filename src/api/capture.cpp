@@ -23,6 +23,23 @@ bool ReportsCondition(const std::string& upper, std::initializer_list<const char
   return false;
 }
 
+// 1 when the answer came in time and was no syntax error; else the text for
+// the outcome is set and 0 returned.
+int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs,
+                const std::string& lateText, const std::string& syntaxText) {
+  switch (OutcomeOf(answer, timeoutMs)) {
+    case WaitOutcome::Late:
+      SetError(device, lateText);
+      return 0;
+    case WaitOutcome::SyntaxError:
+      SetError(device, syntaxText);
+      return 0;
+    case WaitOutcome::Answered:
+      break;
+  }
+  return 1;
+}
+
 int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   s_CommPort* device = port.owner();
   if (static_cast<unsigned>(range) > 6) {
@@ -59,19 +76,11 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   t_comresponse answer;
   const long timeoutMs = static_cast<long>(timeout);
   RS232WaitForData(device->fd, &answer, timeoutMs, device->eotFormat.view(), true);
-  switch (OutcomeOf(answer, timeoutMs)) {
-    case WaitOutcome::Late:
-      SetError(device, StringPrintf("Timeout (%lu ms) in Device on %s with SN %s",
-                                    static_cast<unsigned long>(answer.elapsedMs),
-                                    device->devicePath.c_str(), device->serialNumber.c_str()));
-      return 0;
-    case WaitOutcome::SyntaxError:
-      SetError(device, StringPrintf("Syntax error in Device on %s with SN %s",
-                                    device->devicePath.c_str(), device->serialNumber.c_str()));
-      return 0;
-    case WaitOutcome::Answered:
-      break;
-  }
+  const std::string where = StringPrintf("in Device on %s with SN %s", device->devicePath.c_str(),
+                                         device->serialNumber.c_str());
+  const std::string late = StringPrintf("Timeout (%lu ms) ",
+                                        static_cast<unsigned long>(answer.elapsedMs)) + where;
+  if (CheckAnswer(device, answer, timeoutMs, late, "Syntax error " + where) != 1) return 0;
   if (answer.data.empty()) return 1;
   if (ReportsCondition(strtoupper(answer.data), {"OVERRANGE", "UNDERRANGE", "STABLE"})) {
     SetError(device, StringPrintf("%s condition detected", answer.data.c_str()));
@@ -123,20 +132,10 @@ SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* devi
   return plan;
 }
 
-// 1 when the answer came in time and was no syntax error; else the error
-// text is set and 0 returned.
+// 1 when the answer came in time and was no syntax error; else the
+// spectrometer's error text is set and 0 returned.
 int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs) {
-  switch (OutcomeOf(answer, timeoutMs)) {
-    case WaitOutcome::Late:
-      SetError(device, "Timeout");
-      return 0;
-    case WaitOutcome::SyntaxError:
-      SetError(device, "Syntax error");
-      return 0;
-    case WaitOutcome::Answered:
-      break;
-  }
-  return 1;
+  return CheckAnswer(device, answer, timeoutMs, "Timeout", "Syntax error");
 }
 
 // Switches the PWM mode of a "-W2" instrument; 1, or the call's result.
