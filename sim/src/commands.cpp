@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <optional>
@@ -65,8 +66,16 @@ std::string TwoDigits(int value) {
   return text;
 }
 
-int ScaledMs(const State& st, double ms) {
+// How long a capture whose natural length is `ms` takes on this instrument.
+int CaptureMs(const State& st, double ms) {
+  if (st.config.captureMs >= 0) return st.config.captureMs;
   return static_cast<int>(std::lround(std::min(ms * st.config.captureTimeScale, 1.0e9)));
+}
+
+void CountCapture(State& st, const std::string& line, int ms) {
+  ++st.captures;
+  st.lastCaptureCommand = line;
+  st.captureEnds = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
 }
 
 Reply Ok(const State& st) { return SayOnce(st, {"OK"}); }
@@ -253,16 +262,20 @@ std::string LedCaptureResult(const std::vector<Fiber>& fibres) {
   return "OK";
 }
 
+// Takes the fibres' readings; returns how long the capture takes.
+int BeginLedCapture(State& st, const LedCapture& cap, const std::string& line) {
+  st.captured = st.config.fibers;
+  const int ms = CaptureMs(st, LedCaptureMs(cap, st.current()));
+  CountCapture(st, line, ms);
+  return ms;
+}
+
 Reply LedCaptureCommand(const Call& c) {
   const auto cap = ParseLedCapture(c.arg);
   if (!cap) return SyntaxError(c.st);
-  State& st = c.st;
-  st.captured = st.config.fibers;
-  ++st.captures;
-  st.lastCaptureCommand = c.line;
-  const int ms = ScaledMs(st, LedCaptureMs(*cap, st.current()));
+  const int ms = BeginLedCapture(c.st, *cap, c.line);
   Reply reply;
-  reply.messages.push_back(Say(st, {LedCaptureResult(st.captured)}, ms));
+  reply.messages.push_back(Say(c.st, {LedCaptureResult(c.st.captured)}, ms));
   return reply;
 }
 
@@ -316,10 +329,9 @@ Reply SpectrumCapture(const Call& c) {
   const auto exposure = ParseExposure(c.st, c.arg);
   if (!exposure) return SyntaxError(c.st);
   State& st = c.st;
-  ++st.captures;
-  st.lastCaptureCommand = c.line;
   const bool pwm = st.microseconds && st.current().pwm != 0;
-  const int ms = ScaledMs(st, ExposureMs(st, *exposure) * (pwm ? 2 : 1));
+  const int ms = CaptureMs(st, ExposureMs(st, *exposure) * (pwm ? 2 : 1));
+  CountCapture(st, c.line, ms);
   const std::string answer = st.config.captureCondition.empty() ? "OK" : st.config.captureCondition;
   Reply reply;
   reply.messages.push_back(Say(st, {answer}, ms));
@@ -336,17 +348,47 @@ Reply CaptureDark(const Call& c) {
   const auto exposure = ParseExposure(c.st, arg);
   if (!exposure) return SyntaxError(c.st);
   State& st = c.st;
-  ++st.captures;
-  st.lastCaptureCommand = c.line;
+  const int ms = CaptureMs(st, ExposureMs(st, *exposure));
+  CountCapture(st, c.line, ms);
   Reply reply;
   if (st.config.darkAnnounces) reply.messages.push_back(Say(st, {"Acquiring..."}));
-  reply.messages.push_back(Say(st, {"OK"}, ScaledMs(st, ExposureMs(st, *exposure))));
+  reply.messages.push_back(Say(st, {"OK"}, ms));
   return reply;
 }
 
 // Acquisitions run to their end before the next line is read, so there is
 // never one left to stop.
 Reply StopAcquisition(const Call& c) { return Ok(c.st); }
+
+// ---- broadcast captures ----------------------------------------------------------------
+
+constexpr int kLateEotMs = 5;
+
+// The digits of the firmware text after its family letter: "F2.11" is 211.
+int FirmwareNumber(const std::string& firmware) {
+  int number = 0;
+  for (size_t i = 1; i < firmware.size() && number < 100000; ++i) {
+    const char ch = firmware[i];
+    if (std::isdigit(static_cast<unsigned char>(ch))) number = number * 10 + (ch - '0');
+    else if (ch != '.') break;
+  }
+  return number;
+}
+
+// Firmware before F2.12 and S2.01 ends its BUSCE answers with CR LF and sends
+// the 0x04 on its own a moment later.
+bool SendsLateEot(const State& st) {
+  const std::string& firmware = st.config.firmware;
+  if (!st.config.eot || firmware.empty()) return false;
+  const int number = FirmwareNumber(firmware);
+  return (firmware[0] == 'F' && number < 212) || (firmware[0] == 'S' && number < 201);
+}
+
+Reply WithLateEot(Reply reply) {
+  reply.messages.back().eot = false;
+  reply.messages.push_back(Message{kLateEotMs, {}, true});
+  return reply;
+}
 
 // ---- the table ---------------------------------------------------------------------------
 
@@ -426,6 +468,8 @@ Reply Help(const Call& c) {
   if (c.st.config.knowsBus) {
     lines.emplace_back("BUSFREE");
     lines.emplace_back("BUSGET<serial>");
+    lines.emplace_back("BUSC[<range>][PWM[<frames>]]");
+    lines.emplace_back("BUSCE<serial>");
   }
   for (const Command& cmd : Table())
     if (Fits(cmd.family, c.st)) lines.emplace_back(cmd.usage);
@@ -446,6 +490,29 @@ Reply Execute(Instrument::State& st, const std::string& line) {
     return cmd->handler(Call{st, arg, line});
   }
   return SyntaxError(st);
+}
+
+bool JoinBroadcastCapture(Instrument::State& st, std::string_view arg, const std::string& line) {
+  const auto cap = ParseLedCapture(arg);
+  if (!cap) return false;
+  if (!st.spectrometer) BeginLedCapture(st, *cap, line);
+  return true;
+}
+
+Reply CaptureEndAnswer(Instrument::State& st) {
+  Reply reply;
+  switch (st.config.busCapture) {
+    case BusCapture::NeverDone:
+      return reply;
+    case BusCapture::SyntaxError:
+      reply = SyntaxError(st);
+      break;
+    case BusCapture::Normal:
+      if (std::chrono::steady_clock::now() < st.captureEnds) return reply;
+      reply = Ok(st);
+      break;
+  }
+  return SendsLateEot(st) ? WithLateEot(std::move(reply)) : reply;
 }
 
 }  // namespace zeltosim::detail

@@ -12,6 +12,10 @@ void CheckNonNegative(int value, const char* what) {
   if (value < 0) throw std::invalid_argument(std::string(what) + " must not be negative");
 }
 
+void CheckCaptureMs(int ms) {
+  if (ms < -1) throw std::invalid_argument("captureMs must be -1 (natural time) or >= 0");
+}
+
 Config Checked(Config c) {
   if (c.serial.empty()) throw std::invalid_argument("instrument serial number must not be empty");
   CheckNonNegative(c.slowDelayMs, "slowDelayMs");
@@ -19,6 +23,7 @@ Config Checked(Config c) {
   CheckNonNegative(c.answerDelayMs, "answerDelayMs");
   if (!(c.captureTimeScale >= 0.0) || !std::isfinite(c.captureTimeScale))
     throw std::invalid_argument("captureTimeScale must be a finite number >= 0");
+  CheckCaptureMs(c.captureMs);
   if (c.fibers.size() > 99) throw std::invalid_argument("an analyser has at most 99 fibres");
   return c;
 }
@@ -120,6 +125,17 @@ void Instrument::setCaptureTimeScale(double scale) {
     throw std::invalid_argument("capture time scale must be a finite number >= 0");
   std::lock_guard lock(state_->mutex);
   state_->config.captureTimeScale = scale;
+}
+
+void Instrument::setCaptureMs(int ms) {
+  CheckCaptureMs(ms);
+  std::lock_guard lock(state_->mutex);
+  state_->config.captureMs = ms;
+}
+
+void Instrument::setBusCapture(BusCapture behaviour) {
+  std::lock_guard lock(state_->mutex);
+  state_->config.busCapture = behaviour;
 }
 
 void Instrument::setEot(bool on) {

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "zeltosim/zeltosim.hpp"
@@ -44,6 +46,7 @@ struct Instrument::State {
   std::vector<Fiber> captured;  // readings of the last capture
   int captures = 0;
   std::string lastCaptureCommand;
+  std::chrono::steady_clock::time_point captureEnds{};  // of the last capture
   std::vector<std::string> received;
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
@@ -66,6 +69,14 @@ Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& n
 
 // The command table: the answer of a healthy instrument to `line`.
 Reply Execute(Instrument::State& st, const std::string& line);
+
+// An LED analyser starts the capture that the broadcast "BUSC<arg>" asks for,
+// as "C<arg>" would but without answering; a spectrometer ignores it. false
+// when `arg` is malformed. The caller holds the instrument's lock.
+bool JoinBroadcastCapture(Instrument::State& st, std::string_view arg, const std::string& line);
+
+// A healthy instrument's answer to "BUSCE<its serial>".
+Reply CaptureEndAnswer(Instrument::State& st);
 
 }  // namespace detail
 }  // namespace zeltosim

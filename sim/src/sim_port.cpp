@@ -2,12 +2,14 @@
 // line speed, routes each line to the instrument that holds the bus, and puts
 // the answers on the wire with their delays and pacing.
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <optional>
@@ -27,13 +29,34 @@ using State = Instrument::State;
 using detail::Reply;
 
 constexpr size_t kMaxLine = 512;  // a real instrument's buffer is far smaller
-constexpr int kPollMs = 50;       // bounds how long stopping the thread takes
+constexpr int kPollMs = 50;       // how long an error state on the pty is waited out
 constexpr auto kWriteGiveUp = std::chrono::milliseconds(200);
 
 LineOptions Checked(LineOptions line) {
   if (line.baud <= 0) throw std::invalid_argument("baud rate must be positive");
   return line;
 }
+
+// Wakes the port's thread from its wait for input, so that a port (and a
+// station of many) stops at once.
+class Wakeup {
+ public:
+  Wakeup() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (fd_ < 0) throw std::runtime_error("eventfd failed");
+  }
+  ~Wakeup() { ::close(fd_); }
+  Wakeup(const Wakeup&) = delete;
+  Wakeup& operator=(const Wakeup&) = delete;
+
+  int fd() const { return fd_; }
+  void ring() {
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = ::write(fd_, &one, sizeof one);
+  }
+
+ private:
+  int fd_;
+};
 
 }  // namespace
 
@@ -60,7 +83,11 @@ struct SimPort::Impl {
   void handle(const std::string& text);
   Reply route(const std::string& text);
   Reply bus(const std::string& text, const std::string& upper);
-  Reply busFree(const std::string& text, size_t current);
+  Reply busFree(const std::string& text);
+  Reply broadcastCapture(const std::string& text, const std::string& upper);
+  Reply captureEnd(const std::string& text, const std::string& upper);
+  bool masterKnowsBus() const;
+  std::optional<size_t> memberWithSerial(const std::string& upperSerial) const;
   void deliver(const Reply& reply);
   void babble();
   bool holderBabbles() const;
@@ -78,6 +105,7 @@ struct SimPort::Impl {
   }
 
   detail::PtyLine pty;
+  Wakeup wakeup;
   const LineOptions options;
 
   mutable std::mutex mutex;  // guards the fields up to `log`
@@ -102,6 +130,7 @@ void SimPort::Impl::stop() {
     stopping = true;
   }
   wake.notify_all();
+  wakeup.ring();
   if (thread.joinable()) thread.join();
 }
 
@@ -135,8 +164,9 @@ void SimPort::Impl::run() {
 }
 
 void SimPort::Impl::readInput() {
-  pollfd p{pty.master(), POLLIN, 0};
-  if (::poll(&p, 1, kPollMs) <= 0) return;
+  pollfd fds[2] = {{pty.master(), POLLIN, 0}, {wakeup.fd(), POLLIN, 0}};
+  if (::poll(fds, 2, -1) <= 0 || fds[1].revents != 0) return;
+  const pollfd& p = fds[0];
   if (p.revents & POLLIN) {
     char buffer[256];
     const ssize_t n = ::read(pty.master(), buffer, sizeof buffer);
@@ -186,6 +216,8 @@ std::string SimPort::Impl::noise() {
 Reply SimPort::Impl::route(const std::string& text) {
   const std::string upper = detail::Upper(text);
   if (upper == "BUSFREE" || upper.starts_with("BUSGET")) return bus(text, upper);
+  if (upper.starts_with("BUSCE")) return captureEnd(text, upper);
+  if (upper.starts_with("BUSC")) return broadcastCapture(text, upper);
   State* owner = nullptr;
   {
     std::lock_guard lock(mutex);
@@ -198,31 +230,15 @@ Reply SimPort::Impl::route(const std::string& text) {
 // acknowledges BUSFREE, in its own framing, as it lets go; a chained
 // instrument that is handed the line confirms it itself.
 Reply SimPort::Impl::bus(const std::string& text, const std::string& upper) {
-  std::vector<std::pair<size_t, std::string>> chained;  // index, upper-case serial
-  size_t current = 0;
-  {
-    std::lock_guard lock(mutex);
-    current = holder;
-    for (size_t i = 1; i < members.size(); ++i)
-      chained.emplace_back(i, detail::Upper(members[i].state->config.serial));
-  }
-  if (upper == "BUSFREE") return busFree(text, current);
-
+  if (upper == "BUSFREE") return busFree(text);
+  const std::string wanted = upper.substr(6);
+  const std::optional<size_t> found = wanted.empty() ? std::nullopt : memberWithSerial(wanted);
   std::optional<size_t> newHolder;
   Reply reply = detail::Respond(stateAt(0), text, [&](State& st) {
-    if (!st.config.knowsBus) return detail::SyntaxError(st);
-    const std::string wanted = upper.substr(6);
-    if (wanted.empty()) return detail::SyntaxError(st);
-    if (wanted == detail::Upper(st.config.serial)) {
-      newHolder = 0;
-      return detail::SayOnce(st, {"OK"});
-    }
-    for (const auto& [index, serial] : chained) {
-      if (serial != wanted) continue;
-      newHolder = index;
-      return Reply{};
-    }
-    return detail::SayOnce(st, {"NO DEVICE"});
+    if (!st.config.knowsBus || wanted.empty()) return detail::SyntaxError(st);
+    if (!found) return detail::SayOnce(st, {"NO DEVICE"});
+    newHolder = found;
+    return *found == 0 ? detail::SayOnce(st, {"OK"}) : Reply{};
   });
   if (!newHolder) return reply;
   {
@@ -234,13 +250,13 @@ Reply SimPort::Impl::bus(const std::string& text, const std::string& upper) {
                          [](State& st) { return detail::SayOnce(st, {"OK"}); });
 }
 
-Reply SimPort::Impl::busFree(const std::string& text, size_t current) {
-  bool knowsBus = true;
+Reply SimPort::Impl::busFree(const std::string& text) {
+  size_t current = 0;
   {
-    State& master = stateAt(0);
-    std::lock_guard lock(master.mutex);
-    knowsBus = master.config.knowsBus;
+    std::lock_guard lock(mutex);
+    current = holder;
   }
+  const bool knowsBus = masterKnowsBus();
   bool freed = false;
   Reply reply = detail::Respond(stateAt(current), text, [&](State& st) {
     if (!knowsBus) return detail::SyntaxError(st);
@@ -252,6 +268,57 @@ Reply SimPort::Impl::busFree(const std::string& text, size_t current) {
     holder = 0;
   }
   return reply;
+}
+
+bool SimPort::Impl::masterKnowsBus() const {
+  State& master = stateAt(0);
+  std::lock_guard lock(master.mutex);
+  return master.config.knowsBus;
+}
+
+std::optional<size_t> SimPort::Impl::memberWithSerial(const std::string& upperSerial) const {
+  std::lock_guard lock(mutex);
+  for (size_t i = 0; i < members.size(); ++i)
+    if (detail::Upper(members[i].state->config.serial) == upperSerial) return i;
+  return std::nullopt;
+}
+
+// The master acknowledges the broadcast at once and every analyser on the
+// line starts capturing; the host then asks each one with BUSCE whether it
+// has finished. A master that cannot answer relays nothing.
+Reply SimPort::Impl::broadcastCapture(const std::string& text, const std::string& upper) {
+  const std::string_view arg = std::string_view(upper).substr(4);
+  bool relayed = false;
+  Reply reply = detail::Respond(stateAt(0), text, [&](State& st) {
+    if (!st.config.knowsBus || !detail::JoinBroadcastCapture(st, arg, text))
+      return detail::SyntaxError(st);
+    relayed = true;
+    return detail::SayOnce(st, {"OK"});
+  });
+  if (!relayed) return reply;
+  size_t count = 0;
+  {
+    std::lock_guard lock(mutex);
+    count = members.size();
+  }
+  for (size_t i = 1; i < count; ++i) {
+    State& st = stateAt(i);
+    std::lock_guard lock(st.mutex);
+    if (st.spectrometer) continue;
+    st.received.push_back(text);
+    detail::JoinBroadcastCapture(st, arg, text);
+  }
+  return reply;
+}
+
+// Only the instrument asked answers; a serial number nobody has gets silence.
+Reply SimPort::Impl::captureEnd(const std::string& text, const std::string& upper) {
+  if (!masterKnowsBus())
+    return detail::Respond(stateAt(0), text, [](State& st) { return detail::SyntaxError(st); });
+  const std::optional<size_t> asked = memberWithSerial(upper.substr(5));
+  if (!asked) return Reply{};
+  return detail::Respond(stateAt(*asked), text,
+                         [](State& st) { return detail::CaptureEndAnswer(st); });
 }
 
 void SimPort::Impl::deliver(const Reply& reply) {

@@ -9,7 +9,7 @@
 
 namespace zeltosim::tool {
 
-const char* const kUsage = R"(Usage: zeltosim [--port SETTINGS]... [--chain SETTINGS]...
+const char* const kUsage = R"(Usage: zeltosim [--port SETTINGS [--chain SETTINGS]... [--station N]]...
 
 Plays LED analysers and spectrometers on pseudo-terminals. Prints one line per
 instrument (serial, rate, slave path), then ZELTOCOM_PORTS=<path>;<path>...,
@@ -17,6 +17,9 @@ and runs until SIGINT or SIGTERM. Without --port one default analyser starts.
 
   --port SETTINGS    an instrument on a new pseudo-terminal
   --chain SETTINGS   an instrument daisy-chained behind the last --port
+  --station N        makes the last --port (or a default one) a station of N
+                     such ports, 1..64; every serial of port n gets n appended
+                     two digits wide (ZS000001 becomes ZS00000101, ...)
   --help             this text
 
 SETTINGS is a comma-separated list of key=value pairs (may be empty):
@@ -32,7 +35,11 @@ SETTINGS is a comma-separated list of key=value pairs (may be empty):
   trickle=MS         time between the bytes of fault=trickle (default 1500)
   answerdelay=MS     extra delay before every answer (default 0)
   timescale=X        multiplies capture times (default 1)
-  knowsbus=0|1       understands BUSFREE / BUSGET (default 1)
+  capturems=MS       every capture takes exactly MS ms (default -1: its
+                     natural time)
+  busce=normal|syntax|never   answer to BUSCE<serial>: silent while capturing
+                     and OK once done, SYNTAX ERROR, or never (default normal)
+  knowsbus=0|1       understands BUSFREE, BUSGET, BUSC, BUSCE (default 1)
   modecmd=0|1        understands GETINTENSITYMODE (default 1)
   darkannounces=0|1  CAPTUREDARK answers "Acquiring..." first (default 1)
   condition=TEXT     a spectrometer answers captures with TEXT instead of OK
@@ -73,6 +80,13 @@ Fault FaultNamed(const std::string& value) {
   Bad("fault=" + value + ": expected none, silent, echo, slow, syntax, trickle or babble");
 }
 
+BusCapture BusCaptureNamed(const std::string& value) {
+  if (value == "normal") return BusCapture::Normal;
+  if (value == "syntax") return BusCapture::SyntaxError;
+  if (value == "never") return BusCapture::NeverDone;
+  Bad("busce=" + value + ": expected normal, syntax or never");
+}
+
 double Scale(const std::string& value) {
   char* end = nullptr;
   const double x = std::strtod(value.c_str(), &end);
@@ -99,6 +113,8 @@ bool SetInstrumentKey(Config& c, const std::string& key, const std::string& valu
   else if (key == "trickle") c.trickleMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "timescale") c.captureTimeScale = Scale(value);
+  else if (key == "capturems") c.captureMs = static_cast<int>(Integer(key, value, -1, 600000));
+  else if (key == "busce") c.busCapture = BusCaptureNamed(value);
   else if (key == "knowsbus") c.knowsBus = Flag(key, value);
   else if (key == "modecmd") c.hasIntensityModeCommand = Flag(key, value);
   else if (key == "darkannounces") c.darkAnnounces = Flag(key, value);
@@ -152,6 +168,21 @@ Config InstrumentFrom(const std::string& settings, int number, LineOptions* line
   return c;
 }
 
+// A station's ports are copies of one port whose serial numbers, the chained
+// instruments' included, carry the port's number.
+std::vector<PortSetup> Expanded(const PortSetup& setup) {
+  if (setup.stationSize == 0) return {setup};
+  std::vector<PortSetup> copies;
+  for (int number = 1; number <= setup.stationSize; ++number) {
+    PortSetup copy = setup;
+    copy.stationSize = 0;
+    copy.master.serial = StationSerial(setup.master.serial, number);
+    for (Config& chained : copy.chained) chained.serial = StationSerial(chained.serial, number);
+    copies.push_back(std::move(copy));
+  }
+  return copies;
+}
+
 }  // namespace
 
 Options ParseOptions(const std::vector<std::string>& args) {
@@ -164,8 +195,10 @@ Options ParseOptions(const std::vector<std::string>& args) {
     if (arg.starts_with("--") && eq != std::string::npos) {
       value = arg.substr(eq + 1);
       arg.resize(eq);
-    } else if (arg == "--port" || arg == "--chain") {
-      if (i + 1 >= args.size()) Bad(arg + " needs its settings (use \"\" for the defaults)");
+    } else if (arg == "--port" || arg == "--chain" || arg == "--station") {
+      if (i + 1 >= args.size())
+        Bad(arg == "--station" ? "--station needs its number of ports"
+                               : arg + " needs its settings (use \"\" for the defaults)");
       value = args[++i];
     }
     if (arg == "--help" || arg == "-h") {
@@ -177,6 +210,13 @@ Options ParseOptions(const std::vector<std::string>& args) {
     } else if (arg == "--chain") {
       if (options.ports.empty()) Bad("--chain needs a --port before it");
       options.ports.back().chained.push_back(InstrumentFrom(value, ++number, nullptr));
+    } else if (arg == "--station") {
+      if (options.ports.empty()) {
+        PortSetup setup;
+        setup.master = InstrumentFrom("", ++number, nullptr);
+        options.ports.push_back(std::move(setup));
+      }
+      options.ports.back().stationSize = static_cast<int>(Integer("--station", value, 1, 64));
     } else {
       Bad("unknown option \"" + args[i] + "\"");
     }
@@ -186,6 +226,10 @@ Options ParseOptions(const std::vector<std::string>& args) {
     setup.master.serial = DefaultSerial(1);
     options.ports.push_back(setup);
   }
+  std::vector<PortSetup> ports;
+  for (const PortSetup& setup : options.ports)
+    for (PortSetup& port : Expanded(setup)) ports.push_back(std::move(port));
+  options.ports = std::move(ports);
   return options;
 }
 

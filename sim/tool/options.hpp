@@ -12,6 +12,7 @@ struct PortSetup {
   Config master;
   LineOptions line;
   std::vector<Config> chained;
+  int stationSize = 0;  // > 0: --station made this port that many ports
 };
 
 struct Options {

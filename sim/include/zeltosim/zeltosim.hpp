@@ -26,6 +26,14 @@ enum class Fault {
                    // the line takes them, until the fault is cleared
 };
 
+// How an instrument answers "BUSCE<serial>", the question whether the capture
+// that "BUSC..." started has ended.
+enum class BusCapture {
+  Normal,       // silent while capturing, "OK" once done
+  SyntaxError,  // refuses the question, as it refuses unknown commands
+  NeverDone,    // silent for ever
+};
+
 // What the instrument sends when a line arrives at a speed other than its own.
 enum class WrongSpeed { Silent, Garbage };
 
@@ -47,7 +55,7 @@ struct Config {
   std::string firmware = "F2.20";       // "GETVERSION"
   std::string id = "05F";               // "ID"
   bool eot = false;             // end answers with CR LF 0x04 instead of CR LF
-  bool knowsBus = true;         // false: BUSFREE / BUSGET are syntax errors
+  bool knowsBus = true;         // false: BUSFREE, BUSGET, BUSC, BUSCE are syntax errors
   bool hasIntensityModeCommand = true;  // false: the mode shows only in GETSTATUS
   bool darkAnnounces = true;    // CAPTUREDARK answers "Acquiring..." before the result
   Fault fault = Fault::None;
@@ -55,6 +63,8 @@ struct Config {
   int trickleMs = 1500;         // time between the bytes of Fault::Trickle
   int answerDelayMs = 0;        // extra delay before every answer
   double captureTimeScale = 1.0;  // multiplies the time a capture takes
+  int captureMs = -1;             // >= 0: every capture takes exactly this long
+  BusCapture busCapture = BusCapture::Normal;
   std::string captureCondition;   // spectrometer: answer captures with this text instead of "OK"
   std::vector<Fiber> fibers = {Fiber{}, Fiber{}};  // LED analysers; spectrometers ignore it
 };
@@ -136,6 +146,8 @@ class Instrument {
   void setAnswerDelayMs(int ms);
   void setSlowDelayMs(int ms);
   void setCaptureTimeScale(double scale);
+  void setCaptureMs(int ms);  // -1: captures take their natural time again
+  void setBusCapture(BusCapture behaviour);
   void setEot(bool on);
   void setFiber(int index, const Fiber& fiber);  // 0-based
   void setCaptureCondition(const std::string& text);
@@ -144,7 +156,7 @@ class Instrument {
   bool eot() const;
   int adjustmentSet() const;
   Settings settings() const;  // of the current adjustment set
-  int captures() const;       // captures and dark acquisitions taken so far
+  int captures() const;       // captures (broadcast ones too) and dark acquisitions so far
   std::string lastCaptureCommand() const;
 
   struct State;  // internal
@@ -157,5 +169,27 @@ class Instrument {
 
 // "path1;path2;..." for ZELTOCOM_PORTS.
 std::string PortsVariable(const std::vector<const SimPort*>& ports);
+
+// A test station: `count` ports (1..99), each with one instrument of `base`'s
+// settings whose serial number is StationSerial(base.serial, port number).
+class Station {
+ public:
+  explicit Station(int count, Config base = {}, LineOptions line = {});
+  ~Station();
+  Station(const Station&) = delete;
+  Station& operator=(const Station&) = delete;
+
+  SimPort& port(int index);  // 0-based
+  int size() const;
+  // "path1;path2;..." of all ports, in order.
+  std::string portsVariable() const;
+
+ private:
+  std::vector<std::unique_ptr<SimPort>> ports_;
+};
+
+// `base` with `number` (1..99) appended two digits wide; the base is cut so
+// that the result has at most 14 characters.
+std::string StationSerial(const std::string& base, int number);
 
 }  // namespace zeltosim
