@@ -12,10 +12,11 @@ class DaisyChainTest : public SimBench {
   void SetUp() override {
     SimBench::SetUp();
     zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
-    port.chain(Analyser("CHAIN01"));
+    chained_.push_back(&port.chain(Analyser("CHAIN01")));
     zeltosim::Config withEot = Analyser("CHAIN02");
     withEot.eot = !withEot.eot;  // the chain mixes both framings
-    port.chain(withEot);
+    withEot.firmware = "F2.05";  // old enough to send the 0x04 of a BUSCE answer apart
+    chained_.push_back(&port.chain(withEot));
     spectrometer_ = &port.chain(Spectrometer("SPEC01", "Zelto 01-W"));
     Publish();
     ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
@@ -32,6 +33,7 @@ class DaisyChainTest : public SimBench {
   }
   std::string path_;
   zeltosim::Instrument* spectrometer_ = nullptr;
+  std::vector<zeltosim::Instrument*> chained_;
 };
 
 }  // namespace
@@ -142,4 +144,86 @@ TEST_F(DaisyChainTest, AChainedSpectrometerIsCapturedWithItsOwnSettings) {
   EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "CHAIN01", 0, 0, 0), -1);
   EXPECT_EQ(LastError(), "Device is not a Spectrometer");
   EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerDark(Path(), "NOBODY", 0, 0, 0), 0);
+}
+
+namespace {
+
+// The lines of the bus and capture protocol, in order.
+Lines BusLines(const std::vector<std::string>& sent) {
+  Lines bus;
+  for (const std::string& line : sent) {
+    if (line.starts_with("BUS")) bus.push_back(line);
+  }
+  return bus;
+}
+
+class ChainCaptureTest : public DaisyChainTest {
+ protected:
+  void SetUp() override {
+    DaisyChainTest::SetUp();
+    ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), "CHAIN01"), 1) << LastError();
+    ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), "CHAIN02"), 1) << LastError();
+    ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), "SPEC01"), 1) << LastError();
+    Port().clearLog();
+  }
+  // The chained analysers: their records were learnt by adding them.
+  zeltosim::Instrument& Chained(int index) { return *chained_[index]; }
+  int Capture() { return ZeltoCom_DaisyChain_Capture(Path(), 0, 3, 0); }
+};
+
+}  // namespace
+
+TEST_F(ChainCaptureTest, OneBroadcastThenEachInstrumentIsAskedUntilDone) {
+  ASSERT_EQ(Capture(), 1) << LastError();
+  const Lines bus = BusLines(Sent(Port()));
+  // The chained analysers are asked for their settings once, each behind a
+  // hand-over; the spectrometer is asked what it is and left out.
+  const Lines learning = {"BUSGETCHAIN01", "BUSFREE", "BUSGETCHAIN02", "BUSFREE",
+                          "BUSGETSPEC01",  "BUSFREE"};
+  ASSERT_GE(bus.size(), learning.size() + 5);
+  EXPECT_EQ(Lines(bus.begin(), bus.begin() + 6), learning);
+  EXPECT_EQ(bus[6], "BUSC3");
+  EXPECT_EQ(Lines(bus.begin() + 7, bus.begin() + 11),
+            (Lines{"BUSCEMASTER1", "BUSCECHAIN01", "BUSCECHAIN02", "BUSCESPEC01"}));
+  EXPECT_EQ(Port().master().captures(), 1);
+  EXPECT_EQ(Chained(0).captures(), 1);
+  EXPECT_EQ(Chained(1).captures(), 1);
+
+  // Known settings need no hand-over; the readings come from each instrument.
+  Port().clearLog();
+  ASSERT_EQ(Capture(), 1) << LastError();
+  EXPECT_EQ(BusLines(Sent(Port())).front(), "BUSC3");
+  char rgbi[128];
+  EXPECT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "GETRGBI01", rgbi), 1) << LastError();
+}
+
+TEST_F(ChainCaptureTest, WithAFixedTimeoutNothingIsAskedBeforeTheBroadcast) {
+  ASSERT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN01", "GETSERIAL", nullptr), 1);
+  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(Path(), 0), 1);
+  Port().clearLog();
+  ASSERT_EQ(Capture(), 1) << LastError();
+  EXPECT_EQ(Sent(Port()).front(), "BUSC3");
+}
+
+TEST_F(ChainCaptureTest, ARefusedQuestionCountsAsDoneAndOldFirmwareEnds) {
+  Chained(0).setBusCapture(zeltosim::BusCapture::SyntaxError);
+  Chained(1).setEot(true);
+  ASSERT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "ENABLEEOT", nullptr), 1);
+  ASSERT_EQ(Capture(), 1) << LastError();
+  // The old firmware's separate 0x04 does not spoil the next exchange.
+  char serial[64];
+  ASSERT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "GETSERIAL", serial), 1) << LastError();
+  EXPECT_STREQ(serial, "CHAIN02");
+}
+
+TEST_F(ChainCaptureTest, AnInstrumentThatNeverEndsTimesOutAndTheLineIsFreed) {
+  ZeltoCom_SetResponseTimeout(200);
+  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(Path(), 0), 1);
+  Chained(1).setBusCapture(zeltosim::BusCapture::NeverDone);
+  const auto start = testlines::Clock::now();
+  EXPECT_EQ(Capture(), 0);
+  EXPECT_EQ(LastError(), "Timeout");
+  EXPECT_LT(testlines::MsSince(start), 10000);
+  EXPECT_EQ(Sent(Port()).back(), "BUSFREE");
+  EXPECT_EQ(Port().busHolder(), "MASTER1");
 }
