@@ -68,6 +68,38 @@ void ShowSpectrometer(const std::string& path) {
   Check(ZeltoCom_Capture(path.c_str(), 0, 0, 0), "ZeltoCom_Capture (an LED capture)");
 }
 
+std::string AskChained(const std::string& path, const std::string& serial,
+                       const std::string& command) {
+  char answer[4096] = "";
+  if (ZeltoCom_DaisyChain_Send(path.c_str(), serial.c_str(), command.c_str(), answer) != 1) {
+    return "(" + LastError() + ")";
+  }
+  return answer;
+}
+
+void ShowDaisyChain(const std::string& path, const std::vector<std::string>& serials) {
+  std::printf("\nDaisy chain on %s:\n", path.c_str());
+  for (std::size_t i = 1; i < serials.size(); ++i) {
+    const std::string what = "ZeltoCom_DaisyChain_Add(" + serials[i] + ")";
+    if (!Check(ZeltoCom_DaisyChain_Add(path.c_str(), serials[i].c_str()), what.c_str())) return;
+  }
+  std::printf("  GETSERIAL through the master -> %s\n",
+              AskChained(path, serials.back(), "GETSERIAL").c_str());
+  if (!Check(ZeltoCom_DaisyChain_Capture(path.c_str(), 0, 0, 0), "ZeltoCom_DaisyChain_Capture")) {
+    return;
+  }
+  std::printf("  %-10s %-5s %-15s %s\n", "serial", "fibre", "x y", "intensity");
+  for (const std::string& serial : serials) {
+    const int fibres = std::atoi(AskChained(path, serial, "GETNFIB").c_str());
+    for (int fibre = 1; fibre <= fibres; ++fibre) {
+      const std::string n = (fibre < 10 ? "0" : "") + std::to_string(fibre);
+      std::printf("  %-10s %-5d %-15s %s\n", serial.c_str(), fibre,
+                  AskChained(path, serial, "GETxy" + n).c_str(),
+                  AskChained(path, serial, "GETINTENSITY" + n).c_str());
+    }
+  }
+}
+
 zeltosim::Config Instrument(const char* serial, const char* hardware, bool eot, int fibres) {
   zeltosim::Config config;
   config.serial = serial;
@@ -90,6 +122,7 @@ int main() {
   zeltosim::SimPort analyser(Instrument("ZA100001", "Zelto 05-P", true, 3), {921600});
   zeltosim::SimPort second(Instrument("ZA100002", "Zelto 08-T", false, 2), {9600});
   zeltosim::SimPort spectrometer(Instrument("ZW200001", "Zelto 01-W2", false, 0), {115200});
+  analyser.chain(Instrument("ZA100003", "Zelto 05-P", true, 2));
   const std::string ports = zeltosim::PortsVariable({&analyser, &second, &spectrometer});
   // The library lists exactly these ports; the machine's own are never touched.
   setenv("ZELTOCOM_PORTS", ports.c_str(), 1);
@@ -98,7 +131,8 @@ int main() {
   ZeltoCom_GetLibraryVersion(version);
   std::printf("ZeltoCom %s, simulated instruments on %s\n\n", version, ports.c_str());
   std::printf("ZeltoCom_EnumPorts() -> %d ports\n", ZeltoCom_EnumPorts());
-  std::printf("  %s: analyser ZA100001, 921600 baud, answers end with 0x04\n",
+  std::printf("  %s: analyser ZA100001, 921600 baud, answers end with 0x04,\n"
+              "      with analyser ZA100003 daisy-chained behind it\n",
               analyser.path().c_str());
   std::printf("  %s: analyser ZA100002, 9600 baud\n", second.path().c_str());
   std::printf("  %s: spectrometer ZW200001, 115200 baud\n\n", spectrometer.path().c_str());
@@ -113,6 +147,7 @@ int main() {
 
   ShowAnalyserReadings(analyser.path());
   ShowSpectrometer(spectrometer.path());
+  ShowDaisyChain(analyser.path(), {"ZA100001", "ZA100003"});
 
   std::printf("\nClosing:\n");
   Check(ZeltoCom_CloseAll(), "ZeltoCom_CloseAll()");
