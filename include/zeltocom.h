@@ -155,6 +155,44 @@ ZELTOCOM_API int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm,
 ZELTOCOM_API int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int manualExposure,
                                            float exposure);
 
+/* ---- Daisy chains: instruments behind the instrument on a port ---- */
+
+/* Makes the instrument with `serialNumber`, chained behind the open port
+ * `devicePath`, known to the library (it must answer "OK" when handed the
+ * line); the line goes back to the port's own instrument afterwards. 1 added
+ * (or the port's own serial number); 0 failure. */
+ZELTOCOM_API int ZeltoCom_DaisyChain_Add(const char* devicePath, const char* serialNumber);
+/* Forgets a chained instrument; nothing is sent. 1 removed (or the port's own
+ * serial number); 0 not found. */
+ZELTOCOM_API int ZeltoCom_DaisyChain_Del(const char* devicePath, const char* serialNumber);
+/* Forgets every chained instrument of the port. 1, or 0 when not open. */
+ZELTOCOM_API int ZeltoCom_DaisyChain_Clear(const char* devicePath);
+/* Hands the line to the instrument with `serialNumber` (the port's own serial
+ * number addresses the port's instrument) and sends `command` to it, as
+ * ZeltoCom_Send. The line stays with that instrument. */
+ZELTOCOM_API int ZeltoCom_DaisyChain_Send(const char* devicePath, const char* serialNumber,
+                                          const char* command, char* response);
+/* Starts a capture on the port's instrument and every chained analyser at
+ * once ("BUSC"), then asks each ("BUSCE<serial>") until all have ended.
+ * Arguments as ZeltoCom_Capture. 1 all ended; 0 time-out or refusal; -1
+ * refused argument or write failure. Read the values with
+ * ZeltoCom_DaisyChain_Send. */
+ZELTOCOM_API int ZeltoCom_DaisyChain_Capture(const char* devicePath, int pwm, int range,
+                                             int pwmFrames);
+/* ZeltoCom_SpectrometerCapture / ZeltoCom_SpectrometerDark of the chained
+ * spectrometer with `serialNumber`; the line stays with it. Results as
+ * those calls. */
+ZELTOCOM_API int ZeltoCom_DaisyChain_SpectrometerCapture(const char* devicePath,
+                                                         const char* serialNumber, int pwm,
+                                                         int manualExposure, float exposure);
+ZELTOCOM_API int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath,
+                                                      const char* serialNumber, int pwm,
+                                                      int manualExposure, float exposure);
+/* Copies the last answer received on the port (whichever instrument of its
+ * chain gave it; "" when none) into `buffer` (room for it whole, or cut to
+ * ZeltoCom_SetResponseBufferSize). 1, or 0 on failure. */
+ZELTOCOM_API int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer);
+
 /* ---- Project and bin files ---- */
 
 /* Reads the project file at `path` and opens its instruments. The file is

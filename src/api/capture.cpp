@@ -1,7 +1,7 @@
 // LED and spectrometer captures.
 #include <string>
 
-#include "api/common.hpp"
+#include "api/capture.hpp"
 #include "device/capture_command.hpp"
 #include "device/command.hpp"
 #include "device/identify.hpp"
@@ -94,8 +94,6 @@ struct SpectrometerPlan {
   std::string command;
   long timeoutMs = 0;
 };
-
-enum class Acquisition { Spectrum, Dark };
 
 SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* device,
                                   Acquisition kind, int pwm, int manualExposure, float exposure,
@@ -192,6 +190,20 @@ bool CheckSpectrometer(s_CommPort* device) {
   return false;
 }
 
+// Runs a capture on the open port at `devicePath`, holding its line.
+template <typename Body>
+int OnOpenPort(const char* devicePath, Body body) {
+  return Guarded(-1, [&](Call& call) {
+    const std::optional<HeldPort> port =
+        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not in use");
+    return port ? body(*port) : -1;
+  });
+}
+
+}  // namespace
+
+namespace zeltocom {
+
 int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int manualExposure,
                         float exposure) {
   s_CommPort* device = port.owner();
@@ -220,17 +232,7 @@ int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int man
                                    : FinishSpectrum(device, plan.timeoutMs);
 }
 
-// Runs a capture on the open port at `devicePath`, holding its line.
-template <typename Body>
-int OnOpenPort(const char* devicePath, Body body) {
-  return Guarded(-1, [&](Call& call) {
-    const std::optional<HeldPort> port =
-        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not in use");
-    return port ? body(*port) : -1;
-  });
-}
-
-}  // namespace
+}  // namespace zeltocom
 
 extern "C" {
 

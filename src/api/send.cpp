@@ -1,7 +1,7 @@
 // Sending commands, response time-outs and the room of answer buffers.
 #include <string>
 
-#include "api/common.hpp"
+#include "api/send.hpp"
 #include "device/bus.hpp"
 #include "device/command.hpp"
 #include "device/identify.hpp"
@@ -25,14 +25,6 @@ bool IsGetAll(const std::string& upper) { return Contains(upper, "GET") && Conta
 // Answers of several lines that end only when the instrument falls silent.
 bool IsPagedAnswer(const std::string& upper) {
   return upper == "GETSTATUS" || upper == "GETINFO" || upper == "HELP";
-}
-
-// Firmware that does not end a BUSCE answer with 0x04 although it uses it.
-bool HasOldBusFirmware(const s_CommPort* owner) {
-  const std::string_view text = owner->firmwareText.view();
-  if (text.empty()) return false;
-  return (text[0] == 'F' && owner->firmwareNumber < 212) ||
-         (text[0] == 'S' && owner->firmwareNumber <= 200);
 }
 
 constexpr const char* kAnswerCut = "Answer longer than the response buffer";
@@ -165,7 +157,28 @@ void CleanAnswer(std::string& answer) {
   TrimAnswerEnd(answer);
 }
 
-// Sends `command` to the instrument that holds the line of the held port.
+int SendTo(Call& call, PortRef port, const char* notOpenText, const char* command,
+           char* response) {
+  if (!CommandGiven(command)) return -1;
+  const std::optional<HeldPort> held = call.Hold(std::move(port), notOpenText);
+  if (!held) return -1;
+  return Send(*held, std::string(command), response);
+}
+
+// Stores a library-wide setting: 1, or -1 for a negative value.
+int SetNonNegative(std::atomic<int>& setting, int value, const char* refusal) {
+  if (value < 0) {
+    SetError(nullptr, refusal);
+    return -1;
+  }
+  setting = value;
+  return 1;
+}
+
+}  // namespace
+
+namespace zeltocom {
+
 int Send(const HeldPort& port, const std::string& command, char* response) {
   const int entryTimeout = LA_ResponseTimeout;
   s_CommPort* addressed = port.get();
@@ -219,6 +232,8 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   if (Contains(upper, "ABLEEOT")) owner->eotFormat.assign(marker);
   CleanAnswer(answer.data);
   owner->lastResponse = answer.data;
+  // The port's last answer, whichever instrument of its chain gave it.
+  if (addressed != owner) addressed->lastResponse = answer.data;
   if (!CopyAnswer(response, answer.data)) {
     SetError(owner, kAnswerCut);
     return 0;
@@ -226,32 +241,13 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   return 1;
 }
 
-// The checks every form of send makes on its command before anything else.
 bool CommandGiven(const char* command) {
   if (!Arg(command).empty()) return true;
   SetError(nullptr, "No command given");
   return false;
 }
 
-int SendTo(Call& call, PortRef port, const char* notOpenText, const char* command,
-           char* response) {
-  if (!CommandGiven(command)) return -1;
-  const std::optional<HeldPort> held = call.Hold(std::move(port), notOpenText);
-  if (!held) return -1;
-  return Send(*held, std::string(command), response);
-}
-
-// Stores a library-wide setting: 1, or -1 for a negative value.
-int SetNonNegative(std::atomic<int>& setting, int value, const char* refusal) {
-  if (value < 0) {
-    SetError(nullptr, refusal);
-    return -1;
-  }
-  setting = value;
-  return 1;
-}
-
-}  // namespace
+}  // namespace zeltocom
 
 extern "C" {
 

@@ -123,6 +123,13 @@ int CMD_LoadSettings_FirmwareVersion(s_CommPort* port) {
   return 1;
 }
 
+bool HasOldBusFirmware(const s_CommPort* port) {
+  const std::string_view text = port->firmwareText.view();
+  if (text.empty()) return false;
+  return (text[0] == 'F' && port->firmwareNumber < 212) ||
+         (text[0] == 'S' && port->firmwareNumber < 201);
+}
+
 uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
                                int averages) {
   const bool slowFamily = deviceType == DEVTYPE_LOWLIGHT || deviceType == DEVTYPE_CLR;

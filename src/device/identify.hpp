@@ -42,6 +42,10 @@ void SetHardwareDescriptor(s_CommPort* port, std::string_view text, std::size_t 
 int CMD_LoadSettings_HardwareType(s_CommPort* port);
 int CMD_LoadSettings_FirmwareVersion(s_CommPort* port);
 
+// Firmware that uses 0x04 markers but sends the 0x04 of a "BUSCE" answer
+// apart from the answer.
+bool HasOldBusFirmware(const s_CommPort* port);
+
 // How long a capture of this kind may take, in ms.
 uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
                                int averages);

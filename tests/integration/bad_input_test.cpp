@@ -74,6 +74,23 @@ class BadInputTest : public SimBench {
       add("Capture", [=] { return ZeltoCom_Capture(name, 0, 0, 0); }, {-1});
       add("SpectrometerCapture", [=] { return ZeltoCom_SpectrometerCapture(name, 0, 0, 0); }, {-1});
       add("SpectrometerDark", [=] { return ZeltoCom_SpectrometerDark(name, 0, 0, 0); }, {-1});
+      add("DaisyChain_Add", [=] { return ZeltoCom_DaisyChain_Add(name, "ZS0009"); }, {0});
+      add("DaisyChain_Add serial", [=, this] { return ZeltoCom_DaisyChain_Add(open_.c_str(), name); },
+          {0});
+      add("DaisyChain_Del", [=] { return ZeltoCom_DaisyChain_Del(name, "ZS0009"); }, {0});
+      add("DaisyChain_Clear", [=] { return ZeltoCom_DaisyChain_Clear(name); }, {0});
+      add("DaisyChain_Send", [=] { return ZeltoCom_DaisyChain_Send(name, "ZS0009", "GETSERIAL", buf); },
+          {0, -1});
+      add("DaisyChain_Send serial",
+          [=, this] { return ZeltoCom_DaisyChain_Send(open_.c_str(), name, "GETSERIAL", buf); },
+          {0, -1});
+      add("DaisyChain_Capture", [=] { return ZeltoCom_DaisyChain_Capture(name, 0, 0, 0); }, {-1});
+      add("DaisyChain_SpectrometerCapture",
+          [=] { return ZeltoCom_DaisyChain_SpectrometerCapture(name, "ZS0009", 0, 0, 0); }, {0, -1});
+      add("DaisyChain_SpectrometerDark serial",
+          [=, this] { return ZeltoCom_DaisyChain_SpectrometerDark(open_.c_str(), name, 0, 0, 0); },
+          {0, -1});
+      add("GetResponseByPort", [=] { return ZeltoCom_GetResponseByPort(name, buf); }, {0});
       if (name == nullptr || name[0] == '\0' || std::string(name) == long_) {
         add("Send command", [=, this] { return ZeltoCom_Send(open_.c_str(), name, buf); },
             {0, -1});
@@ -104,6 +121,14 @@ class BadInputTest : public SimBench {
          [=] { return ZeltoCom_SpectrometerCapture(open, 0, 1, -1.0f); }, {-1}},
         {"SpectrometerCapture(huge exposure)",
          [=] { return ZeltoCom_SpectrometerCapture(open, 0, 1, 1e30f); }, {-1}},
+        {"DaisyChain_Capture(huge range)", [=] { return ZeltoCom_DaisyChain_Capture(open, 0, 7, 0); },
+         {-1}},
+        {"DaisyChain_Capture(frames)", [=] { return ZeltoCom_DaisyChain_Capture(open, 1, 1, 16); },
+         {-1}},
+        {"DaisyChain_Send(no command)",
+         [=] { return ZeltoCom_DaisyChain_Send(open, "ZS0001", "", nullptr); }, {-1}},
+        {"GetResponseByPort(null buffer)", [=] { return ZeltoCom_GetResponseByPort(open, nullptr); },
+         {0}},
         {"SpectrometerDark(exposure not a number)",
          [=] { return ZeltoCom_SpectrometerDark(open, 0, 1, nan); }, {-1}},
     });

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "api/common.hpp"
+
+namespace zeltocom {
+
+enum class Acquisition { Spectrum, Dark };
+
+// The spectrometer capture or dark reference of the instrument that holds
+// the held port's line, with the port's time-out rule. 1, 0 or -1 as
+// ZeltoCom_SpectrometerCapture.
+int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int manualExposure,
+                        float exposure);
+
+}  // namespace zeltocom

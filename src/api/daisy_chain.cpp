@@ -1,0 +1,425 @@
+// Instruments daisy-chained behind an open port: the chain's registry,
+// sends and captures through the master's line, and the last answer of a
+// port.
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "api/capture.hpp"
+#include "api/common.hpp"
+#include "api/send.hpp"
+#include "device/bus.hpp"
+#include "device/capture_command.hpp"
+#include "device/command.hpp"
+#include "device/identify.hpp"
+#include "device/settings.hpp"
+#include "frame/clock.hpp"
+#include "frame/errors.hpp"
+#include "frame/registry.hpp"
+#include "frame/utils.hpp"
+#include "serial/driver.hpp"
+#include "zeltocom.h"
+
+using namespace zeltocom;
+
+namespace {
+
+constexpr std::size_t kMaxSerialLength = 14;
+
+// The time an instrument of the chain gets to answer a bus hand-over, and
+// the time of one completion query, from the line's character time.
+long FreeTimeMs(const s_CommPort* master) {
+  return static_cast<long>(5 * master->charTimeMs) * 5 + 50;
+}
+long PollTimeMs(const s_CommPort* master) {
+  return static_cast<long>(5 * master->charTimeMs) * 5 + 20;
+}
+
+// A serial number that a chained instrument could carry; else the error is
+// set.
+bool SerialAcceptable(std::string_view serial) {
+  if (serial.empty()) {
+    SetError(nullptr, "No serial number given");
+    return false;
+  }
+  if (serial.size() > kMaxSerialLength) {
+    SetError(nullptr, "The serial number is too long (at most 14 characters)");
+    return false;
+  }
+  return true;
+}
+
+// The master at `devicePath`, held for the call, after the detection checks.
+std::optional<HeldPort> HoldMaster(Call& call, const char* devicePath) {
+  if (!PortsDetected()) return std::nullopt;
+  return call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not in use");
+}
+
+// One exchange of a bus command through `holder`, the instrument that answers
+// it; the library's picture of the line follows when it is answered, so that
+// the next hand-over starts from where the line really is.
+int BusExchange(s_CommPort* holder, const std::string& command, long timeoutMs) {
+  t_comresponse answer;
+  const int result = CMD_SendCommand(holder, command, static_cast<unsigned long>(timeoutMs), &answer);
+  if (result != 1) return result;
+  s_CommPort* master = holder->Master();
+  if (command == "BUSFREE") {
+    master->busOwner = master;
+    master->busState = 1;
+  } else if (holder != master) {
+    master->busOwner = holder;
+    master->busState = 0;
+  }
+  return 1;
+}
+
+// Gives the line back to the master; whoever holds it answers.
+int FreeBus(s_CommPort* master, long timeoutMs) {
+  return BusExchange(master->busOwner, "BUSFREE", timeoutMs);
+}
+
+int AddToChain(const HeldPort& port, const std::string& serial) {
+  s_CommPort* master = port.get();
+  if (serial == master->serialNumber.view()) return 1;
+  if (PortsList_GetBySerialNumber(&master->chain, serial)) {
+    SetError(nullptr, "Device has already been added");
+    return 0;
+  }
+  const long freeTime = FreeTimeMs(master);
+  FreeBus(master, freeTime);
+
+  // Whatever the answer, the line goes back to the master afterwards.
+  const auto giveBack = [&](const char* failure) {
+    FreeBus(master, freeTime);
+    if (failure != nullptr) SetError(master, failure);
+    return failure == nullptr ? 1 : 0;
+  };
+  if (RS232SendCommand(master->fd, "BUSGET" + serial) != 1) {
+    SetError(master, "Communication error");
+    return 0;
+  }
+  const long timeout = std::max(static_cast<long>(std::ceil(15 * master->charTimeMs)) + 20, 80L);
+  t_comresponse answer;
+  RS232WaitForData(master->fd, &answer, timeout, "\r\n", true);
+  const bool late = answer.elapsedMs >= timeout;
+  if (answer.syntaxError || (late && answer.data.empty())) return giveBack("Unable to get the bus");
+
+  const std::string eot = GetEOTformat(master, answer.data);
+  if (answer.data != "OK") return giveBack("Communication error");
+  if (!PortsList_Add(&master->chain, master, master->fd, master->devicePath.view(), serial, "",
+                     eot, master->baudrate, master->charTimeMs)) {
+    return giveBack("Communication error");
+  }
+  // The chained instrument answered the hand-over, so it holds the line now.
+  master->busOwner = PortsList_GetBySerialNumber(&master->chain, serial).get();
+  master->busState = 0;
+  return giveBack(nullptr);
+}
+
+// Hands the master's line to the instrument with `serial`; 1, or the
+// hand-over's failure.
+int TakeBusFor(const HeldPort& port, const std::string& serial) {
+  t_comresponse answer;
+  const int taken = CMD_BusGet(port.get(), serial, &answer);
+  // A refusal comes without a text of its own; the host still learns why.
+  if (taken == 0 && !answer.syntaxError && !answer.data.empty() && !Contains(answer.data, "OK")) {
+    SetError(port.get(), "Device not found");
+  }
+  return taken;
+}
+
+// ---- Chain capture ----
+
+struct ChainCapture {
+  s_CommPort* master;
+  int pwm;
+  int range;
+  int pwmFrames;
+  long freeTime;
+  long pollTime;
+};
+
+long CaptureTimeoutOf(const ChainCapture& c, s_CommPort* device) {
+  const FiberSettings& settings = *device->fiberSettingsCur;
+  return static_cast<long>(std::min<uint64_t>(
+      CMD_GetCaptureTimeout(device->deviceType, c.pwm, c.range, c.pwmFrames, settings.factor,
+                            settings.averages),
+      static_cast<uint64_t>(LONG_MAX / 2)));
+}
+
+void LoadCaptureSettings(s_CommPort* device) {
+  CMD_LoadSettings_FirmwareVersion(device);
+  CMD_LoadSettings_AdjustmentSet(device);
+  CMD_LoadSettings_Averages(device);
+  CMD_LoadSettings_Exposure(device);
+}
+
+bool CaptureSettingsKnown(const s_CommPort* device) {
+  const FiberSettings& settings = *device->fiberSettingsCur;
+  return !device->hardwareDescriptor.empty() && !device->firmwareText.empty() &&
+         settings.averages != -1 && settings.factor != -1;
+}
+
+// Learns what a chained instrument needs for its time-out, through the line.
+// 1 and `*used` whether it captures; else the call's failure result.
+int LearnChained(const ChainCapture& c, s_CommPort* device, bool* used) {
+  *used = false;
+  if (device->deviceType == DEVTYPE_SPECTROMETER) return 1;
+  if (!CaptureSettingsKnown(device)) {
+    if (BusExchange(device, "BUSGET" + std::string(device->serialNumber.view()), c.freeTime) != 1) {
+      FreeBus(c.master, c.freeTime);
+      SetError(c.master, "Unable to get the bus");
+      return 0;
+    }
+    CMD_LoadSettings_HardwareType(device);
+    if (device->deviceType == DEVTYPE_SPECTROMETER) {
+      if (FreeBus(c.master, c.freeTime) == 1) return 1;
+      SetError(c.master, "Unable to free the bus");
+      return 0;
+    }
+    LoadCaptureSettings(device);
+    if (FreeBus(c.master, c.freeTime) != 1) {
+      SetError(c.master, "Unable to get the bus");
+      return 0;
+    }
+  }
+  *used = true;
+  return 1;
+}
+
+// The time the whole chain may take, with a margin that grows with the
+// chain; -1 and the error set when an instrument could not be asked.
+long GatherTimeout(const ChainCapture& c, int* failure) {
+  s_CommPort* master = c.master;
+  if (master->busState == 0 && FreeBus(master, c.freeTime) != 1) {
+    SetError(master, "Unable to free the bus");
+    *failure = 0;
+    return -1;
+  }
+  long t = 0;
+  CMD_LoadSettings_HardwareType(master);
+  if (master->deviceType != DEVTYPE_SPECTROMETER) {
+    LoadCaptureSettings(master);
+    t = CaptureTimeoutOf(c, master);
+  }
+  for (const PortRef& device : PortsList_All(&master->chain)) {
+    bool used = false;
+    const int learnt = LearnChained(c, device.get(), &used);
+    if (learnt != 1) {
+      *failure = learnt;
+      return -1;
+    }
+    if (used) t = std::max(CaptureTimeoutOf(c, device.get()), t) + 150;
+  }
+  return t;
+}
+
+enum class Poll { Capturing, Ended, NotSent };
+
+// One completion query. A refusal counts as ended: the instrument is no
+// longer capturing.
+Poll AskCaptureEnded(const ChainCapture& c, s_CommPort* device) {
+  if (RS232SendCommand(device->fd, "BUSCE" + std::string(device->serialNumber.view())) != 1) {
+    return Poll::NotSent;
+  }
+  t_comresponse answer;
+  if (Contains(device->eotFormat.view(), "\x04") && HasOldBusFirmware(device)) {
+    RS232WaitForData(device->fd, &answer, c.pollTime, "\r\n", false);
+    if (answer.elapsedMs >= c.pollTime && !answer.syntaxError) return Poll::Capturing;
+    if (!Contains(answer.data, "\x04")) {
+      // This firmware sends the 0x04 of its answer on its own.
+      t_comresponse lateEot;
+      RS232WaitForData(device->fd, &lateEot, 20, "\x04", false);
+    }
+    return Poll::Ended;
+  }
+  RS232WaitForData(device->fd, &answer, c.pollTime, device->eotFormat.view(), true);
+  const bool capturing = answer.elapsedMs >= c.pollTime && !answer.syntaxError;
+  return capturing ? Poll::Capturing : Poll::Ended;
+}
+
+// Asks every instrument in turn until all report the end of their capture,
+// or `timeoutMs` pass without any of them finishing.
+int AwaitChainCaptures(const ChainCapture& c, long timeoutMs) {
+  std::vector<s_CommPort*> pending{c.master};
+  for (const PortRef& device : PortsList_All(&c.master->chain)) pending.push_back(device.get());
+  delayms(static_cast<int>(c.pollTime / 16));
+  int64_t lastProgress = ClockMs();
+  while (!pending.empty()) {
+    for (auto it = pending.begin(); it != pending.end();) {
+      const Poll poll = AskCaptureEnded(c, *it);
+      if (poll == Poll::NotSent) {
+        SetError(c.master, "Communications problem");
+        return -1;
+      }
+      if (poll == Poll::Ended) {
+        it = pending.erase(it);
+        lastProgress = ClockMs();
+      } else {
+        ++it;
+      }
+    }
+    if (ClockMs() - lastProgress > timeoutMs) {
+      SetError(c.master, "Timeout");
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
+  s_CommPort* master = port.get();
+  if (static_cast<unsigned>(range) > 6) {
+    SetError(master, "Range value out of limits");
+    return -1;
+  }
+  if (pwm == 1 && pwmFrames > 15) {
+    SetError(master, "Frames value out of limits");
+    return -1;
+  }
+  const ChainCapture c{master, pwm, range, pwmFrames, FreeTimeMs(master), PollTimeMs(master)};
+  long t = LA_ResponseTimeout;
+  if (master->autoResponseTimeout) {
+    int failure = 0;
+    t = GatherTimeout(c, &failure);
+    if (t < 0) return failure;
+  }
+  const long timeout = t + 150;
+
+  if (RS232SendCommand(master->fd, BuildCaptureCommand("BUSC", pwm, range, pwmFrames)) != 1) {
+    FreeBus(master, c.freeTime);
+    SetError(master, "Unable to send command");
+    return -1;
+  }
+  master->captureState = 0;
+  for (const PortRef& device : PortsList_All(&master->chain)) device->captureState = 0;
+
+  const auto failed = [&](const char* text) {
+    SetError(master, text);
+    FreeBus(master, c.freeTime);
+    return 0;
+  };
+  t_comresponse answer;
+  RS232WaitForData(master->fd, &answer, timeout, master->eotFormat.view(), true);
+  switch (OutcomeOf(answer, timeout)) {
+    case WaitOutcome::Late: return failed(answer.syntaxError ? "Syntax error" : "Timeout");
+    case WaitOutcome::SyntaxError: return failed("Syntax error");
+    case WaitOutcome::Answered: break;
+  }
+  const int ended = AwaitChainCaptures(c, timeout);
+  if (ended == 0) FreeBus(master, c.freeTime);
+  return ended;
+}
+
+// The single-port spectrometer procedure against a chained instrument.
+int AcquireChained(const char* devicePath, const char* serialNumber, Acquisition kind, int pwm,
+                   int manualExposure, float exposure) {
+  return Guarded(-1, [&](Call& call) {
+    const std::string serial(Arg(serialNumber));
+    if (!SerialAcceptable(serial)) return -1;
+    const std::optional<HeldPort> port = HoldMaster(call, devicePath);
+    if (!port) return -1;
+    const int taken = TakeBusFor(*port, serial);
+    if (taken != 1) return taken;
+    return AcquireSpectrometer(*port, kind, pwm, manualExposure, exposure);
+  });
+}
+
+}  // namespace
+
+extern "C" {
+
+int ZeltoCom_DaisyChain_Add(const char* devicePath, const char* serialNumber) {
+  return Guarded(0, [&](Call& call) {
+    const std::string serial(Arg(serialNumber));
+    if (!SerialAcceptable(serial)) return 0;
+    const std::optional<HeldPort> port = HoldMaster(call, devicePath);
+    return port ? AddToChain(*port, serial) : 0;
+  });
+}
+
+int ZeltoCom_DaisyChain_Del(const char* devicePath, const char* serialNumber) {
+  return Guarded(0, [&](Call& call) {
+    const std::optional<HeldPort> port =
+        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not being used");
+    if (!port) return 0;
+    const std::string_view serial = Arg(serialNumber);
+    if (serial == (*port)->serialNumber.view()) return 1;
+    if (serial.empty() || !PortsList_GetBySerialNumber(&(*port)->chain, serial)) {
+      SetError(port->get(), "Device not found");
+      return 0;
+    }
+    PortsList_DelBySerialNumber(&(*port)->chain, serial);
+    return 1;
+  });
+}
+
+int ZeltoCom_DaisyChain_Clear(const char* devicePath) {
+  return Guarded(0, [&](Call& call) {
+    const std::optional<HeldPort> port =
+        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not in use");
+    if (!port) return 0;
+    const int count = PortsList_Count(&(*port)->chain);
+    for (int i = 0; i < count; ++i) PortsList_DelByIndex(&(*port)->chain, 0);
+    return 1;
+  });
+}
+
+int ZeltoCom_DaisyChain_Send(const char* devicePath, const char* serialNumber, const char* command,
+                             char* response) {
+  return Guarded(-1, [&](Call& call) {
+    if (!CommandGiven(command)) return -1;
+    const std::string serial(Arg(serialNumber));
+    if (!SerialAcceptable(serial)) return -1;
+    const std::optional<HeldPort> port = HoldMaster(call, devicePath);
+    if (!port) return 0;
+    const int taken = TakeBusFor(*port, serial);
+    if (taken != 1) return taken;
+    return Send(*port, command, response);
+  });
+}
+
+int ZeltoCom_DaisyChain_Capture(const char* devicePath, int pwm, int range, int pwmFrames) {
+  return Guarded(-1, [&](Call& call) {
+    const std::optional<HeldPort> port =
+        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The port is not in use");
+    return port ? CaptureChain(*port, pwm, range, pwmFrames) : -1;
+  });
+}
+
+int ZeltoCom_DaisyChain_SpectrometerCapture(const char* devicePath, const char* serialNumber,
+                                            int pwm, int manualExposure, float exposure) {
+  return AcquireChained(devicePath, serialNumber, Acquisition::Spectrum, pwm, manualExposure,
+                        exposure);
+}
+
+int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath, const char* serialNumber, int pwm,
+                                         int manualExposure, float exposure) {
+  return AcquireChained(devicePath, serialNumber, Acquisition::Dark, pwm, manualExposure,
+                        exposure);
+}
+
+int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer) {
+  return Guarded(0, [&](Call& call) {
+    if (PortsList_Count(&OpenedPorts) == 0) {
+      SetError(nullptr, "No ports have been opened");
+      return 0;
+    }
+    const std::optional<HeldPort> port =
+        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The device path is not in use");
+    if (!port) return 0;
+    if (buffer == nullptr) {
+      SetError(port->get(), "No buffer given");
+      return 0;
+    }
+    if (!CopyAnswer(buffer, (*port)->lastResponse)) {
+      SetError(port->get(), "Answer longer than the response buffer");
+      return 0;
+    }
+    return 1;
+  });
+}
+
+}  // extern "C"
