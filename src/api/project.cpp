@@ -111,13 +111,14 @@ int OpenRows(const std::vector<s_IDPort>& rows) {
   std::vector<std::string> openedPaths;
   for (const s_IDPort& row : rows) {
     const char* path = row.devicePath.c_str();
-    if (row.chained) SetError(nullptr, "Daisy-chained devices are not opened yet");
-    const int opened = row.chained ? 0 : ZeltoCom_Open(path, RateOf(row));
+    const int opened = row.chained ? ZeltoCom_DaisyChain_Add(path, row.serialNumber.c_str())
+                                   : ZeltoCom_Open(path, RateOf(row));
     if (opened != 1) {
       RollBack(openedPaths);
       return -1;
     }
-    openedPaths.emplace_back(path);
+    // A chained device goes with its master's record.
+    if (!row.chained) openedPaths.emplace_back(path);
   }
   return 1;
 }

@@ -34,10 +34,6 @@ class FilesTest : public SimBench {
     return result == 1 ? name : result == 0 ? "-" : LastError();
   }
   static std::string Section(const std::string& lines) { return "[DEVICE]\n" + lines + "[END]\n"; }
-  static std::string Device(const zeltosim::SimPort& port, const std::string& id) {
-    return Section("PORT=" + port.path() + "\nID=" + id + "\nSERIALNUMBER=" +
-                   Record(port)->serialNumber.c_str() + "\n");
-  }
 
   std::string dir_;
 };
@@ -107,13 +103,16 @@ TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
 
 TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
   zeltosim::SimPort& left = AddPort(Analyser("ZS0001"));
+  left.chain(Analyser("ZS0003"));
   zeltosim::SimPort& right = AddPort(Analyser("ZS0002"));
   Publish();
   const std::string project =
       "# station 4\r\n\r\n[DEVICE]\r\nPORT=" + left.path() + "\r\nID=LEFT\r\n# fixed rate\r\n" +
       "BAUDRATE=" + std::to_string(left.baud()) + "\r\nSERIALNUMBER=ZS0001\r\n[END]\r\n" +
-      Section("DEVPATH=" + right.path() + "\nID=RIGHT\nSERIALNUMBER=ZS0002\n");
+      Section("DEVPATH=" + right.path() + "\nID=RIGHT\nSERIALNUMBER=ZS0002\n") +
+      Section("PORT=" + left.path() + "\nID=CHAINED\nSERIALNUMBER=ZS0003\nROLE=DaisyChain\n");
   ASSERT_EQ(OpenProject(project), 1) << LastError();
+  EXPECT_EQ(zeltocom::PortsList_Count(&Record(left)->chain), 1);
   char answer[64];
   EXPECT_EQ(ZeltoCom_SendByID("RIGHT", "GETSERIAL", answer), 1);
   EXPECT_STREQ(answer, "ZS0002");
@@ -128,10 +127,20 @@ TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
 
 TEST_F(FilesTest, AnInstrumentThatDoesNotOpenClosesTheOthersAgain) {
   zeltosim::SimPort& first = AddPort(Analyser("ZS0001"));
+  first.chain(Analyser("ZS0003"));
+  zeltosim::SimPort& second = AddPort(Analyser("ZS0002"));
   Publish();
-  EXPECT_EQ(OpenProject(Section("PORT=" + first.path() + "\nID=A\nSERIALNUMBER=ZS0001\n") +
-                        Section("PORT=/dev/pts/none\nID=B\nSERIALNUMBER=ZS0002\n")),
+  const std::string masters = Section("PORT=" + first.path() + "\nID=A\nSERIALNUMBER=ZS0001\n") +
+                              Section("PORT=" + second.path() + "\nID=B\nSERIALNUMBER=ZS0002\n");
+  const std::string chained = "PORT=" + first.path() + "\nROLE=DAISY-CHAIN\nID=C";
+  EXPECT_EQ(OpenProject(masters + Section(chained + "\nSERIALNUMBER=ZS0003\n") +
+                        Section(chained + "2\nSERIALNUMBER=NOBODY\n")),
             -1);
+  EXPECT_EQ(LastError(), "Communication error");
+  EXPECT_EQ(Record(first), nullptr);
+  EXPECT_EQ(Record(second), nullptr);
+
+  EXPECT_EQ(OpenProject(masters + Section("PORT=/dev/pts/none\nID=C\nSERIALNUMBER=ZS0004\n")), -1);
   EXPECT_EQ(LastError(), "Device Path not available");
   EXPECT_EQ(Record(first), nullptr);
 }
