@@ -193,6 +193,35 @@ ZELTOCOM_API int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath,
  * ZeltoCom_SetResponseBufferSize). 1, or 0 on failure. */
 ZELTOCOM_API int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer);
 
+/* ---- Project and bin files ---- */
+
+/* Reads the project file at `path` and opens its instruments. The file is
+ * text, lines of at most 1023 characters; empty lines and lines starting with
+ * '#' are skipped. Each instrument is a section from a line "[DEVICE]" to a
+ * line "[END]" of "KEY=value" lines (no blank before '='): PORT (or DEVPATH),
+ * ID, SERIALNUMBER, BAUDRATE (0 or missing: search the rate) and ROLE
+ * (DAISY-CHAIN for an instrument behind the master named earlier on the
+ * same PORT). The IDs then address the instruments (ZeltoCom_SendByID,
+ * ZeltoCom_GetPortByID). 1 all opened; 0 file unreadable or "No devices
+ * found"; -1 a section error or an instrument that did not open (those
+ * opened by this call are closed again, and the error text is that of the
+ * failing open). */
+ZELTOCOM_API int ZeltoCom_OpenProject(const char* path);
+/* Closes the directly opened instruments of the last project (their chains
+ * with them); the IDs stay known. 1 all closed; 0 "No devices found" or a
+ * port that was not open. */
+ZELTOCOM_API int ZeltoCom_CloseProject(void);
+/* Writes into `binName` (room for the longest bin name) the name of the
+ * first bin of the file at `path` (extension .vec, any case) that holds the
+ * chromaticity point (x, y). Each line of the file of 6 characters or more
+ * is one bin, "NAME=x,y;x,y;..." or without "NAME=" for the name "Area N", N
+ * the bin's position in the file; a point is in a bin when the segment from
+ * (0, 0) to it crosses exactly one of the polygon's edges, vertical edges
+ * not counted. 1 found; 0 in no bin; -1 bad path, unreadable or malformed
+ * file. */
+ZELTOCOM_API int ZeltoCom_Binning_GetBinFromVECFile(const char* path, char* binName, float x,
+                                                    float y);
+
 #ifdef __cplusplus
 }
 #endif

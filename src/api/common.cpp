@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "frame/errors.hpp"
+#include "frame/utils.hpp"
 #include "serial/enumerate.hpp"
 #include "zeltocom.h"
 
@@ -47,6 +48,12 @@ void ReportEscapedError(const Call& call, const char* text) noexcept {
   } catch (...) {
     // Nothing more can be said without risking the host.
   }
+}
+
+std::optional<std::string> ReadFileOrReport(const std::string& path) {
+  std::optional<std::string> text = ReadTextFile(path);
+  if (!text) SetError(nullptr, StringPrintf("Unable to open file %s", path.c_str()));
+  return text;
 }
 
 bool DetectionCheck() {

@@ -4,6 +4,7 @@
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -20,6 +21,10 @@ extern std::atomic<int> ResponseBufferSize;
 
 // The longest device path a port record holds.
 constexpr std::size_t kMaxPathLength = 253;
+// The longest serial number an instrument reports.
+constexpr std::size_t kMaxSerialLength = 14;
+
+constexpr const char* kNoBuffer = "No buffer given for the result";
 
 // A host's text argument; a null pointer reads as the empty text.
 inline std::string_view Arg(const char* text) {
@@ -88,6 +93,10 @@ Result Guarded(Result failure, Body&& body) noexcept {
   }
   return failure;
 }
+
+// The content of the file at `path` (ReadTextFile); none, with "Unable to
+// open file <path>" as the error, when it cannot be read.
+std::optional<std::string> ReadFileOrReport(const std::string& path);
 
 // Enumerates on first use; false with "No ports detected" when no port is
 // known.

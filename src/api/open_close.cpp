@@ -23,9 +23,6 @@ using namespace zeltocom;
 
 namespace {
 
-// The longest serial number an instrument reports.
-constexpr std::size_t kMaxSerialLength = 14;
-
 // What a freshly opened line is asked and how long each step may take.
 struct HandshakeTiming {
   double charTimeMs;

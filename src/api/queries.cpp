@@ -14,8 +14,6 @@ using namespace zeltocom;
 
 namespace {
 
-constexpr const char* kNoBuffer = "No buffer given for the result";
-
 // The open ports to list into `buffer`, after the checks shared by the
 // listings; empty, with the error text set, when there is nothing to list or
 // nowhere to list it.

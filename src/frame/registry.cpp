@@ -165,4 +165,9 @@ std::optional<s_IDPort> IDtoPortList_GetByDevPath(std::string_view devicePath) {
   return FindRow([&](const s_IDPort& row) { return row.devicePath == devicePath && !row.chained; });
 }
 
+std::vector<s_IDPort> IDtoPortList_All() {
+  std::lock_guard lock(mtxOPL);
+  return lstIDtoPort;
+}
+
 }  // namespace zeltocom

@@ -133,5 +133,7 @@ void IDtoPortList_Add(const s_IDPort& row);
 void IDtoPortList_Clear();
 std::optional<s_IDPort> IDtoPortList_GetPortByDeviceID(std::string_view deviceID);
 std::optional<s_IDPort> IDtoPortList_GetByDevPath(std::string_view devicePath);
+// A copy of the whole table, in order.
+std::vector<s_IDPort> IDtoPortList_All();
 
 }  // namespace zeltocom

@@ -7,6 +7,10 @@
 #include <cstdio>
 #include <ctime>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace zeltocom {
 
 namespace {
@@ -47,6 +51,9 @@ float ParseDecimal(std::string_view text) {
   const int p = pointAt >= 0 ? pointAt : static_cast<int>(digits.size());
   float value = 0.0f;
   for (int i = 0; i < static_cast<int>(digits.size()); ++i) {
+    // A zero adds nothing, and past 308 places its power is infinite and
+    // the product not a number.
+    if (digits[i] == '0') continue;
     value += static_cast<float>((digits[i] - '0') * std::pow(10.0, p - 1 - i));
   }
   return value;
@@ -91,6 +98,35 @@ std::vector<std::string> SplitNonEmpty(std::string_view text, char separator) {
     start = end + 1;
   }
   return pieces;
+}
+
+std::vector<std::string> SplitLines(std::string_view text) {
+  std::vector<std::string> lines = SplitNonEmpty(text, '\n');
+  for (std::string& line : lines) {
+    if (line.ends_with('\r')) line.pop_back();
+  }
+  std::erase_if(lines, [](const std::string& line) { return line.empty(); });
+  return lines;
+}
+
+std::optional<std::string> ReadTextFile(const std::string& path) {
+  constexpr std::size_t kMaxBytes = std::size_t{16} << 20;
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
+      static_cast<std::size_t>(info.st_size) > kMaxBytes) {
+    return std::nullopt;
+  }
+  const int fd = open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string text;
+  char chunk[65536];
+  ssize_t n = 0;
+  while ((n = read(fd, chunk, sizeof chunk)) > 0 && text.size() <= kMaxBytes) {
+    text.append(chunk, static_cast<std::size_t>(n));
+  }
+  close(fd);
+  if (n < 0 || text.size() > kMaxBytes) return std::nullopt;
+  return text;
 }
 
 void str_replace(std::string& text, std::string_view what, std::string_view with) {

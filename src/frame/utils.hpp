@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,17 @@ std::string GetParameter(std::string& line, int side);
 void FormatDecimal(std::string& text);
 double RoundToDecimals(double value, int decimals);
 std::string GetDateString();
+
+// The lines of a text without their line breaks (LF or CR LF); empty lines
+// are dropped.
+std::vector<std::string> SplitLines(std::string_view text);
+// The longest line, line break left out, that the library's text files may
+// hold.
+constexpr std::size_t kMaxFileLineLength = 1023;
+// The whole content of the regular file at `path`; none when it cannot be
+// read, is no regular file (a FIFO or a device would block or be disturbed)
+// or is larger than 16 MiB.
+std::optional<std::string> ReadTextFile(const std::string& path);
 
 // printf-style formatting into a std::string.
 std::string StringPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -132,6 +132,23 @@ class BadInputTest : public SimBench {
         {"SpectrometerDark(exposure not a number)",
          [=] { return ZeltoCom_SpectrometerDark(open, 0, 1, nan); }, {-1}},
     });
+    // Project and bin files.
+    for (const auto& [kind, name] : BadNames()) {
+      calls.push_back({"OpenProject(" + kind + ")", [=] { return ZeltoCom_OpenProject(name); }, {0}});
+      calls.push_back({"Binning_GetBinFromVECFile(" + kind + ")",
+                       [=] { return ZeltoCom_Binning_GetBinFromVECFile(name, buf, 0.3f, 0.3f); },
+                       {-1}});
+    }
+    calls.insert(calls.end(), {
+        {"OpenProject(directory)", [] { return ZeltoCom_OpenProject("/tmp"); }, {0}},
+        {"CloseProject(no project)", [] { return ZeltoCom_CloseProject(); }, {0}},
+        {"Binning_GetBinFromVECFile(nonexistent file)",
+         [=] { return ZeltoCom_Binning_GetBinFromVECFile("/nonexistent/bins.vec", buf, 0, 0); },
+         {-1}},
+        {"Binning_GetBinFromVECFile(null buffer)",
+         [] { return ZeltoCom_Binning_GetBinFromVECFile("/nonexistent/bins.vec", nullptr, 0, 0); },
+         {-1}},
+    });
     return calls;
   }
 

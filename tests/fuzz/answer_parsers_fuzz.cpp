@@ -1,0 +1,72 @@
+// The readers that instrument answers go through: any answer gives a value,
+// and the values keep what the readers promise.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "device/identify.hpp"
+#include "frame/registry.hpp"
+#include "frame/utils.hpp"
+#include "fuzz_check.hpp"
+
+using namespace zeltocom;
+
+namespace {
+
+bool HasControlCharacter(const std::string& text) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) <= 31) return true;
+  }
+  return false;
+}
+
+bool IsTrimmed(const std::string& text) {
+  return text.empty() || (text.front() != ' ' && text.back() != ' ');
+}
+
+void CheckNumbers(const std::string& text) {
+  Require(ParseInt(text) >= 0);
+  Require(ParseLong(text) >= 0);
+  // Not a number fails this too.
+  Require(ParseDecimal(text) >= 0);
+  Require(FirmwareNumberOf(text) >= -1);
+  const int deviceType = CMD_GetDeviceType(text);
+  Require(deviceType >= DEVTYPE_UNKNOWN && deviceType <= DEVTYPE_CLRSTD);
+  if (isInteger(text)) Require(text.find_first_not_of("0123456789") == std::string::npos);
+}
+
+void CheckFields(const std::string& text) {
+  for (const std::string& piece : SplitNonEmpty(text, ';')) {
+    Require(!piece.empty() && piece.find(';') == std::string::npos);
+  }
+  std::string filtered = text;
+  filterstring(filtered);
+  Require(!HasControlCharacter(filtered));
+  std::string line = text;
+  const std::string key = GetParameter(line, 0);
+  const std::string value = GetParameter(line, 1);
+  Require(IsTrimmed(line) && IsTrimmed(value) && key.find('=') == std::string::npos);
+  Require(strtoupper(text).size() == text.size() && strtolower(text).size() == text.size());
+  Require(strcountchar(text, '=') <= static_cast<int>(text.size()));
+}
+
+void CheckRewrites(const std::string& text) {
+  std::string decimal = text;
+  FormatDecimal(decimal);
+  Require(decimal.size() == text.size());
+  if (text.empty()) return;
+  // The first character doubled wherever it stands.
+  std::string doubled = text;
+  str_replace(doubled, text.substr(0, 1), text.substr(0, 1) + text.substr(0, 1));
+  Require(doubled.size() == text.size() + static_cast<std::size_t>(strcountchar(text, text[0])));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  CheckNumbers(text);
+  CheckFields(text);
+  CheckRewrites(text);
+  return 0;
+}
