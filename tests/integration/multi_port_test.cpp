@@ -29,7 +29,7 @@ class MultiPortTest : public SimBench {
   int OpenAll() {
     results_.assign(ports_.size(), 9);
     return ZeltoCom_Open_Multi(results_.data(), Paths().data(), static_cast<int>(ports_.size()),
-                               57600);
+                               BenchLine().baud);
   }
   static std::string Opened() {
     char text[4096] = "";
@@ -76,14 +76,14 @@ TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
   paths.push_back(tooLong.c_str());
   std::vector<int> results(3, 9);
   // The first failure in list order, not the worst, with its own text.
-  EXPECT_EQ(ZeltoCom_Open_Multi(results.data(), paths.data(), 3, 57600), 0);
+  EXPECT_EQ(ZeltoCom_Open_Multi(results.data(), paths.data(), 3, BenchLine().baud), 0);
   EXPECT_EQ(results, (std::vector<int>{1, 0, -1}));
   EXPECT_EQ(LastError(), "Unable to communicate with device");
   EXPECT_EQ(Opened(), "");
 
   // A serial number on no port.
   const char* serials[] = {"ZS0001", "ZS0404"};
-  EXPECT_EQ(ZeltoCom_OpenSN_Multi(results.data(), serials, 2, 57600), -1);
+  EXPECT_EQ(ZeltoCom_OpenSN_Multi(results.data(), serials, 2, BenchLine().baud), -1);
   EXPECT_EQ(results[1], -1);
   EXPECT_EQ(LastError(), "Unable to find device");
   EXPECT_EQ(Opened(), "");
@@ -91,7 +91,7 @@ TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
 
 TEST_F(MultiPortTest, ParallelOpenOfAPortAlreadyOpenLeavesItOpen) {
   AddSlowestFirst({"ZS0001", "ZS0002"});
-  ASSERT_EQ(ZeltoCom_Open(ports_[1]->path().c_str(), 57600), 1);
+  ASSERT_EQ(ZeltoCom_Open(ports_[1]->path().c_str(), BenchLine().baud), 1);
   EXPECT_EQ(OpenAll(), 0);
   EXPECT_EQ(LastError(), "The port is already in use");
   EXPECT_EQ(Opened(), ports_[1]->path());
