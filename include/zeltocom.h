@@ -167,7 +167,8 @@ ZELTOCOM_API int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int 
  * ports are probed (at `baudrate`, 0 searching the rate) and closed again,
  * except ports being opened or held by another process. */
 /* Writes the path of the port of `serialNumber` (at least 255 bytes) or ""
- * into `portOut`; 1 found, 0 not found, -1 refused. */
+ * into `portOut`; 1 found, 0 not found ("Unable to find device"), -1
+ * refused. */
 ZELTOCOM_API int ZeltoCom_IsConnected(char* portOut, const char* serialNumber, int baudrate);
 /* portsOut[i] (at least 255 bytes each) receives the path of
  * serialNumbers[i] or "". The number found; -1 for "No ports detected",

@@ -224,7 +224,9 @@ int FindConnected(const std::vector<std::string>& serials, std::vector<std::stri
       }
     }
   }
-  return static_cast<int>(std::ranges::count_if(found, [](const std::string& f) { return !f.empty(); }));
+  const auto n = std::ranges::count_if(found, [](const std::string& f) { return !f.empty(); });
+  if (n == 0) SetError(nullptr, "Unable to find device");
+  return static_cast<int>(n);
 }
 
 // The fields of `text` between separators, empty ones kept.
