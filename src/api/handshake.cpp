@@ -59,7 +59,7 @@ PathClaim::~PathClaim() {
 std::optional<Identity> Handshake(int& fd, int baud) {
   const HandshakeTiming timing = TimingFor(baud);
   RS232SendCommand(fd, "\r\n\r\n");
-  delayms(timing.wakeUpPauseMs);
+  PauseMs(timing.wakeUpPauseMs);
 
   RS232SendCommand(fd, "BUSFREE");
   t_comresponse reply;
