@@ -6,9 +6,6 @@
 //
 //   zeltocom_multi_bench [--rounds N]   (repetitions per figure, default 5;
 //                                        the median is printed)
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "wait_mode.hpp"
 #include "zeltocom.h"
 #include "zeltosim/zeltosim.hpp"
 
@@ -144,25 +142,6 @@ void Measure() {
   }
 }
 
-int RunInMode(const char* argv0, bool blocking) {
-  std::fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (blocking) {
-      setenv("ZELTOCOM_WAIT", "block", 1);
-    } else {
-      unsetenv("ZELTOCOM_WAIT");
-    }
-    const std::string n = std::to_string(rounds);
-    execl("/proc/self/exe", argv0, "--measure", n.c_str(), static_cast<char*>(nullptr));
-    std::perror("exec");
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -178,5 +157,6 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::printf("zeltocom_multi_bench on %u processors\n", std::thread::hardware_concurrency());
-  return RunInMode(argv[0], false) | RunInMode(argv[0], true);
+  const std::vector<std::string> measure = {argv[0], "--measure", std::to_string(rounds)};
+  return RunInWaitMode(false, measure) | RunInWaitMode(true, measure);
 }

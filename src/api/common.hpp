@@ -89,6 +89,12 @@ Result Guarded(Result failure, Body&& body) noexcept {
   return failure;
 }
 
+// A thread body's result: stored through `slot` (when given) and returned.
+inline int StoreResult(int* slot, int result) {
+  if (slot != nullptr) *slot = result;
+  return result;
+}
+
 // Enumerates on first use; false with "No ports detected" when no port is
 // known.
 bool DetectionCheck();

@@ -154,6 +154,21 @@ bool BufferGiven(const void* buffer) {
   return false;
 }
 
+// Detects and copies `text(path, found)` of each port detected into the
+// next of the caller's buffers; the number copied.
+template <typename Text>
+int DetectInto(char** buffers, int baudrate, Text text) {
+  return Guarded(-1, [&] {
+    int refused = 0;
+    const auto detected = DetectAll(baudrate, refused);
+    if (!detected) return refused;
+    if (!detected->empty() && !BufferGiven(buffers)) return -1;
+    int n = 0;
+    for (const auto& [path, found] : *detected) CopyOut(buffers[n++], text(path, found));
+    return n;
+  });
+}
+
 // The enumerated ports for a listing; empty, with the error text, when none.
 std::vector<std::string> ListedPorts() {
   if (!DetectionCheck()) return {};
@@ -248,25 +263,17 @@ extern "C" {
 
 int ZeltoCom_Detect_Thread(int* result, const char* devicePath, int baudrate, char* serialNumber) {
   CopyOut(serialNumber, "");
-  const int r = Guarded(0, [&] {
+  return StoreResult(result, Guarded(0, [&] {
     std::string serial;
     const int detected = DetectOne(std::string(Arg(devicePath)), baudrate, serial);
     if (detected == 1) CopyOut(serialNumber, serial.substr(0, kSerialBuffer - 1));
     return detected;
-  });
-  if (result != nullptr) *result = r;
-  return r;
+  }));
 }
 
 int ZeltoCom_Detect(char** detectedPorts, int baudrate) {
-  return Guarded(-1, [&] {
-    int refused = 0;
-    const auto detected = DetectAll(baudrate, refused);
-    if (!detected) return refused;
-    if (!detected->empty() && !BufferGiven(detectedPorts)) return -1;
-    int n = 0;
-    for (const auto& [path, found] : *detected) CopyOut(detectedPorts[n++], path);
-    return n;
+  return DetectInto(detectedPorts, baudrate, [](const std::string& path, const Detected&) {
+    return path;
   });
 }
 
@@ -288,14 +295,8 @@ int ZeltoCom_DetectS(char* detectedPortsText, char separator, int baudrate) {
 }
 
 int ZeltoCom_DetectSN(char** detectedSerialNumbers, int baudrate) {
-  return Guarded(-1, [&] {
-    int refused = 0;
-    const auto detected = DetectAll(baudrate, refused);
-    if (!detected) return refused;
-    if (!detected->empty() && !BufferGiven(detectedSerialNumbers)) return -1;
-    int n = 0;
-    for (const auto& [path, found] : *detected) CopyOut(detectedSerialNumbers[n++], found.serial);
-    return n;
+  return DetectInto(detectedSerialNumbers, baudrate, [](const std::string&, const Detected& found) {
+    return found.serial;
   });
 }
 

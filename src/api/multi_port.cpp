@@ -224,9 +224,7 @@ bool ReadyToCaptureAll(const int* results) {
 extern "C" {
 
 int ZeltoCom_Open_Multi_Thread(int* result, const char* devicePath, int baudrate) {
-  const int r = ZeltoCom_Open(devicePath, baudrate);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_Open(devicePath, baudrate));
 }
 
 int ZeltoCom_Open_Multi(int* returnValues, const char* const* devicePaths, int nPorts,
@@ -339,16 +337,13 @@ int ZeltoCom_SendToAll_NR(int* returnValues, const char* command) {
 
 int ZeltoCom_CaptureFromAll_Thread(int* result, const char* devicePath, int pwm, int range,
                                    int pwmFrames) {
-  const int r = ZeltoCom_Capture(devicePath, pwm, range, pwmFrames);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_Capture(devicePath, pwm, range, pwmFrames));
 }
 
 int ZeltoCom_CaptureFromAllSpectrometers_Thread(int* result, const char* devicePath, int pwm,
                                                 int manualExposure, float exposure) {
-  const int r = ZeltoCom_SpectrometerCapture(devicePath, pwm, manualExposure, exposure);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result,
+                     ZeltoCom_SpectrometerCapture(devicePath, pwm, manualExposure, exposure));
 }
 
 int ZeltoCom_CaptureFromAll(int* returnValues, int pwm, int range, int pwmFrames) {

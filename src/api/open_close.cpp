@@ -207,15 +207,11 @@ int ZeltoCom_CloseAll(void) {
 }
 
 int ZeltoCom_Close_Multi_Thread(int* result, const char* devicePath) {
-  const int r = ZeltoCom_Close(devicePath);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_Close(devicePath));
 }
 
 int ZeltoCom_CloseSN_Multi_Thread(int* result, const char* serialNumber) {
-  const int r = ZeltoCom_CloseSN(serialNumber);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_CloseSN(serialNumber));
 }
 
 }  // extern "C"
