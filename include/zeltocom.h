@@ -220,7 +220,8 @@ ZELTOCOM_API int ZeltoCom_SendToAll_Thread(int* result, const char* devicePath,
                                            const char* command, char* response);
 
 /* Captures on every open port at once, one result per open port. 1 all
- * captured; -1 any port's -1; else 0 (also "No ports have been opened"). */
+ * captured; -1 any port's -1 or a missing array; else 0 (also "No ports
+ * have been opened"). */
 ZELTOCOM_API int ZeltoCom_CaptureFromAll(int* returnValues, int pwm, int range, int pwmFrames);
 /* Spectrometer captures on every open spectrometer at once; results packed
  * from returnValues[0], one per spectrometer; 0 with "No Spectrometers have

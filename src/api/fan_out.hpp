@@ -68,14 +68,31 @@ class Workers {
   std::deque<std::string> texts_;  // stays put while workers write into it
 };
 
+// Runs `work(i)` for every i below `n` that `needed(i)`, one worker each;
+// returns each slot's last error text: its worker's, or `skipped` for a slot
+// that needed none.
+template <typename Needed, typename Work>
+std::vector<std::string> FanOutWhere(std::size_t n, Needed needed, Work work,
+                                     const std::string& skipped) {
+  std::vector<std::size_t> started;
+  Workers workers(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!needed(i)) continue;
+    started.push_back(i);
+    workers.Start([&work, i] { work(i); });
+  }
+  workers.JoinAll();
+  std::vector<std::string> texts(n, skipped);
+  const std::vector<std::string> workerTexts = workers.texts();
+  for (std::size_t k = 0; k < started.size(); ++k) texts[started[k]] = workerTexts[k];
+  return texts;
+}
+
 // Runs `work(i)` for every i below `n`, one worker each; returns each
 // worker's last error text.
 template <typename Work>
 std::vector<std::string> FanOut(std::size_t n, Work work) {
-  Workers workers(n);
-  for (std::size_t i = 0; i < n; ++i) workers.Start([&work, i] { work(i); });
-  workers.JoinAll();
-  return workers.texts();
+  return FanOutWhere(n, [](std::size_t) { return true; }, std::move(work), "");
 }
 
 // -1 wherever it stands, else 0 if any, else 1.
@@ -111,6 +128,15 @@ inline void KeepTextOf(const std::vector<std::string>& texts, int index) {
   if (!texts[static_cast<std::size_t>(index)].empty()) {
     SetError(nullptr, texts[static_cast<std::size_t>(index)]);
   }
+}
+
+// The result of a call over ports that may each fail: WorstResult, with the
+// text of the first port that gave it.
+inline int WorstResultKeepingText(std::span<const int> results,
+                                  const std::vector<std::string>& texts) {
+  const int result = WorstResult(results);
+  if (result != 1) KeepTextOf(texts, FirstEqual(results, result));
+  return result;
 }
 
 // The checks of a caller's count and arrays: false, with the error text set,

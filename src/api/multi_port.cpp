@@ -70,23 +70,14 @@ void CloseOpened(const std::vector<std::string>& paths, std::span<const int> res
 int OpenAll(int* results, const std::vector<std::string>& paths, int baudrate,
             const char* missing) {
   const std::size_t n = paths.size();
-  std::vector<std::string> texts(n);
-  std::vector<std::size_t> started;
-  {
-    Workers workers(n);
-    for (std::size_t i = 0; i < n; ++i) {
-      if (missing != nullptr && paths[i].empty()) {
-        results[i] = -1;
-        texts[i] = missing;
-        continue;
-      }
-      started.push_back(i);
-      workers.Start([&, i] { ZeltoCom_Open_Multi_Thread(&results[i], paths[i].c_str(), baudrate); });
-    }
-    workers.JoinAll();
-    const std::vector<std::string> workerTexts = workers.texts();
-    for (std::size_t k = 0; k < started.size(); ++k) texts[started[k]] = workerTexts[k];
+  const auto needed = [&](std::size_t i) { return missing == nullptr || !paths[i].empty(); };
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!needed(i)) results[i] = -1;
   }
+  const std::vector<std::string> texts = FanOutWhere(
+      n, needed,
+      [&](std::size_t i) { ZeltoCom_Open_Multi_Thread(&results[i], paths[i].c_str(), baudrate); },
+      missing != nullptr ? missing : "");
   const std::span<const int> slots(results, n);
   const int failing = FirstFailing(slots);
   if (failing >= 0) {
@@ -104,14 +95,18 @@ int CloseListed(int* results, const std::vector<std::string>& names,
   return WorstResult(std::span<const int>(results, names.size())) == 1 ? 1 : 0;
 }
 
+// The check of the calls that address every open port: false, with the
+// error text, when none is open.
+bool AnyPortOpen() {
+  if (PortsList_Count(&OpenedPorts) > 0) return true;
+  SetError(nullptr, "No ports have been opened");
+  return false;
+}
+
 // The checks of the calls that send to listed ports.
 bool EnoughPortsOpen(int nPorts) {
-  const int open = PortsList_Count(&OpenedPorts);
-  if (open == 0) {
-    SetError(nullptr, "No ports have been opened");
-    return false;
-  }
-  if (open < nPorts) {
+  if (!AnyPortOpen()) return false;
+  if (PortsList_Count(&OpenedPorts) < nPorts) {
     SetError(nullptr, "Not all ports have been opened");
     return false;
   }
@@ -130,25 +125,15 @@ struct Exchange {
 // reports the text of its first port with the call's result.
 int SendAll(int* results, const std::vector<Exchange>& exchanges) {
   const std::size_t n = exchanges.size();
-  std::vector<std::size_t> started;
-  Workers workers(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    results[i] = -1;
-    if (exchanges[i].path.empty()) continue;
-    started.push_back(i);
-    workers.Start([&, i] {
-      const Exchange& e = exchanges[i];
-      ZeltoCom_Send_Multi_Thread(&results[i], e.path.c_str(), e.command.c_str(), e.response);
-    });
-  }
-  workers.JoinAll();
-  std::vector<std::string> texts(n, "The device path is not in use");
-  const std::vector<std::string> workerTexts = workers.texts();
-  for (std::size_t k = 0; k < started.size(); ++k) texts[started[k]] = workerTexts[k];
-  const std::span<const int> slots(results, n);
-  const int result = WorstResult(slots);
-  if (result != 1) KeepTextOf(texts, FirstEqual(slots, result));
-  return result;
+  for (std::size_t i = 0; i < n; ++i) results[i] = -1;
+  const std::vector<std::string> texts = FanOutWhere(
+      n, [&](std::size_t i) { return !exchanges[i].path.empty(); },
+      [&](std::size_t i) {
+        const Exchange& e = exchanges[i];
+        ZeltoCom_Send_Multi_Thread(&results[i], e.path.c_str(), e.command.c_str(), e.response);
+      },
+      "The device path is not in use");
+  return WorstResultKeepingText(std::span<const int>(results, n), texts);
 }
 
 std::vector<Exchange> ToAllOpen(const char* command, char* const* responses) {
@@ -161,14 +146,7 @@ std::vector<Exchange> ToAllOpen(const char* command, char* const* responses) {
 }
 
 int SendToAllOpen(int* results, const char* command, char* const* responses) {
-  if (PortsList_Count(&OpenedPorts) == 0) {
-    SetError(nullptr, "No ports have been opened");
-    return -1;
-  }
-  if (results == nullptr) {
-    SetError(nullptr, "No array given");
-    return -1;
-  }
+  if (!AnyPortOpen() || !ArraysGiven(1, {results})) return -1;
   return SendAll(results, ToAllOpen(command, responses));
 }
 
@@ -177,10 +155,7 @@ template <typename Capture>
 int CaptureAll(int* results, const std::vector<std::string>& paths, Capture capture) {
   const std::vector<std::string> texts =
       FanOut(paths.size(), [&](std::size_t i) { capture(&results[i], paths[i].c_str()); });
-  const std::span<const int> slots(results, paths.size());
-  const int result = WorstResult(slots);
-  if (result != 1) KeepTextOf(texts, FirstEqual(slots, result));
-  return result;
+  return WorstResultKeepingText(std::span<const int>(results, paths.size()), texts);
 }
 
 std::vector<std::string> OpenPaths() {
@@ -204,19 +179,6 @@ bool IsSpectrometer(const PortRef& port) {
     return false;
   }
   return held->owner()->deviceType == DEVTYPE_SPECTROMETER;
-}
-
-// Refuses the capture calls without a result array or an open port.
-bool ReadyToCaptureAll(const int* results) {
-  if (PortsList_Count(&OpenedPorts) == 0) {
-    SetError(nullptr, "No ports have been opened");
-    return false;
-  }
-  if (results == nullptr) {
-    SetError(nullptr, "No array given");
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -323,10 +285,7 @@ int ZeltoCom_SendToAll_Thread(int* result, const char* devicePath, const char* c
 
 int ZeltoCom_SendToAll(int* returnValues, const char* command, char* const* responses) {
   return Guarded(-1, [&] {
-    if (responses == nullptr && PortsList_Count(&OpenedPorts) > 0) {
-      SetError(nullptr, "No array given");
-      return -1;
-    }
+    if (!AnyPortOpen() || !ArraysGiven(1, {responses})) return -1;
     return SendToAllOpen(returnValues, command, responses);
   });
 }
@@ -348,7 +307,8 @@ int ZeltoCom_CaptureFromAllSpectrometers_Thread(int* result, const char* deviceP
 
 int ZeltoCom_CaptureFromAll(int* returnValues, int pwm, int range, int pwmFrames) {
   return Guarded(-1, [&] {
-    if (!ReadyToCaptureAll(returnValues)) return 0;
+    if (!AnyPortOpen()) return 0;
+    if (!ArraysGiven(1, {returnValues})) return -1;
     return CaptureAll(returnValues, OpenPaths(), [&](int* slot, const char* path) {
       ZeltoCom_CaptureFromAll_Thread(slot, path, pwm, range, pwmFrames);
     });
@@ -358,7 +318,8 @@ int ZeltoCom_CaptureFromAll(int* returnValues, int pwm, int range, int pwmFrames
 int ZeltoCom_CaptureFromAllSpectrometers(int* returnValues, int pwm, int manualExposure,
                                          float exposure) {
   return Guarded(-1, [&] {
-    if (!ReadyToCaptureAll(returnValues)) return 0;
+    if (!AnyPortOpen()) return 0;
+    if (!ArraysGiven(1, {returnValues})) return -1;
     std::vector<std::string> spectrometers;
     for (const PortRef& port : PortsList_All(&OpenedPorts)) {
       if (IsSpectrometer(port)) spectrometers.emplace_back(port->devicePath.view());
