@@ -20,6 +20,8 @@ extern std::atomic<int> ResponseBufferSize;
 
 // The longest device path a port record holds.
 constexpr std::size_t kMaxPathLength = 253;
+// The longest serial number an instrument reports.
+constexpr std::size_t kMaxSerialLength = 14;
 
 // A host's text argument; a null pointer reads as the empty text.
 inline std::string_view Arg(const char* text) {
@@ -33,6 +35,12 @@ void CopyOut(char* buffer, std::string_view text);
 // Copies an instrument's answer into a host buffer, cut to the response
 // buffer size; false when it had to be cut.
 bool CopyAnswer(char* buffer, std::string_view answer);
+
+// A thread body's result: stored through `slot` (when given) and returned.
+inline int StoreResult(int* slot, int result) {
+  if (slot != nullptr) *slot = result;
+  return result;
+}
 
 // A port found by a call and held for it: the line is the call's until the
 // object goes, and the record stays valid even if another thread closes the
@@ -87,12 +95,6 @@ Result Guarded(Result failure, Body&& body) noexcept {
     ReportEscapedError(call, "Unexpected internal error");
   }
   return failure;
-}
-
-// A thread body's result: stored through `slot` (when given) and returned.
-inline int StoreResult(int* slot, int result) {
-  if (slot != nullptr) *slot = result;
-  return result;
 }
 
 // Enumerates on first use; false with "No ports detected" when no port is

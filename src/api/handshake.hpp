@@ -6,12 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "api/common.hpp"
 #include "serial/driver.hpp"
 
 namespace zeltocom {
-
-// The longest serial number an instrument reports.
-constexpr std::size_t kMaxSerialLength = 14;
 
 // What a freshly opened line tells about the instrument behind it.
 struct Identity {
