@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "frame/errors.hpp"
+#include "serial/baudrates.hpp"
 #include "serial/enumerate.hpp"
 #include "zeltocom.h"
 
@@ -47,6 +48,12 @@ void ReportEscapedError(const Call& call, const char* text) noexcept {
   } catch (...) {
     // Nothing more can be said without risking the host.
   }
+}
+
+bool BaudrateAccepted(int baudrate) {
+  if (isBaudrateValid(baudrate)) return true;
+  SetError(nullptr, "Invalid baud-rate");
+  return false;
 }
 
 bool DetectionCheck() {

@@ -97,6 +97,9 @@ Result Guarded(Result failure, Body&& body) noexcept {
   return failure;
 }
 
+// 0 or an admitted rate; false with "Invalid baud-rate" otherwise.
+bool BaudrateAccepted(int baudrate);
+
 // Enumerates on first use; false with "No ports detected" when no port is
 // known.
 bool DetectionCheck();

@@ -112,12 +112,6 @@ int DetectOne(const std::string& path, int baudrate, std::string& serial) {
   return PassesFilters(path, serial) ? 1 : 0;
 }
 
-bool RateAccepted(int baudrate) {
-  if (isBaudrateValid(baudrate)) return true;
-  SetError(nullptr, "Invalid baud-rate");
-  return false;
-}
-
 // What a detection found on one port.
 struct Detected {
   int result = 0;
@@ -130,7 +124,7 @@ std::optional<std::vector<std::pair<std::string, Detected>>> DetectAll(int baudr
                                                                        int& refused) {
   refused = 0;
   if (!DetectionCheck()) return std::nullopt;
-  if (!RateAccepted(baudrate)) {
+  if (!BaudrateAccepted(baudrate)) {
     refused = -1;
     return std::nullopt;
   }
@@ -208,7 +202,7 @@ std::string ProbeForSerialNumbers(const std::string& path, const std::vector<std
 int FindConnected(const std::vector<std::string>& serials, std::vector<std::string>& found,
                   int baudrate) {
   if (!DetectionCheck()) return -1;
-  if (!RateAccepted(baudrate)) return -1;
+  if (!BaudrateAccepted(baudrate)) return -1;
   found.assign(serials.size(), "");
   std::vector<std::string> sought;
   bool anyGiven = false;

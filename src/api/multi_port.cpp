@@ -29,12 +29,6 @@ std::vector<std::string> Texts(const char* const* texts, int n) {
   return copies;
 }
 
-bool RateAccepted(int baudrate) {
-  if (isBaudrateValid(baudrate)) return true;
-  SetError(nullptr, "Invalid baud-rate");
-  return false;
-}
-
 // Threads register their ports in the order they finish. The caller's ports
 // take back the caller's order among the places they hold in the registry;
 // ports opened before keep theirs.
@@ -194,7 +188,7 @@ int ZeltoCom_Open_Multi(int* returnValues, const char* const* devicePaths, int n
   return Guarded(-1, [&] {
     if (!ArraysGiven(nPorts, {returnValues, devicePaths})) return -1;
     if (!DetectionCheck()) return -1;
-    if (!RateAccepted(baudrate)) return -1;
+    if (!BaudrateAccepted(baudrate)) return -1;
     return OpenAll(returnValues, Texts(devicePaths, nPorts), baudrate, nullptr);
   });
 }
@@ -204,7 +198,7 @@ int ZeltoCom_OpenSN_Multi(int* returnValues, const char* const* serialNumbers, i
   return Guarded(-1, [&] {
     if (!ArraysGiven(nPorts, {returnValues, serialNumbers})) return -1;
     if (!DetectionCheck()) return -1;
-    if (!RateAccepted(baudrate)) return -1;
+    if (!BaudrateAccepted(baudrate)) return -1;
     if (nPorts == 0) return 1;
     std::vector<std::vector<char>> buffers(static_cast<std::size_t>(nPorts),
                                            std::vector<char>(kPathBuffer, '\0'));

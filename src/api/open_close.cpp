@@ -129,10 +129,7 @@ int ZeltoCom_Open(const char* devicePath, int baudrate) {
         return 0;
       }
     }
-    if (!isBaudrateValid(baudrate)) {
-      SetError(nullptr, "Invalid baud-rate");
-      return -1;
-    }
+    if (!BaudrateAccepted(baudrate)) return -1;
     return baudrate != 0 ? OpenAtFixedRate(path, baudrate) : OpenWithRateSearch(path);
   });
 }
@@ -153,10 +150,7 @@ int ZeltoCom_OpenSN(const char* serialNumber, int baudrate) {
       SetError(nullptr, "The port is already open!");
       return 0;
     }
-    if (!isBaudrateValid(baudrate)) {
-      SetError(nullptr, "Invalid baud-rate");
-      return -1;
-    }
+    if (!BaudrateAccepted(baudrate)) return -1;
     std::string rememberedPath;
     const long rememberedRate = GetBaudrateForSN(serial, &rememberedPath);
     const std::vector<int> rates =
