@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -24,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "wait_mode.hpp"
 #include "zeltocom.h"
 #include "zeltosim/zeltosim.hpp"
 
@@ -259,24 +259,6 @@ void Soak(int cycles) {
   std::printf("  %d failures; %.1f ms per cycle\n", failures, MsSince(start) / cycles);
 }
 
-int RunInMode(const char* argv0, bool blocking) {
-  std::fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (blocking) {
-      setenv("ZELTOCOM_WAIT", "block", 1);
-    } else {
-      unsetenv("ZELTOCOM_WAIT");
-    }
-    execl("/proc/self/exe", argv0, "--waits", static_cast<char*>(nullptr));
-    std::perror("exec");
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -297,8 +279,8 @@ int main(int argc, char** argv) {
   std::printf("zeltocom_bench on %u processors\n", std::thread::hardware_concurrency());
   std::printf("\nAnswers:\n");
   MeasureIntake();
-  int failed = RunInMode(argv[0], false);
-  failed |= RunInMode(argv[0], true);
+  int failed = RunInWaitMode(false, {argv[0], "--waits"});
+  failed |= RunInWaitMode(true, {argv[0], "--waits"});
   Soak(soak);
   return failed;
 }

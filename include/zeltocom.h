@@ -221,6 +221,116 @@ ZELTOCOM_API int ZeltoCom_CloseProject(void);
  * file. */
 ZELTOCOM_API int ZeltoCom_Binning_GetBinFromVECFile(const char* path, char* binName, float x,
                                                     float y);
+/* ---- Many ports at once ----
+ * One worker thread per port; the call returns when every worker has ended.
+ * Arrays are the caller's, one entry per port, index i of each belonging to
+ * the same port; results are in the caller's order. A negative count or a
+ * missing array is refused (-1 and an error text). After a failure, the
+ * library's error text is that of the first port that failed. */
+
+/* Connection checks: find the port of an instrument by its serial number.
+ * An instrument already open is found without any traffic; other enumerated
+ * ports are probed (at `baudrate`, 0 searching the rate) and closed again,
+ * except ports being opened or held by another process. */
+/* Writes the path of the port of `serialNumber` (at least 255 bytes) or ""
+ * into `portOut`; 1 found, 0 not found ("Unable to find device"), -1
+ * refused. */
+ZELTOCOM_API int ZeltoCom_IsConnected(char* portOut, const char* serialNumber, int baudrate);
+/* portsOut[i] (at least 255 bytes each) receives the path of
+ * serialNumbers[i] or "". The number found; -1 for "No ports detected",
+ * "Invalid baud-rate" or "No serial numbers given". */
+ZELTOCOM_API int ZeltoCom_AreConnected(char** portsOut, const char* const* serialNumbers,
+                                       int nSerials, int baudrate);
+/* The same with the serial numbers as one text joined by `separator`:
+ * `portsOut` receives one field per serial number, in order, joined by the
+ * same separator, each the path found or empty ("a;;c"). */
+ZELTOCOM_API int ZeltoCom_AreConnectedS(char* portsOut, const char* serialNumbers, int separator,
+                                        int baudrate);
+
+/* Opens the listed paths at once. 1 all opened; -1 no ports detected or
+ * invalid baud rate; otherwise the first failing result in list order, after
+ * every port this call opened has been closed again. On success the ports
+ * are listed in the caller's order among the open ports. */
+ZELTOCOM_API int ZeltoCom_Open_Multi(int* returnValues, const char* const* devicePaths, int nPorts,
+                                     int baudrate);
+/* The same by serial number; a serial number found on no port gives -1. */
+ZELTOCOM_API int ZeltoCom_OpenSN_Multi(int* returnValues, const char* const* serialNumbers,
+                                       int nPorts, int baudrate);
+/* Closes the listed ports at once: 1 all closed, 0 if any was not open. */
+ZELTOCOM_API int ZeltoCom_Close_Multi(int* returnValues, const char* const* devicePaths, int nPorts);
+ZELTOCOM_API int ZeltoCom_CloseSN_Multi(int* returnValues, const char* const* serialNumbers,
+                                        int nPorts);
+/* Thread body: stores the result of ZeltoCom_Open in `*result`, returns it. */
+ZELTOCOM_API int ZeltoCom_Open_Multi_Thread(int* result, const char* devicePath, int baudrate);
+
+/* Parallel sends: commands[i] to port i, its answer into responses[i] (room
+ * as for ZeltoCom_Send; an entry may be null). 1 every port answered; -1 a
+ * refusal or any port's -1, wherever it stands; else 0. */
+ZELTOCOM_API int ZeltoCom_Send_Multi(int* returnValues, const char* const* devicePaths, int nPorts,
+                                     const char* const* commands, char* const* responses);
+/* By serial number; one that is not open gets -1 and no send. */
+ZELTOCOM_API int ZeltoCom_SendSN_Multi(int* returnValues, const char* const* serialNumbers,
+                                       int nPorts, const char* const* commands,
+                                       char* const* responses);
+/* To the first nPorts paths of `devicePathList` (joined by ';') the commands
+ * of `commandList` (joined by `commandSeparator`), answers kept per port
+ * only. */
+ZELTOCOM_API int ZeltoCom_Send_Multi_NR(int* returnValues, const char* devicePathList, int nPorts,
+                                        const char* commandList, char commandSeparator);
+/* `command` to every open port, in the order of ZeltoCom_GetOpenedPorts; one
+ * result and one response buffer per open port. */
+ZELTOCOM_API int ZeltoCom_SendToAll(int* returnValues, const char* command, char* const* responses);
+ZELTOCOM_API int ZeltoCom_SendToAll_NR(int* returnValues, const char* command);
+/* Thread body of ZeltoCom_SendToAll: as ZeltoCom_Send_Multi_Thread. */
+ZELTOCOM_API int ZeltoCom_SendToAll_Thread(int* result, const char* devicePath,
+                                           const char* command, char* response);
+
+/* Captures on every open port at once, one result per open port. 1 all
+ * captured; -1 any port's -1 or a missing array; else 0 (also "No ports
+ * have been opened"). */
+ZELTOCOM_API int ZeltoCom_CaptureFromAll(int* returnValues, int pwm, int range, int pwmFrames);
+/* Spectrometer captures on every open spectrometer at once; results packed
+ * from returnValues[0], one per spectrometer; 0 with "No Spectrometers have
+ * been found" when there is none. */
+ZELTOCOM_API int ZeltoCom_CaptureFromAllSpectrometers(int* returnValues, int pwm,
+                                                      int manualExposure, float exposure);
+/* Thread bodies: store the result of ZeltoCom_Capture /
+ * ZeltoCom_SpectrometerCapture in `*result` and return it. */
+ZELTOCOM_API int ZeltoCom_CaptureFromAll_Thread(int* result, const char* devicePath, int pwm,
+                                                int range, int pwmFrames);
+ZELTOCOM_API int ZeltoCom_CaptureFromAllSpectrometers_Thread(int* result, const char* devicePath,
+                                                             int pwm, int manualExposure,
+                                                             float exposure);
+
+/* Detection: opens every enumerated port at once (`baudrate` 0 searching the
+ * rate), keeps those whose instrument passes the filters, and closes them
+ * again; ports open already are not reported. The number detected; 0 when
+ * nothing is enumerated; -1 for an invalid baud rate. */
+/* Paths into detectedPorts[0], [1], ... (one 255-byte buffer per enumerated
+ * port). */
+ZELTOCOM_API int ZeltoCom_Detect(char** detectedPorts, int baudrate);
+/* The paths as one text joined by `separator`. */
+ZELTOCOM_API int ZeltoCom_DetectS(char* detectedPortsText, char separator, int baudrate);
+/* Serial numbers (25-byte buffers, one per enumerated port) instead of paths. */
+ZELTOCOM_API int ZeltoCom_DetectSN(char** detectedSerialNumbers, int baudrate);
+/* Thread body of a detection: 1 into `*result` when an instrument that
+ * passes the filters answered on `devicePath`, its serial number into
+ * `serialNumber` (25 bytes; may be null); else 0. */
+ZELTOCOM_API int ZeltoCom_Detect_Thread(int* result, const char* devicePath, int baudrate,
+                                        char* serialNumber);
+/* Adds models to the filters of later detections: a category word
+ * ("ANALYSER", "FUNCTIONAL", "ICT", "LOWLIGHT", "IR", "SPECTROMETER",
+ * "DISPLAY", "CLR", "ATLAS"; any letter case; the first contained decides)
+ * adds its models, any other text itself. A detection keeps an instrument
+ * whose "GETHW" answer, upper-cased, equals a filter, and answered within
+ * 180 ms. No filter keeps every instrument. */
+ZELTOCOM_API void ZeltoCom_AddDetectionFilter(const char* filter);
+ZELTOCOM_API void ZeltoCom_ClearDetectionFilters(void);
+/* The enumerated ports, without probing, into portsList[0], [1], ... (at
+ * least 8 buffers, the first 8 emptied first); their number, 0 if none. */
+ZELTOCOM_API int ZeltoCom_ListPortsDetected(char** portsList);
+/* The same as one text joined by `separator`. */
+ZELTOCOM_API int ZeltoCom_ListPortsDetectedTxt(char* portsText, const char* separator);
 
 #ifdef __cplusplus
 }

@@ -6,6 +6,7 @@
 
 #include "frame/errors.hpp"
 #include "frame/utils.hpp"
+#include "serial/baudrates.hpp"
 #include "serial/enumerate.hpp"
 #include "zeltocom.h"
 
@@ -54,6 +55,24 @@ std::optional<std::string> ReadFileOrReport(const std::string& path) {
   std::optional<std::string> text = ReadTextFile(path);
   if (!text) SetError(nullptr, StringPrintf("Unable to open file %s", path.c_str()));
   return text;
+}
+
+bool SerialNumberAcceptable(std::string_view serial) {
+  if (serial.empty()) {
+    SetError(nullptr, "No serial number given");
+    return false;
+  }
+  if (serial.size() > kMaxSerialLength) {
+    SetError(nullptr, "The serial number is too long (at most 14 characters)");
+    return false;
+  }
+  return true;
+}
+
+bool BaudrateAccepted(int baudrate) {
+  if (isBaudrateValid(baudrate)) return true;
+  SetError(nullptr, "Invalid baud-rate");
+  return false;
 }
 
 bool DetectionCheck() {

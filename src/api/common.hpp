@@ -39,6 +39,12 @@ void CopyOut(char* buffer, std::string_view text);
 // buffer size; false when it had to be cut.
 bool CopyAnswer(char* buffer, std::string_view answer);
 
+// A thread body's result: stored through `slot` (when given) and returned.
+inline int StoreResult(int* slot, int result) {
+  if (slot != nullptr) *slot = result;
+  return result;
+}
+
 // A port found by a call and held for it: the line is the call's until the
 // object goes, and the record stays valid even if another thread closes the
 // port meanwhile (it then waits for this call to end).
@@ -97,6 +103,13 @@ Result Guarded(Result failure, Body&& body) noexcept {
 // The content of the file at `path` (ReadTextFile); none, with "Unable to
 // open file <path>" as the error, when it cannot be read.
 std::optional<std::string> ReadFileOrReport(const std::string& path);
+
+// A serial number an instrument could carry; false with "No serial number
+// given" or "The serial number is too long ..." otherwise.
+bool SerialNumberAcceptable(std::string_view serial);
+
+// 0 or an admitted rate; false with "Invalid baud-rate" otherwise.
+bool BaudrateAccepted(int baudrate);
 
 // Enumerates on first use; false with "No ports detected" when no port is
 // known.

@@ -26,8 +26,6 @@ using namespace zeltocom;
 
 namespace {
 
-constexpr std::size_t kMaxSerialLength = 14;
-
 // The time an instrument of the chain gets to answer a bus hand-over, and
 // the time of one completion query, from the line's character time.
 long FreeTimeMs(const s_CommPort* master) {
@@ -35,20 +33,6 @@ long FreeTimeMs(const s_CommPort* master) {
 }
 long PollTimeMs(const s_CommPort* master) {
   return static_cast<long>(5 * master->charTimeMs) * 5 + 20;
-}
-
-// A serial number that a chained instrument could carry; else the error is
-// set.
-bool SerialAcceptable(std::string_view serial) {
-  if (serial.empty()) {
-    SetError(nullptr, "No serial number given");
-    return false;
-  }
-  if (serial.size() > kMaxSerialLength) {
-    SetError(nullptr, "The serial number is too long (at most 14 characters)");
-    return false;
-  }
-  return true;
 }
 
 // The master at `devicePath`, held for the call, after the detection checks.
@@ -318,7 +302,7 @@ int AcquireChained(const char* devicePath, const char* serialNumber, Acquisition
                    int manualExposure, float exposure) {
   return Guarded(-1, [&](Call& call) {
     const std::string serial(Arg(serialNumber));
-    if (!SerialAcceptable(serial)) return -1;
+    if (!SerialNumberAcceptable(serial)) return -1;
     const std::optional<HeldPort> port = HoldMaster(call, devicePath);
     if (!port) return -1;
     const int taken = TakeBusFor(*port, serial);
@@ -334,7 +318,7 @@ extern "C" {
 int ZeltoCom_DaisyChain_Add(const char* devicePath, const char* serialNumber) {
   return Guarded(0, [&](Call& call) {
     const std::string serial(Arg(serialNumber));
-    if (!SerialAcceptable(serial)) return 0;
+    if (!SerialNumberAcceptable(serial)) return 0;
     const std::optional<HeldPort> port = HoldMaster(call, devicePath);
     return port ? AddToChain(*port, serial) : 0;
   });
@@ -372,7 +356,7 @@ int ZeltoCom_DaisyChain_Send(const char* devicePath, const char* serialNumber, c
   return Guarded(-1, [&](Call& call) {
     if (!CommandGiven(command)) return -1;
     const std::string serial(Arg(serialNumber));
-    if (!SerialAcceptable(serial)) return -1;
+    if (!SerialNumberAcceptable(serial)) return -1;
     const std::optional<HeldPort> port = HoldMaster(call, devicePath);
     if (!port) return 0;
     const int taken = TakeBusFor(*port, serial);
@@ -411,7 +395,7 @@ int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer) {
         call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The device path is not in use");
     if (!port) return 0;
     if (buffer == nullptr) {
-      SetError(port->get(), "No buffer given");
+      SetError(port->get(), kNoBuffer);
       return 0;
     }
     if (!CopyAnswer(buffer, (*port)->lastResponse)) {

@@ -1,16 +1,11 @@
 // Opening and closing ports.
 #include <algorithm>
-#include <cmath>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "api/common.hpp"
-#include "device/bus.hpp"
-#include "device/command.hpp"
-#include "frame/clock.hpp"
+#include "api/handshake.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
@@ -23,91 +18,6 @@ using namespace zeltocom;
 
 namespace {
 
-// What a freshly opened line is asked and how long each step may take.
-struct HandshakeTiming {
-  double charTimeMs;
-  int wakeUpPauseMs;
-  long busFreeTimeoutMs;
-  long serialTimeoutMs;
-};
-
-HandshakeTiming TimingFor(int baud) {
-  const double t = CharTimeMs(baud);
-  HandshakeTiming timing{};
-  timing.charTimeMs = t;
-  const bool raised = 11000.0 / baud < 0.15;
-  timing.wakeUpPauseMs =
-      raised ? 25 : std::max(12, static_cast<int>(std::ceil(30 * t)) + 20);
-  timing.busFreeTimeoutMs = 2 * static_cast<long>(std::ceil(16 * t)) + 20;
-  timing.serialTimeoutMs = (5 * static_cast<long>(std::ceil(7 * t)) + 5) * 4;
-  return timing;
-}
-
-struct Identity {
-  std::string serialNumber;
-  std::string eotFormat;
-};
-
-// A line opened for a handshake: closed again unless it is registered.
-struct ProbedLine {
-  ~ProbedLine() {
-    if (fd < 0) return;
-    RS232_FlushBuffers(fd);
-    RS232ClosePort(fd);
-  }
-  int fd = -1;
-};
-
-// Paths that some thread is opening right now, so that two threads never
-// open one path at once.
-class PathClaim {
- public:
-  explicit PathClaim(std::string path) : path_(std::move(path)) {
-    std::lock_guard lock(mutex_);
-    held_ = claimed_.insert(path_).second;
-  }
-  ~PathClaim() {
-    if (!held_) return;
-    std::lock_guard lock(mutex_);
-    claimed_.erase(path_);
-  }
-  PathClaim(const PathClaim&) = delete;
-  PathClaim& operator=(const PathClaim&) = delete;
-  bool held() const { return held_; }
-
- private:
-  static inline std::mutex mutex_;
-  static inline std::set<std::string> claimed_;
-  std::string path_;
-  bool held_ = false;
-};
-
-// Wakes the line, frees the instrument bus, learns the end marker and asks
-// the serial number. A device that does not know BUSFREE still counts as
-// present; one that echoes it is a loop-back, not an instrument.
-std::optional<Identity> Handshake(int& fd, int baud) {
-  const HandshakeTiming timing = TimingFor(baud);
-  RS232SendCommand(fd, "\r\n\r\n");
-  delayms(timing.wakeUpPauseMs);
-
-  RS232SendCommand(fd, "BUSFREE");
-  t_comresponse reply;
-  RS232WaitForData(fd, &reply, timing.busFreeTimeoutMs, "\r\n", false);
-  if (!reply.syntaxError && (reply.data.empty() || Contains(reply.data, "BUSFREE"))) {
-    return std::nullopt;
-  }
-
-  Identity identity;
-  identity.eotFormat = GetEOTformat(fd, timing.charTimeMs, reply.data);
-  if (Contains(identity.eotFormat, "\x04")) RS232EnableEventChar(fd);
-
-  if (RS232SendCommand(fd, "GETSERIAL") != 1) return std::nullopt;
-  RS232WaitForData(fd, &reply, timing.serialTimeoutMs, identity.eotFormat, true);
-  if (OutcomeOf(reply, timing.serialTimeoutMs) != WaitOutcome::Answered) return std::nullopt;
-  identity.serialNumber = reply.data.substr(0, kMaxSerialLength);
-  return identity;
-}
-
 // Registers the probed line as an open port; the line is the registry's then.
 bool Register(ProbedLine& line, const std::string& path, const Identity& identity, int baud) {
   if (!PortsList_Add(&OpenedPorts, nullptr, line.fd, path, identity.serialNumber, "",
@@ -119,22 +29,13 @@ bool Register(ProbedLine& line, const std::string& path, const Identity& identit
   return true;
 }
 
-enum class Probe { Registered, NotFound, Busy };
-
 // Tries `rates` in order and registers the first instrument that `accept`
 // takes.
 template <typename Accept>
 Probe OpenFirstAccepted(const std::string& path, const std::vector<int>& rates, Accept accept) {
-  for (int baud : rates) {
-    ProbedLine line;
-    const int opened = RS232OpenPort(line.fd, path, baud);
-    if (opened == kPortBusy) return Probe::Busy;
-    if (opened != 1) continue;
-    const std::optional<Identity> identity = Handshake(line.fd, baud);
-    if (!identity || !accept(*identity)) continue;
-    return Register(line, path, *identity, baud) ? Probe::Registered : Probe::NotFound;
-  }
-  return Probe::NotFound;
+  return ProbeRates(path, rates, accept, [&](ProbedLine& line, const Identity& id, int baud) {
+    return Register(line, path, id, baud);
+  });
 }
 
 int ReportBusy() {
@@ -159,9 +60,8 @@ int OpenAtFixedRate(const std::string& path, int baud) {
 }
 
 int OpenWithRateSearch(const std::string& path) {
-  const auto hasSerial = [](const Identity& id) { return id.serialNumber.size() > 3; };
-  switch (OpenFirstAccepted(path, RateSearchOrder(GetBaudrateForPort(path)), hasSerial)) {
-    case Probe::Registered: return 1;
+  switch (OpenFirstAccepted(path, RateSearchOrder(GetBaudrateForPort(path)), HasSerialNumber)) {
+    case Probe::Accepted: return 1;
     case Probe::Busy: return ReportBusy();
     case Probe::NotFound: break;
   }
@@ -187,7 +87,7 @@ bool FindBySerialNumber(const std::string& serial, const std::vector<int>& rates
     const PathClaim claim(path);
     if (!claim.held() || PortsList_GetByDevPath(path)) continue;
     try {
-      if (OpenFirstAccepted(path, rates, matches) == Probe::Registered) return true;
+      if (OpenFirstAccepted(path, rates, matches) == Probe::Accepted) return true;
     } catch (const LineError&) {
       // A line that is gone or babbling holds no instrument to find.
     }
@@ -229,10 +129,7 @@ int ZeltoCom_Open(const char* devicePath, int baudrate) {
         return 0;
       }
     }
-    if (!isBaudrateValid(baudrate)) {
-      SetError(nullptr, "Invalid baud-rate");
-      return -1;
-    }
+    if (!BaudrateAccepted(baudrate)) return -1;
     return baudrate != 0 ? OpenAtFixedRate(path, baudrate) : OpenWithRateSearch(path);
   });
 }
@@ -240,23 +137,13 @@ int ZeltoCom_Open(const char* devicePath, int baudrate) {
 int ZeltoCom_OpenSN(const char* serialNumber, int baudrate) {
   return Guarded(0, [&] {
     const std::string serial(Arg(serialNumber));
-    if (serial.empty()) {
-      SetError(nullptr, "No serial number given");
-      return -1;
-    }
-    if (serial.size() > kMaxSerialLength) {
-      SetError(nullptr, "The serial number is too long (at most 14 characters)");
-      return -1;
-    }
+    if (!SerialNumberAcceptable(serial)) return -1;
     if (!DetectionCheck()) return 0;
     if (PortsList_GetBySerialNumber(&OpenedPorts, serial)) {
       SetError(nullptr, "The port is already open!");
       return 0;
     }
-    if (!isBaudrateValid(baudrate)) {
-      SetError(nullptr, "Invalid baud-rate");
-      return -1;
-    }
+    if (!BaudrateAccepted(baudrate)) return -1;
     std::string rememberedPath;
     const long rememberedRate = GetBaudrateForSN(serial, &rememberedPath);
     const std::vector<int> rates =
@@ -307,15 +194,11 @@ int ZeltoCom_CloseAll(void) {
 }
 
 int ZeltoCom_Close_Multi_Thread(int* result, const char* devicePath) {
-  const int r = ZeltoCom_Close(devicePath);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_Close(devicePath));
 }
 
 int ZeltoCom_CloseSN_Multi_Thread(int* result, const char* serialNumber) {
-  const int r = ZeltoCom_CloseSN(serialNumber);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_CloseSN(serialNumber));
 }
 
 }  // extern "C"

@@ -305,9 +305,7 @@ int ZeltoCom_SetResponseBufferSize(int bytes) {
 
 int ZeltoCom_Send_Multi_Thread(int* result, const char* devicePath, const char* command,
                                char* response) {
-  const int r = ZeltoCom_Send(devicePath, command, response);
-  if (result != nullptr) *result = r;
-  return r;
+  return StoreResult(result, ZeltoCom_Send(devicePath, command, response));
 }
 
 }  // extern "C"

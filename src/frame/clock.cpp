@@ -32,12 +32,17 @@ double ClockMs() {
   return ReadMs(kBlockingWaits ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID);
 }
 
+void PauseMs(int ms) {
+  if (ms <= 0) return;
+  timespec span{ms / 1000, static_cast<long>(ms % 1000) * 1'000'000L};
+  while (nanosleep(&span, &span) != 0 && errno == EINTR) {
+  }
+}
+
 void delayms(int ms) {
   if (ms <= 0) return;
   if (kBlockingWaits) {
-    timespec span{ms / 1000, static_cast<long>(ms % 1000) * 1'000'000L};
-    while (nanosleep(&span, &span) != 0 && errno == EINTR) {
-    }
+    PauseMs(ms);
     return;
   }
   const double end = ClockMs() + ms;

@@ -20,6 +20,12 @@ double ClockMs();
 // processor to threads that want it, or a sleep with blocking waits.
 void delayms(int ms);
 
+// Lets `ms` milliseconds of wall-clock time pass, sleeping, whatever the wait
+// mode. For pauses that give an instrument time to settle: the instrument
+// lives in wall-clock time, and a busy pause would cost one processor per
+// port and stretch with the number of ports that pause at once.
+void PauseMs(int ms);
+
 // Nothing to pump on this platform; kept so that waiting loops read alike.
 inline void DoEvents() {}
 

@@ -10,18 +10,22 @@ namespace zeltocom {
 namespace {
 std::mutex mtxErrDesc;
 FixedText<kErrorTextSize> Error_Description;
+thread_local std::string threadLastError;
 }  // namespace
 
 void SetError(s_CommPort* port, std::string_view text) {
   std::lock_guard lock(mtxErrDesc);
   if (port != nullptr) port->errorText.assign(text);
   Error_Description.assign(text);
+  threadLastError.assign(Error_Description.view());
 }
 
 std::string GetErrorDescription() {
   std::lock_guard lock(mtxErrDesc);
   return std::string(Error_Description.view());
 }
+
+std::string ThreadLastError() { return threadLastError; }
 
 std::string GetPortErrorText(const s_CommPort& port) {
   std::lock_guard lock(mtxErrDesc);

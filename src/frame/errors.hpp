@@ -15,6 +15,9 @@ constexpr std::size_t kErrorTextSize = 512;
 void SetError(s_CommPort* port, std::string_view text);
 // The library-wide text of the last error.
 std::string GetErrorDescription();
+// The last text this thread stored, whatever other threads stored since:
+// how a call that ran workers learns why one of them failed.
+std::string ThreadLastError();
 // The last error of `port`.
 std::string GetPortErrorText(const s_CommPort& port);
 

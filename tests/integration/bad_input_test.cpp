@@ -28,6 +28,7 @@ class BadInputTest : public SimBench {
     ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), open.baud()), 1);
     closed_ = closed.path();
     open_ = open.path();
+    open_ptr_ = open_.c_str();
   }
 
   // The texts that no call may take for a port, a serial number or an ID.
@@ -41,6 +42,8 @@ class BadInputTest : public SimBench {
 
   std::vector<BadCall> Calls() {
     char* buf = buffer_;
+    int* ints = ints_;
+    char** bufs = bufs_;
     std::vector<BadCall> calls;
     for (const auto& [kind, name] : BadNames()) {
       const auto add = [&](const std::string& function, std::function<int()> call,
@@ -91,6 +94,26 @@ class BadInputTest : public SimBench {
           [=, this] { return ZeltoCom_DaisyChain_SpectrometerDark(open_.c_str(), name, 0, 0, 0); },
           {0, -1});
       add("GetResponseByPort", [=] { return ZeltoCom_GetResponseByPort(name, buf); }, {0});
+      // ---- Many ports at once ----
+      if (name != closed_.c_str()) {
+        add("Open_Multi_Thread", [=] { return ZeltoCom_Open_Multi_Thread(nullptr, name, 0); },
+            {0, -1});
+        add("Open_Multi", [=] { return ZeltoCom_Open_Multi(ints, &name, 1, 0); }, {0, -1});
+        add("Detect_Thread", [=] { return ZeltoCom_Detect_Thread(nullptr, name, 0, buf); }, {0});
+      }
+      add("Close_Multi", [=] { return ZeltoCom_Close_Multi(ints, &name, 1); }, {0});
+      add("CloseSN_Multi", [=] { return ZeltoCom_CloseSN_Multi(ints, &name, 1); }, {0});
+      add("SendSN_Multi", [=] { return ZeltoCom_SendSN_Multi(ints, &name, 1, &name, bufs); },
+          {-1});
+      add("SendToAll_Thread",
+          [=] { return ZeltoCom_SendToAll_Thread(nullptr, name, "GETSERIAL", buf); }, {-1});
+      add("CaptureFromAll_Thread",
+          [=] { return ZeltoCom_CaptureFromAll_Thread(nullptr, name, 0, 0, 0); }, {-1});
+      add("CaptureFromAllSpectrometers_Thread",
+          [=] { return ZeltoCom_CaptureFromAllSpectrometers_Thread(nullptr, name, 0, 0, 0); },
+          {-1});
+      add("IsConnected", [=] { return ZeltoCom_IsConnected(buf, name, 0); }, {0, -1});
+      add("AreConnected", [=] { return ZeltoCom_AreConnected(bufs, &name, 1, 0); }, {0, -1});
       if (name == nullptr || name[0] == '\0' || std::string(name) == long_) {
         add("Send command", [=, this] { return ZeltoCom_Send(open_.c_str(), name, buf); },
             {0, -1});
@@ -149,11 +172,62 @@ class BadInputTest : public SimBench {
          [] { return ZeltoCom_Binning_GetBinFromVECFile("/nonexistent/bins.vec", nullptr, 0, 0); },
          {-1}},
     });
+    // ---- Many ports at once: missing arrays and counts below zero ----
+    const char* const* paths = &open_ptr_;
+    calls.insert(calls.end(), {
+        {"Open_Multi(no results)", [=] { return ZeltoCom_Open_Multi(nullptr, paths, 1, 0); }, {-1}},
+        {"Open_Multi(no paths)", [=] { return ZeltoCom_Open_Multi(ints, nullptr, 1, 0); }, {-1}},
+        {"Open_Multi(negative)", [=] { return ZeltoCom_Open_Multi(ints, paths, -1, 0); }, {-1}},
+        {"Open_Multi(bad rate)", [=] { return ZeltoCom_Open_Multi(ints, paths, 1, 7); }, {-1}},
+        {"OpenSN_Multi(no serials)", [=] { return ZeltoCom_OpenSN_Multi(ints, nullptr, 1, 0); },
+         {-1}},
+        {"Close_Multi(negative)", [=] { return ZeltoCom_Close_Multi(ints, paths, INT_MIN); }, {-1}},
+        {"CloseSN_Multi(no results)", [=] { return ZeltoCom_CloseSN_Multi(nullptr, paths, 1); },
+         {-1}},
+        {"Send_Multi(no responses)",
+         [=] { return ZeltoCom_Send_Multi(ints, paths, 1, paths, nullptr); }, {-1}},
+        {"Send_Multi(more ports than open)",
+         [=] { return ZeltoCom_Send_Multi(ints, paths, 2, paths, bufs); }, {-1}},
+        {"SendSN_Multi(no commands)",
+         [=] { return ZeltoCom_SendSN_Multi(ints, paths, 1, nullptr, bufs); }, {-1}},
+        {"Send_Multi_NR(no lists)",
+         [=] { return ZeltoCom_Send_Multi_NR(ints, nullptr, 1, nullptr, ';'); }, {-1}},
+        {"Send_Multi_NR(no results)",
+         [=] { return ZeltoCom_Send_Multi_NR(nullptr, open, 1, "ID", ';'); }, {-1}},
+        {"SendToAll(no results)", [=] { return ZeltoCom_SendToAll(nullptr, "ID", bufs); }, {-1}},
+        {"SendToAll(no responses)", [=] { return ZeltoCom_SendToAll(ints, "ID", nullptr); }, {-1}},
+        {"SendToAll_NR(no command)", [=] { return ZeltoCom_SendToAll_NR(ints, nullptr); }, {-1}},
+        {"CaptureFromAll(no results)", [] { return ZeltoCom_CaptureFromAll(nullptr, 0, 0, 0); },
+         {-1}},
+        {"CaptureFromAll(huge range)", [=] { return ZeltoCom_CaptureFromAll(ints, 0, 99, 0); },
+         {-1}},
+        {"CaptureFromAllSpectrometers(no results)",
+         [] { return ZeltoCom_CaptureFromAllSpectrometers(nullptr, 0, 0, 0); }, {-1}},
+        {"CaptureFromAllSpectrometers(analyser)",
+         [=] { return ZeltoCom_CaptureFromAllSpectrometers(ints, 0, 0, 0); }, {0}},
+        {"AreConnected(no buffers)", [=] { return ZeltoCom_AreConnected(nullptr, paths, 1, 0); },
+         {-1}},
+        {"AreConnected(negative)", [=] { return ZeltoCom_AreConnected(bufs, paths, -1, 0); }, {-1}},
+        {"AreConnectedS(no buffer)", [] { return ZeltoCom_AreConnectedS(nullptr, "ZS1", ';', 0); },
+         {-1}},
+        {"AreConnectedS(no serials)", [=] { return ZeltoCom_AreConnectedS(buf, nullptr, ';', 0); },
+         {-1}},
+        {"IsConnected(bad rate)", [=] { return ZeltoCom_IsConnected(buf, "ZS0001", 5); }, {-1}},
+        {"Detect(no buffers)", [] { return ZeltoCom_Detect(nullptr, 0); }, {-1}},
+        {"DetectS(no buffer)", [] { return ZeltoCom_DetectS(nullptr, ';', 0); }, {-1}},
+        {"DetectSN(bad rate)", [=] { return ZeltoCom_DetectSN(bufs, -9600); }, {-1}},
+        {"ListPortsDetected(null)", [] { return ZeltoCom_ListPortsDetected(nullptr); }, {0}},
+        {"ListPortsDetectedTxt(null)", [] { return ZeltoCom_ListPortsDetectedTxt(nullptr, ";"); },
+         {0}},
+    });
     return calls;
   }
 
   std::string open_;
   std::string closed_;
+  int ints_[4] = {};
+  char* bufs_[1] = {buffer_};
+  const char* open_ptr_ = nullptr;
   const std::string long_ = std::string(10000, 'Z');
   char buffer_[20000] = {};
 };
@@ -179,6 +253,9 @@ TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
   EXPECT_EQ(ZeltoCom_GetError_Description(nullptr), nullptr);
   EXPECT_EQ(ZeltoCom_GetError_DescriptionByPort(nullptr, nullptr), nullptr);
   EXPECT_EQ(ZeltoCom_GetError_DescriptionBySN(long_.c_str(), nullptr), nullptr);
+  ZeltoCom_AddDetectionFilter(nullptr);
+  ZeltoCom_AddDetectionFilter(long_.c_str());
+  ZeltoCom_ClearDetectionFilters();
   // An answer nobody wants is still taken and kept.
   EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1);
   EXPECT_EQ(Record(*ports_.back())->lastResponse, "ZS0001");

@@ -1,0 +1,34 @@
+// Running a benchmark again in the other wait mode: the library reads the
+// mode once, when it is loaded, so each mode needs a process of its own.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+// Runs this program again with `args` (the first being its name), with
+// blocking or busy waits; the child's exit status.
+inline int RunInWaitMode(bool blocking, const std::vector<std::string>& args) {
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (blocking) {
+      setenv("ZELTOCOM_WAIT", "block", 1);
+    } else {
+      unsetenv("ZELTOCOM_WAIT");
+    }
+    std::vector<char*> argv;
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv("/proc/self/exe", argv.data());
+    std::perror("exec");
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "api/common.hpp"
+#include "serial/driver.hpp"
+
+namespace zeltocom {
+
+// What a freshly opened line tells about the instrument behind it.
+struct Identity {
+  std::string serialNumber;
+  std::string eotFormat;
+};
+
+// A line opened for a handshake: closed again unless someone takes its
+// descriptor (by setting `fd` to -1).
+struct ProbedLine {
+  ProbedLine() = default;
+  ProbedLine(const ProbedLine&) = delete;
+  ProbedLine& operator=(const ProbedLine&) = delete;
+  ~ProbedLine();
+  int fd = -1;
+};
+
+// Paths that some thread is opening or probing right now, so that two
+// threads never talk to one line at once.
+class PathClaim {
+ public:
+  explicit PathClaim(std::string path);
+  ~PathClaim();
+  PathClaim(const PathClaim&) = delete;
+  PathClaim& operator=(const PathClaim&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  static inline std::mutex mutex_;
+  static inline std::set<std::string> claimed_;
+  std::string path_;
+  bool held_ = false;
+};
+
+// Wakes the line, frees the instrument bus, learns the end marker and asks
+// the serial number. None when nothing answered like an instrument.
+std::optional<Identity> Handshake(int& fd, int baud);
+
+enum class Probe { Accepted, NotFound, Busy };
+
+// Tries `rates` in order on `path` and hands the first line whose instrument
+// `accept` takes to `use` (which keeps the line by taking its descriptor, or
+// leaves it to be closed); Accepted when `use` says so. Busy, at once, when
+// another process holds the port.
+template <typename Accept, typename Use>
+Probe ProbeRates(const std::string& path, const std::vector<int>& rates, Accept accept, Use use) {
+  for (int baud : rates) {
+    ProbedLine line;
+    const int opened = RS232OpenPort(line.fd, path, baud);
+    if (opened == kPortBusy) return Probe::Busy;
+    if (opened != 1) continue;
+    const std::optional<Identity> identity = Handshake(line.fd, baud);
+    if (!identity || !accept(*identity)) continue;
+    return use(line, *identity, baud) ? Probe::Accepted : Probe::NotFound;
+  }
+  return Probe::NotFound;
+}
+
+// What a rate search asks of an instrument: a serial number worth the name.
+inline bool HasSerialNumber(const Identity& identity) {
+  return identity.serialNumber.size() > 3;
+}
+
+}  // namespace zeltocom

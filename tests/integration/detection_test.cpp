@@ -1,0 +1,158 @@
+// Detection with and without filters, and connection checks that find an
+// instrument's port by its serial number.
+#include <atomic>
+#include <thread>
+
+#include "bench.hpp"
+#include "frame/utils.hpp"
+
+using namespace testlines;
+using zeltocom::strcountchar;
+
+namespace {
+
+class DetectionTest : public SimBench {
+ protected:
+  void SetUp() override {
+    SimBench::SetUp();
+    ZeltoCom_ClearDetectionFilters();
+  }
+  void TearDown() override {
+    ZeltoCom_ClearDetectionFilters();
+    SimBench::TearDown();
+  }
+  zeltosim::SimPort& AddModel(const std::string& serial, const std::string& model) {
+    zeltosim::Config config = Analyser(serial);
+    config.hardware = model;
+    return AddPort(config);
+  }
+  static std::string Detected() {
+    char text[4096] = "";
+    ZeltoCom_DetectS(text, ';', 0);
+    return text;
+  }
+  static std::string Opened() {
+    char text[4096] = "";
+    ZeltoCom_GetOpenedPortsS(text, ';');
+    return text;
+  }
+};
+
+// An instrument played by the test itself that tells its model only after
+// `delay`, for the time the detection allows.
+class SlowModel {
+ public:
+  explicit SlowModel(std::chrono::milliseconds delay)
+      : thread_([this, delay] { Answer(delay); }) {}
+  ~SlowModel() {
+    stop_ = true;
+    thread_.join();
+  }
+  const std::string& path() const { return line_.path(); }
+
+ private:
+  void Answer(std::chrono::milliseconds delay) {
+    std::string pending;
+    while (!stop_) {
+      pending += line_.ReadFor(10ms);
+      for (std::size_t end; (end = pending.find("\r\n")) != std::string::npos;) {
+        const std::string command = pending.substr(0, end);
+        pending.erase(0, end + 2);
+        if (command == "BUSFREE") line_.Write("OK\r\n\x04");
+        if (command == "GETSERIAL") line_.Write("ZT0001\r\n\x04");
+        if (command == "GETHW") {
+          std::this_thread::sleep_for(delay);
+          line_.Write("Zelto 05-P\r\n\x04");
+        }
+      }
+    }
+  }
+  FarEnd line_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+}  // namespace
+
+TEST_F(DetectionTest, WithoutFiltersEveryAnsweringPortIsReportedInOrder) {
+  zeltosim::SimPort& first = AddModel("ZS0001", "Zelto 05-P");
+  zeltosim::Config silent = Analyser("ZS0002");
+  silent.fault = zeltosim::Fault::Silent;
+  AddPort(silent);
+  zeltosim::SimPort& third = AddModel("ZS0003", "Zelto 01-W2");
+  Publish();
+  EXPECT_EQ(Detected(), first.path() + ";" + third.path());
+  char serials[3][25] = {};
+  char* list[] = {serials[0], serials[1], serials[2]};
+  EXPECT_EQ(ZeltoCom_DetectSN(list, 0), 2);
+  EXPECT_STREQ(serials[1], "ZS0003");
+  EXPECT_EQ(Opened(), "");
+  EXPECT_EQ(ZeltoCom_Detect(list, 14400), -1);
+  EXPECT_EQ(LastError(), "Invalid baud-rate");
+
+  char text[1024];
+  EXPECT_EQ(ZeltoCom_ListPortsDetectedTxt(text, ", "), 3);
+  EXPECT_EQ(std::string(text), first.path() + ", " + ports_[1]->path() + ", " + third.path());
+}
+
+TEST_F(DetectionTest, FiltersTakeCategoryWordsAndModels) {
+  zeltosim::SimPort& tn = AddModel("ZS0001", "Zelto 03-TN");
+  AddModel("ZS0002", "Zelto 01-W2");
+  zeltosim::SimPort& clr = AddModel("ZS0003", "Zelto 04-CLR");
+  AddModel("ZS0004", "Zelto CLR_STD1");
+  zeltosim::SimPort& plain = AddModel("ZS0005", "zelto 07-x ");
+  Publish();
+  ZeltoCom_AddDetectionFilter("analyser");
+  EXPECT_EQ(Detected(), tn.path());
+  // "CLRSTD" selects the colour models, not the colour standards.
+  ZeltoCom_AddDetectionFilter("ClrStd");
+  ZeltoCom_AddDetectionFilter("Zelto 07-X");
+  EXPECT_EQ(Detected(), tn.path() + ";" + clr.path() + ";" + plain.path());
+  ZeltoCom_ClearDetectionFilters();
+  EXPECT_EQ(ZeltoCom_DetectS(nullptr, ';', 0), -1);
+  EXPECT_EQ(strcountchar(Detected(), ';'), 4);
+}
+
+using ProcessorTimeDetectionTest = DetectionTest;
+
+TEST_F(ProcessorTimeDetectionTest, AModelToldTooLateIsNotReported) {
+  // Well past the limit: with busy waits the limit counts the worker's
+  // processor time, which a loaded machine lets grow slower than wall time.
+  SlowModel slow(600ms);
+  SlowModel prompt(0ms);
+  setenv("ZELTOCOM_PORTS", (slow.path() + ";" + prompt.path()).c_str(), 1);
+  ASSERT_EQ(ZeltoCom_EnumPorts(), 2);
+  ZeltoCom_AddDetectionFilter("ICT");
+  EXPECT_EQ(Detected(), prompt.path());
+}
+
+TEST_F(DetectionTest, ConnectionChecksFindOpenPortsWithoutTraffic) {
+  zeltosim::SimPort& open = AddPort(Analyser("ZS0001"));
+  zeltosim::SimPort& closed = AddPort(Analyser("ZS0002"), At(9600));
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), 0), 1);
+  open.clearLog();
+  char path[255];
+  EXPECT_EQ(ZeltoCom_IsConnected(path, "zs0001", 0), 1);
+  EXPECT_EQ(path, open.path());
+  EXPECT_TRUE(Sent(open).empty());
+
+  const std::string joined = "ZS0002;;ZS0404;ZS0001";
+  char text[1024];
+  EXPECT_EQ(ZeltoCom_AreConnectedS(text, joined.c_str(), ';', 0), 2);
+  EXPECT_EQ(std::string(text), closed.path() + ";;;" + open.path());
+  EXPECT_TRUE(Sent(open).empty());
+  EXPECT_EQ(Opened(), open.path());
+  // The rate found is tried first next time.
+  closed.clearLog();
+  EXPECT_EQ(ZeltoCom_IsConnected(path, "ZS0002", 0), 1);
+  EXPECT_EQ(SpeedsOf(closed, "BUSFREE"), (std::vector<int>{9600}));
+
+  EXPECT_EQ(ZeltoCom_AreConnectedS(text, ";", ';', 0), -1);
+  EXPECT_EQ(LastError(), "No serial numbers given");
+  const char* serials[] = {"ZS0002", "ZS0001"};
+  int results[2];
+  ASSERT_EQ(ZeltoCom_Close(open.path().c_str()), 1);
+  EXPECT_EQ(ZeltoCom_OpenSN_Multi(results, serials, 2, 0), 1) << LastError();
+  EXPECT_EQ(Opened(), closed.path() + ";" + open.path());
+}
