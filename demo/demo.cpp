@@ -100,6 +100,37 @@ void ShowDaisyChain(const std::string& path, const std::vector<std::string>& ser
   }
 }
 
+// A station of eight analysers captures at once, one worker per port.
+void ShowStation() {
+  zeltosim::Config base;
+  base.serial = "ZS0000";
+  base.captureMs = 200;
+  zeltosim::Station station(8, base, {115200});
+  setenv("ZELTOCOM_PORTS", station.portsVariable().c_str(), 1);
+  std::printf("\nA station of %d analysers, each capture taking 200 ms:\n", station.size());
+  std::printf("  ZeltoCom_EnumPorts() -> %d ports\n", ZeltoCom_EnumPorts());
+
+  std::vector<std::string> paths;
+  std::vector<const char*> names;
+  for (int i = 0; i < station.size(); ++i) paths.push_back(station.port(i).path());
+  for (const std::string& path : paths) names.push_back(path.c_str());
+  std::vector<int> results(paths.size());
+  const int n = static_cast<int>(paths.size());
+  if (!Check(ZeltoCom_Open_Multi(results.data(), names.data(), n, 115200), "ZeltoCom_Open_Multi")) {
+    return;
+  }
+  if (Check(ZeltoCom_CaptureFromAll(results.data(), 0, 3, 0), "ZeltoCom_CaptureFromAll")) {
+    std::printf("  %-12s %-12s %-7s %-15s %s\n", "path", "serial", "result", "x y", "intensity");
+    for (int i = 0; i < n; ++i) {
+      char serial[32] = "";
+      ZeltoCom_GetSNByPort(serial, names[i]);
+      std::printf("  %-12s %-12s %-7d %-15s %s\n", names[i], serial, results[i],
+                  Ask(paths[i], "GETxy01").c_str(), Ask(paths[i], "GETINTENSITY01").c_str());
+    }
+  }
+  Check(ZeltoCom_Close_Multi(results.data(), names.data(), n), "ZeltoCom_Close_Multi");
+}
+
 zeltosim::Config Instrument(const char* serial, const char* hardware, bool eot, int fibres) {
   zeltosim::Config config;
   config.serial = serial;
@@ -154,5 +185,7 @@ int main() {
   char open[1024] = "";
   const int stillOpen = ZeltoCom_GetOpenedPortsS(open, ';');
   std::printf("  ZeltoCom_GetOpenedPortsS -> %d (%s)\n", stillOpen, LastError().c_str());
+
+  ShowStation();
   return 0;
 }
