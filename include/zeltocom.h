@@ -246,6 +246,14 @@ ZELTOCOM_API int ZeltoCom_AreConnected(char** portsOut, const char* const* seria
  * same separator, each the path found or empty ("a;;c"). */
 ZELTOCOM_API int ZeltoCom_AreConnectedS(char* portsOut, const char* serialNumbers, int separator,
                                         int baudrate);
+/* Thread body of a connection check on one port: writes `devicePath` into
+ * portsOut[i] for the first serialNumbers[i] its instrument carries (an open
+ * port answers from its record, another is probed, the rate searched with
+ * the remembered one first; `baudrate` must be 0 or an admitted rate). 1
+ * found, 0 not found, -1 refused. */
+ZELTOCOM_API int ZeltoCom_Isconnected_thread(char** portsOut, const char* devicePath,
+                                             const char* const* serialNumbers, int nSerials,
+                                             int baudrate);
 
 /* Opens the listed paths at once. 1 all opened; -1 no ports detected or
  * invalid baud rate; otherwise the first failing result in list order, after

@@ -354,6 +354,29 @@ int ZeltoCom_AreConnected(char** portsOut, const char* const* serialNumbers, int
   });
 }
 
+int ZeltoCom_Isconnected_thread(char** portsOut, const char* devicePath,
+                                const char* const* serialNumbers, int nSerials, int baudrate) {
+  return Guarded(-1, [&] {
+    if (!ArraysGiven(nSerials, {portsOut, serialNumbers})) return -1;
+    if (!BaudrateAccepted(baudrate)) return -1;
+    const std::string path(Arg(devicePath));
+    std::vector<std::string> sought;
+    for (int i = 0; i < nSerials; ++i) sought.push_back(strtoupper(Arg(serialNumbers[i])));
+    // An open port's instrument is known already; probing it would disturb it.
+    const PortRef open = PortsList_GetByDevPath(path);
+    const std::string answered =
+        open ? strtoupper(open->serialNumber.view()) : ProbeForSerialNumbers(path, sought);
+    for (int i = 0; i < nSerials && !answered.empty(); ++i) {
+      const std::string& wanted = sought[static_cast<std::size_t>(i)];
+      if (wanted.empty() || !(open ? answered == wanted : Contains(answered, wanted))) continue;
+      CopyOut(portsOut[i], path);
+      return 1;
+    }
+    SetError(nullptr, "Unable to find device");
+    return 0;
+  });
+}
+
 int ZeltoCom_IsConnected(char* portOut, const char* serialNumber, int baudrate) {
   return Guarded(-1, [&] {
     if (!BufferGiven(portOut)) return -1;

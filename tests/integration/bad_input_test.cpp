@@ -114,6 +114,8 @@ class BadInputTest : public SimBench {
           {-1});
       add("IsConnected", [=] { return ZeltoCom_IsConnected(buf, name, 0); }, {0, -1});
       add("AreConnected", [=] { return ZeltoCom_AreConnected(bufs, &name, 1, 0); }, {0, -1});
+      add("Isconnected_thread",
+          [=] { return ZeltoCom_Isconnected_thread(bufs, name, &name, 1, 0); }, {0, -1});
       if (name == nullptr || name[0] == '\0' || std::string(name) == long_) {
         add("Send command", [=, this] { return ZeltoCom_Send(open_.c_str(), name, buf); },
             {0, -1});
