@@ -58,17 +58,18 @@ TEST_F(DaisyChainTest, AddingAsksForTheInstrumentAndHandsTheLineBack) {
   EXPECT_EQ(ChainLength(), 1);
 }
 
-TEST_F(DaisyChainTest, AMasterWithoutBusCommandsCannotLendItsLine) {
+TEST_F(DaisyChainTest, AMasterThatRefusesOrIgnoresBusCommandsCannotLendItsLine) {
   Port().master().setFault(zeltosim::Fault::SyntaxErrorAll);
   EXPECT_EQ(ZeltoCom_DaisyChain_Add(Path(), "CHAIN01"), 0);
   EXPECT_EQ(LastError(), "Unable to get the bus");
+  Port().master().setFault(zeltosim::Fault::Silent);
+  EXPECT_EQ(SendTo("CHAIN01", "GETSERIAL"), "failed: Syntax error or Timeout in BUSGET");
+  EXPECT_EQ(PortError(Port()), "Syntax error or Timeout in BUSGET");
   EXPECT_EQ(ChainLength(), 0);
+  EXPECT_EQ(Record(Port())->busState, 1);
 }
 
-TEST_F(DaisyChainTest, SendsReachTheAddressedInstrumentInEitherFraming) {
-  ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), "CHAIN01"), 1);
-  ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), "CHAIN02"), 1);
-  Port().clearLog();
+TEST_F(DaisyChainTest, SendsLearnAndReachTheAddressedInstrumentInEitherFraming) {
   EXPECT_EQ(SendTo("CHAIN01", "GETSERIAL"), "CHAIN01");
   EXPECT_EQ(SendTo("CHAIN02", "GETSERIAL"), "CHAIN02");
   EXPECT_EQ(SendTo("MASTER1", "GETSERIAL"), "MASTER1");
@@ -79,6 +80,21 @@ TEST_F(DaisyChainTest, SendsReachTheAddressedInstrumentInEitherFraming) {
   Port().clearLog();
   EXPECT_EQ(SendTo("MASTER1", "GETSERIAL"), "MASTER1");
   EXPECT_EQ(Sent(Port()), (Lines{"GETSERIAL"}));
+  // A refusal takes the line from its holder first and leaves it with the master.
+  EXPECT_EQ(SendTo("CHAIN01", "GETSERIAL"), "CHAIN01");
+  Port().clearLog();
+  EXPECT_EQ(SendTo("NOBODY", "GETSERIAL"), "failed: Device not found");
+  EXPECT_EQ(Sent(Port()), (Lines{"BUSFREE", "BUSGETNOBODY", "BUSFREE"}));
+  EXPECT_EQ(Record(Port())->busOwner, Record(Port()).get());
+  EXPECT_EQ(Port().busHolder(), "MASTER1");
+  // Each chained instrument was learnt once, in its own framing.
+  EXPECT_EQ(ChainLength(), 2);
+  for (const zeltosim::Instrument* chained : chained_) {
+    const zeltocom::PortRef record =
+        zeltocom::PortsList_GetBySerialNumber(&Record(Port())->chain, chained->serial());
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->eotFormat.view(), chained->eot() ? "\r\n\x04" : "\r\n");
+  }
 }
 
 TEST_F(DaisyChainTest, AddingWhileAChainedInstrumentHoldsTheLineKeepsSendsAddressed) {
@@ -135,10 +151,6 @@ TEST_F(DaisyChainTest, AChainedSpectrometerIsCapturedWithItsOwnSettings) {
       << LastError();
   EXPECT_EQ(spectrometer_->captures(), 2);
   EXPECT_EQ(Port().busHolder(), "SPEC01");  // the line stays with it
-  const zeltocom::PortRef record = zeltocom::PortsList_GetBySerialNumber(
-      &Record(Port())->chain, "SPEC01");
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(record->deviceType, 7);
   EXPECT_EQ(Record(Port())->hardwareDescriptor.view(), "");  // the master was not asked
 
   EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "CHAIN01", 0, 0, 0), -1);
