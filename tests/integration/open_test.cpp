@@ -14,7 +14,7 @@ using zeltosim::LineOptions;
 
 using OpenTest = SimBench;
 
-TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRate) {
+TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRateAndOnlyOnce) {
   zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(115200));
   Publish();
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
@@ -31,6 +31,13 @@ TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRate) {
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
   // The wake-up, the bus release and the serial number, in this order.
   EXPECT_EQ(Sent(port), (std::vector<std::string>{"BUSFREE", "GETSERIAL"}));
+
+  // A second open leaves the first connection alone.
+  port.clearLog();
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 0);
+  EXPECT_EQ(LastError(), "The port is already in use");
+  EXPECT_TRUE(port.lineLog().empty());
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
 }
 
 TEST_F(OpenTest, RateSearchTriesTheRatesInOrderThenTheRememberedOneFirst) {
@@ -95,16 +102,6 @@ TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
   ASSERT_EQ(ZeltoCom_Open(plain.path().c_str(), 230400), 1) << LastError();
   EXPECT_EQ(Record(eot)->eotFormat.view(), "\r\n\x04");
   EXPECT_EQ(Record(plain)->eotFormat.view(), "\r\n");
-  EXPECT_EQ(Record(eot)->serialNumber.view(), "ZSEOT1");
-}
-
-TEST_F(OpenTest, ASecondOpenLeavesTheFirstConnectionAlone) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
-  port.clearLog();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
-  EXPECT_EQ(LastError(), "The port is already in use");
-  EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
 }
 
 TEST_F(OpenTest, UnknownPathsAndNoPorts) {
@@ -123,7 +120,7 @@ TEST_F(OpenTest, UnknownPathsAndNoPorts) {
   EXPECT_EQ(LastError(), "No ports detected");
 }
 
-TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPort) {
+TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
   zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"), At(9600));
   zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(460800));
   Publish();
@@ -147,19 +144,14 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPort) {
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 3), -1);
   EXPECT_EQ(LastError(), "Invalid baud-rate");
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 9600), 1) << LastError();
-}
 
-TEST_F(OpenTest, OpenBySerialNumberTriesTheRememberedPlaceFirst) {
-  zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"));
-  zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(19200));
-  Publish();
-  ASSERT_EQ(ZeltoCom_Open(second.path().c_str(), 0), 1);
-  ASSERT_EQ(ZeltoCom_CloseSN("ZSBBBB"), 1);
+  // Once closed, the remembered place and rate are tried first.
+  ASSERT_EQ(ZeltoCom_CloseAll(), 1);
   first.clearLog();
   second.clearLog();
   ASSERT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 1) << LastError();
   EXPECT_TRUE(first.lineLog().empty());
-  EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{19200}));
+  EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{460800}));
 }
 
 TEST_F(OpenTest, ClosingByPathSerialAndAll) {
