@@ -19,13 +19,22 @@ class QueriesTest : public SimBench {
 
 }  // namespace
 
-TEST_F(QueriesTest, BaudRateNeedsADetectionFirst) {
+TEST_F(QueriesTest, PortsThatAreNotOpen) {
   EXPECT_EQ(ZeltoCom_GetBaudrate("/dev/pts/0"), 0);
   EXPECT_EQ(LastError(), "Detect ports first");
   zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
   Publish();
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 0);
   EXPECT_EQ(LastError(), "The port is not in use");
+  // Availability is about detection, not opening.
+  EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
+  EXPECT_EQ(ZeltoCom_IsPortAvailable("/dev/pts/none"), 0);
+  EXPECT_EQ(LastError(), "The port is not available");
+
+  char buffer[256] = "untouched";
+  EXPECT_EQ(ZeltoCom_GetPortBySN(buffer, "ZS0001"), -1);
+  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_STREQ(buffer, "untouched");
 }
 
 TEST_F(QueriesTest, ListsOfOpenPortsFollowTheOpeningOrder) {
@@ -50,44 +59,24 @@ TEST_F(QueriesTest, ListsOfOpenPortsFollowTheOpeningOrder) {
   EXPECT_EQ(second, a.path());
 }
 
-TEST_F(QueriesTest, AvailabilityIsAboutDetectionNotOpening) {
-  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
-  Publish();
-  EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
-  EXPECT_EQ(ZeltoCom_IsPortAvailable("/dev/pts/none"), 0);
-  EXPECT_EQ(LastError(), "The port is not available");
-}
-
-TEST_F(QueriesTest, LookUpsOfPortsThatAreNotOpen) {
-  char buffer[256] = "untouched";
-  EXPECT_EQ(ZeltoCom_GetPortBySN(buffer, "ZS0001"), -1);
-  EXPECT_EQ(LastError(), "The device path is not in use");
-  EXPECT_STREQ(buffer, "untouched");
-  EXPECT_EQ(ZeltoCom_GetSNByPort(buffer, "/dev/pts/none"), -1);
-  ZeltoCom_GetLibraryVersion(buffer);
-  EXPECT_STREQ(buffer, "v3.0.0");
-}
-
 TEST_F(QueriesTest, DeviceTypeWords) {
   zeltosim::Config unknown = Analyser("ZS0003");
   unknown.hardware = "Zelto 05-P rev2";
-  Open(unknown);
-  Open(Spectrometer("SP0001"));
-  Open(Analyser("ZS0001"));
   char word[13];
-  ASSERT_EQ(ZeltoCom_GetDeviceType(ports_[0]->path().c_str(), word), 1);
-  EXPECT_STREQ(word, "UNKONWN");
-  ASSERT_EQ(ZeltoCom_GetDeviceType(ports_[1]->path().c_str(), word), 1);
-  EXPECT_STREQ(word, "SPECTROMETER");
-  ASSERT_EQ(ZeltoCom_GetDeviceType(ports_[2]->path().c_str(), word), 1);
-  EXPECT_STREQ(word, "ICT");
+  for (const auto& [config, expected] : {std::pair{unknown, "UNKONWN"},
+                                         {Spectrometer("SP0001"), "SPECTROMETER"},
+                                         {Analyser("ZS0001"), "ICT"}}) {
+    Open(config);
+    ASSERT_EQ(ZeltoCom_GetDeviceType(Sim().path().c_str(), word), 1);
+    EXPECT_STREQ(word, expected);
+  }
   EXPECT_EQ(ZeltoCom_GetDeviceType("/dev/pts/none", word), 0);
   EXPECT_EQ(LastError(), "The port is not in use");
 
-  ports_[2]->master().setFault(zeltosim::Fault::Silent);
-  Record(*ports_[2])->hardwareDescriptor.clear();
+  Sim().master().setFault(zeltosim::Fault::Silent);
+  Record(Sim())->hardwareDescriptor.clear();
   std::strcpy(word, "kept");
-  EXPECT_EQ(ZeltoCom_GetDeviceType(ports_[2]->path().c_str(), word), 0);
+  EXPECT_EQ(ZeltoCom_GetDeviceType(Sim().path().c_str(), word), 0);
   EXPECT_STREQ(word, "kept");
 }
 
