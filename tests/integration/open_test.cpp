@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include "bench.hpp"
+#include "device/identify.hpp"
+#include "device/settings.hpp"
 #include "frame/registry.hpp"
 
 using zeltocom::OpenedPorts;
@@ -218,4 +220,78 @@ TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
   ASSERT_EQ(ZeltoCom_Close(port.path().c_str()), 1);
   EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
   close(other);
+}
+
+TEST_F(OpenTest, PortsThatAreNotOpen) {
+  EXPECT_EQ(ZeltoCom_GetBaudrate("/dev/pts/0"), 0);
+  EXPECT_EQ(LastError(), "Detect ports first");
+  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
+  Publish();
+  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 0);
+  EXPECT_EQ(LastError(), "The port is not in use");
+  // Availability is about detection, not opening.
+  EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
+  EXPECT_EQ(ZeltoCom_IsPortAvailable("/dev/pts/none"), 0);
+  EXPECT_EQ(LastError(), "The port is not available");
+
+  char buffer[256] = "untouched";
+  EXPECT_EQ(ZeltoCom_GetPortBySN(buffer, "ZS0001"), -1);
+  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_STREQ(buffer, "untouched");
+}
+
+TEST_F(OpenTest, ListsOfOpenPortsFollowTheOpeningOrder) {
+  zeltosim::SimPort& a = AddPort(Analyser("ZSAAAA"));
+  zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
+  Publish();
+  char text[1024] = "untouched";
+  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 0);
+  EXPECT_EQ(LastError(), "No ports have been opened yet");
+  EXPECT_STREQ(text, "untouched");
+
+  ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), b.baud()), 1);
+  ASSERT_EQ(ZeltoCom_Open(a.path().c_str(), a.baud()), 1);
+  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 2);
+  EXPECT_EQ(std::string(text), b.path() + ";" + a.path());
+
+  char first[256];
+  char second[256];
+  char* paths[] = {first, second};
+  EXPECT_EQ(ZeltoCom_GetOpenedPorts(paths), 2);
+  EXPECT_EQ(first, b.path());
+  EXPECT_EQ(second, a.path());
+}
+
+TEST_F(OpenTest, DeviceTypeWords) {
+  zeltosim::Config unknown = Analyser("ZS0003");
+  unknown.hardware = "Zelto 05-P rev2";
+  char word[13];
+  for (const auto& [config, expected] : {std::pair{unknown, "UNKONWN"},
+                                         {Spectrometer("SP0001"), "SPECTROMETER"},
+                                         {Analyser("ZS0001"), "ICT"}}) {
+    ASSERT_EQ(ZeltoCom_GetDeviceType(OpenPort(config).path().c_str(), word), 1);
+    EXPECT_STREQ(word, expected);
+  }
+  EXPECT_EQ(ZeltoCom_GetDeviceType("/dev/pts/none", word), 0);
+  EXPECT_EQ(LastError(), "The port is not in use");
+
+  zeltosim::SimPort& ict = *ports_.back();
+  ict.master().setFault(Fault::Silent);
+  Record(ict)->hardwareDescriptor.clear();
+  std::strcpy(word, "kept");
+  EXPECT_EQ(ZeltoCom_GetDeviceType(ict.path().c_str(), word), 0);
+  EXPECT_STREQ(word, "kept");
+}
+
+TEST_F(OpenTest, SilentInstrumentsGetDefaultsThatSizeATimeOut) {
+  zeltosim::SimPort& sim = OpenPort(Analyser("ZS0001"));
+  const zeltocom::PortRef port = Record(sim);
+  zeltocom::CMD_LoadSettings_HardwareType(port.get());
+  sim.master().setFault(Fault::Silent);
+  zeltocom::CMD_LoadSettings_Exposure(port.get());
+  zeltocom::CMD_LoadSettings_NumFibers(port.get());
+  EXPECT_EQ(port->fiberSettingsCur->factor, 1);
+  EXPECT_EQ(port->numFibers, 1);
+  EXPECT_EQ(zeltocom::CMD_LoadSettings_AdjustmentSet(port.get()), 1);
+  EXPECT_EQ(port->adjustmentSet, 0);
 }
