@@ -72,6 +72,10 @@ std::string SimBench::LastError() {
   return ZeltoCom_GetError_Description(buffer);
 }
 
+std::string SimBench::Outcome(int result) {
+  return result == 1 ? "1" : std::to_string(result) + ": " + LastError();
+}
+
 std::string SimBench::PortError(const zeltosim::SimPort& port) {
   char buffer[512];
   return ZeltoCom_GetError_DescriptionByPort(port.path().c_str(), buffer);

@@ -31,6 +31,8 @@ class SimBench : public ::testing::Test {
   zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
 
   static std::string LastError();
+  // A call's result, with the error text when it failed: "1", "0: Timeout".
+  static std::string Outcome(int result);
   static std::string PortError(const zeltosim::SimPort& port);
   // The library's record of an open port.
   static zeltocom::PortRef Record(const zeltosim::SimPort& port);

@@ -47,15 +47,14 @@ TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
 
 TEST_F(CaptureTest, RefusedArgumentsSendNothing) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 7, 0), -1);
-  EXPECT_EQ(LastError(), "Range value out of limits");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 7, 0)),
+            "-1: Range value out of limits");
   EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, -1, 0), -1);
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 1, 2, 16), -1);
-  EXPECT_EQ(LastError(), "Frames value out of limits");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 1, 2, 16)),
+            "-1: Frames value out of limits");
   EXPECT_EQ(PortError(port), "Frames value out of limits");
   EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(ZeltoCom_Capture("/dev/pts/none", 0, 2, 0), -1);
-  EXPECT_EQ(LastError(), "The port is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture("/dev/pts/none", 0, 2, 0)), "-1: The port is not in use");
 }
 
 TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
@@ -63,8 +62,8 @@ TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
   zeltosim::Fiber fiber;
   fiber.force = zeltosim::Range::OverRange;
   port.master().setFiber(1, fiber);
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0), 0);
-  EXPECT_EQ(LastError(), "OVERRANGE ON FIBER 02 condition detected");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
+            "0: OVERRANGE ON FIBER 02 condition detected");
   EXPECT_EQ(PortError(port), "OVERRANGE ON FIBER 02 condition detected");
   // The port stays usable.
   port.master().setFiber(1, zeltosim::Fiber{});
@@ -79,8 +78,8 @@ TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
       << error;
 
   port.master().setFault(zeltosim::Fault::SyntaxErrorAll);
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 0);
-  EXPECT_EQ(LastError(), "Syntax error in Device on " + port.path() + " with SN ZS0001");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0)),
+            "0: Syntax error in Device on " + port.path() + " with SN ZS0001");
 }
 
 TEST_F(CaptureTest, WithoutTheAutomaticTimeOutTheLibraryWideOneHolds) {
@@ -98,19 +97,19 @@ TEST_F(CaptureTest, WithoutTheAutomaticTimeOutTheLibraryWideOneHolds) {
 
 TEST_F(CaptureTest, AnalysersAndSpectrometersRefuseEachOthersCalls) {
   zeltosim::SimPort& spectrometer = Open(Spectrometer("SP0001"));
-  EXPECT_EQ(ZeltoCom_Capture(spectrometer.path().c_str(), 0, 2, 0), -1);
-  EXPECT_EQ(LastError(), "Device is a Spectrometer");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(spectrometer.path().c_str(), 0, 2, 0)),
+            "-1: Device is a Spectrometer");
   EXPECT_EQ(Sent(spectrometer), (std::vector<std::string>{"GETHW"}));
 
   zeltosim::SimPort& analyser = Open(Analyser("ZS0001"));
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(analyser.path().c_str(), 0, 0, 0), -1);
-  EXPECT_EQ(LastError(), "Device is not a Spectrometer");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(analyser.path().c_str(), 0, 0, 0)),
+            "-1: Device is not a Spectrometer");
   EXPECT_EQ(Sent(analyser), (std::vector<std::string>{"GETHW"}));
 
   // The dark asks for the adjustment set before it refuses.
   zeltosim::SimPort& other = Open(Analyser("ZS0002"));
-  EXPECT_EQ(ZeltoCom_SpectrometerDark(other.path().c_str(), 0, 0, 0), -1);
-  EXPECT_EQ(LastError(), "Device is not a Spectrometer");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(other.path().c_str(), 0, 0, 0)),
+            "-1: Device is not a Spectrometer");
   EXPECT_EQ(Sent(other), (std::vector<std::string>{"GETHW", "GETCALIBRATION"}));
 }
 
@@ -121,8 +120,8 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 2.5f), 1) << LastError();
   EXPECT_EQ(Sent(w2), (std::vector<std::string>{"GETHW", "GETADJUSTMENT", "GETAVERAGE", "PUTPWM0",
                                                 "C2500"}));
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.5f), -1);
-  EXPECT_EQ(LastError(), "Exposure value out of limits");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.5f)),
+            "-1: Exposure value out of limits");
   EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, -1.0f), -1);
   EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.0f), 1) << LastError();
   EXPECT_EQ(w2.master().lastCaptureCommand(), "C4000000");
@@ -161,8 +160,7 @@ TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
   EXPECT_EQ(port.master().lastCaptureCommand(), "C");
 
   port.master().setFault(zeltosim::Fault::SyntaxErrorAll);
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0)), "0: Syntax error");
 }
 
 TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
@@ -188,8 +186,8 @@ TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
 
   port.master().setDarkAnnounces(false);
   // The instrument's plain result comes within the first wait.
-  EXPECT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0), 0);
-  EXPECT_EQ(LastError(), "Dark Acquisition not detected");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0)),
+            "0: Dark Acquisition not detected");
   EXPECT_EQ(port.countReceived("I"), 1);
 }
 

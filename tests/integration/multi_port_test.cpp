@@ -87,8 +87,8 @@ TEST_F(MultiPortTest, EightPortsOpenSendCaptureAndCloseInTheCallersOrder) {
   for (const auto& port : ports_) serials.push_back(port->master().serial().c_str());
   EXPECT_EQ(ZeltoCom_CloseSN_Multi(results_.data(), serials.data() + 4, 4), 1);
   EXPECT_EQ(Opened(), "");
-  EXPECT_EQ(ZeltoCom_Close_Multi(results_.data(), paths.data(), 8), 0);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Close_Multi(results_.data(), paths.data(), 8)),
+            "0: The device path is not in use");
 }
 
 TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
@@ -115,8 +115,7 @@ TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
 TEST_F(MultiPortTest, ParallelOpenOfAPortAlreadyOpenLeavesItOpen) {
   AddSlowestFirst({"ZS0001", "ZS0002"});
   ASSERT_EQ(ZeltoCom_Open(ports_[1]->path().c_str(), BenchLine().baud), 1);
-  EXPECT_EQ(OpenAll(), 0);
-  EXPECT_EQ(LastError(), "The port is already in use");
+  EXPECT_EQ(Outcome(OpenAll()), "0: The port is already in use");
   EXPECT_EQ(Opened(), ports_[1]->path());
 }
 
@@ -132,8 +131,8 @@ TEST_F(MultiPortTest, SendResultsPutMinusOneBeforeZero) {
   EXPECT_EQ(results_, (std::vector<int>{1, 0, -1}));
   EXPECT_EQ(LastError(), "The device path is not in use");
   const char* fine[] = {"NOSUCHCOMMAND", "GETSERIAL", "GETSERIAL"};
-  EXPECT_EQ(ZeltoCom_Send_Multi(results_.data(), Paths().data(), 3, fine, responses), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(Outcome(ZeltoCom_Send_Multi(results_.data(), Paths().data(), 3, fine, responses)),
+            "0: Syntax error");
 
   // By serial number: one not open gets -1 and keeps its buffer.
   std::strcpy(answers[1], "untouched");
@@ -152,8 +151,8 @@ TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
   EXPECT_EQ(Record(*ports_[0])->lastResponse, "ZS0001");
   EXPECT_EQ(Record(*ports_[1])->lastResponse, "Zelto 05-P");
   ports_[0]->clearLog();
-  EXPECT_EQ(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 3, "ID|ID|ID", '|'), -1);
-  EXPECT_EQ(LastError(), "Not enough commands given");
+  EXPECT_EQ(Outcome(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 3, "ID|ID|ID", '|')),
+            "-1: Not enough commands given");
   EXPECT_TRUE(Sent(*ports_[0]).empty());
   EXPECT_EQ(ZeltoCom_SendToAll_NR(results_.data(), "ID"), 1);
   EXPECT_EQ(Record(*ports_[1])->lastResponse, "05F");
@@ -161,8 +160,7 @@ TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
 
 TEST_F(MultiPortTest, CapturesFromAllPortsAndFromTheSpectrometersAmongThem) {
   int results[3] = {9, 9, 9};
-  EXPECT_EQ(ZeltoCom_CaptureFromAll(results, 0, 0, 0), 0);
-  EXPECT_EQ(LastError(), "No ports have been opened");
+  EXPECT_EQ(Outcome(ZeltoCom_CaptureFromAll(results, 0, 0, 0)), "0: No ports have been opened");
   EXPECT_EQ(ZeltoCom_SendToAll(results, "ID", nullptr), -1);
   EXPECT_EQ(ZeltoCom_CaptureFromAllSpectrometers(results, 0, 0, 0), 0);
 

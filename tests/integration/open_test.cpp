@@ -19,11 +19,10 @@ using OpenTest = SimBench;
 TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRateAndOnlyOnce) {
   zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(115200));
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
-  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 57600)),
+            "0: Unable to communicate with device");
   EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 14400), -1);
-  EXPECT_EQ(LastError(), "Invalid baud-rate");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 14400)), "-1: Invalid baud-rate");
 
   port.clearLog();
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
@@ -36,8 +35,7 @@ TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRateAndOnlyOnce) {
 
   // A second open leaves the first connection alone.
   port.clearLog();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 0);
-  EXPECT_EQ(LastError(), "The port is already in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 115200)), "0: The port is already in use");
   EXPECT_TRUE(port.lineLog().empty());
   EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
 }
@@ -74,11 +72,10 @@ TEST_F(OpenTest, SilentAndEchoingLinesAreNoInstruments) {
   config.fault = Fault::Echo;
   zeltosim::SimPort& echo = AddPort(config);
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(silent.path().c_str(), 0), 0);
-  EXPECT_EQ(LastError(), "Unable to open port");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(silent.path().c_str(), 0)), "0: Unable to open port");
   EXPECT_EQ(SpeedsOf(silent, "BUSFREE").size(), 8u);
-  EXPECT_EQ(ZeltoCom_Open(echo.path().c_str(), echo.baud()), 0);
-  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(echo.path().c_str(), echo.baud())),
+            "0: Unable to communicate with device");
 }
 
 TEST_F(OpenTest, TheHandshakeTakesRefusalsButNotShortSerialsWhenSearching) {
@@ -109,17 +106,13 @@ TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
 TEST_F(OpenTest, UnknownPathsAndNoPorts) {
   AddPort(Analyser("ZS0001"));
   Publish();
-  EXPECT_EQ(ZeltoCom_Open("/dev/pts/nothing", 57600), 0);
-  EXPECT_EQ(LastError(), "Device Path not available");
+  EXPECT_EQ(Outcome(ZeltoCom_Open("/dev/pts/nothing", 57600)), "0: Device Path not available");
 
   setenv("ZELTOCOM_PORTS", ";", 1);
   EXPECT_EQ(ZeltoCom_EnumPorts(), 0);
-  EXPECT_EQ(ZeltoCom_Open(ports_[0]->path().c_str(), 57600), 0);
-  EXPECT_EQ(LastError(), "No ports detected");
-  EXPECT_EQ(ZeltoCom_OpenSN("ZS0001", 0), 0);
-  EXPECT_EQ(LastError(), "No ports detected");
-  EXPECT_EQ(ZeltoCom_OpenID("ANY"), -1);
-  EXPECT_EQ(LastError(), "No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(ports_[0]->path().c_str(), 57600)), "0: No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZS0001", 0)), "0: No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("ANY")), "-1: No ports detected");
 }
 
 TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
@@ -131,20 +124,17 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
   char path[256];
   ASSERT_EQ(ZeltoCom_GetPortBySN(path, "zsbbbb"), 1);
   EXPECT_EQ(path, second.path());
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 0);
-  EXPECT_EQ(LastError(), "The port is already open!");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSBBBB", 0)), "0: The port is already open!");
 
   // The open port is not probed again while another serial is searched.
   first.clearLog();
   second.clearLog();
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSCCCC", 9600), 0);
-  EXPECT_EQ(LastError(), "Unable to find device");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSCCCC", 9600)), "0: Unable to find device");
   EXPECT_TRUE(second.lineLog().empty());
   EXPECT_EQ(SpeedsOf(first, "GETSERIAL"), (std::vector<int>{9600}));
 
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 115200), 0);
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 3), -1);
-  EXPECT_EQ(LastError(), "Invalid baud-rate");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSAAAA", 3)), "-1: Invalid baud-rate");
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 9600), 1) << LastError();
 
   // Once closed, the remembered place and rate are tried first.
@@ -164,8 +154,7 @@ TEST_F(OpenTest, ClosingByPathSerialAndAll) {
   for (auto* port : {&a, &b, &c}) ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1);
 
   EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
-  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 0);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Close(b.path().c_str())), "0: The device path is not in use");
   int result = -5;
   EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
   EXPECT_EQ(result, 1);
@@ -191,8 +180,7 @@ TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
 
   EXPECT_EQ(ZeltoCom_OpenID("LEFT-LAMP"), 1);
   EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(ZeltoCom_OpenID("RIGHT-LAMP"), -1);
-  EXPECT_EQ(LastError(), "ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("RIGHT-LAMP")), "-1: ID not found");
 
   char path[256] = "untouched";
   EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LEFT-LAMP", path)), port.path());
@@ -208,10 +196,10 @@ TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
   const int other = open(port.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
   ASSERT_GE(other, 0);
   ASSERT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
-  EXPECT_EQ(LastError(), "The port is used by another process");
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
-  EXPECT_EQ(LastError(), "The port is used by another process");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), port.baud())),
+            "0: The port is used by another process");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 0)),
+            "0: The port is used by another process");
   EXPECT_TRUE(port.lineLog().empty());
 
   flock(other, LOCK_UN);
@@ -223,20 +211,16 @@ TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
 }
 
 TEST_F(OpenTest, PortsThatAreNotOpen) {
-  EXPECT_EQ(ZeltoCom_GetBaudrate("/dev/pts/0"), 0);
-  EXPECT_EQ(LastError(), "Detect ports first");
+  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate("/dev/pts/0")), "0: Detect ports first");
   zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
   Publish();
-  EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 0);
-  EXPECT_EQ(LastError(), "The port is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate(port.path().c_str())), "0: The port is not in use");
   // Availability is about detection, not opening.
   EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
-  EXPECT_EQ(ZeltoCom_IsPortAvailable("/dev/pts/none"), 0);
-  EXPECT_EQ(LastError(), "The port is not available");
+  EXPECT_EQ(Outcome(ZeltoCom_IsPortAvailable("/dev/pts/none")), "0: The port is not available");
 
   char buffer[256] = "untouched";
-  EXPECT_EQ(ZeltoCom_GetPortBySN(buffer, "ZS0001"), -1);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_GetPortBySN(buffer, "ZS0001")), "-1: The device path is not in use");
   EXPECT_STREQ(buffer, "untouched");
 }
 
@@ -245,8 +229,7 @@ TEST_F(OpenTest, ListsOfOpenPortsFollowTheOpeningOrder) {
   zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
   Publish();
   char text[1024] = "untouched";
-  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 0);
-  EXPECT_EQ(LastError(), "No ports have been opened yet");
+  EXPECT_EQ(Outcome(ZeltoCom_GetOpenedPortsS(text, ';')), "0: No ports have been opened yet");
   EXPECT_STREQ(text, "untouched");
 
   ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), b.baud()), 1);
@@ -272,8 +255,7 @@ TEST_F(OpenTest, DeviceTypeWords) {
     ASSERT_EQ(ZeltoCom_GetDeviceType(OpenPort(config).path().c_str(), word), 1);
     EXPECT_STREQ(word, expected);
   }
-  EXPECT_EQ(ZeltoCom_GetDeviceType("/dev/pts/none", word), 0);
-  EXPECT_EQ(LastError(), "The port is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_GetDeviceType("/dev/pts/none", word)), "0: The port is not in use");
 
   zeltosim::SimPort& ict = *ports_.back();
   ict.master().setFault(Fault::Silent);

@@ -48,12 +48,10 @@ TEST_F(SendTest, CommandsAreSentAsTypedAndFailuresSayWhy) {
   EXPECT_EQ(port.lineLog().back().text, "getnfib");
   EXPECT_EQ(Record(port)->numFibers, 3);
 
-  EXPECT_EQ(Send(port, "NOSUCHCOMMAND"), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(Outcome(Send(port, "NOSUCHCOMMAND")), "0: Syntax error");
   EXPECT_EQ(PortError(port), "Syntax error");
   port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(Send(port, "GETSERIAL"), 0);
-  EXPECT_EQ(LastError(), "Timeout");
+  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "0: Timeout");
   // A success clears both texts.
   port.master().setFault(zeltosim::Fault::None);
   EXPECT_EQ(Send(port, "GETSERIAL"), 1);
@@ -122,8 +120,7 @@ TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
 
   // A change that times out still moves the library's side of the line.
   port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(Send(port, "SETBAUD230400"), 0);
-  EXPECT_EQ(LastError(), "Timeout");
+  EXPECT_EQ(Outcome(Send(port, "SETBAUD230400")), "0: Timeout");
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 230400);
   port.master().setFault(zeltosim::Fault::None);
   EXPECT_EQ(Send(port, "GETSERIAL"), 0);
@@ -191,21 +188,20 @@ TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
   char answer[64];
   EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
   EXPECT_STREQ(answer, "ZS0001");
-  EXPECT_EQ(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "The device path is not in use");
-  EXPECT_EQ(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
 
   zeltocom::s_IDPort row;
   row.devicePath.assign(port.path());
   row.deviceID.assign("LAMP");
   zeltocom::IDtoPortList_Add(row);
   EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
-  EXPECT_EQ(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer)), "-1: ID not found");
 
-  EXPECT_EQ(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1), -1);
-  EXPECT_EQ(LastError(), "The port is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1)),
+            "-1: The port is not in use");
 }
 
 TEST_F(SendTest, BusCommandsHandTheLineOver) {
@@ -227,8 +223,7 @@ TEST_F(SendTest, BusCommandsHandTheLineOver) {
   ASSERT_EQ(Send(port, "GETSERIAL"), 1);
   EXPECT_STREQ(answer_, "MASTER1");
   // A bare BUSGET is an ordinary command.
-  EXPECT_EQ(Send(port, "BUSGET"), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(Outcome(Send(port, "BUSGET")), "0: Syntax error");
 }
 
 TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
@@ -240,8 +235,8 @@ TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
   EXPECT_EQ(ZeltoCom_SetResponseBufferSize(-1), -1);
   ASSERT_EQ(ZeltoCom_SetResponseBufferSize(256), 1);
   std::memset(answer_, '#', sizeof answer_);
-  EXPECT_EQ(ZeltoCom_Send(port.path().c_str(), "HELP", answer_), 0);
-  EXPECT_EQ(LastError(), "Answer longer than the response buffer");
+  EXPECT_EQ(Outcome(ZeltoCom_Send(port.path().c_str(), "HELP", answer_)),
+            "0: Answer longer than the response buffer");
   EXPECT_EQ(std::string(answer_), whole.substr(0, 255));
   EXPECT_EQ(answer_[256], '#');
   EXPECT_EQ(Record(port)->lastResponse, whole);
