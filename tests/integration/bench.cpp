@@ -67,6 +67,11 @@ zeltosim::SimPort& SimBench::OpenPort(zeltosim::Config config, zeltosim::LineOpt
   return port;
 }
 
+int SimBench::Send(const zeltosim::SimPort& port, const char* command) {
+  answer_[0] = '\0';
+  return ZeltoCom_Send(port.path().c_str(), command, answer_);
+}
+
 std::string SimBench::LastError() {
   char buffer[512];
   return ZeltoCom_GetError_Description(buffer);

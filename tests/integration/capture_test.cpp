@@ -34,9 +34,8 @@ TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
   ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 1) << LastError();
   port.master().setFiber(1, zeltosim::Fiber{1.0, 0.0, 0.0, 5.0});  // too late for that capture
   const auto ask = [&](const char* command) {
-    char answer[256] = "";
-    EXPECT_EQ(ZeltoCom_Send(port.path().c_str(), command, answer), 1) << command;
-    return std::string(answer);
+    EXPECT_EQ(Send(port, command), 1) << command;
+    return std::string(answer_);
   };
   ask("SETLIN");
   EXPECT_EQ(ask("GETRGBI01"), "77 128 51 1200");

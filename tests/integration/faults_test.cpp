@@ -10,14 +10,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FaultsTest : public SimBench {
- protected:
-  int Send(const zeltosim::SimPort& port, const char* command) {
-    answer_[0] = '\0';
-    return ZeltoCom_Send(port.path().c_str(), command, answer_);
-  }
-  char answer_[4096] = {};
-};
+using FaultsTest = SimBench;
 
 // A stable name for a line whose device comes and goes, as the links under
 // /dev/serial/by-id are for USB adapters.

@@ -23,10 +23,6 @@ class SendTest : public SimBench {
     port.clearLog();
     return port;
   }
-  int Send(const zeltosim::SimPort& port, const char* command) {
-    answer_[0] = '\0';
-    return ZeltoCom_Send(port.path().c_str(), command, answer_);
-  }
   // These waits apply to instruments that end their answers with CR LF only.
   static zeltosim::Config PlainAnalyser(int fibers) {
     zeltosim::Config config = Analyser("ZS0001", fibers);
@@ -36,7 +32,6 @@ class SendTest : public SimBench {
   static int Lines(const std::string& text) {
     return static_cast<int>(std::count(text.begin(), text.end(), '\n')) + (text.empty() ? 0 : 1);
   }
-  char answer_[4096] = {};
 };
 
 }  // namespace
