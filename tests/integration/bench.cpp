@@ -67,9 +67,18 @@ zeltosim::SimPort& SimBench::OpenPort(zeltosim::Config config, zeltosim::LineOpt
   return port;
 }
 
+int SimBench::Send(const zeltosim::SimPort& port, const char* command) {
+  answer_[0] = '\0';
+  return ZeltoCom_Send(port.path().c_str(), command, answer_);
+}
+
 std::string SimBench::LastError() {
   char buffer[512];
   return ZeltoCom_GetError_Description(buffer);
+}
+
+std::string SimBench::Outcome(int result) {
+  return result == 1 ? "1" : std::to_string(result) + ": " + LastError();
 }
 
 std::string SimBench::PortError(const zeltosim::SimPort& port) {

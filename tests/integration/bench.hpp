@@ -30,7 +30,12 @@ class SimBench : public ::testing::Test {
   // Adds, publishes and opens one instrument at its own rate.
   zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
 
+  // Sends `command` to an open port; the answer lands in answer_.
+  int Send(const zeltosim::SimPort& port, const char* command);
+
   static std::string LastError();
+  // A call's result, with the error text when it failed: "1", "0: Timeout".
+  static std::string Outcome(int result);
   static std::string PortError(const zeltosim::SimPort& port);
   // The library's record of an open port.
   static zeltocom::PortRef Record(const zeltosim::SimPort& port);
@@ -44,6 +49,7 @@ class SimBench : public ::testing::Test {
   static zeltosim::LineOptions At(int baud);
 
   std::vector<std::unique_ptr<zeltosim::SimPort>> ports_;
+  char answer_[4096] = {};
 };
 
 zeltosim::Config Analyser(const std::string& serial, int fibers = 2);

@@ -10,14 +10,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FaultsTest : public SimBench {
- protected:
-  int Send(const zeltosim::SimPort& port, const char* command) {
-    answer_[0] = '\0';
-    return ZeltoCom_Send(port.path().c_str(), command, answer_);
-  }
-  char answer_[4096] = {};
-};
+using FaultsTest = SimBench;
 
 // A stable name for a line whose device comes and goes, as the links under
 // /dev/serial/by-id are for USB adapters.
@@ -49,21 +42,18 @@ TEST_F(FaultsTest, ATricklingAnswerEndsAsATimeOut) {
   // The whole answer would take over six seconds, with never more than the
   // time-out between two bytes.
   const auto start = Clock::now();
-  EXPECT_EQ(Send(port, "ID"), 0);
-  EXPECT_EQ(LastError(), "Timeout");
+  EXPECT_EQ(Outcome(Send(port, "ID")), "0: Timeout");
   EXPECT_LT(MsSince(start), 6000);
 }
 
 TEST_F(FaultsTest, ABabblingInstrumentIsCutOffAndThenRefused) {
   zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
   port.master().setFault(zeltosim::Fault::Babble);
-  EXPECT_EQ(Send(port, "GETSERIAL"), -1);
-  EXPECT_EQ(LastError(), "Answer too long");
+  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "-1: Answer too long");
   EXPECT_EQ(PortError(port), "Answer too long");
   // It goes on sending: the next command is not even written.
   const auto start = Clock::now();
-  EXPECT_EQ(Send(port, "GETHW"), -1);
-  EXPECT_EQ(LastError(), "The line does not stop sending");
+  EXPECT_EQ(Outcome(Send(port, "GETHW")), "-1: The line does not stop sending");
   EXPECT_LT(MsSince(start), 5000);
   EXPECT_EQ(port.countReceived("GETHW"), 0);
 
@@ -78,8 +68,7 @@ TEST_F(FaultsTest, OpeningABabblingInstrumentFailsWithTheReason) {
   config.fault = zeltosim::Fault::Babble;
   zeltosim::SimPort& port = AddPort(config);
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
-  EXPECT_EQ(LastError(), "Answer too long");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), port.baud())), "0: Answer too long");
   char paths[256];
   EXPECT_EQ(ZeltoCom_GetOpenedPortsS(paths, ';'), 0);
 }
@@ -105,8 +94,8 @@ TEST_F(FaultsTest, UnpluggingEndsASendAtOnceAndThePathComesBack) {
   EXPECT_LT(MsSince(start), 1500);
   EXPECT_EQ(LastError(), "Device disconnected");
   char answer[64];
-  EXPECT_EQ(ZeltoCom_Send(link.path().c_str(), "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "Device disconnected");
+  EXPECT_EQ(Outcome(ZeltoCom_Send(link.path().c_str(), "GETSERIAL", answer)),
+            "-1: Device disconnected");
   EXPECT_EQ(ZeltoCom_Close(link.path().c_str()), 1);
 
   // Plugged in again, the instrument answers on the same path.

@@ -95,10 +95,8 @@ TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
   char path[256];
   EXPECT_STREQ(ZeltoCom_GetPortByID("A", path), "/dev/a");
 
-  EXPECT_EQ(OpenProject("# no devices\n\n[END]\nPORT=/dev/a\n"), 0);
-  EXPECT_EQ(LastError(), "No devices found");
-  EXPECT_EQ(ZeltoCom_CloseProject(), 0);
-  EXPECT_EQ(LastError(), "No devices found");
+  EXPECT_EQ(Outcome(OpenProject("# no devices\n\n[END]\nPORT=/dev/a\n")), "0: No devices found");
+  EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: No devices found");
 }
 
 TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
@@ -121,8 +119,7 @@ TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
   EXPECT_EQ(Record(left), nullptr);
   EXPECT_EQ(Record(right), nullptr);
   // The IDs stay known, and closing again finds the ports closed.
-  EXPECT_EQ(ZeltoCom_CloseProject(), 0);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: The device path is not in use");
 }
 
 TEST_F(FilesTest, AnInstrumentThatDoesNotOpenClosesTheOthersAgain) {

@@ -1,5 +1,8 @@
 // Calls that drive many ports at once: results in the caller's order, their
 // precedence, the roll-back of a failed open, and eight ports at a time.
+#include <array>
+#include <utility>
+
 #include "bench.hpp"
 
 using namespace testlines;
@@ -20,6 +23,11 @@ class MultiPortTest : public SimBench {
       AddPort(config);
     }
     Publish();
+  }
+  static std::vector<std::string> EightSerials() {
+    std::vector<std::string> serials;
+    for (int i = 1; i <= 8; ++i) serials.push_back("ZS000" + std::to_string(i));
+    return serials;
   }
   std::vector<const char*> Paths() const {
     std::vector<const char*> paths;
@@ -46,26 +54,41 @@ class MultiPortTest : public SimBench {
 
 }  // namespace
 
-TEST_F(MultiPortTest, ParallelOpenAndSendKeepTheCallersOrder) {
-  AddSlowestFirst({"ZS0001", "ZS0002", "ZS0003"});
+TEST_F(MultiPortTest, EightPortsOpenSendCaptureAndCloseInTheCallersOrder) {
+  AddSlowestFirst(EightSerials());
   ASSERT_EQ(OpenAll(), 1) << LastError();
-  EXPECT_EQ(results_, (std::vector<int>{1, 1, 1}));
+  EXPECT_EQ(results_, std::vector<int>(8, 1));
   EXPECT_EQ(Opened(), Joined());
+  EXPECT_EQ(ZeltoCom_CaptureFromAll(results_.data(), 0, 0, 0), 1) << LastError();
 
+  // The first port answers last.
   for (const auto& port : ports_) port->master().setAnswerDelayMs(0);
   ports_[0]->master().setAnswerDelayMs(300);
-  char answers[3][64] = {};
-  char* responses[] = {answers[0], answers[1], answers[2]};
-  const char* commands[] = {"GETSERIAL", "GETSERIAL", "GETSERIAL"};
-  EXPECT_EQ(ZeltoCom_Send_Multi(results_.data(), Paths().data(), 3, commands, responses), 1);
-  EXPECT_STREQ(answers[0], "ZS0001");
-  EXPECT_STREQ(answers[2], "ZS0003");
-  EXPECT_EQ(ZeltoCom_SendToAll(results_.data(), "GETSERIAL", responses), 1);
-  EXPECT_STREQ(answers[1], "ZS0002");
+  std::vector<std::array<char, 64>> answers(8);
+  std::vector<char*> responses;
+  for (auto& answer : answers) responses.push_back(answer.data());
+  const std::vector<const char*> commands(8, "GETSERIAL");
+  const auto answered = [&] {  // and cleared for the next call
+    std::vector<std::string> texts;
+    for (auto& answer : answers) texts.emplace_back(std::exchange(answer, {}).data());
+    return texts;
+  };
+  const std::vector<const char*> paths = Paths();
+  EXPECT_EQ(
+      ZeltoCom_Send_Multi(results_.data(), paths.data(), 8, commands.data(), responses.data()), 1);
+  EXPECT_EQ(answered(), EightSerials());
+  EXPECT_EQ(ZeltoCom_SendToAll(results_.data(), "GETSERIAL", responses.data()), 1);
+  EXPECT_EQ(answered(), EightSerials());
 
-  EXPECT_EQ(ZeltoCom_Close_Multi(results_.data(), Paths().data(), 3), 1);
-  EXPECT_EQ(ZeltoCom_Close_Multi(results_.data(), Paths().data(), 3), 0);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  // Half by path, half by serial number (which a path is not).
+  EXPECT_EQ(ZeltoCom_Close_Multi(results_.data(), paths.data(), 4), 1);
+  EXPECT_EQ(ZeltoCom_CloseSN_Multi(results_.data(), paths.data() + 4, 4), 0);
+  std::vector<const char*> serials;
+  for (const auto& port : ports_) serials.push_back(port->master().serial().c_str());
+  EXPECT_EQ(ZeltoCom_CloseSN_Multi(results_.data(), serials.data() + 4, 4), 1);
+  EXPECT_EQ(Opened(), "");
+  EXPECT_EQ(Outcome(ZeltoCom_Close_Multi(results_.data(), paths.data(), 8)),
+            "0: The device path is not in use");
 }
 
 TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
@@ -92,8 +115,7 @@ TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
 TEST_F(MultiPortTest, ParallelOpenOfAPortAlreadyOpenLeavesItOpen) {
   AddSlowestFirst({"ZS0001", "ZS0002"});
   ASSERT_EQ(ZeltoCom_Open(ports_[1]->path().c_str(), BenchLine().baud), 1);
-  EXPECT_EQ(OpenAll(), 0);
-  EXPECT_EQ(LastError(), "The port is already in use");
+  EXPECT_EQ(Outcome(OpenAll()), "0: The port is already in use");
   EXPECT_EQ(Opened(), ports_[1]->path());
 }
 
@@ -109,8 +131,8 @@ TEST_F(MultiPortTest, SendResultsPutMinusOneBeforeZero) {
   EXPECT_EQ(results_, (std::vector<int>{1, 0, -1}));
   EXPECT_EQ(LastError(), "The device path is not in use");
   const char* fine[] = {"NOSUCHCOMMAND", "GETSERIAL", "GETSERIAL"};
-  EXPECT_EQ(ZeltoCom_Send_Multi(results_.data(), Paths().data(), 3, fine, responses), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(Outcome(ZeltoCom_Send_Multi(results_.data(), Paths().data(), 3, fine, responses)),
+            "0: Syntax error");
 
   // By serial number: one not open gets -1 and keeps its buffer.
   std::strcpy(answers[1], "untouched");
@@ -129,8 +151,8 @@ TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
   EXPECT_EQ(Record(*ports_[0])->lastResponse, "ZS0001");
   EXPECT_EQ(Record(*ports_[1])->lastResponse, "Zelto 05-P");
   ports_[0]->clearLog();
-  EXPECT_EQ(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 3, "ID|ID|ID", '|'), -1);
-  EXPECT_EQ(LastError(), "Not enough commands given");
+  EXPECT_EQ(Outcome(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 3, "ID|ID|ID", '|')),
+            "-1: Not enough commands given");
   EXPECT_TRUE(Sent(*ports_[0]).empty());
   EXPECT_EQ(ZeltoCom_SendToAll_NR(results_.data(), "ID"), 1);
   EXPECT_EQ(Record(*ports_[1])->lastResponse, "05F");
@@ -138,8 +160,7 @@ TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
 
 TEST_F(MultiPortTest, CapturesFromAllPortsAndFromTheSpectrometersAmongThem) {
   int results[3] = {9, 9, 9};
-  EXPECT_EQ(ZeltoCom_CaptureFromAll(results, 0, 0, 0), 0);
-  EXPECT_EQ(LastError(), "No ports have been opened");
+  EXPECT_EQ(Outcome(ZeltoCom_CaptureFromAll(results, 0, 0, 0)), "0: No ports have been opened");
   EXPECT_EQ(ZeltoCom_SendToAll(results, "ID", nullptr), -1);
   EXPECT_EQ(ZeltoCom_CaptureFromAllSpectrometers(results, 0, 0, 0), 0);
 
@@ -158,33 +179,12 @@ TEST_F(MultiPortTest, CapturesFromAllPortsAndFromTheSpectrometersAmongThem) {
   EXPECT_EQ(ports_[1]->master().captures(), 1);
 }
 
-TEST_F(MultiPortTest, EightPortsAtOnce) {
-  std::vector<std::string> serials;
-  for (int i = 1; i <= 8; ++i) serials.push_back("ZS000" + std::to_string(i));
-  AddSlowestFirst(serials);
-  ASSERT_EQ(OpenAll(), 1) << LastError();
-  EXPECT_EQ(Opened(), Joined());
-  EXPECT_EQ(ZeltoCom_CaptureFromAll(results_.data(), 0, 0, 0), 1) << LastError();
-  std::vector<std::vector<char>> answers(8, std::vector<char>(64));
-  std::vector<char*> responses;
-  for (auto& answer : answers) responses.push_back(answer.data());
-  EXPECT_EQ(ZeltoCom_SendToAll(results_.data(), "GETSERIAL", responses.data()), 1);
-  for (std::size_t i = 0; i < 8; ++i) EXPECT_EQ(std::string(answers[i].data()), serials[i]);
-  EXPECT_EQ(ZeltoCom_CloseSN_Multi(results_.data(), Paths().data(), 8), 0);
-  std::vector<const char*> serialTexts;
-  for (const std::string& serial : serials) serialTexts.push_back(serial.c_str());
-  EXPECT_EQ(ZeltoCom_CloseSN_Multi(results_.data(), serialTexts.data(), 8), 1);
-  EXPECT_EQ(Opened(), "");
-}
-
 // Wall time against the waits of seven other workers: the silent port's
 // time-out must not end early.
 using ProcessorTimeMultiPortTest = MultiPortTest;
 
 TEST_F(ProcessorTimeMultiPortTest, ASilentPortWaitsItsWholeTimeOutAmongSevenOthers) {
-  std::vector<std::string> serials;
-  for (int i = 1; i <= 8; ++i) serials.push_back("ZS000" + std::to_string(i));
-  AddSlowestFirst(serials);
+  AddSlowestFirst(EightSerials());
   ASSERT_EQ(OpenAll(), 1) << LastError();
   for (const auto& port : ports_) port->master().setAnswerDelayMs(400);
   ports_[5]->master().setFault(Fault::Silent);

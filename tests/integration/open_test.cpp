@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include "bench.hpp"
+#include "device/identify.hpp"
+#include "device/settings.hpp"
 #include "frame/registry.hpp"
 
 using zeltocom::OpenedPorts;
@@ -14,14 +16,13 @@ using zeltosim::LineOptions;
 
 using OpenTest = SimBench;
 
-TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRate) {
+TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRateAndOnlyOnce) {
   zeltosim::SimPort& port = AddPort(Analyser("ZS4711"), At(115200));
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 57600), 0);
-  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 57600)),
+            "0: Unable to communicate with device");
   EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 14400), -1);
-  EXPECT_EQ(LastError(), "Invalid baud-rate");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 14400)), "-1: Invalid baud-rate");
 
   port.clearLog();
   EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
@@ -31,6 +32,12 @@ TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRate) {
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
   // The wake-up, the bus release and the serial number, in this order.
   EXPECT_EQ(Sent(port), (std::vector<std::string>{"BUSFREE", "GETSERIAL"}));
+
+  // A second open leaves the first connection alone.
+  port.clearLog();
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 115200)), "0: The port is already in use");
+  EXPECT_TRUE(port.lineLog().empty());
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
 }
 
 TEST_F(OpenTest, RateSearchTriesTheRatesInOrderThenTheRememberedOneFirst) {
@@ -65,11 +72,10 @@ TEST_F(OpenTest, SilentAndEchoingLinesAreNoInstruments) {
   config.fault = Fault::Echo;
   zeltosim::SimPort& echo = AddPort(config);
   Publish();
-  EXPECT_EQ(ZeltoCom_Open(silent.path().c_str(), 0), 0);
-  EXPECT_EQ(LastError(), "Unable to open port");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(silent.path().c_str(), 0)), "0: Unable to open port");
   EXPECT_EQ(SpeedsOf(silent, "BUSFREE").size(), 8u);
-  EXPECT_EQ(ZeltoCom_Open(echo.path().c_str(), echo.baud()), 0);
-  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(echo.path().c_str(), echo.baud())),
+            "0: Unable to communicate with device");
 }
 
 TEST_F(OpenTest, TheHandshakeTakesRefusalsButNotShortSerialsWhenSearching) {
@@ -95,35 +101,21 @@ TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
   ASSERT_EQ(ZeltoCom_Open(plain.path().c_str(), 230400), 1) << LastError();
   EXPECT_EQ(Record(eot)->eotFormat.view(), "\r\n\x04");
   EXPECT_EQ(Record(plain)->eotFormat.view(), "\r\n");
-  EXPECT_EQ(Record(eot)->serialNumber.view(), "ZSEOT1");
-}
-
-TEST_F(OpenTest, ASecondOpenLeavesTheFirstConnectionAlone) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
-  port.clearLog();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
-  EXPECT_EQ(LastError(), "The port is already in use");
-  EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
 }
 
 TEST_F(OpenTest, UnknownPathsAndNoPorts) {
   AddPort(Analyser("ZS0001"));
   Publish();
-  EXPECT_EQ(ZeltoCom_Open("/dev/pts/nothing", 57600), 0);
-  EXPECT_EQ(LastError(), "Device Path not available");
+  EXPECT_EQ(Outcome(ZeltoCom_Open("/dev/pts/nothing", 57600)), "0: Device Path not available");
 
   setenv("ZELTOCOM_PORTS", ";", 1);
   EXPECT_EQ(ZeltoCom_EnumPorts(), 0);
-  EXPECT_EQ(ZeltoCom_Open(ports_[0]->path().c_str(), 57600), 0);
-  EXPECT_EQ(LastError(), "No ports detected");
-  EXPECT_EQ(ZeltoCom_OpenSN("ZS0001", 0), 0);
-  EXPECT_EQ(LastError(), "No ports detected");
-  EXPECT_EQ(ZeltoCom_OpenID("ANY"), -1);
-  EXPECT_EQ(LastError(), "No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(ports_[0]->path().c_str(), 57600)), "0: No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZS0001", 0)), "0: No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("ANY")), "-1: No ports detected");
 }
 
-TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPort) {
+TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
   zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"), At(9600));
   zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(460800));
   Publish();
@@ -132,34 +124,26 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPort) {
   char path[256];
   ASSERT_EQ(ZeltoCom_GetPortBySN(path, "zsbbbb"), 1);
   EXPECT_EQ(path, second.path());
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 0);
-  EXPECT_EQ(LastError(), "The port is already open!");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSBBBB", 0)), "0: The port is already open!");
 
   // The open port is not probed again while another serial is searched.
   first.clearLog();
   second.clearLog();
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSCCCC", 9600), 0);
-  EXPECT_EQ(LastError(), "Unable to find device");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSCCCC", 9600)), "0: Unable to find device");
   EXPECT_TRUE(second.lineLog().empty());
   EXPECT_EQ(SpeedsOf(first, "GETSERIAL"), (std::vector<int>{9600}));
 
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 115200), 0);
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 3), -1);
-  EXPECT_EQ(LastError(), "Invalid baud-rate");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSAAAA", 3)), "-1: Invalid baud-rate");
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 9600), 1) << LastError();
-}
 
-TEST_F(OpenTest, OpenBySerialNumberTriesTheRememberedPlaceFirst) {
-  zeltosim::SimPort& first = AddPort(Analyser("ZSAAAA"));
-  zeltosim::SimPort& second = AddPort(Analyser("ZSBBBB"), At(19200));
-  Publish();
-  ASSERT_EQ(ZeltoCom_Open(second.path().c_str(), 0), 1);
-  ASSERT_EQ(ZeltoCom_CloseSN("ZSBBBB"), 1);
+  // Once closed, the remembered place and rate are tried first.
+  ASSERT_EQ(ZeltoCom_CloseAll(), 1);
   first.clearLog();
   second.clearLog();
   ASSERT_EQ(ZeltoCom_OpenSN("ZSBBBB", 0), 1) << LastError();
   EXPECT_TRUE(first.lineLog().empty());
-  EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{19200}));
+  EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{460800}));
 }
 
 TEST_F(OpenTest, ClosingByPathSerialAndAll) {
@@ -170,8 +154,7 @@ TEST_F(OpenTest, ClosingByPathSerialAndAll) {
   for (auto* port : {&a, &b, &c}) ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1);
 
   EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
-  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 0);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Close(b.path().c_str())), "0: The device path is not in use");
   int result = -5;
   EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
   EXPECT_EQ(result, 1);
@@ -197,8 +180,7 @@ TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
 
   EXPECT_EQ(ZeltoCom_OpenID("LEFT-LAMP"), 1);
   EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(ZeltoCom_OpenID("RIGHT-LAMP"), -1);
-  EXPECT_EQ(LastError(), "ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("RIGHT-LAMP")), "-1: ID not found");
 
   char path[256] = "untouched";
   EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LEFT-LAMP", path)), port.path());
@@ -214,10 +196,10 @@ TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
   const int other = open(port.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
   ASSERT_GE(other, 0);
   ASSERT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 0);
-  EXPECT_EQ(LastError(), "The port is used by another process");
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 0);
-  EXPECT_EQ(LastError(), "The port is used by another process");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), port.baud())),
+            "0: The port is used by another process");
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 0)),
+            "0: The port is used by another process");
   EXPECT_TRUE(port.lineLog().empty());
 
   flock(other, LOCK_UN);
@@ -226,4 +208,72 @@ TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
   ASSERT_EQ(ZeltoCom_Close(port.path().c_str()), 1);
   EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
   close(other);
+}
+
+TEST_F(OpenTest, PortsThatAreNotOpen) {
+  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate("/dev/pts/0")), "0: Detect ports first");
+  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
+  Publish();
+  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate(port.path().c_str())), "0: The port is not in use");
+  // Availability is about detection, not opening.
+  EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_IsPortAvailable("/dev/pts/none")), "0: The port is not available");
+
+  char buffer[256] = "untouched";
+  EXPECT_EQ(Outcome(ZeltoCom_GetPortBySN(buffer, "ZS0001")), "-1: The device path is not in use");
+  EXPECT_STREQ(buffer, "untouched");
+}
+
+TEST_F(OpenTest, ListsOfOpenPortsFollowTheOpeningOrder) {
+  zeltosim::SimPort& a = AddPort(Analyser("ZSAAAA"));
+  zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
+  Publish();
+  char text[1024] = "untouched";
+  EXPECT_EQ(Outcome(ZeltoCom_GetOpenedPortsS(text, ';')), "0: No ports have been opened yet");
+  EXPECT_STREQ(text, "untouched");
+
+  ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), b.baud()), 1);
+  ASSERT_EQ(ZeltoCom_Open(a.path().c_str(), a.baud()), 1);
+  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 2);
+  EXPECT_EQ(std::string(text), b.path() + ";" + a.path());
+
+  char first[256];
+  char second[256];
+  char* paths[] = {first, second};
+  EXPECT_EQ(ZeltoCom_GetOpenedPorts(paths), 2);
+  EXPECT_EQ(first, b.path());
+  EXPECT_EQ(second, a.path());
+}
+
+TEST_F(OpenTest, DeviceTypeWords) {
+  zeltosim::Config unknown = Analyser("ZS0003");
+  unknown.hardware = "Zelto 05-P rev2";
+  char word[13];
+  for (const auto& [config, expected] : {std::pair{unknown, "UNKONWN"},
+                                         {Spectrometer("SP0001"), "SPECTROMETER"},
+                                         {Analyser("ZS0001"), "ICT"}}) {
+    ASSERT_EQ(ZeltoCom_GetDeviceType(OpenPort(config).path().c_str(), word), 1);
+    EXPECT_STREQ(word, expected);
+  }
+  EXPECT_EQ(Outcome(ZeltoCom_GetDeviceType("/dev/pts/none", word)), "0: The port is not in use");
+
+  zeltosim::SimPort& ict = *ports_.back();
+  ict.master().setFault(Fault::Silent);
+  Record(ict)->hardwareDescriptor.clear();
+  std::strcpy(word, "kept");
+  EXPECT_EQ(ZeltoCom_GetDeviceType(ict.path().c_str(), word), 0);
+  EXPECT_STREQ(word, "kept");
+}
+
+TEST_F(OpenTest, SilentInstrumentsGetDefaultsThatSizeATimeOut) {
+  zeltosim::SimPort& sim = OpenPort(Analyser("ZS0001"));
+  const zeltocom::PortRef port = Record(sim);
+  zeltocom::CMD_LoadSettings_HardwareType(port.get());
+  sim.master().setFault(Fault::Silent);
+  zeltocom::CMD_LoadSettings_Exposure(port.get());
+  zeltocom::CMD_LoadSettings_NumFibers(port.get());
+  EXPECT_EQ(port->fiberSettingsCur->factor, 1);
+  EXPECT_EQ(port->numFibers, 1);
+  EXPECT_EQ(zeltocom::CMD_LoadSettings_AdjustmentSet(port.get()), 1);
+  EXPECT_EQ(port->adjustmentSet, 0);
 }

