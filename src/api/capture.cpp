@@ -42,14 +42,7 @@ int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs,
 
 int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   s_CommPort* device = port.owner();
-  if (static_cast<unsigned>(range) > 6) {
-    SetError(device, "Range value out of limits");
-    return -1;
-  }
-  if (pwm == 1 && static_cast<unsigned>(pwmFrames) > 15) {
-    SetError(device, "Frames value out of limits");
-    return -1;
-  }
+  if (!LedCaptureArgumentsAccepted(device, pwm, range, pwmFrames)) return -1;
   CMD_LoadSettings_HardwareType(device);
   if (device->deviceType == DEVTYPE_SPECTROMETER) {
     SetError(device, "Device is a Spectrometer");
@@ -203,6 +196,18 @@ int OnOpenPort(const char* devicePath, Body body) {
 }  // namespace
 
 namespace zeltocom {
+
+bool LedCaptureArgumentsAccepted(s_CommPort* blamed, int pwm, int range, int pwmFrames) {
+  if (static_cast<unsigned>(range) > 6) {
+    SetError(blamed, "Range value out of limits");
+    return false;
+  }
+  if (pwm == 1 && static_cast<unsigned>(pwmFrames) > 15) {
+    SetError(blamed, "Frames value out of limits");
+    return false;
+  }
+  return true;
+}
 
 int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int manualExposure,
                         float exposure) {

@@ -4,6 +4,10 @@
 
 namespace zeltocom {
 
+// The range (0 to 6) and, with `pwm` 1, the frames (0 to 15) of an LED
+// capture; false with the error set on `blamed` otherwise.
+bool LedCaptureArgumentsAccepted(s_CommPort* blamed, int pwm, int range, int pwmFrames);
+
 enum class Acquisition { Spectrum, Dark };
 
 // The spectrometer capture or dark reference of the instrument that holds

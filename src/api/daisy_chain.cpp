@@ -255,14 +255,7 @@ int AwaitChainCaptures(const ChainCapture& c, long timeoutMs) {
 
 int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
   s_CommPort* master = port.get();
-  if (static_cast<unsigned>(range) > 6) {
-    SetError(master, "Range value out of limits");
-    return -1;
-  }
-  if (pwm == 1 && pwmFrames > 15) {
-    SetError(master, "Frames value out of limits");
-    return -1;
-  }
+  if (!LedCaptureArgumentsAccepted(master, pwm, range, pwmFrames)) return -1;
   const ChainCapture c{master, pwm, range, pwmFrames, FreeTimeMs(master), PollTimeMs(master)};
   long t = LA_ResponseTimeout;
   if (master->autoResponseTimeout) {
