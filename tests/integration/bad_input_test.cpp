@@ -31,7 +31,8 @@ class BadInputTest : public SimBench {
     ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), open.baud()), 1);
     closed_ = closed.path();
     open_ = open.path();
-    open_ptr_ = open_.c_str();
+    paths_[0] = open_.c_str();
+    paths_[1] = closed_.c_str();
   }
 
   // The texts that no call may take for a port, a serial number or an ID.
@@ -115,7 +116,7 @@ class BadInputTest : public SimBench {
     char** bufs = bufs_;
     const char* open = open_.c_str();
     const char* closed = closed_.c_str();
-    const char* const* paths = &open_ptr_;
+    const char* const* paths = paths_;
     const char* noFile = "/nonexistent/bins.vec";
     const float nan = std::nanf("");
     return {
@@ -155,7 +156,7 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_Close_Multi(ints, paths, INT_MIN), -1),
         BAD_CALL(ZeltoCom_CloseSN_Multi(nullptr, paths, 1), -1),
         BAD_CALL(ZeltoCom_Send_Multi(ints, paths, 1, paths, nullptr), -1),
-        BAD_CALL(ZeltoCom_Send_Multi(ints, paths, 2, paths, bufs), -1),  // more ports than open
+        BAD_CALL(ZeltoCom_Send_Multi(ints, paths, 2, paths, bufs), -1),  // the second is closed
         BAD_CALL(ZeltoCom_SendSN_Multi(ints, paths, 1, nullptr, bufs), -1),
         BAD_CALL(ZeltoCom_Send_Multi_NR(ints, nullptr, 1, nullptr, ';'), -1),
         BAD_CALL(ZeltoCom_Send_Multi_NR(nullptr, open, 1, "ID", ';'), -1),
@@ -193,8 +194,8 @@ class BadInputTest : public SimBench {
   std::string open_;
   std::string closed_;
   int ints_[4] = {};
-  char* bufs_[1] = {buffer_};
-  const char* open_ptr_ = nullptr;
+  char* bufs_[2] = {buffer_, buffer_ + 10000};
+  const char* paths_[2] = {};  // the open port, then the closed one
   const std::string long_ = std::string(10000, 'Z');
   char buffer_[20000] = {};
 };
