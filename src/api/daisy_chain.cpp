@@ -86,11 +86,13 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
   }
   const long timeout = std::max(static_cast<long>(std::ceil(15 * master->charTimeMs)) + 20, 80L);
   t_comresponse answer;
-  RS232WaitForData(master->fd, &answer, timeout, "\r\n", true);
+  // Untrimmed: a 0x04 read with the line end tells the instrument's framing.
+  RS232WaitForData(master->fd, &answer, timeout, "\r\n", false);
   const bool late = answer.elapsedMs >= timeout;
   if (answer.syntaxError || (late && answer.data.empty())) return giveBack("Unable to get the bus");
 
   const std::string eot = GetEOTformat(master, answer.data);
+  TrimAnswerEnd(answer.data);
   if (answer.data != "OK") return giveBack("Communication error");
   if (!PortsList_Add(&master->chain, master, master->fd, master->devicePath.view(), serial, "",
                      eot, master->baudrate, master->charTimeMs)) {
