@@ -23,23 +23,11 @@
 #include <thread>
 #include <vector>
 
-#include "wait_mode.hpp"
+#include "support.hpp"
 #include "zeltocom.h"
 #include "zeltosim/zeltosim.hpp"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double MsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-double ThreadCpuMs() {
-  timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
-}
 
 std::string LastError() {
   char text[512];
@@ -184,10 +172,10 @@ std::vector<WaitFigures> WaitAtOnce(int ports) {
     threads.emplace_back([&, i] {
       const std::string path = sims[static_cast<std::size_t>(i)]->path();
       char answer[64];
-      const double cpu = ThreadCpuMs();
+      const double cpu = CpuMs(CLOCK_THREAD_CPUTIME_ID);
       const auto start = Clock::now();
       ZeltoCom_Send(path.c_str(), "GETSERIAL", answer);
-      figures[static_cast<std::size_t>(i)] = {MsSince(start), ThreadCpuMs() - cpu};
+      figures[static_cast<std::size_t>(i)] = {MsSince(start), CpuMs(CLOCK_THREAD_CPUTIME_ID) - cpu};
     });
   }
   for (std::thread& t : threads) t.join();

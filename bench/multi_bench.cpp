@@ -17,13 +17,11 @@
 #include <thread>
 #include <vector>
 
-#include "wait_mode.hpp"
+#include "support.hpp"
 #include "zeltocom.h"
 #include "zeltosim/zeltosim.hpp"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int kBaud = 57600;
 constexpr int kCaptureMs = 200;
@@ -33,16 +31,6 @@ constexpr int kRange = 3;
 constexpr double kRangeMs = 160.0;
 
 int rounds = 5;
-
-double MsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-double ProcessCpuMs() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
-}
 
 double Median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
@@ -99,13 +87,13 @@ CaptureFigures CaptureFromAll(int n) {
   std::vector<double> cpus;
   std::vector<int> results(static_cast<std::size_t>(n));
   for (int r = 0; r < rounds; ++r) {
-    const double cpu = ProcessCpuMs();
+    const double cpu = CpuMs(CLOCK_PROCESS_CPUTIME_ID);
     const auto start = Clock::now();
     if (ZeltoCom_CaptureFromAll(results.data(), 0, kRange, 0) != 1) {
       std::printf("  capture failed: %s\n", LastError().c_str());
     }
     walls.push_back(MsSince(start));
-    cpus.push_back((ProcessCpuMs() - cpu) / n);
+    cpus.push_back((CpuMs(CLOCK_PROCESS_CPUTIME_ID) - cpu) / n);
   }
   return {Median(walls), Median(cpus)};
 }

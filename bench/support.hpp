@@ -1,14 +1,31 @@
-// Running a benchmark again in the other wait mode: the library reads the
-// mode once, when it is loaded, so each mode needs a process of its own.
+// What the benchmarks share: their clocks, and running again in the other
+// wait mode (the library reads the mode once, when it is loaded, so each
+// mode needs a process of its own).
 #pragma once
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <ctime>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+using Clock = std::chrono::steady_clock;
+
+inline double MsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// CLOCK_THREAD_CPUTIME_ID or CLOCK_PROCESS_CPUTIME_ID, in ms.
+inline double CpuMs(clockid_t clock) {
+  timespec t{};
+  clock_gettime(clock, &t);
+  return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
+}
 
 // Runs this program again with `args` (the first being its name), with
 // blocking or busy waits; the child's exit status.
