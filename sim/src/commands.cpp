@@ -302,6 +302,11 @@ Reply GetHsi(const Call& c) { return Readings(c, HsiText); }
 Reply GetXy(const Call& c) {
   return Readings(c, [](const Fiber& f, bool) { return XyText(f); });
 }
+Reply GetXyi(const Call& c) {
+  return Readings(c, [](const Fiber& f, bool logarithmic) {
+    return XyText(f) + " " + IntensityText(f, logarithmic);
+  });
+}
 Reply GetCct(const Call& c) {
   return Readings(c, [](const Fiber& f, bool) { return CctText(f); });
 }
@@ -440,6 +445,7 @@ const std::vector<Command>& Table() {
       {"C", P, Led, LedCaptureCommand, "C[<range>][PWM[<frames>]]"},
       {"GETRGBI", P, Led, GetRgbi, "GETRGBI<nn>|ALL"},
       {"GETXY", P, Led, GetXy, "GETXY<nn>|ALL"},
+      {"GETXYI", P, Led, GetXyi, "GETXYI<nn>|ALL"},
       {"GETINTENSITY", P, Led, GetIntensity, "GETINTENSITY<nn>|ALL"},
       {"GETHSI", P, Led, GetHsi, "GETHSI<nn>|ALL"},
       {"GETCCT", P, Led, GetCct, "GETCCT<nn>|ALL"},

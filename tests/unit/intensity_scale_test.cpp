@@ -1,0 +1,67 @@
+#include "device/intensity_scale.hpp"
+
+#include <gtest/gtest.h>
+
+#include "device/identify.hpp"
+#include "frame/registry.hpp"
+
+using namespace zeltocom;
+
+namespace {
+
+struct Generation {
+  const char* name;
+  const char* model;  // "GETHW"
+  const char* id;     // "ID"
+  const char* firmware;
+  const char* eot;
+  int isPWM;
+  int range;
+  int linearOf20000;  // log 20000 on the linear scale
+  int logOf5000;      // linear 5000 on the log scale
+};
+
+// Every record answers from its cache, so no instrument is needed.
+void Describe(s_CommPort& port, const Generation& g) {
+  port.fiberSettingsCur = &port.fiberSettings[0];
+  port.fiberSettingsCur->intensityMode = 1;
+  SetHardwareDescriptor(&port, g.model);
+  port.deviceIdText.assign(g.id);
+  port.SetFirmware(g.firmware);
+  port.eotFormat.assign(g.eot);
+}
+
+}  // namespace
+
+TEST(IntensityScale, EachFirmwareGenerationConvertsBothWays) {
+  const Generation generations[] = {
+      {"code 05F", "Zelto 05-P", "05F", "F1.50", "\r\n", 0, 0, 1614, 16196},
+      {"firmware 2.00 and later", "Zelto 05-P", "04", "F2.00", "\r\n", 0, 3, 1614, 16196},
+      {"Zelto 2- models", "Zelto 2-P", "04", "F1.50", "\r\n", 0, 0, 2127, 14203},
+      {"older, automatic range", "Zelto 05-P", "04", "F1.10", "\r\n", 0, 0, 2601, -174514},
+      {"older, fixed range", "Zelto 05-P", "04", "I1.10", "\r\n", 0, 2, 3446, 11204},
+      {"beta of an older one", "Zelto 05-P", "04", "BF1.10", "\r\n", 0, 1, 1982, 15203},
+      {"PWM without 0x04, range 3", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 3, 6343, 7162},
+      {"PWM without 0x04, automatic", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 0, 1022077, 58},
+      {"PWM with 0x04", "Zelto 05-P", "04", "F1.20", "\r\n\x04", 1, 1, 1982, 15203},
+      {"node, older firmware", "Zelto Node", "04", "F1.10", "\r\n", 1, 0, 4562, 9251},
+  };
+  for (const Generation& g : generations) {
+    SCOPED_TRACE(g.name);
+    s_CommPort port;
+    Describe(port, g);
+    EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, g.isPWM, g.range), g.linearOf20000);
+    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, g.isPWM, g.range), g.logOf5000);
+  }
+}
+
+TEST(IntensityScale, WorkedValueAndLinearMode) {
+  s_CommPort port;
+  Describe(port, {"", "Zelto 05-P", "05F", "F1.50", "\r\n", 0, 0, 0, 0});
+  // (e - 1) * 1000
+  EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20814, 0, 0), 1718);
+  // A linear instrument's values are linear already; the way back still converts.
+  port.fiberSettingsCur->intensityMode = 0;
+  EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20814, 0, 0), 20814);
+  EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, 0, 0), 16196);
+}
