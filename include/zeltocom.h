@@ -340,6 +340,91 @@ ZELTOCOM_API int ZeltoCom_ListPortsDetected(char** portsList);
 /* The same as one text joined by `separator`. */
 ZELTOCOM_API int ZeltoCom_ListPortsDetectedTxt(char* portsText, const char* separator);
 
+/* ---- User calibration ----
+ * Each call takes the path of an open port and a fiber from 1 to the
+ * instrument's fiber count: an unknown port gives -1 with "The port is not
+ * in use", another fiber -1 with "Fiber should be a value between 1 and N".
+ * Values go to the instrument that holds the port's line, in the SET form
+ * (stored in the instrument) or the PUT form (in use until it is switched
+ * off), as `setMode` says; resets and adjustments always store. Results: 1
+ * done; 0 the instrument refused or did not answer (the error text names
+ * the step); -1 a refused argument. */
+
+/* RGB adjustment against three reference lights (red, green, blue) whose
+ * true chromaticity and absolute intensity are known; the instrument
+ * computes the fiber's colour matrix. The raw readings are kept per fiber
+ * and colour for the whole process, shared by all ports. */
+/* Returns the fiber's colour matrix to its factory state and stores an
+ * absolute-intensity factor of 1.0. */
+ZELTOCOM_API int ZeltoCom_UserCal_ResetRGBAdj(const char* devPath, int fiber);
+/* Records the fiber's raw colour readings of the last capture as those of
+ * the reference light `colour` ('R', 'G' or 'B'; the colour is checked after
+ * the readings). 0 with "Under-range detected" for a zero intensity. */
+ZELTOCOM_API int ZeltoCom_UserCal_TakeRGBCurrentValues(const char* devPath, int fiber, char colour);
+/* Sends the recorded raw readings (zeros for a colour never taken) and the
+ * true values of the three lights, then has the instrument compute and
+ * store the matrix. */
+ZELTOCOM_API int ZeltoCom_UserCal_AdjustRGB(const char* devPath, int fiber, float xRed, float yRed,
+                                            double intensityRed, float xGreen, float yGreen,
+                                            double intensityGreen, float xBlue, float yBlue,
+                                            double intensityBlue);
+
+/* Chromaticity offsets, added by the instrument to its x and y readings. */
+/* Stores the offsets 0 and 0. */
+ZELTOCOM_API int ZeltoCom_UserCal_ResetxyOffsets(const char* devPath, int fiber);
+/* Reads the offsets; `x` and `y` are written only from answers received. */
+ZELTOCOM_API int ZeltoCom_UserCal_GetxyOffsets(const char* devPath, int fiber, float* x, float* y);
+/* Writes the offsets (three decimals), stored unless `setMode` is 0. */
+ZELTOCOM_API int ZeltoCom_UserCal_SetxyOffsets(const char* devPath, int fiber, float x, float y,
+                                               int setMode);
+/* Captures (automatic range), reads the fiber's x and y and stores offsets
+ * that move them onto the reference. */
+ZELTOCOM_API int ZeltoCom_UserCal_AdjustxyOffsets(const char* devPath, int fiber, float xReference,
+                                                  float yReference);
+
+/* Wavelength offset in nm, added by the instrument to its dominant
+ * wavelength reading. */
+/* Stores the offset 0. */
+ZELTOCOM_API int ZeltoCom_UserCal_ResetWavelengthOffset(const char* devPath, int fiber);
+/* Reads the offset into `*offset` (written only from an answer received). */
+ZELTOCOM_API int ZeltoCom_UserCal_GetWavelengthOffset(const char* devPath, int fiber, int* offset);
+/* Writes the offset, stored unless `setMode` is 0. */
+ZELTOCOM_API int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset,
+                                                      int setMode);
+/* Captures (automatic range), reads the dominant wavelength and stores the
+ * offset that moves it onto the reference. */
+ZELTOCOM_API int ZeltoCom_UserCal_AdjustWavelengthOffset(const char* devPath, int fiber,
+                                                         int wavelengthReference);
+
+/* Intensity gain in percent (50 to 150), applied by the instrument to its
+ * intensity readings. */
+/* Stores the gain 100. */
+ZELTOCOM_API int ZeltoCom_UserCal_ResetIntensityGain(const char* devPath, int fiber);
+/* Reads the gain into `*gain` (written only from an answer received). */
+ZELTOCOM_API int ZeltoCom_UserCal_GetIntensityGain(const char* devPath, int fiber, int* gain);
+/* Writes the gain, stored only when `setMode` is 1; -1 outside 50 to 150. */
+ZELTOCOM_API int ZeltoCom_UserCal_SetIntensityGain(const char* devPath, int fiber, int gain,
+                                                   int setMode);
+/* Captures (automatic range), reads the intensity (as a linear value in
+ * either intensity mode) and stores gain x reference / intensity, rounded;
+ * 0 and nothing written when that falls outside 50 to 150. */
+ZELTOCOM_API int ZeltoCom_UserCal_AdjustIntensityGain(const char* devPath, int fiber,
+                                                      int intensityReference);
+
+/* Absolute-intensity factor, applied by the instrument to its absolute
+ * intensity readings. */
+/* Stores the factor 1.0. */
+ZELTOCOM_API int ZeltoCom_UserCal_ResetAbsIntFactor(const char* devPath, int fiber);
+/* Reads the factor into `*factor` (written only from an answer received). */
+ZELTOCOM_API int ZeltoCom_UserCal_GetAbsIntFactor(const char* devPath, int fiber, double* factor);
+/* Writes the factor (six significant digits), stored only when `setMode` is 1. */
+ZELTOCOM_API int ZeltoCom_UserCal_SetAbsIntFactor(const char* devPath, int fiber, double factor,
+                                                  int setMode);
+/* Captures (automatic range), reads the absolute intensity and stores
+ * factor x reference / absolute intensity. */
+ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fiber,
+                                                     double absoluteIntensityReference);
+
 #ifdef __cplusplus
 }
 #endif

@@ -40,6 +40,10 @@ int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs,
   return 1;
 }
 
+}  // namespace
+
+namespace zeltocom {
+
 int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   s_CommPort* device = port.owner();
   if (!LedCaptureArgumentsAccepted(device, pwm, range, pwmFrames)) return -1;
@@ -81,6 +85,10 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   }
   return 1;
 }
+
+}  // namespace zeltocom
+
+namespace {
 
 // What a spectrometer call sends and how long it waits for the result.
 struct SpectrometerPlan {
