@@ -279,40 +279,35 @@ Reply LedCaptureCommand(const Call& c) {
   return reply;
 }
 
-using FiberText = std::string (*)(const Fiber&, bool logarithmic);
+using FiberText = std::string (*)(const Seen&);
 
 // "<nn>" (two digits, 1-based) or "ALL" (one line per fibre, one message).
 Reply Readings(const Call& c, FiberText text) {
   const State& st = c.st;
   const bool logarithmic = st.sets[static_cast<size_t>(st.currentSet)].logarithmic;
+  const auto seen = [&](size_t i) { return text(Seen{st.captured[i], st.calibration[i], logarithmic}); };
   std::vector<std::string> lines;
   if (c.arg == "ALL") {
-    for (const Fiber& f : st.captured) lines.push_back(text(f, logarithmic));
+    for (size_t i = 0; i < st.captured.size(); ++i) lines.push_back(seen(i));
     return SayOnce(st, std::move(lines));
   }
   const auto n = c.arg.size() == 2 ? Number(c.arg, 2, 1, static_cast<long>(st.captured.size()))
                                    : std::nullopt;
   if (!n) return SyntaxError(st);
-  return SayOnce(st, {text(st.captured[static_cast<size_t>(*n - 1)], logarithmic)});
+  return SayOnce(st, {seen(static_cast<size_t>(*n - 1))});
 }
 
 Reply GetRgbi(const Call& c) { return Readings(c, RgbiText); }
 Reply GetIntensity(const Call& c) { return Readings(c, IntensityText); }
 Reply GetHsi(const Call& c) { return Readings(c, HsiText); }
-Reply GetXy(const Call& c) {
-  return Readings(c, [](const Fiber& f, bool) { return XyText(f); });
-}
+Reply GetXy(const Call& c) { return Readings(c, XyText); }
 Reply GetXyi(const Call& c) {
-  return Readings(c, [](const Fiber& f, bool logarithmic) {
-    return XyText(f) + " " + IntensityText(f, logarithmic);
-  });
+  return Readings(c, [](const Seen& s) { return XyText(s) + " " + IntensityText(s); });
 }
-Reply GetCct(const Call& c) {
-  return Readings(c, [](const Fiber& f, bool) { return CctText(f); });
-}
-Reply GetWavelength(const Call& c) {
-  return Readings(c, [](const Fiber& f, bool) { return WavelengthText(f); });
-}
+Reply GetCct(const Call& c) { return Readings(c, CctText); }
+Reply GetWavelength(const Call& c) { return Readings(c, WavelengthText); }
+Reply GetRgbExt(const Call& c) { return Readings(c, RgbExtText); }
+Reply GetAbsInt(const Call& c) { return Readings(c, AbsIntText); }
 
 // ---- spectrometer captures --------------------------------------------------------------
 
@@ -450,6 +445,8 @@ const std::vector<Command>& Table() {
       {"GETHSI", P, Led, GetHsi, "GETHSI<nn>|ALL"},
       {"GETCCT", P, Led, GetCct, "GETCCT<nn>|ALL"},
       {"GETWAVELENGTH", P, Led, GetWavelength, "GETWAVELENGTH<nn>|ALL"},
+      {"GETRGBEXT", P, Led, GetRgbExt, "GETRGBEXT<nn>|ALL"},
+      {"GETABSINT", P, Led, GetAbsInt, "GETABSINT<nn>|ALL"},
       {"C", P, Spectro, SpectrumCapture, "C[<exposure>]"},
       {"CAPTUREDARK", P, Spectro, CaptureDark, "CAPTUREDARK[<exposure>]"},
       {"I", E, Spectro, StopAcquisition, "I"},
@@ -479,6 +476,7 @@ Reply Help(const Call& c) {
   }
   for (const Command& cmd : Table())
     if (Fits(cmd.family, c.st)) lines.emplace_back(cmd.usage);
+  if (!c.st.spectrometer) lines.insert(lines.end(), CalibrationUsage().begin(), CalibrationUsage().end());
   return SayOnce(c.st, std::move(lines));
 }
 
@@ -490,6 +488,7 @@ bool Matches(const Command& cmd, const std::string& upper) {
 
 Reply Execute(Instrument::State& st, const std::string& line) {
   const std::string upper = Upper(line);
+  if (std::optional<Reply> calibration = ExecuteCalibration(st, upper)) return *calibration;
   for (const Command* cmd : LongestFirst()) {
     if (!Fits(cmd->family, st) || !Matches(*cmd, upper)) continue;
     const std::string_view arg = std::string_view(upper).substr(cmd->name.size());

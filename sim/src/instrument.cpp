@@ -34,7 +34,8 @@ Instrument::State::State(Config c)
     : config(Checked(std::move(c))),
       spectrometer(config.hardware.find("-W") != std::string::npos),
       microseconds(config.hardware.find("-W2") != std::string::npos),
-      captured(config.fibers.size(), Fiber{0.0, 0.0, 0.0, 0.0, Range::Normal}) {}
+      captured(config.fibers.size(), Fiber{0.0, 0.0, 0.0, 0.0, Range::Normal}),
+      calibration(config.fibers.size()) {}
 
 namespace detail {
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +49,7 @@ struct Instrument::State {
   std::string lastCaptureCommand;
   std::chrono::steady_clock::time_point captureEnds{};  // of the last capture
   std::vector<std::string> received;
+  std::vector<UserCalibration> calibration;  // per fibre
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
 };
@@ -77,6 +79,12 @@ bool JoinBroadcastCapture(Instrument::State& st, std::string_view arg, const std
 
 // A healthy instrument's answer to "BUSCE<its serial>".
 Reply CaptureEndAnswer(Instrument::State& st);
+
+// The answer to a user-calibration command of an LED analyser; none when
+// `upper` is no such command. The caller holds the instrument's lock.
+std::optional<Reply> ExecuteCalibration(Instrument::State& st, std::string_view upper);
+// The user-calibration commands as HELP lists them.
+const std::vector<std::string_view>& CalibrationUsage();
 
 }  // namespace detail
 }  // namespace zeltosim

@@ -49,6 +49,12 @@ HueSat HueSatOf(const Rgb& c) {
   return HueSat{c.b > c.g ? 360.0 - theta : theta, saturation};
 }
 
+// The chromaticity the instrument reports: the light's, plus the offsets.
+Xy CalibratedXy(const Seen& s) {
+  const Xy xy = ChromaticityOf(ColourOf(s.light));
+  return Xy{xy.x + s.cal.xOffset.value, xy.y + s.cal.yOffset.value};
+}
+
 std::string Format(const char* format, auto... values) {
   char text[96];
   std::snprintf(text, sizeof text, format, values...);
@@ -57,36 +63,34 @@ std::string Format(const char* format, auto... values) {
 
 }  // namespace
 
-int ReportedIntensity(const Fiber& f, bool logarithmic) {
-  const double linear = NonNegative(f.intensity);
-  const double value = logarithmic ? 20814.0 * std::log(linear / 1000.0 + 1.0) : linear;
+int ReportedIntensity(const Seen& s) {
+  const double linear = NonNegative(s.light.intensity) * s.cal.intensityGain.value / 100.0;
+  const double value = s.logarithmic ? 20814.0 * std::log(linear / 1000.0 + 1.0) : linear;
   return static_cast<int>(std::lround(std::min(value, 2.0e9)));
 }
 
-std::string RgbiText(const Fiber& f, bool logarithmic) {
-  const Rgb c = ColourOf(f);
+std::string RgbiText(const Seen& s) {
+  const Rgb c = ColourOf(s.light);
   const double sum = c.sum();
   auto share = [sum](double v) { return sum > 0.0 ? static_cast<int>(std::lround(255.0 * v / sum)) : 0; };
-  return Format("%d %d %d %d", share(c.r), share(c.g), share(c.b), ReportedIntensity(f, logarithmic));
+  return Format("%d %d %d %d", share(c.r), share(c.g), share(c.b), ReportedIntensity(s));
 }
 
-std::string XyText(const Fiber& f) {
-  const Xy xy = ChromaticityOf(ColourOf(f));
+std::string XyText(const Seen& s) {
+  const Xy xy = CalibratedXy(s);
   return Format("%.4f %.4f", xy.x, xy.y);
 }
 
-std::string IntensityText(const Fiber& f, bool logarithmic) {
-  return std::to_string(ReportedIntensity(f, logarithmic));
-}
+std::string IntensityText(const Seen& s) { return std::to_string(ReportedIntensity(s)); }
 
-std::string HsiText(const Fiber& f, bool logarithmic) {
-  const HueSat hs = HueSatOf(ColourOf(f));
-  return Format("%.2f %.2f %d", hs.hue, hs.saturation, ReportedIntensity(f, logarithmic));
+std::string HsiText(const Seen& s) {
+  const HueSat hs = HueSatOf(ColourOf(s.light));
+  return Format("%.2f %.2f %d", hs.hue, hs.saturation, ReportedIntensity(s));
 }
 
 // McCamy's approximation, kept within what an analyser would display.
-std::string CctText(const Fiber& f) {
-  const Xy xy = ChromaticityOf(ColourOf(f));
+std::string CctText(const Seen& s) {
+  const Xy xy = CalibratedXy(s);
   if (xy.x <= 0.0 && xy.y <= 0.0) return "0";
   const double slope = 0.1858 - xy.y;
   if (std::fabs(slope) < 1e-9) return "0";
@@ -96,23 +100,39 @@ std::string CctText(const Fiber& f) {
 }
 
 // Dominant wavelength read off the hue circle; purples, which have none,
-// fold back to the red end.
-std::string WavelengthText(const Fiber& f) {
-  const HueSat hs = HueSatOf(ColourOf(f));
+// fold back to the red end. A grey light has none at all (0).
+std::string WavelengthText(const Seen& s) {
+  const HueSat hs = HueSatOf(ColourOf(s.light));
   if (hs.saturation <= 0.0) return "0";
   static constexpr std::array<std::array<double, 2>, 9> kHueToNm = {{
       {0, 625}, {30, 600}, {60, 578}, {90, 560}, {120, 530},
       {180, 490}, {240, 465}, {270, 450}, {360, 625},
   }};
+  double nm = 625;
   for (size_t i = 1; i < kHueToNm.size(); ++i) {
     const auto& lo = kHueToNm[i - 1];
     const auto& hi = kHueToNm[i];
     if (hs.hue <= hi[0]) {
       const double t = (hs.hue - lo[0]) / (hi[0] - lo[0]);
-      return std::to_string(std::lround(lo[1] + t * (hi[1] - lo[1])));
+      nm = lo[1] + t * (hi[1] - lo[1]);
+      break;
     }
   }
-  return "625";
+  return std::to_string(std::lround(nm) + s.cal.wavelengthOffset.value);
+}
+
+// The colour sensor's counts before any correction: 100 per unit of colour
+// and intensity, at most seven digits.
+std::string RgbExtText(const Seen& s) {
+  const Rgb c = ColourOf(s.light);
+  const double light = NonNegative(s.light.intensity);
+  auto counts = [light](double v) { return std::lround(std::min(100.0 * v * light, 9999999.0)); };
+  return Format("%ld %ld %ld", counts(c.r), counts(c.g), counts(c.b));
+}
+
+// In the instrument's absolute unit: a thousandth of the linear intensity.
+std::string AbsIntText(const Seen& s) {
+  return Format("%E", NonNegative(s.light.intensity) / 1000.0 * s.cal.absIntFactor.value);
 }
 
 }  // namespace zeltosim::detail

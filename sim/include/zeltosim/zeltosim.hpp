@@ -7,6 +7,7 @@
 // instruments' line protocol.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -92,6 +93,34 @@ struct Settings {
   bool logarithmic = true;
 };
 
+// ---- User calibration ----
+
+// A user-calibration value: the one in use, and whether it was stored (SET,
+// kept through a power cycle) or only put (PUT, in use until then).
+template <typename T>
+struct CalValue {
+  T value;
+  bool stored = true;
+};
+
+// What an LED analyser keeps for one fibre's user calibration. Its readings
+// follow it: x and y plus the offsets, the dominant wavelength plus its
+// offset, intensities times gain / 100, the absolute intensity times the
+// factor.
+struct UserCalibration {
+  CalValue<double> xOffset{0.0};
+  CalValue<double> yOffset{0.0};
+  CalValue<int> wavelengthOffset{0};
+  CalValue<int> intensityGain{100};  // percent, 50..150
+  CalValue<double> absIntFactor{1.0};
+  // Inputs of the colour matrix per reference light (red, green, blue): the
+  // raw readings put with PUT<colour><R|G|B><nn>, and the true x, y and
+  // intensity learned with LEARN<colour><x|y|int><nn>.
+  std::array<std::array<unsigned, 3>, 3> rgbRaw{};
+  std::array<std::array<double, 3>, 3> rgbLearned{};
+  bool rgbMatrix = false;  // computed by SETRGBM<nn>, until RESETRGBM<nn>
+};
+
 class Instrument;
 
 class SimPort {
@@ -158,6 +187,7 @@ class Instrument {
   Settings settings() const;  // of the current adjustment set
   int captures() const;       // captures (broadcast ones too) and dark acquisitions so far
   std::string lastCaptureCommand() const;
+  UserCalibration userCalibration(int index) const;  // of a fibre, 0-based
 
   struct State;  // internal
 
