@@ -285,7 +285,9 @@ using FiberText = std::string (*)(const Seen&);
 Reply Readings(const Call& c, FiberText text) {
   const State& st = c.st;
   const bool logarithmic = st.sets[static_cast<size_t>(st.currentSet)].logarithmic;
-  const auto seen = [&](size_t i) { return text(Seen{st.captured[i], st.calibration[i], logarithmic}); };
+  const auto seen = [&](size_t i) {
+    return text(Seen{st.captured[i], st.calibration[i], logarithmic});
+  };
   std::vector<std::string> lines;
   if (c.arg == "ALL") {
     for (size_t i = 0; i < st.captured.size(); ++i) lines.push_back(seen(i));
@@ -476,7 +478,9 @@ Reply Help(const Call& c) {
   }
   for (const Command& cmd : Table())
     if (Fits(cmd.family, c.st)) lines.emplace_back(cmd.usage);
-  if (!c.st.spectrometer) lines.insert(lines.end(), CalibrationUsage().begin(), CalibrationUsage().end());
+  if (!c.st.spectrometer) {
+    lines.insert(lines.end(), CalibrationUsage().begin(), CalibrationUsage().end());
+  }
   return SayOnce(c.st, std::move(lines));
 }
 

@@ -25,7 +25,9 @@ and runs until SIGINT or SIGTERM. Without --port one default analyser starts.
 SETTINGS is a comma-separated list of key=value pairs (may be empty):
   serial=TEXT        serial number (default ZS000001, ZS000002, ... in order)
   hw=TEXT            hardware descriptor (default "Zelto 05-P"; "-W" in it
-                     makes a spectrometer, "-W2" one that counts in us)
+                     makes a spectrometer, "-W2" one that counts in us,
+                     "Zelto Node" a Node, whose user-calibration values
+                     number fibres with three digits)
   firmware=TEXT      firmware text (default F2.20)
   id=TEXT            id text (default 05F)
   eot=0|1            end answers with 0x04 (default 0)

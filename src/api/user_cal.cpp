@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "api/capture.hpp"
@@ -60,6 +61,26 @@ int Refused(s_CommPort* device, const std::string& text) {
   return 0;
 }
 
+bool OutputsGiven(s_CommPort* device, std::initializer_list<const void*> outputs) {
+  for (const void* output : outputs) {
+    if (output == nullptr) {
+      SetError(device, kNoBuffer);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool AllFinite(s_CommPort* device, std::initializer_list<double> values) {
+  for (double value : values) {
+    if (!std::isfinite(value)) {
+      SetError(device, "Calibration values must be finite numbers");
+      return false;
+    }
+  }
+  return true;
+}
+
 // ---- RGB adjustment ----
 
 // The three raw values of a fiber's "GETRGBEXT" answer under one reference light.
@@ -76,7 +97,8 @@ struct Colour {
   const char* name;
   std::map<int, RawRgb>* table;
 };
-const std::array<Colour, 3> kColours = {{{"RED", &refRED}, {"GREEN", &refGREEN}, {"BLUE", &refBLUE}}};
+const std::array<Colour, 3> kColours = {
+    {{"RED", &refRED}, {"GREEN", &refGREEN}, {"BLUE", &refBLUE}}};
 
 // The failure texts of the first, second and third command of a step.
 constexpr std::array<const char*, 3> kStepFailures = {"Syntax error or timeout detected (ID01)",
@@ -158,6 +180,9 @@ bool SentInOrder(s_CommPort* device, const std::array<std::string, 3>& commands,
 }
 
 int AdjustRgb(s_CommPort* device, int fiber, const std::array<TrueValues, 3>& truth) {
+  for (const TrueValues& light : truth) {
+    if (!AllFinite(device, {light.x, light.y, light.intensity})) return -1;
+  }
   const std::array<RawRgb, 3> raw = RecordedValues(fiber);
   for (std::size_t i = 0; i < kColours.size(); ++i) {
     const char* name = kColours[i].name;
@@ -204,29 +229,21 @@ int UnableTo(s_CommPort* device, const char* step, const char* what) {
   return Refused(device, StringPrintf("Unable to %s %s", step, what));
 }
 
-bool OutputsGiven(s_CommPort* device, std::initializer_list<const void*> outputs) {
-  for (const void* output : outputs) {
-    if (output == nullptr) {
-      SetError(device, kNoBuffer);
-      return false;
-    }
-  }
-  return true;
-}
-
-bool AllFinite(s_CommPort* device, std::initializer_list<double> values) {
-  for (double value : values) {
-    if (!std::isfinite(value)) {
-      SetError(device, "Calibration values must be finite numbers");
-      return false;
-    }
-  }
-  return true;
+// A getter's body: `read` fills `output` only from an answer.
+template <typename Value>
+int ReadValue(const char* devPath, int fiber, Value* output,
+              int (*read)(s_CommPort*, int, Value*), const char* what) {
+  return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
+    if (!OutputsGiven(device, {output})) return -1;
+    return read(device, fiber, output) == 1 ? 1 : UnableTo(device, "read", what);
+  });
 }
 
 int WriteXyOffsets(s_CommPort* device, int fiber, float x, float y, int setMode) {
   if (!AllFinite(device, {x, y})) return -1;
-  if (CMD_Set_xyOffsets(device, fiber, x, y, setMode) != 1) return UnableTo(device, "set", kXyOffsets);
+  if (CMD_Set_xyOffsets(device, fiber, x, y, setMode) != 1) {
+    return UnableTo(device, "set", kXyOffsets);
+  }
   return 1;
 }
 
@@ -316,7 +333,8 @@ int AdjustIntensityGain(const HeldPort& port, s_CommPort* device, int fiber, int
   if (measured != 1) return measured;
   const std::optional<int> reported = PlainNumber<int>(answer);
   if (!reported) return UnableTo(device, "read", "intensity");
-  if (CMD_LoadSettings_IntensityMode(device) != 1 || CMD_LoadSettings_FirmwareVersion(device) != 1) {
+  if (CMD_LoadSettings_IntensityMode(device) != 1 ||
+      CMD_LoadSettings_FirmwareVersion(device) != 1) {
     return UnableTo(device, "read", "the intensity mode");
   }
   const int linear = AnalyserIntensityLogToLin(device, *reported, 0, 0);
@@ -418,13 +436,7 @@ int ZeltoCom_UserCal_ResetWavelengthOffset(const char* devPath, int fiber) {
 }
 
 int ZeltoCom_UserCal_GetWavelengthOffset(const char* devPath, int fiber, int* offset) {
-  return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
-    if (!OutputsGiven(device, {offset})) return -1;
-    if (CMD_Get_WavelengthOffset(device, fiber, offset) != 1) {
-      return UnableTo(device, "read", kWavelengthOffset);
-    }
-    return 1;
-  });
+  return ReadValue(devPath, fiber, offset, CMD_Get_WavelengthOffset, kWavelengthOffset);
 }
 
 int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset,
@@ -450,13 +462,7 @@ int ZeltoCom_UserCal_ResetIntensityGain(const char* devPath, int fiber) {
 }
 
 int ZeltoCom_UserCal_GetIntensityGain(const char* devPath, int fiber, int* gain) {
-  return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
-    if (!OutputsGiven(device, {gain})) return -1;
-    if (CMD_Get_IntensityGain(device, fiber, gain) != 1) {
-      return UnableTo(device, "read", kIntensityGain);
-    }
-    return 1;
-  });
+  return ReadValue(devPath, fiber, gain, CMD_Get_IntensityGain, kIntensityGain);
 }
 
 int ZeltoCom_UserCal_SetIntensityGain(const char* devPath, int fiber, int gain, int setMode) {
@@ -480,13 +486,7 @@ int ZeltoCom_UserCal_ResetAbsIntFactor(const char* devPath, int fiber) {
 }
 
 int ZeltoCom_UserCal_GetAbsIntFactor(const char* devPath, int fiber, double* factor) {
-  return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
-    if (!OutputsGiven(device, {factor})) return -1;
-    if (CMD_Get_AbsoluteIntensityFactor(device, fiber, factor) != 1) {
-      return UnableTo(device, "read", kAbsIntFactor);
-    }
-    return 1;
-  });
+  return ReadValue(devPath, fiber, factor, CMD_Get_AbsoluteIntensityFactor, kAbsIntFactor);
 }
 
 int ZeltoCom_UserCal_SetAbsIntFactor(const char* devPath, int fiber, double factor, int setMode) {

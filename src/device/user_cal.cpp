@@ -81,7 +81,8 @@ int CMD_Set_xyOffsets(s_CommPort* port, int fiber, float x, float y, int setMode
 }
 
 int CMD_Get_WavelengthOffset(s_CommPort* port, int fiber, int* offset) {
-  const std::optional<int> value = ReadInteger(port, "GETWAVELENGTHOFFSET" + FiberText(port, fiber));
+  const std::optional<int> value =
+      ReadInteger(port, "GETWAVELENGTHOFFSET" + FiberText(port, fiber));
   if (!value) return 0;
   *offset = *value;
   return 1;

@@ -49,6 +49,8 @@ class BadInputTest : public SimBench {
     char* buf = buffer_;
     int* ints = ints_;
     char** bufs = bufs_;
+    float* floats = floats_;
+    double* doubles = doubles_;
     const char* open = open_.c_str();
     std::vector<BadCall> calls = {
         BAD_CALL(ZeltoCom_OpenSN(name, 57600), 0, -1),
@@ -92,6 +94,26 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_IsConnected(buf, name, 0), 0, -1),
         BAD_CALL(ZeltoCom_AreConnected(bufs, &name, 1, 0), 0, -1),
         BAD_CALL(ZeltoCom_Isconnected_thread(bufs, name, &name, 1, 0), 0, -1),
+        // ---- User calibration ----
+        BAD_CALL(ZeltoCom_UserCal_ResetRGBAdj(name, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_TakeRGBCurrentValues(name, 1, 'R'), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustRGB(name, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_ResetxyOffsets(name, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_GetxyOffsets(name, 1, floats, floats), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetxyOffsets(name, 1, 0, 0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustxyOffsets(name, 1, 0.3f, 0.3f), -1),
+        BAD_CALL(ZeltoCom_UserCal_ResetWavelengthOffset(name, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_GetWavelengthOffset(name, 1, ints), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetWavelengthOffset(name, 1, 0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustWavelengthOffset(name, 1, 560), -1),
+        BAD_CALL(ZeltoCom_UserCal_ResetIntensityGain(name, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_GetIntensityGain(name, 1, ints), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetIntensityGain(name, 1, 100, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustIntensityGain(name, 1, 1000), -1),
+        BAD_CALL(ZeltoCom_UserCal_ResetAbsIntFactor(name, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_GetAbsIntFactor(name, 1, doubles), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetAbsIntFactor(name, 1, 1.0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustAbsIntFactor(name, 1, 1.0), -1),
     };
     // A closed port may be opened again and is still available.
     if (name != closed_.c_str()) {
@@ -177,6 +199,17 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_DetectSN(bufs, -9600), -1),
         BAD_CALL(ZeltoCom_ListPortsDetected(nullptr), 0),
         BAD_CALL(ZeltoCom_ListPortsDetectedTxt(nullptr, ";"), 0),
+        // ---- User calibration: fibers, outputs and values ----
+        BAD_CALL(ZeltoCom_UserCal_TakeRGBCurrentValues(open, 0, 'R'), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustRGB(open, INT_MAX, 0, 0, 1, 0, 0, 1, 0, 0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustRGB(open, 1, nan, 0, 1, 0, 0, 1, 0, 0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustxyOffsets(open, INT_MIN, 0.3f, 0.3f), -1),
+        BAD_CALL(ZeltoCom_UserCal_GetxyOffsets(open, 1, nullptr, nullptr), -1),
+        BAD_CALL(ZeltoCom_UserCal_GetAbsIntFactor(open, 1, nullptr), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetxyOffsets(open, 1, nan, 0, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetIntensityGain(open, 1, INT_MIN, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_SetAbsIntFactor(open, 1, HUGE_VAL, 1), -1),
+        BAD_CALL(ZeltoCom_UserCal_AdjustAbsIntFactor(open, 1, -HUGE_VAL), -1),
     };
   }
 
@@ -194,6 +227,8 @@ class BadInputTest : public SimBench {
   std::string open_;
   std::string closed_;
   int ints_[4] = {};
+  float floats_[2] = {};
+  double doubles_[1] = {};
   char* bufs_[2] = {buffer_, buffer_ + 10000};
   const char* paths_[2] = {};  // the open port, then the closed one
   const std::string long_ = std::string(10000, 'Z');

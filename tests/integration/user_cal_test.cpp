@@ -1,0 +1,239 @@
+// User calibration: a fiber's values in the instrument, their adjustment
+// against references, and the RGB adjustment.
+#include <functional>
+
+#include "bench.hpp"
+
+namespace {
+
+class UserCalTest : public SimBench {
+ protected:
+  // Opens an instrument and lets the library learn its fibers, so that the
+  // log holds only what the next call sends.
+  zeltosim::SimPort& Open(zeltosim::Config config) {
+    zeltosim::SimPort& port = OpenPort(std::move(config));
+    int gain = 0;
+    EXPECT_EQ(ZeltoCom_UserCal_GetIntensityGain(port.path().c_str(), 1, &gain), 1) << LastError();
+    port.clearLog();
+    return port;
+  }
+
+  // A reading of fiber 1 after a fresh capture.
+  std::string Reading(const zeltosim::SimPort& port, const char* command) {
+    EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 0), 1) << LastError();
+    EXPECT_EQ(Send(port, command), 1) << command;
+    return answer_;
+  }
+
+  static zeltosim::UserCalibration Cal(zeltosim::SimPort& port, int fiber) {
+    return port.master().userCalibration(fiber - 1);
+  }
+};
+
+}  // namespace
+
+TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
+  zeltosim::SimPort& analyser = Open(Analyser("ZA0001"));
+  zeltosim::Config nodeConfig = Analyser("ZN0001");
+  nodeConfig.hardware = "Zelto Node 4";
+  zeltosim::SimPort& node = Open(nodeConfig);
+  const char* a = analyser.path().c_str();
+  const char* n = node.path().c_str();
+  float x = 0;
+  float y = 0;
+  double factor = 0;
+  struct Row {
+    std::function<int()> call;
+    zeltosim::SimPort* port;
+    std::vector<std::string> sent;
+    int result;
+  };
+  const std::vector<Row> rows = {
+      {[&] { return ZeltoCom_UserCal_SetxyOffsets(a, 2, 0.0f, -0.25f, 2); }, &analyser,
+       {"SETXOFFSET02+0.000", "SETYOFFSET02-0.250"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetxyOffsets(a, 1, 0.5f, 0.0f, 0); }, &analyser,
+       {"PUTXOFFSET01+0.500", "PUTYOFFSET01+0.000"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetWavelengthOffset(a, 1, -3, 0); }, &analyser,
+       {"PUTWAVELENGTHOFFSET01-03"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 50, 1); }, &analyser,
+       {"SETINTGAIN02050"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 120, 2); }, &analyser,
+       {"PUTINTGAIN02120"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 49, 1); }, &analyser, {}, -1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 151, 1); }, &analyser, {}, -1},
+      {[&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1.5, 1); }, &analyser,
+       {"SETABSINTMULT011.50000E+00"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1e-100, 2); }, &analyser,
+       {"PUTABSINTMULT011.00000E-00"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(n, 2, 100, 1); }, &node,
+       {"SETINTGAIN002100"}, 1},
+      {[&] { return ZeltoCom_UserCal_GetxyOffsets(n, 1, &x, &y); }, &node,
+       {"GETXOFFSET001", "GETYOFFSET001"}, 1},
+      {[&] { return ZeltoCom_UserCal_GetAbsIntFactor(n, 2, &factor); }, &node,
+       {"GETABSINTMULT002"}, 1},
+  };
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    rows[i].port->clearLog();
+    EXPECT_EQ(rows[i].call(), rows[i].result) << "row " << i << ": " << LastError();
+    EXPECT_EQ(Sent(*rows[i].port), rows[i].sent) << "row " << i;
+  }
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_SetIntensityGain(a, 2, 151, 1)),
+            "-1: Intensity gain should be a value between 50 and 150");
+}
+
+TEST_F(UserCalTest, ValuesReadBackAndResetsStoreTheNeutralOnes) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+  ASSERT_EQ(ZeltoCom_UserCal_SetxyOffsets(p, 1, 0.01f, -0.02f, 0), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, 4, 0), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_UserCal_SetIntensityGain(p, 1, 90, 0), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_UserCal_SetAbsIntFactor(p, 1, 2.0, 0), 1) << LastError();
+  EXPECT_FALSE(Cal(port, 1).xOffset.stored);
+  EXPECT_FALSE(Cal(port, 1).absIntFactor.stored);
+
+  float x = 0;
+  float y = 0;
+  int offset = 0;
+  int gain = 0;
+  double factor = 0;
+  ASSERT_EQ(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &offset), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_UserCal_GetIntensityGain(p, 1, &gain), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor), 1) << LastError();
+  EXPECT_FLOAT_EQ(x, 0.01f);
+  EXPECT_FLOAT_EQ(y, -0.02f);
+  EXPECT_EQ(offset, 4);
+  EXPECT_EQ(gain, 90);
+  EXPECT_DOUBLE_EQ(factor, 2.0);
+
+  port.clearLog();
+  EXPECT_EQ(ZeltoCom_UserCal_ResetxyOffsets(p, 1), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_UserCal_ResetWavelengthOffset(p, 1), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_UserCal_ResetIntensityGain(p, 1), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_UserCal_ResetAbsIntFactor(p, 1), 1) << LastError();
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"SETXOFFSET01+0.000", "SETYOFFSET01+0.000",
+                                                  "SETWAVELENGTHOFFSET01+00", "SETINTGAIN01100",
+                                                  "SETABSINTMULT011.00000E+00"}));
+  const zeltosim::UserCalibration cal = Cal(port, 1);
+  EXPECT_TRUE(cal.xOffset.stored && cal.yOffset.stored && cal.wavelengthOffset.stored &&
+              cal.intensityGain.stored && cal.absIntFactor.stored);
+  EXPECT_EQ(cal.xOffset.value, 0.0);
+  EXPECT_EQ(cal.intensityGain.value, 100);
+  EXPECT_EQ(cal.absIntFactor.value, 1.0);
+}
+
+TEST_F(UserCalTest, GettersLeaveTheOutputsAloneWithoutAnAnswer) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+  port.master().setFault(zeltosim::Fault::Silent);
+  float x = 7;
+  float y = 7;
+  int offset = 7;
+  int gain = 7;
+  double factor = 7;
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y)), "0: Unable to read xy offsets");
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &offset)),
+            "0: Unable to read Wavelength offset");
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetIntensityGain(p, 1, &gain)),
+            "0: Unable to read Intensity gain");
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor)),
+            "0: Unable to read Absolute Intensity factor");
+  EXPECT_EQ(x + y, 14.0f);
+  EXPECT_EQ(offset + gain, 14);
+  EXPECT_EQ(factor, 7.0);
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, nullptr)),
+            "-1: No buffer given for the result");
+}
+
+TEST_F(UserCalTest, AdjustmentsMoveTheNextReadingOntoTheReference) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+
+  ASSERT_EQ(ZeltoCom_UserCal_AdjustxyOffsets(p, 1, 0.3300f, 0.4100f), 1) << LastError();
+  float x = 0;
+  float y = 0;
+  ASSERT_EQ(std::sscanf(Reading(port, "GETXY01").c_str(), "%f %f", &x, &y), 2);
+  // The offsets have three decimals, the readings four.
+  EXPECT_NEAR(x, 0.3300f, 0.0006f);
+  EXPECT_NEAR(y, 0.4100f, 0.0006f);
+  EXPECT_TRUE(Cal(port, 1).xOffset.stored);
+
+  ASSERT_EQ(ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, 560), 1) << LastError();
+  EXPECT_EQ(Reading(port, "GETWAVELENGTH01"), "560");
+
+  ASSERT_EQ(ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0), 1) << LastError();
+  EXPECT_EQ(Reading(port, "GETABSINT01"), "3.000000E+00");
+
+  // The gain against a linear reference, in both intensity modes: 1200 seen.
+  ASSERT_EQ(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500), 1) << LastError();
+  EXPECT_EQ(Cal(port, 1).intensityGain.value, 125);
+  ASSERT_EQ(ZeltoCom_UserCal_ResetIntensityGain(p, 1), 1);
+  ASSERT_EQ(Send(port, "SETLIN"), 1);
+  ASSERT_EQ(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500), 1) << LastError();
+  EXPECT_EQ(Reading(port, "GETINTENSITY01"), "1500");
+  EXPECT_TRUE(Cal(port, 1).intensityGain.stored);
+}
+
+TEST_F(UserCalTest, AdjustmentsThatCannotHoldWriteNothing) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+  ASSERT_EQ(Send(port, "SETLIN"), 1);
+  port.clearLog();
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 2400)),
+            "0: The new intensity gain (200) is outside 50 to 150");
+  EXPECT_EQ(Sent(port).back(), "GETINTGAIN01");  // and no gain written
+
+  port.master().setFiber(0, zeltosim::Fiber{0.3, 0.5, 0.2, 0.0});
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0)), "0: Under-range detected");
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1000)), "0: Under-range detected");
+  EXPECT_EQ(Cal(port, 1).intensityGain.value, 100);
+  EXPECT_EQ(Cal(port, 1).absIntFactor.value, 1.0);
+}
+
+TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
+  // Beyond the 20 fibers of the instruments the reference tables were made for.
+  zeltosim::SimPort& port = Open(Analyser("ZA0001", 30));
+  const char* p = port.path().c_str();
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_TakeRGBCurrentValues(p, 31, 'R')),
+            "-1: Fiber should be a value between 1 and 30");
+  const auto take = [&](zeltosim::Fiber light, char colour) {
+    port.master().setFiber(24, light);
+    EXPECT_EQ(ZeltoCom_Capture(p, 0, 0, 0), 1) << LastError();
+    return ZeltoCom_UserCal_TakeRGBCurrentValues(p, 25, colour);
+  };
+  ASSERT_EQ(take({1.0, 0.0, 0.0, 1000.0}, 'R'), 1) << LastError();
+  ASSERT_EQ(take({0.1, 0.8, 0.0, 500.0}, 'G'), 1) << LastError();
+  ASSERT_EQ(take({0.0, 0.1, 0.9, 200.0}, 'B'), 1) << LastError();
+  // Refusals leave what was taken.
+  port.clearLog();
+  EXPECT_EQ(Outcome(take({0.0, 0.0, 1.0, 100.0}, 'r')),
+            "0: Wrong Color. Please use REG, GREEN or BLUE.");
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"C", "GETINTENSITY25", "GETRGBEXT25"}));
+  EXPECT_EQ(Outcome(take({1.0, 0.0, 0.0, 0.0}, 'R')), "0: Under-range detected");
+
+  port.clearLog();
+  ASSERT_EQ(ZeltoCom_UserCal_AdjustRGB(p, 25, 0.64f, 0.33f, 1234.5, 0.30f, 0.60f, 100.0, 0.15f,
+                                       0.06f, 50.0),
+            1)
+      << LastError();
+  EXPECT_EQ(Sent(port),
+            (std::vector<std::string>{
+                "PUTREDR250100000", "PUTREDG250000000", "PUTREDB250000000",
+                "PUTGREENR250005000", "PUTGREENG250040000", "PUTGREENB250000000",
+                "PUTBLUER250000000", "PUTBLUEG250002000", "PUTBLUEB250018000",
+                "LEARNREDx250.6400", "LEARNREDy250.3300", "LEARNREDint251.23450E+03",
+                "LEARNGREENx250.3000", "LEARNGREENy250.6000", "LEARNGREENint251.00000E+02",
+                "LEARNBLUEx250.1500", "LEARNBLUEy250.0600", "LEARNBLUEint255.00000E+01",
+                "SETRGBM25"}));
+  EXPECT_TRUE(Cal(port, 25).rgbMatrix);
+
+  ASSERT_EQ(ZeltoCom_UserCal_SetAbsIntFactor(p, 25, 2.0, 0), 1);
+  port.clearLog();
+  ASSERT_EQ(ZeltoCom_UserCal_ResetRGBAdj(p, 25), 1) << LastError();
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"RESETCALMODE25", "RESETRGBM25",
+                                                  "SETABSINTMULT251.00000E+00"}));
+  const zeltosim::UserCalibration cal = Cal(port, 25);
+  EXPECT_FALSE(cal.rgbMatrix);
+  EXPECT_TRUE(cal.absIntFactor.stored);
+  EXPECT_EQ(cal.absIntFactor.value, 1.0);
+}
