@@ -32,6 +32,16 @@ struct Reply {
 
 inline constexpr int kAdjustmentSets = 99;
 
+// The external trigger input: what a pulse on it starts.
+struct TriggerSetup {
+  bool enabled = false;
+  bool pwm = false;
+  int range = 0;                // the capture's range digit, 1..6
+  std::string output = "NONE";  // what is sent when the capture is done
+  int preDelayMs = 0;
+  int postDelayMs = 0;
+};
+
 }  // namespace detail
 
 struct Instrument::State {
@@ -48,6 +58,7 @@ struct Instrument::State {
   std::string lastCaptureCommand;
   std::chrono::steady_clock::time_point captureEnds{};  // of the last capture
   std::vector<std::string> received;
+  detail::TriggerSetup trigger;
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
 };
@@ -77,6 +88,11 @@ bool JoinBroadcastCapture(Instrument::State& st, std::string_view arg, const std
 
 // A healthy instrument's answer to "BUSCE<its serial>".
 Reply CaptureEndAnswer(Instrument::State& st);
+
+// What a pulse on the trigger input brings: after the pre-delay a capture,
+// after the post-delay its report, sent unasked; nothing while the trigger
+// is off. The caller holds the instrument's lock.
+Reply TriggerFired(Instrument::State& st);
 
 }  // namespace detail
 }  // namespace zeltosim
