@@ -18,8 +18,9 @@ enum eTriggerState {
 };
 
 // The thread that waits on a master's line for what its instrument sends
-// when the trigger input fires. The thread takes no lock: it reads the line
-// only while nobody else can, because taking the line stops it first.
+// when the trigger input fires. The thread takes neither the line nor this
+// object's lock: it reads the line only while nobody else can, because
+// taking the line stops it first.
 class TriggerListener {
  public:
   TriggerListener() = default;
