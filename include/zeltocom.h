@@ -424,6 +424,51 @@ ZELTOCOM_API int ZeltoCom_UserCal_SetAbsIntFactor(const char* devPath, int fiber
  * factor x reference / absolute intensity. */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fiber,
                                                      double absoluteIntensityReference);
+/* ---- External trigger ----
+ * The instrument captures when a pulse reaches its trigger input and then
+ * sends its readings (or "OK") unasked. A listener thread per port waits
+ * for that message without a time limit and without loading a processor;
+ * the host polls it with ZeltoCom_ExternalTrigger_isFinished and then reads
+ * the message with ZeltoCom_GetResponseByPort. Any other call that uses the
+ * port (ZeltoCom_ExternalTrigger_Abort, a send, a close, ...) ends a running
+ * listener within 200 ms. `setMode` 1 selects the instrument's SET commands
+ * (kept), any other value its PUT commands (until the next reset). */
+
+/* Configures the trigger: `captureRange` 0 (automatic) to 5, `isPWM` 1 for
+ * a PWM capture, `outputType` one of "NONE", "HSI", "XYI", "RGBI", "CCTI",
+ * "ABSINT", "WSI" (any letter case, blanks around ignored), delays in ms up
+ * to 999 (65000 on a spectrometer; 0 is sent as 1). 1 done; 0 a refused
+ * argument; -1 an unknown port or a command the instrument refused. */
+ZELTOCOM_API int ZeltoCom_ExternalTrigger_Enable(const char* devicePath, int captureRange,
+                                                 int isPWM, const char* outputType,
+                                                 unsigned preDelay, unsigned postDelay,
+                                                 int setMode);
+/* Switches the trigger off: 1, or -1. */
+ZELTOCOM_API int ZeltoCom_ExternalTrigger_Disable(const char* devicePath, int setMode);
+/* Starts the listener: 1 when one runs (also when one ran already: nothing
+ * is sent then); 0 when the trigger is not enabled on the instrument; -1 on
+ * failure. */
+ZELTOCOM_API int ZeltoCom_ExternalTrigger_Listen(const char* devicePath);
+/* Ends the listener and discards what waits on the line: 1, or -1 for an
+ * unknown port. */
+ZELTOCOM_API int ZeltoCom_ExternalTrigger_Abort(const char* devicePath);
+/* Never blocks on a running listener: 0 listening (or never started), 1
+ * finished with a message, -1 failed (or unknown port), -2 ended by an
+ * abort or by another call on the port. */
+ZELTOCOM_API int ZeltoCom_ExternalTrigger_isFinished(const char* devicePath);
+
+/* The library's record of an open port; opaque to hosts. */
+#ifdef __cplusplus
+namespace zeltocom {
+struct s_CommPort;
+}
+using zeltocom::s_CommPort;
+#else
+typedef struct s_CommPort s_CommPort;
+#endif
+/* Thread body of the listener, started by ZeltoCom_ExternalTrigger_Listen
+ * only. */
+ZELTOCOM_API void ZeltoCom_ExternalTrigger_Listen_thread(s_CommPort* port);
 
 #ifdef __cplusplus
 }

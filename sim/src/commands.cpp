@@ -362,6 +362,69 @@ Reply CaptureDark(const Call& c) {
 // never one left to stop.
 Reply StopAcquisition(const Call& c) { return Ok(c.st); }
 
+// ---- external trigger ----------------------------------------------------------------
+
+constexpr std::array<std::string_view, 7> kTriggerOutputs = {"NONE", "HSI",    "XYI", "RGBI",
+                                                             "CCTI", "ABSINT", "WSI"};
+
+// "<pwm 0|1><range 1..6>", or "00" for off.
+Reply SetExternalCapture(const Call& c) {
+  TriggerSetup& t = c.st.trigger;
+  if (c.arg == "00") {
+    t.enabled = false;
+    return Ok(c.st);
+  }
+  const auto pwm = c.arg.size() == 2 ? Number(c.arg.substr(0, 1), 1, 0, 1) : std::nullopt;
+  const auto range = c.arg.size() == 2 ? Number(c.arg.substr(1), 1, 1, 6) : std::nullopt;
+  if (!pwm || !range) return SyntaxError(c.st);
+  t.enabled = true;
+  t.pwm = *pwm == 1;
+  t.range = static_cast<int>(*range);
+  return Ok(c.st);
+}
+
+Reply GetExternalCapture(const Call& c) {
+  const TriggerSetup& t = c.st.trigger;
+  return SayOnce(c.st, {t.enabled ? std::to_string(t.pwm ? 1 : 0) + std::to_string(t.range) : "00"});
+}
+
+Reply SetExternalOutput(const Call& c) {
+  if (std::ranges::find(kTriggerOutputs, c.arg) == kTriggerOutputs.end()) return SyntaxError(c.st);
+  c.st.trigger.output = std::string(c.arg);
+  return Ok(c.st);
+}
+
+Reply GetExternalOutput(const Call& c) { return SayOnce(c.st, {c.st.trigger.output}); }
+
+// Analysers take three digits; spectrometers four, or five up to 65000.
+std::optional<long> TriggerDelay(const State& st, std::string_view arg) {
+  if (!st.spectrometer) return arg.size() == 3 ? Number(arg, 3, 0, 999) : std::nullopt;
+  return arg.size() >= 4 ? Number(arg, 5, 0, 65000) : std::nullopt;
+}
+
+Reply SetTriggerDelay(const Call& c, int TriggerSetup::*delay) {
+  const auto ms = TriggerDelay(c.st, c.arg);
+  if (!ms) return SyntaxError(c.st);
+  c.st.trigger.*delay = static_cast<int>(*ms);
+  return Ok(c.st);
+}
+
+Reply SetTriggerPreDelay(const Call& c) { return SetTriggerDelay(c, &TriggerSetup::preDelayMs); }
+Reply SetTriggerPostDelay(const Call& c) { return SetTriggerDelay(c, &TriggerSetup::postDelayMs); }
+
+// One fibre's line of a trigger report.
+std::string TriggerReading(const std::string& output, const Seen& s) {
+  if (output == "HSI") return HsiText(s);
+  if (output == "RGBI") return RgbiText(s);
+  if (output == "CCTI") return CctText(s) + " " + IntensityText(s);
+  if (output == "ABSINT") return AbsIntText(s);
+  if (output == "WSI") {
+    const std::string hsi = HsiText(s);  // the hue gives way to the wavelength
+    return WavelengthText(s) + hsi.substr(hsi.find(' '));
+  }
+  return XyText(s) + " " + IntensityText(s);
+}
+
 // ---- broadcast captures ----------------------------------------------------------------
 
 constexpr int kLateEotMs = 5;
@@ -452,6 +515,16 @@ const std::vector<Command>& Table() {
       {"C", P, Spectro, SpectrumCapture, "C[<exposure>]"},
       {"CAPTUREDARK", P, Spectro, CaptureDark, "CAPTUREDARK[<exposure>]"},
       {"I", E, Spectro, StopAcquisition, "I"},
+      {"SETEXTERNALCAPTURE", P, Any, SetExternalCapture, "SETEXTERNALCAPTURE<pwm><range>|00"},
+      {"PUTEXTERNALCAPTURE", P, Any, SetExternalCapture, "PUTEXTERNALCAPTURE<pwm><range>|00"},
+      {"GETEXTERNALCAPTURE", E, Any, GetExternalCapture, "GETEXTERNALCAPTURE"},
+      {"SETEXTERNALOUTPUT", P, Any, SetExternalOutput, "SETEXTERNALOUTPUT<type>"},
+      {"PUTEXTERNALOUTPUT", P, Any, SetExternalOutput, "PUTEXTERNALOUTPUT<type>"},
+      {"GETEXTERNALOUTPUT", E, Any, GetExternalOutput, "GETEXTERNALOUTPUT"},
+      {"SETTRIGGERPREDELAY", P, Any, SetTriggerPreDelay, "SETTRIGGERPREDELAY<ms>"},
+      {"PUTTRIGGERPREDELAY", P, Any, SetTriggerPreDelay, "PUTTRIGGERPREDELAY<ms>"},
+      {"SETTRIGGERPOSTDELAY", P, Any, SetTriggerPostDelay, "SETTRIGGERPOSTDELAY<ms>"},
+      {"PUTTRIGGERPOSTDELAY", P, Any, SetTriggerPostDelay, "PUTTRIGGERPOSTDELAY<ms>"},
   };
   return table;
 }
@@ -522,6 +595,31 @@ Reply CaptureEndAnswer(Instrument::State& st) {
       break;
   }
   return SendsLateEot(st) ? WithLateEot(std::move(reply)) : reply;
+}
+
+// A spectrometer takes a spectrum at its default exposure and only says
+// "OK": its readings are fetched with its own commands.
+Reply TriggerFired(Instrument::State& st) {
+  const TriggerSetup& t = st.trigger;
+  if (!t.enabled) return Reply{};
+  std::vector<std::string> lines;
+  int ms = 0;
+  if (st.spectrometer) {
+    ms = CaptureMs(st, ExposureMs(st, *ParseExposure(st, "")));
+    CountCapture(st, "TRIGGER", ms);
+  } else {
+    ms = BeginLedCapture(st, LedCapture{t.range, t.pwm, -1}, "TRIGGER");
+    const bool logarithmic = st.current().logarithmic;
+    if (t.output != "NONE") {
+      for (size_t i = 0; i < st.captured.size(); ++i) {
+        lines.push_back(TriggerReading(t.output, Seen{st.captured[i], st.calibration[i], logarithmic}));
+      }
+    }
+  }
+  if (lines.empty()) lines.emplace_back("OK");
+  Reply reply;
+  reply.messages.push_back(Say(st, std::move(lines), t.preDelayMs + ms + t.postDelayMs));
+  return reply;
 }
 
 }  // namespace zeltosim::detail

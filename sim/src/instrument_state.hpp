@@ -33,6 +33,16 @@ struct Reply {
 
 inline constexpr int kAdjustmentSets = 99;
 
+// The external trigger input: what a pulse on it starts.
+struct TriggerSetup {
+  bool enabled = false;
+  bool pwm = false;
+  int range = 0;                // the capture's range digit, 1..6
+  std::string output = "NONE";  // what is sent when the capture is done
+  int preDelayMs = 0;
+  int postDelayMs = 0;
+};
+
 }  // namespace detail
 
 struct Instrument::State {
@@ -50,6 +60,7 @@ struct Instrument::State {
   std::chrono::steady_clock::time_point captureEnds{};  // of the last capture
   std::vector<std::string> received;
   std::vector<UserCalibration> calibration;  // per fibre
+  detail::TriggerSetup trigger;
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
 };
@@ -85,6 +96,10 @@ Reply CaptureEndAnswer(Instrument::State& st);
 std::optional<Reply> ExecuteCalibration(Instrument::State& st, std::string_view upper);
 // The user-calibration commands as HELP lists them.
 const std::vector<std::string_view>& CalibrationUsage();
+// What a pulse on the trigger input brings: after the pre-delay a capture,
+// after the post-delay its report, sent unasked; nothing while the trigger
+// is off. The caller holds the instrument's lock.
+Reply TriggerFired(Instrument::State& st);
 
 }  // namespace detail
 }  // namespace zeltosim

@@ -16,6 +16,7 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "instrument_state.hpp"
 #include "line_speed.hpp"
@@ -53,6 +54,10 @@ class Wakeup {
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t n = ::write(fd_, &one, sizeof one);
   }
+  void clear() {
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
+  }
 
  private:
   int fd_;
@@ -79,6 +84,8 @@ struct SimPort::Impl {
   bool sleepFor(int ms) { return sleepUntil(Clock::now() + std::chrono::milliseconds(ms)); }
 
   void readInput();
+  bool takeTriggerPulse();
+  void fireTrigger();
   void feed(const char* bytes, size_t count);
   void handle(const std::string& text);
   Reply route(const std::string& text);
@@ -111,6 +118,7 @@ struct SimPort::Impl {
   mutable std::mutex mutex;  // guards the fields up to `log`
   std::condition_variable wake;
   bool stopping = false;
+  bool triggerPulse = false;  // the trigger input fired and the port has not acted yet
   int baud;
   std::vector<Member> members;  // [0] is the master; only ever appended to
   size_t holder = 0;            // index into members
@@ -148,6 +156,10 @@ bool SimPort::Impl::sleepUntil(Clock::time_point deadline) {
 // host's bytes wait in the pty, as in a real instrument's receive buffer.
 void SimPort::Impl::run() {
   while (!stopRequested()) {
+    if (takeTriggerPulse()) {
+      fireTrigger();
+      continue;
+    }
     if (ready.empty()) {
       readInput();
       continue;
@@ -165,7 +177,11 @@ void SimPort::Impl::run() {
 
 void SimPort::Impl::readInput() {
   pollfd fds[2] = {{pty.master(), POLLIN, 0}, {wakeup.fd(), POLLIN, 0}};
-  if (::poll(fds, 2, -1) <= 0 || fds[1].revents != 0) return;
+  if (::poll(fds, 2, -1) <= 0) return;
+  if (fds[1].revents != 0) {
+    wakeup.clear();
+    return;
+  }
   const pollfd& p = fds[0];
   if (p.revents & POLLIN) {
     char buffer[256];
@@ -174,6 +190,23 @@ void SimPort::Impl::readInput() {
     return;
   }
   sleepFor(kPollMs);  // an error state: do not spin on it
+}
+
+bool SimPort::Impl::takeTriggerPulse() {
+  std::lock_guard lock(mutex);
+  return std::exchange(triggerPulse, false);
+}
+
+// Pulses that arrive while the report is being prepared or sent merge into
+// one, as on an instrument that is busy capturing.
+void SimPort::Impl::fireTrigger() {
+  State& st = stateAt(0);
+  Reply reply;
+  {
+    std::lock_guard lock(st.mutex);
+    reply = detail::TriggerFired(st);
+  }
+  deliver(reply);
 }
 
 void SimPort::Impl::feed(const char* bytes, size_t count) {
@@ -471,6 +504,14 @@ int SimPort::countReceived(const std::string& command) const {
 void SimPort::clearLog() {
   std::lock_guard lock(impl_->mutex);
   impl_->log.clear();
+}
+
+void SimPort::fireTrigger() {
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->triggerPulse = true;
+  }
+  impl_->wakeup.ring();
 }
 
 void SimPort::unplug() {

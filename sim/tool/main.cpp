@@ -1,10 +1,16 @@
 // zeltosim: simulated instruments on pseudo-terminals for test stations.
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
+#include <stdexcept>
+#include <string>
 
 #include "options.hpp"
 #include "zeltosim/zeltosim.hpp"
@@ -20,15 +26,73 @@ void PrintInstrument(const std::string& serial, int baud, const std::string& pat
   std::printf("\n");
 }
 
-int Run(const zeltosim::tool::Options& options) {
-  // Blocked before any port thread starts, so only sigwait below sees them.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+using Ports = std::vector<std::unique_ptr<SimPort>>;
 
-  std::vector<std::unique_ptr<SimPort>> ports;
+// Fires the trigger input of port `number` (1 is the first), of all with 0.
+void Fire(const Ports& ports, int number) {
+  for (std::size_t i = 0; i < ports.size(); ++i) {
+    if (number == 0 || static_cast<std::size_t>(number) == i + 1) ports[i]->fireTrigger();
+  }
+}
+
+// One line of standard input: "fire" or "fire N".
+void Obey(const Ports& ports, const std::string& line) {
+  char* end = nullptr;
+  if (line == "fire") return Fire(ports, 0);
+  if (line.starts_with("fire ")) {
+    const long number = std::strtol(line.c_str() + 5, &end, 10);
+    if (*end == '\0' && number >= 1 && static_cast<std::size_t>(number) <= ports.size()) {
+      return Fire(ports, static_cast<int>(number));
+    }
+  }
+  if (!line.empty()) std::fprintf(stderr, "zeltosim: \"%s\": expected fire [N]\n", line.c_str());
+}
+
+// Takes what standard input has; false at its end.
+bool ReadCommands(const Ports& ports, std::string& pending) {
+  char chunk[256];
+  const ssize_t n = read(STDIN_FILENO, chunk, sizeof chunk);
+  if (n <= 0) return false;
+  pending.append(chunk, static_cast<std::size_t>(n));
+  for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+    std::string line = pending.substr(0, end);
+    pending.erase(0, end + 1);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    Obey(ports, line);
+  }
+  return true;
+}
+
+// Serves trigger requests until SIGINT or SIGTERM; SIGUSR1 fires every port.
+void Serve(const Ports& ports, const sigset_t& signals) {
+  const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
+  if (signalFd < 0) throw std::runtime_error("signalfd failed");
+  pollfd waits[2] = {{signalFd, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+  std::string pending;
+  for (;;) {
+    if (poll(waits, 2, -1) < 0) continue;
+    if (waits[0].revents != 0) {
+      signalfd_siginfo info{};
+      if (read(signalFd, &info, sizeof info) != sizeof info) continue;
+      if (info.ssi_signo != SIGUSR1) break;
+      Fire(ports, 0);
+    }
+    // Without standard input (or at its end) only the signals are served.
+    if (waits[1].revents != 0 && !ReadCommands(ports, pending)) waits[1].fd = -1;
+  }
+  close(signalFd);
+}
+
+int Run(const zeltosim::tool::Options& options) {
+  // Blocked before any port thread starts, so only the signalfd sees them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  Ports ports;
   std::vector<const SimPort*> all;
   for (const auto& setup : options.ports) {
     auto port = std::make_unique<SimPort>(setup.master, setup.line);
@@ -43,8 +107,7 @@ int Run(const zeltosim::tool::Options& options) {
   std::printf("ZELTOCOM_PORTS=%s\n", zeltosim::PortsVariable(all).c_str());
   std::fflush(stdout);
 
-  int signal = 0;
-  sigwait(&stopSignals, &signal);
+  Serve(ports, signals);
   return 0;
 }
 

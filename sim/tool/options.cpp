@@ -15,6 +15,13 @@ Plays LED analysers and spectrometers on pseudo-terminals. Prints one line per
 instrument (serial, rate, slave path), then ZELTOCOM_PORTS=<path>;<path>...,
 and runs until SIGINT or SIGTERM. Without --port one default analyser starts.
 
+External trigger: a line "fire N" on standard input sends a pulse to the
+trigger input of the instrument on port N (ports count from 1 in the order
+printed; a chained instrument has its port's number), "fire" alone to every
+port, and so does SIGUSR1. An instrument whose trigger is on
+(SETEXTERNALCAPTURE<pwm><range>) captures and sends its report unasked; one
+whose trigger is off ignores the pulse.
+
   --port SETTINGS    an instrument on a new pseudo-terminal
   --chain SETTINGS   an instrument daisy-chained behind the last --port
   --station N        makes the last --port (or a default one) a station of N

@@ -32,6 +32,8 @@ double ClockMs() {
   return ReadMs(kBlockingWaits ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID);
 }
 
+double WallClockMs() { return ReadMs(CLOCK_MONOTONIC); }
+
 void PauseMs(int ms) {
   if (ms <= 0) return;
   timespec span{ms / 1000, static_cast<long>(ms % 1000) * 1'000'000L};

@@ -16,6 +16,10 @@ bool BlockingWaits();
 // time with blocking waits.
 double ClockMs();
 
+// Monotonic wall-clock time in milliseconds, whatever the wait mode: for
+// waits that sleep in any mode.
+double WallClockMs();
+
 // Waits `ms` milliseconds of the library clock: a busy wait that yields the
 // processor to threads that want it, or a sleep with blocking waits.
 void delayms(int ms);

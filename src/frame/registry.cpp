@@ -54,7 +54,12 @@ void s_CommPort::SetFirmware(std::string_view text, std::size_t maxLength) {
 }
 
 std::unique_lock<std::mutex> LockLine(s_CommPort& port) {
-  return std::unique_lock(port.Master()->lineMutex);
+  s_CommPort* master = port.Master();
+  std::unique_lock line(master->lineMutex);
+  // Taken after the line, so that a listener started by the call that held
+  // it before cannot slip in between.
+  master->trigger.Stop();
+  return line;
 }
 
 PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,

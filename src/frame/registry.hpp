@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "frame/fixed_text.hpp"
+#include "frame/listener.hpp"
 
 namespace zeltocom {
 
@@ -49,6 +50,8 @@ struct s_CommPorts {
 // - Everything else, the chain and the records in it included, belongs to
 //   whoever holds the master's line (LockLine); the descriptor is closed, and
 //   `fd` set to -1, only under it.
+// - A trigger listener reads `fd` and writes `lastResponse` of its master
+//   without the line; taking the line stops and joins it first.
 struct s_CommPort {
   int fd = -1;  // -1 once the port is closed; a chained record copies its master's
   FixedText<254> devicePath;
@@ -79,6 +82,9 @@ struct s_CommPort {
   s_CommPort* busOwner = nullptr;  // who holds this master's line now
   int busState = 1;                // 1: the master holds its line
   std::mutex lineMutex;            // of a master: one exchange at a time
+  // Of a master: waits for the trigger's message. Last, so that it is
+  // stopped before the members its thread uses go.
+  TriggerListener trigger;
 
   // Makes `set` the current adjustment set and forgets what was cached for it.
   void SelectAdjustmentSet(int set);
@@ -93,7 +99,8 @@ struct s_CommPort {
 int FirmwareNumberOf(std::string_view firmwareText);
 
 // Takes the line of `port`'s master: exchanges on one serial line never
-// interleave, and the line is not closed while it is held.
+// interleave, and the line is not closed while it is held. A trigger
+// listener on the line ends first.
 std::unique_lock<std::mutex> LockLine(s_CommPort& port);
 
 // The directly opened ports of the process.

@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cmath>
 #include <utility>
 
@@ -131,15 +132,19 @@ bool LineGoneError(int error) { return error == EIO || error == ENXIO || error =
 // What one look at the line brought.
 struct Intake {
   std::size_t bytes = 0;
-  bool gone = false;  // hung up, unplugged or closed under us
+  bool gone = false;   // hung up, unplugged or closed under us
+  bool woken = false;  // the wake-up descriptor rang; nothing was read
 };
 
-// Waits up to `waitMs` (0: not at all) for input and reads what is there.
-Intake ReadAvailable(int fd, char* buffer, std::size_t size, int waitMs) {
-  pollfd p{fd, POLLIN, 0};
-  const int ready = poll(&p, 1, waitMs);
+// Waits up to `waitMs` (0: not at all, -1: without limit) for input, or for
+// a ring of `wakeFd` when one is given, and reads what is there.
+Intake ReadAvailable(int fd, char* buffer, std::size_t size, int waitMs, int wakeFd = -1) {
+  pollfd both[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+  const int ready = poll(both, wakeFd >= 0 ? 2 : 1, waitMs);
   if (ready < 0) return Intake{0, errno != EINTR};
   if (ready == 0) return {};
+  if (both[1].revents != 0) return Intake{0, false, true};
+  const pollfd& p = both[0];
   if ((p.revents & POLLIN) != 0) {
     const ssize_t n = read(fd, buffer, size);
     if (n > 0) return Intake{static_cast<std::size_t>(n), false};
@@ -342,6 +347,89 @@ int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::stri
   if (trim && !text.empty()) TrimAnswerEnd(text);
   response->elapsedMs = static_cast<int64_t>(elapsed);
   return 1;
+}
+
+namespace {
+
+constexpr double kTriggerQuietMs = 100;
+
+// Empties the wake-up counter: a ring without the abort flag is a stale one.
+void ClearWake(int wakeFd) {
+  uint64_t count = 0;
+  [[maybe_unused]] const ssize_t n = read(wakeFd, &count, sizeof count);
+}
+
+bool TriggerMessageEnded(const AnswerScanner& scan, bool dataExpected, int lineCount) {
+  if (!scan.markerSeen()) return false;
+  return !dataExpected || (lineCount > 0 && scan.lineFeeds() >= lineCount);
+}
+
+// Milliseconds until the line has been quiet long enough after `lastByte`.
+int QuietLeftMs(double lastByte) {
+  return static_cast<int>(std::max(0.0, std::ceil(lastByte + kTriggerQuietMs - WallClockMs())));
+}
+
+bool WaitForTriggerMessage(int fd, int wakeFd, t_comresponse* response,
+                           const std::atomic<bool>& abortFlag, std::string_view terminator,
+                           bool dataExpected, int lineCount) {
+  AnswerScanner scan(terminator);
+  std::string& text = response->data;
+  text.clear();
+  response->elapsedMs = 0;
+  response->syntaxError = false;
+  double lastByte = 0;
+  // The quiet counts once it is seen on two looks in a row.
+  bool quietSeen = false;
+  char chunk[256];
+  for (;;) {
+    int waitMs = -1;  // the trigger may take any time
+    if (!text.empty()) waitMs = quietSeen ? 0 : QuietLeftMs(lastByte);
+    const Intake in = ReadAvailable(fd, chunk, sizeof chunk, waitMs, wakeFd);
+    if (in.gone) throw LineError("Device disconnected");
+    if (in.woken) {
+      ClearWake(wakeFd);
+      if (abortFlag) return false;
+      continue;
+    }
+    const double now = WallClockMs();
+    if (in.bytes == 0) {
+      if (!text.empty() && now - lastByte >= kTriggerQuietMs) {
+        if (quietSeen) break;
+        quietSeen = true;
+      }
+      if (abortFlag) return false;
+      continue;
+    }
+    const std::size_t newFrom = text.size();
+    text.append(chunk, in.bytes);
+    if (text.size() > kMaxAnswerBytes) throw LineError("Answer too long");
+    scan.Scan(text, newFrom);
+    lastByte = now;
+    quietSeen = false;
+    if (scan.syntaxError()) {
+      response->syntaxError = true;
+      break;
+    }
+    if (TriggerMessageEnded(scan, dataExpected, lineCount)) break;
+    if (abortFlag) return false;
+  }
+  response->elapsedMs = static_cast<int64_t>(WallClockMs() - lastByte);
+  TrimAnswerEnd(text);
+  return true;
+}
+
+}  // namespace
+
+bool RS232WaitForExternalCapture(int fd, int wakeFd, t_comresponse* response,
+                                 const std::atomic<bool>& abortFlag, std::string_view terminator,
+                                 bool dataExpected, int lineCount) {
+  try {
+    return WaitForTriggerMessage(fd, wakeFd, response, abortFlag, terminator, dataExpected,
+                                 lineCount);
+  } catch (const std::exception& e) {
+    response->data = e.what();
+    return false;
+  }
 }
 
 void PurgePort(int& fd) {

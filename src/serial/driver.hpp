@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -51,6 +52,17 @@ int RS232SendCommand(int& fd, std::string_view command);
 // gone or the answer grows beyond kMaxAnswerBytes.
 int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::string_view marker,
                      bool trim, bool multiLine = false, int lineCount = 0);
+
+// Waits for the message an instrument sends unasked once its trigger input
+// fired: as long as it takes for the first byte, then until `terminator`
+// (with `dataExpected`, until `lineCount` line feeds as well) or 100 ms of
+// quiet. Sleeps in poll() on the line and on `wakeFd`; a ring of `wakeFd`
+// with `abortFlag` set ends it at once. True when a message ended (its line
+// end trimmed, its syntax-error flag set); false when aborted, or when the
+// line failed (then the text says why).
+bool RS232WaitForExternalCapture(int fd, int wakeFd, t_comresponse* response,
+                                 const std::atomic<bool>& abortFlag, std::string_view terminator,
+                                 bool dataExpected, int lineCount);
 
 void PurgePort(int& fd);
 int RS232_FlushBuffers(int& fd);

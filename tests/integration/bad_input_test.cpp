@@ -114,6 +114,12 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_UserCal_GetAbsIntFactor(name, 1, doubles), -1),
         BAD_CALL(ZeltoCom_UserCal_SetAbsIntFactor(name, 1, 1.0, 1), -1),
         BAD_CALL(ZeltoCom_UserCal_AdjustAbsIntFactor(name, 1, 1.0), -1),
+        // ---- External trigger ----
+        BAD_CALL(ZeltoCom_ExternalTrigger_Enable(name, 1, 0, "XYI", 0, 0, 1), -1),
+        BAD_CALL(ZeltoCom_ExternalTrigger_Disable(name, 1), -1),
+        BAD_CALL(ZeltoCom_ExternalTrigger_Listen(name), -1),
+        BAD_CALL(ZeltoCom_ExternalTrigger_Abort(name), -1),
+        BAD_CALL(ZeltoCom_ExternalTrigger_isFinished(name), -1),
     };
     // A closed port may be opened again and is still available.
     if (name != closed_.c_str()) {
@@ -210,6 +216,10 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_UserCal_SetIntensityGain(open, 1, INT_MIN, 1), -1),
         BAD_CALL(ZeltoCom_UserCal_SetAbsIntFactor(open, 1, HUGE_VAL, 1), -1),
         BAD_CALL(ZeltoCom_UserCal_AdjustAbsIntFactor(open, 1, -HUGE_VAL), -1),
+        // ---- External trigger ----
+        BAD_CALL(ZeltoCom_ExternalTrigger_Enable(open, INT_MIN, 0, "XYI", 0, 0, 1), 0),
+        BAD_CALL(ZeltoCom_ExternalTrigger_Enable(open, 1, 0, noFile, 0, 0, 1), 0),
+        BAD_CALL(ZeltoCom_ExternalTrigger_Enable(open, 1, 0, "XYI", 0, UINT_MAX, 1), 0),
     };
   }
 
@@ -261,6 +271,7 @@ TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
   ZeltoCom_AddDetectionFilter(nullptr);
   ZeltoCom_AddDetectionFilter(long_.c_str());
   ZeltoCom_ClearDetectionFilters();
+  ZeltoCom_ExternalTrigger_Listen_thread(nullptr);
   // An answer nobody wants is still taken and kept.
   EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1);
   EXPECT_EQ(Record(*ports_.back())->lastResponse, "ZS0001");

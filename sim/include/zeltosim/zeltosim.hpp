@@ -148,6 +148,13 @@ class SimPort {
   int countReceived(const std::string& command) const;
   void clearLog();
 
+  // A pulse on the external trigger input of the instrument on the port.
+  // When its trigger is on ("SETEXTERNALCAPTURE<pwm><range>"), it waits
+  // its pre-delay, captures, waits its post-delay and sends unasked its
+  // readings for the output type ("SETEXTERNALOUTPUT<type>"), one line per
+  // fibre, or "OK" (type NONE, and spectrometers). Off, it ignores pulses.
+  void fireTrigger();
+
   // Pulls the plug: the instrument stops and the pseudo-terminal goes away,
   // so the host's side of the line hangs up. For good.
   void unplug();

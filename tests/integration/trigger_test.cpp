@@ -1,0 +1,216 @@
+// The external trigger through the C interface: its set-up commands, a
+// listener's life from Listen to the host's fetch, and every call that ends
+// a listener at any moment.
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "bench.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+class TriggerTest : public SimBench {
+ protected:
+  // The trigger's set-up lines that reached the instrument.
+  static std::vector<std::string> TriggerLines(const zeltosim::SimPort& port) {
+    std::vector<std::string> lines;
+    for (const std::string& line : Sent(port)) {
+      if (line.find("EXTERNAL") != std::string::npos || line.find("TRIGGER") != std::string::npos) {
+        lines.push_back(line);
+      }
+    }
+    return lines;
+  }
+
+  // What isFinished says once the listener has ended (0 after 5 s).
+  static int AwaitEnd(const zeltosim::SimPort& port) {
+    const auto giveUp = Clock::now() + 5s;
+    int state = 0;
+    while ((state = ZeltoCom_ExternalTrigger_isFinished(port.path().c_str())) == 0 &&
+           Clock::now() < giveUp) {
+      std::this_thread::sleep_for(5ms);
+    }
+    return state;
+  }
+
+  static std::string Response(const zeltosim::SimPort& port) {
+    char text[512] = {};
+    EXPECT_EQ(ZeltoCom_GetResponseByPort(port.path().c_str(), text), 1) << LastError();
+    return text;
+  }
+
+  int Enable(const zeltosim::SimPort& port, const char* outputType, int range = 3) {
+    return ZeltoCom_ExternalTrigger_Enable(port.path().c_str(), range, 0, outputType, 0, 0, 1);
+  }
+
+  int Listen(const zeltosim::SimPort& port) {
+    return ZeltoCom_ExternalTrigger_Listen(port.path().c_str());
+  }
+};
+
+TEST_F(TriggerTest, SetUpSendsTheInstrumentsCommandsAndRefusesBadArguments) {
+  zeltosim::SimPort& analyser = OpenPort(Analyser("ZA0001"));
+  zeltosim::SimPort& spectrometer = AddPort(Spectrometer("ZW0001"));
+  Publish();
+  ASSERT_EQ(ZeltoCom_Open(spectrometer.path().c_str(), spectrometer.baud()), 1) << LastError();
+  const char* a = analyser.path().c_str();
+  const char* w = spectrometer.path().c_str();
+  struct Row {
+    zeltosim::SimPort& port;
+    std::function<int()> call;
+    std::string outcome;
+    std::vector<std::string> lines;
+  };
+  const std::vector<Row> rows = {
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 0, 1, " xyi ", 0, 999, 1); }, "1",
+       {"SETEXTERNALCAPTURE16", "SETEXTERNALOUTPUTXYI", "SETTRIGGERPREDELAY001",
+        "SETTRIGGERPOSTDELAY999"}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 5, 0, "None", 5, 0, 0); }, "1",
+       {"PUTEXTERNALCAPTURE05", "PUTEXTERNALOUTPUTNONE", "PUTTRIGGERPREDELAY005",
+        "PUTTRIGGERPOSTDELAY001"}},
+      {spectrometer, [=] { return ZeltoCom_ExternalTrigger_Enable(w, 1, 0, "rgbi", 1000, 65000, 1); },
+       "1",
+       {"SETEXTERNALCAPTURE01", "SETEXTERNALOUTPUTRGBI", "SETTRIGGERPREDELAY1000",
+        "SETTRIGGERPOSTDELAY65000"}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Disable(a, 1); }, "1",
+       {"SETEXTERNALCAPTURE00"}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Disable(a, 0); }, "1",
+       {"PUTEXTERNALCAPTURE00"}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 6, 0, "XYI", 0, 0, 1); },
+       "0: Wrong capture range given", {}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, -1, 0, "XYI", 0, 0, 1); },
+       "0: Wrong capture range given", {}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 1, 0, "XY", 0, 0, 1); },
+       "0: Wrong capture type given", {}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 1, 0, nullptr, 0, 0, 1); },
+       "0: Wrong capture type given", {}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 1, 0, "XYI", 1000, 0, 1); },
+       "0: Wrong pre-delay given", {}},
+      {analyser, [=] { return ZeltoCom_ExternalTrigger_Enable(a, 1, 0, "XYI", 0, 1000, 1); },
+       "0: Wrong post-delay given", {}},
+      {spectrometer, [=] { return ZeltoCom_ExternalTrigger_Enable(w, 1, 0, "XYI", 65001, 0, 1); },
+       "0: Wrong pre-delay given", {}},
+  };
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    rows[i].port.clearLog();
+    EXPECT_EQ(Outcome(rows[i].call()), rows[i].outcome) << "row " << i;
+    EXPECT_EQ(TriggerLines(rows[i].port), rows[i].lines) << "row " << i;
+  }
+
+  // An instrument without a trigger input refuses its commands.
+  analyser.master().setFault(zeltosim::Fault::SyntaxErrorAll);
+  const std::string unavailable =
+      "-1: External Trigger does not seem to be available in your device";
+  EXPECT_EQ(Outcome(Enable(analyser, "XYI")), unavailable);
+  EXPECT_EQ(Outcome(ZeltoCom_ExternalTrigger_Disable(a, 1)), unavailable);
+  EXPECT_EQ(Outcome(Listen(analyser)), unavailable);
+}
+
+TEST_F(TriggerTest, ListeningToADisabledTriggerIsRefused) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  EXPECT_EQ(Outcome(Listen(port)), "0: External Trigger is not enabled");
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(port.path().c_str()), 0);
+}
+
+TEST_F(TriggerTest, AFiredTriggerLeavesTheReadingsForTheHost) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  port.master().setFiber(1, zeltosim::Fiber{0.6, 0.3, 0.1, 500.0});
+  ASSERT_EQ(Outcome(Enable(port, "xyi")), "1");
+  ASSERT_EQ(Outcome(Listen(port)), "1");
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(port.path().c_str()), 0);
+  port.fireTrigger();
+  ASSERT_EQ(AwaitEnd(port), 1) << LastError();
+  const std::string message = Response(port);
+
+  // One "x y I" line per fibre, as the instrument's own queries give them.
+  std::string expected;
+  for (const char* fibre : {"01", "02"}) {
+    ASSERT_EQ(Send(port, (std::string("GETXY") + fibre).c_str()), 1);
+    const std::string xy = answer_;
+    ASSERT_EQ(Send(port, (std::string("GETINTENSITY") + fibre).c_str()), 1);
+    expected += (expected.empty() ? "" : "\r\n") + xy + " " + answer_;
+  }
+  EXPECT_EQ(message, expected);
+}
+
+TEST_F(TriggerTest, WithoutReadingsTheMessageIsOkInBothFramings) {
+  for (const bool eot : {false, true}) {
+    zeltosim::Config config = Analyser(eot ? "ZA0002" : "ZA0001");
+    config.eot = eot;
+    zeltosim::SimPort& port = OpenPort(config);
+    ASSERT_EQ(Outcome(Enable(port, "NONE")), "1");
+    ASSERT_EQ(Outcome(Listen(port)), "1");
+    port.fireTrigger();
+    EXPECT_EQ(AwaitEnd(port), 1) << "eot " << eot << ": " << LastError();
+    EXPECT_EQ(Response(port), "OK") << "eot " << eot;
+  }
+}
+
+TEST_F(TriggerTest, AnAbortedListenerStaysAbortedUntilTheNextListen) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  const char* path = port.path().c_str();
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_Abort(path), 1);  // never listened
+  ASSERT_EQ(Enable(port, "NONE"), 1);
+  ASSERT_EQ(Listen(port), 1);
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_Abort(path), 1);
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(path), -2);
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(path), -2);
+  ASSERT_EQ(Listen(port), 1);
+  port.fireTrigger();
+  EXPECT_EQ(AwaitEnd(port), 1) << LastError();
+}
+
+// Any call that takes the line, made right after Listen, ends the listener
+// at once and finds the port as usable as before.
+TEST_F(TriggerTest, EveryCallOnThePortEndsAListenerAtOnce) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  const std::string path = port.path();
+  ASSERT_EQ(Enable(port, "NONE"), 1);
+  char buffer[64];
+  struct Row {
+    const char* name;
+    std::function<int()> call;
+    bool closes;
+  };
+  const std::vector<Row> rows = {
+      {"Abort", [&] { return ZeltoCom_ExternalTrigger_Abort(path.c_str()); }, false},
+      {"Close", [&] { return ZeltoCom_Close(path.c_str()); }, true},
+      {"CloseAll", [] { return ZeltoCom_CloseAll(); }, true},
+      {"Send", [&] { return ZeltoCom_Send(path.c_str(), "GETSERIAL", buffer); }, false},
+      {"Listen", [&] { return Listen(port); }, false},
+  };
+  for (const Row& row : rows) {
+    for (int i = 0; i < 30; ++i) {
+      port.clearLog();
+      ASSERT_EQ(Listen(port), 1) << row.name << " " << i << ": " << LastError();
+      const auto start = Clock::now();
+      ASSERT_EQ(row.call(), 1) << row.name << " " << i << ": " << LastError();
+      EXPECT_LT(Clock::now() - start, 1s) << row.name << " " << i;
+      if (row.closes) {
+        ASSERT_EQ(ZeltoCom_Open(path.c_str(), port.baud()), 1) << LastError();
+        continue;
+      }
+      // A second Listen neither asks the instrument nor stops the first.
+      const bool stillListening = std::string(row.name) == "Listen";
+      EXPECT_EQ(port.countReceived("GETEXTERNALCAPTURE"), 1) << row.name << " " << i;
+      EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(path.c_str()), stillListening ? 0 : -2)
+          << row.name << " " << i;
+      ASSERT_EQ(Send(port, "GETSERIAL"), 1) << row.name << " " << i << ": " << LastError();
+      EXPECT_STREQ(answer_, "ZA0001");
+    }
+  }
+}
+
+TEST_F(TriggerTest, AnUnpluggedInstrumentFailsTheListener) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  ASSERT_EQ(Enable(port, "XYI"), 1);
+  ASSERT_EQ(Listen(port), 1);
+  port.unplug();
+  EXPECT_EQ(AwaitEnd(port), -1);
+  EXPECT_EQ(ZeltoCom_Close(port.path().c_str()), 1);
+}
+
+}  // namespace
