@@ -5,6 +5,8 @@
 // station would talk to real ones.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -131,6 +133,55 @@ void ShowStation() {
   Check(ZeltoCom_Close_Multi(results.data(), names.data(), n), "ZeltoCom_Close_Multi");
 }
 
+// Arms the trigger input, fires it as a pulse on the instrument's connector
+// would, and shows what the instrument sent unasked.
+void ShowExternalTrigger(zeltosim::SimPort& port) {
+  const char* path = port.path().c_str();
+  std::printf("\nExternal trigger on %s:\n", path);
+  if (!Check(ZeltoCom_ExternalTrigger_Enable(path, 0, 0, "xyi", 10, 10, 0),
+             "ZeltoCom_ExternalTrigger_Enable(auto, XYI, 10 ms, 10 ms)") ||
+      !Check(ZeltoCom_ExternalTrigger_Listen(path), "ZeltoCom_ExternalTrigger_Listen")) {
+    return;
+  }
+  std::printf("  isFinished before the pulse -> %d\n", ZeltoCom_ExternalTrigger_isFinished(path));
+  port.fireTrigger();
+  int state = 0;
+  for (int polls = 0; polls < 500 && state == 0; ++polls) {
+    usleep(10000);
+    state = ZeltoCom_ExternalTrigger_isFinished(path);
+  }
+  std::printf("  isFinished after the pulse  -> %d\n", state);
+  char readings[4096] = "";
+  if (state == 1 && ZeltoCom_GetResponseByPort(path, readings) == 1) {
+    std::printf("  the instrument reported (x y I per fibre):\n");
+    for (const char* line = std::strtok(readings, "\r\n"); line != nullptr;
+         line = std::strtok(nullptr, "\r\n")) {
+      std::printf("    %s\n", line);
+    }
+  }
+  Check(ZeltoCom_ExternalTrigger_Disable(path, 0), "ZeltoCom_ExternalTrigger_Disable");
+}
+
+// Corrects a fibre's intensity gain so that it reads a reference lamp's value.
+void ShowGainAdjustment(const std::string& path, int fibre, int reference) {
+  std::printf("\nIntensity gain of fibre %d on %s, against a reference of %d:\n", fibre,
+              path.c_str(), reference);
+  // Linear intensities, so that the readings compare with the reference as they stand.
+  Ask(path, "PUTLIN");
+  int gain = 0;
+  if (ZeltoCom_UserCal_GetIntensityGain(path.c_str(), fibre, &gain) == 1) {
+    std::printf("  gain before: %d, reading: %s\n", gain, Ask(path, "GETINTENSITY01").c_str());
+  }
+  Check(ZeltoCom_UserCal_AdjustIntensityGain(path.c_str(), fibre, reference),
+        "ZeltoCom_UserCal_AdjustIntensityGain");
+  ZeltoCom_Capture(path.c_str(), 0, 0, 0);
+  if (ZeltoCom_UserCal_GetIntensityGain(path.c_str(), fibre, &gain) == 1) {
+    std::printf("  gain after: %d, reading: %s\n", gain, Ask(path, "GETINTENSITY01").c_str());
+  }
+  Check(ZeltoCom_UserCal_ResetIntensityGain(path.c_str(), fibre),
+        "ZeltoCom_UserCal_ResetIntensityGain");
+}
+
 zeltosim::Config Instrument(const char* serial, const char* hardware, bool eot, int fibres) {
   zeltosim::Config config;
   config.serial = serial;
@@ -179,6 +230,8 @@ int main() {
   ShowAnalyserReadings(analyser.path());
   ShowSpectrometer(spectrometer.path());
   ShowDaisyChain(analyser.path(), {"ZA100001", "ZA100003"});
+  ShowExternalTrigger(second);
+  ShowGainAdjustment(second.path(), 1, 1000);
 
   std::printf("\nClosing:\n");
   Check(ZeltoCom_CloseAll(), "ZeltoCom_CloseAll()");
