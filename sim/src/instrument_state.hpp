@@ -6,10 +6,12 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "sequence.hpp"
 #include "zeltosim/zeltosim.hpp"
 
 namespace zeltosim {
@@ -48,6 +50,7 @@ struct Instrument::State {
   std::string lastCaptureCommand;
   std::chrono::steady_clock::time_point captureEnds{};  // of the last capture
   std::vector<std::string> received;
+  detail::SequenceMemory sequence;
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
 };
@@ -55,6 +58,12 @@ struct Instrument::State {
 namespace detail {
 
 std::string Upper(std::string text);
+
+// A decimal argument of at most `maxDigits` digits within [lo, hi].
+std::optional<long> Number(std::string_view text, size_t maxDigits, long lo, long hi);
+
+// How long a capture whose natural length is `ms` takes on this instrument.
+int CaptureMs(const Instrument::State& st, double ms);
 
 // A message in the instrument's present end-of-transmission mode.
 Message Say(const Instrument::State& st, std::vector<std::string> lines, int delayMs = 0);
