@@ -309,6 +309,8 @@ int GetSweepingPattern(s_CommPort* device, int fiberCount, int mode, int* delays
   std::vector<int> samples(static_cast<std::size_t>(device->sequenceSamples));
   std::optional<std::size_t> reference;
   for (int fiber = 1; fiber <= fiberCount; ++fiber) {
+    // Lines too short to hold a sample leave their place: 0, not the last fibre's.
+    std::ranges::fill(samples, 0);
     const int read = DownloadSequence(device, fiber, kIntensity, IntegerStore(samples.data()));
     if (read != 1) return read;
     const std::vector<Run> runs = PatternOf(device, samples);
