@@ -143,7 +143,8 @@ std::string LineOf(Reading reading, const Fiber& f, bool logarithmic) {
     case Reading::Hsi: return HsiLine(f, logarithmic);
     case Reading::Rgbi: return RgbiText(f, logarithmic);
     case Reading::Cct: return CctLine(f);
-    case Reading::Wavelength: return WavelengthText(f);
+    // With its unit: the host takes lines of three characters or fewer for empty.
+    case Reading::Wavelength: return WavelengthText(f) + " nm";
   }
   return {};
 }
