@@ -230,6 +230,12 @@ TEST_F(SequenceTest, FindTestSettingsMeasuresTheLightItIsGiven) {
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 50, 100, &captureTime, &wait, &samples)),
             "0: Measured 200.00 Hz on fiber 1, outside 50 to 100 Hz");
 
+  zeltosim::Fiber dim;
+  dim.force = zeltosim::Range::UnderRange;
+  port_->master().setFiber(0, dim);
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 100, 125, &captureTime, &wait, &samples)),
+            "0: The light on fiber 1 is under range: nothing to measure");
+
   port_->clearLog();
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 150, 250, &captureTime, &wait, &samples)),
             "-1: No sequence resolves 150 to 250 Hz: it takes 8 samples (of at least 1 ms) per cycle "
