@@ -469,6 +469,64 @@ typedef struct s_CommPort s_CommPort;
 /* Thread body of the listener, started by ZeltoCom_ExternalTrigger_Listen
  * only. */
 ZELTOCOM_API void ZeltoCom_ExternalTrigger_Listen_thread(s_CommPort* port);
+/* ---- Sequences: a burst of equally spaced captures that the instrument
+ * takes by itself, read back per fiber, and what they show of a blinking or
+ * running light. 1 success; 0 an instrument failure or time-out; -1 a
+ * refused argument, an unknown port or a failed write. ---- */
+/* Sets up the burst: StartDelay, CaptureTime and TimeBetweenCaptures 0-999 ms,
+ * SampleCount 1-9999; setMode 1 stores it in the instrument ("SET..."), any
+ * other value only until power-off ("PUT..."). */
+ZELTOCOM_API int ZeltoCom_Sequence_Setup(const char* devPath, unsigned StartDelay,
+                                         unsigned CaptureTime, unsigned TimeBetweenCaptures,
+                                         int SampleCount, int setMode);
+/* Runs the burst on one fiber, or on all with fiber 0, and waits for its end. */
+ZELTOCOM_API int ZeltoCom_Sequence_Capture(const char* devPath, int fiber);
+/* Readouts of one fiber's samples after a sequence capture: each array holds
+ * SampleCount elements; a sample whose line is too short keeps its element. */
+ZELTOCOM_API int ZeltoCom_Sequence_ReadIntensity(const char* devPath, int fiber, int* intensity);
+ZELTOCOM_API int ZeltoCom_Sequence_ReadxyI(const char* devPath, int fiber, float* x, float* y,
+                                           int* intensity);
+ZELTOCOM_API int ZeltoCom_Sequence_ReadHSI(const char* devPath, int fiber, float* hue,
+                                           int* saturation, int* intensity);
+ZELTOCOM_API int ZeltoCom_Sequence_ReadRGBI(const char* devPath, int fiber, unsigned char* red,
+                                            unsigned char* green, unsigned char* blue,
+                                            int* intensity);
+/* The CCT and the second value the instrument reports beside it, as read. */
+ZELTOCOM_API int ZeltoCom_Sequence_ReadCCT(const char* devPath, int fiber, int* CCT,
+                                           float* secondValue);
+ZELTOCOM_API int ZeltoCom_Sequence_ReadWavelength(const char* devPath, int fiber, int* wavelength);
+/* Fixes the intensity (0-99999) at or above which a dark run ends, or at or
+ * below which a lit run ends, for ZeltoCom_Sequence_GetPattern; -1 makes it
+ * automatic again. Nothing is sent. */
+ZELTOCOM_API int ZeltoCom_Sequence_SetPatternThresholdHigh(const char* devPath, int intensity);
+ZELTOCOM_API int ZeltoCom_Sequence_SetPatternThresholdLow(const char* devPath, int intensity);
+/* Cuts SampleCount intensities into runs: *count runs, each with its
+ * duration in ms and its level (maximum lit, minimum dark); the arrays hold
+ * SampleCount entries. */
+ZELTOCOM_API int ZeltoCom_Sequence_GetPattern(const char* devPath, const int* intensities,
+                                              int* count, int* durations, int* levels);
+/* Reads fibers 1 to fiberCount and reduces each one's pattern to a delay, a
+ * duration and a level (mode 1: from its first runs; else from the first
+ * fiber's first run above 0), one entry per fiber. */
+ZELTOCOM_API int ZeltoCom_Sequence_GetSweepingPattern(const char* devPath, int fiberCount,
+                                                      int mode, int* delays, int* durations,
+                                                      int* levels);
+/* Blinking frequency (Hz) and duty cycle (%) of SampleCount intensities, and
+ * the number of complete lit runs; 0 (outputs 0) when no blinking is found. */
+ZELTOCOM_API int ZeltoCom_Sequence_GetFrequency(const char* devPath, const int* intensities,
+                                                float* frequency, float* dutyCycle,
+                                                int* cycleCount);
+/* Finds sequence settings that resolve a light blinking between minFrequency
+ * and maxFrequency Hz on a fiber (at most 125 Hz: 8 samples per cycle of at
+ * least 1 ms), by running a trial sequence (not stored in the instrument) and
+ * measuring it: 1 with the settings for ZeltoCom_Sequence_Setup; 0 when the
+ * light under-ranges or its measured frequency is not in the range (the
+ * error text says what was measured); -1 for a range no sequence can hold. */
+ZELTOCOM_API int ZeltoCom_Sequence_FindTestSettings(const char* devPath, int fiber,
+                                                    float minFrequency, float maxFrequency,
+                                                    unsigned* captureTime,
+                                                    unsigned* timeBetweenCaptures,
+                                                    int* sampleCount);
 
 #ifdef __cplusplus
 }

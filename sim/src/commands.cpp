@@ -49,27 +49,10 @@ bool Fits(Family family, const State& st) {
 
 // ---- argument parsing -------------------------------------------------------
 
-std::optional<long> Number(std::string_view text, size_t maxDigits, long lo, long hi) {
-  if (text.empty() || text.size() > maxDigits) return std::nullopt;
-  long value = 0;
-  for (char c : text) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) return std::nullopt;
-    value = value * 10 + (c - '0');
-  }
-  if (value < lo || value > hi) return std::nullopt;
-  return value;
-}
-
 std::string TwoDigits(int value) {
   char text[16];
   std::snprintf(text, sizeof text, "%02d", value);
   return text;
-}
-
-// How long a capture whose natural length is `ms` takes on this instrument.
-int CaptureMs(const State& st, double ms) {
-  if (st.config.captureMs >= 0) return st.config.captureMs;
-  return static_cast<int>(std::lround(std::min(ms * st.config.captureTimeScale, 1.0e9)));
 }
 
 void CountCapture(State& st, const std::string& line, int ms) {
@@ -265,6 +248,7 @@ std::string LedCaptureResult(const std::vector<Fiber>& fibres) {
 // Takes the fibres' readings; returns how long the capture takes.
 int BeginLedCapture(State& st, const LedCapture& cap, const std::string& line) {
   st.captured = st.config.fibers;
+  st.sequence.current = false;
   const int ms = CaptureMs(st, LedCaptureMs(cap, st.current()));
   CountCapture(st, line, ms);
   return ms;
@@ -299,15 +283,22 @@ Reply Readings(const Call& c, FiberText text) {
   return SayOnce(st, {seen(static_cast<size_t>(*n - 1))});
 }
 
-Reply GetRgbi(const Call& c) { return Readings(c, RgbiText); }
-Reply GetIntensity(const Call& c) { return Readings(c, IntensityText); }
-Reply GetHsi(const Call& c) { return Readings(c, HsiText); }
+// After a sequence capture the readings answer from the sequence's memory.
+Reply SequenceOr(const Call& c, Reading reading, FiberText text) {
+  if (std::optional<Reply> reply = SequenceReadings(c.st, reading, c.arg)) return *reply;
+  return Readings(c, text);
+}
+
+Reply GetRgbi(const Call& c) { return SequenceOr(c, Reading::Rgbi, RgbiText); }
+Reply GetIntensity(const Call& c) { return SequenceOr(c, Reading::Intensity, IntensityText); }
+Reply GetHsi(const Call& c) { return SequenceOr(c, Reading::Hsi, HsiText); }
 Reply GetXy(const Call& c) { return Readings(c, XyText); }
 Reply GetXyi(const Call& c) {
-  return Readings(c, [](const Seen& s) { return XyText(s) + " " + IntensityText(s); });
+  return SequenceOr(c, Reading::XyI,
+                    [](const Seen& s) { return XyText(s) + " " + IntensityText(s); });
 }
-Reply GetCct(const Call& c) { return Readings(c, CctText); }
-Reply GetWavelength(const Call& c) { return Readings(c, WavelengthText); }
+Reply GetCct(const Call& c) { return SequenceOr(c, Reading::Cct, CctText); }
+Reply GetWavelength(const Call& c) { return SequenceOr(c, Reading::Wavelength, WavelengthText); }
 Reply GetRgbExt(const Call& c) { return Readings(c, RgbExtText); }
 Reply GetAbsInt(const Call& c) { return Readings(c, AbsIntText); }
 
@@ -455,6 +446,20 @@ Reply WithLateEot(Reply reply) {
   return reply;
 }
 
+// ---- sequences (handled in sequence.cpp) -------------------------------------------------
+
+Reply SequenceStartDelay(const Call& c) {
+  return SequenceSetting(c.st, &SequenceSetup::startDelayMs, c.arg);
+}
+Reply SequenceCaptureTime(const Call& c) {
+  return SequenceSetting(c.st, &SequenceSetup::captureMs, c.arg);
+}
+Reply SequenceWait(const Call& c) { return SequenceSetting(c.st, &SequenceSetup::waitMs, c.arg); }
+Reply SequenceNumber(const Call& c) { return SequenceSetting(c.st, &SequenceSetup::samples, c.arg); }
+Reply SequenceModeCommand(const Call& c) { return SequenceMode(c.st, c.arg); }
+Reply SequenceChannelCommand(const Call& c) { return SequenceChannel(c.st, c.arg); }
+Reply SequenceCaptureCommand(const Call& c) { return SequenceCapture(c.st); }
+
 // ---- the table ---------------------------------------------------------------------------
 
 constexpr auto E = Match::Exact;
@@ -525,6 +530,18 @@ const std::vector<Command>& Table() {
       {"PUTTRIGGERPREDELAY", P, Any, SetTriggerPreDelay, "PUTTRIGGERPREDELAY<ms>"},
       {"SETTRIGGERPOSTDELAY", P, Any, SetTriggerPostDelay, "SETTRIGGERPOSTDELAY<ms>"},
       {"PUTTRIGGERPOSTDELAY", P, Any, SetTriggerPostDelay, "PUTTRIGGERPOSTDELAY<ms>"},
+      // ---- sequences ----
+      {"SETSEQUENCESTARTDELAY", P, Led, SequenceStartDelay, "SETSEQUENCESTARTDELAY<ms>"},
+      {"PUTSEQUENCESTARTDELAY", P, Led, SequenceStartDelay, "PUTSEQUENCESTARTDELAY<ms>"},
+      {"SETSEQUENCECAPTURE", P, Led, SequenceCaptureTime, "SETSEQUENCECAPTURE<ms>"},
+      {"PUTSEQUENCECAPTURE", P, Led, SequenceCaptureTime, "PUTSEQUENCECAPTURE<ms>"},
+      {"SETSEQUENCEWAIT", P, Led, SequenceWait, "SETSEQUENCEWAIT<ms>"},
+      {"PUTSEQUENCEWAIT", P, Led, SequenceWait, "PUTSEQUENCEWAIT<ms>"},
+      {"SETSEQUENCENUMBER", P, Led, SequenceNumber, "SETSEQUENCENUMBER<n>"},
+      {"PUTSEQUENCENUMBER", P, Led, SequenceNumber, "PUTSEQUENCENUMBER<n>"},
+      {"PUTSEQUENCEMODE", P, Led, SequenceModeCommand, "PUTSEQUENCEMODE<0|1>"},
+      {"PUTSEQUENCECHANNEL", P, Led, SequenceChannelCommand, "PUTSEQUENCECHANNEL<nn>"},
+      {"CS", E, Led, SequenceCaptureCommand, "CS"},
   };
   return table;
 }
@@ -579,6 +596,22 @@ bool JoinBroadcastCapture(Instrument::State& st, std::string_view arg, const std
   if (!cap) return false;
   if (!st.spectrometer) BeginLedCapture(st, *cap, line);
   return true;
+}
+
+std::optional<long> Number(std::string_view text, size_t maxDigits, long lo, long hi) {
+  if (text.empty() || text.size() > maxDigits) return std::nullopt;
+  long value = 0;
+  for (char c : text) {
+    if (!std::isdigit(static_cast<unsigned char>(c))) return std::nullopt;
+    value = value * 10 + (c - '0');
+  }
+  if (value < lo || value > hi) return std::nullopt;
+  return value;
+}
+
+int CaptureMs(const Instrument::State& st, double ms) {
+  if (st.config.captureMs >= 0) return st.config.captureMs;
+  return static_cast<int>(std::lround(std::min(ms * st.config.captureTimeScale, 1.0e9)));
 }
 
 Reply CaptureEndAnswer(Instrument::State& st) {

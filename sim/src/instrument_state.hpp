@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "sequence.hpp"
 #include "zeltosim/zeltosim.hpp"
 
 namespace zeltosim {
@@ -61,6 +62,7 @@ struct Instrument::State {
   std::vector<std::string> received;
   std::vector<UserCalibration> calibration;  // per fibre
   detail::TriggerSetup trigger;
+  detail::SequenceMemory sequence;
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
 };
@@ -68,6 +70,12 @@ struct Instrument::State {
 namespace detail {
 
 std::string Upper(std::string text);
+
+// A decimal argument of at most `maxDigits` digits within [lo, hi].
+std::optional<long> Number(std::string_view text, size_t maxDigits, long lo, long hi);
+
+// How long a capture whose natural length is `ms` takes on this instrument.
+int CaptureMs(const Instrument::State& st, double ms);
 
 // A message in the instrument's present end-of-transmission mode.
 Message Say(const Instrument::State& st, std::vector<std::string> lines, int delayMs = 0);

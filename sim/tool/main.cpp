@@ -97,6 +97,7 @@ int Run(const zeltosim::tool::Options& options) {
   for (const auto& setup : options.ports) {
     auto port = std::make_unique<SimPort>(setup.master, setup.line);
     PrintInstrument(port->master().serial(), port->baud(), port->path(), "");
+    for (const auto& lit : setup.lights) port->master().setLight(lit.fibre - 1, lit.light);
     for (const auto& chained : setup.chained) {
       const auto& added = port->chain(chained);
       PrintInstrument(added.serial(), port->baud(), port->path(), port->master().serial());

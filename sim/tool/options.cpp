@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +25,9 @@ whose trigger is off ignores the pulse.
 
   --port SETTINGS    an instrument on a new pseudo-terminal
   --chain SETTINGS   an instrument daisy-chained behind the last --port
+  --blink FIBRE:HZ:DUTY   the last --port's instrument sees a light blinking
+                     at HZ with DUTY % lit on fibre FIBRE (1-based) during
+                     sequences ("CS"), e.g. --blink 1:5:50
   --station N        makes the last --port (or a default one) a station of N
                      such ports, 1..64; every serial of port n gets n appended
                      two digits wide (ZS000001 becomes ZS00000101, ...)
@@ -102,6 +106,28 @@ double Scale(const std::string& value) {
   if (value.empty() || *end != '\0' || !std::isfinite(x) || x < 0.0)
     Bad("timescale=" + value + ": expected a number >= 0");
   return x;
+}
+
+// "FIBRE:HZ:DUTY" for an instrument of `fibres` fibres.
+FibreLight BlinkFrom(const std::string& value, int fibres) {
+  const size_t first = value.find(':');
+  const size_t second = first == std::string::npos ? first : value.find(':', first + 1);
+  if (second == std::string::npos) Bad("--blink " + value + ": expected FIBRE:HZ:DUTY");
+  const auto number = [&](const std::string& text) {
+    char* end = nullptr;
+    const double x = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !std::isfinite(x))
+      Bad("--blink " + value + ": \"" + text + "\" is no number");
+    return x;
+  };
+  const double hz = number(value.substr(first + 1, second - first - 1));
+  const double duty = number(value.substr(second + 1));
+  if (!(hz > 0.0) || duty < 0.0 || duty > 100.0)
+    Bad("--blink " + value + ": expected HZ above 0 and DUTY from 0 to 100");
+  FibreLight light;
+  light.fibre = static_cast<int>(Integer("--blink fibre", value.substr(0, first), 1, std::max(fibres, 1)));
+  light.light = Light::Blinking(hz, duty);
+  return light;
 }
 
 std::string NonEmpty(const std::string& key, const std::string& value) {
@@ -204,9 +230,10 @@ Options ParseOptions(const std::vector<std::string>& args) {
     if (arg.starts_with("--") && eq != std::string::npos) {
       value = arg.substr(eq + 1);
       arg.resize(eq);
-    } else if (arg == "--port" || arg == "--chain" || arg == "--station") {
+    } else if (arg == "--port" || arg == "--chain" || arg == "--station" || arg == "--blink") {
       if (i + 1 >= args.size())
         Bad(arg == "--station" ? "--station needs its number of ports"
+            : arg == "--blink" ? "--blink needs FIBRE:HZ:DUTY"
                                : arg + " needs its settings (use \"\" for the defaults)");
       value = args[++i];
     }
@@ -219,6 +246,10 @@ Options ParseOptions(const std::vector<std::string>& args) {
     } else if (arg == "--chain") {
       if (options.ports.empty()) Bad("--chain needs a --port before it");
       options.ports.back().chained.push_back(InstrumentFrom(value, ++number, nullptr));
+    } else if (arg == "--blink") {
+      if (options.ports.empty()) Bad("--blink needs a --port before it");
+      PortSetup& port = options.ports.back();
+      port.lights.push_back(BlinkFrom(value, static_cast<int>(port.master.fibers.size())));
     } else if (arg == "--station") {
       if (options.ports.empty()) {
         PortSetup setup;

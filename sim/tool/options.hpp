@@ -8,10 +8,17 @@
 
 namespace zeltosim::tool {
 
+// A light that --blink gives one fibre (1-based) of a port's own instrument.
+struct FibreLight {
+  int fibre = 1;
+  Light light;
+};
+
 struct PortSetup {
   Config master;
   LineOptions line;
   std::vector<Config> chained;
+  std::vector<FibreLight> lights;
   int stationSize = 0;  // > 0: --station made this port that many ports
 };
 

@@ -51,6 +51,8 @@ class BadInputTest : public SimBench {
     char** bufs = bufs_;
     float* floats = floats_;
     double* doubles = doubles_;
+    unsigned char* bytes = bytes_;
+    unsigned* uns = unsigned_;
     const char* open = open_.c_str();
     std::vector<BadCall> calls = {
         BAD_CALL(ZeltoCom_OpenSN(name, 57600), 0, -1),
@@ -120,6 +122,21 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_ExternalTrigger_Listen(name), -1),
         BAD_CALL(ZeltoCom_ExternalTrigger_Abort(name), -1),
         BAD_CALL(ZeltoCom_ExternalTrigger_isFinished(name), -1),
+        // ---- Sequences ----
+        BAD_CALL(ZeltoCom_Sequence_Setup(name, 0, 0, 0, 1, 0), -1),
+        BAD_CALL(ZeltoCom_Sequence_Capture(name, 0), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadIntensity(name, 1, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadxyI(name, 1, floats, floats, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadHSI(name, 1, floats, ints, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadRGBI(name, 1, bytes, bytes, bytes, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadCCT(name, 1, ints, floats), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadWavelength(name, 1, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_SetPatternThresholdHigh(name, 1), -1),
+        BAD_CALL(ZeltoCom_Sequence_SetPatternThresholdLow(name, 1), -1),
+        BAD_CALL(ZeltoCom_Sequence_GetPattern(name, ints, ints, ints, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_GetSweepingPattern(name, 1, 0, ints, ints, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_GetFrequency(name, ints, floats, floats, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_FindTestSettings(name, 1, 1, 2, uns, uns, ints), -1),
     };
     // A closed port may be opened again and is still available.
     if (name != closed_.c_str()) {
@@ -147,6 +164,7 @@ class BadInputTest : public SimBench {
     const char* const* paths = paths_;
     const char* noFile = "/nonexistent/bins.vec";
     const float nan = std::nanf("");
+    unsigned* uns = unsigned_;
     return {
         BAD_CALL(ZeltoCom_Open(closed, -57600), -1),
         BAD_CALL(ZeltoCom_Open(closed, INT_MAX), -1),
@@ -220,6 +238,19 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_ExternalTrigger_Enable(open, INT_MIN, 0, "XYI", 0, 0, 1), 0),
         BAD_CALL(ZeltoCom_ExternalTrigger_Enable(open, 1, 0, noFile, 0, 0, 1), 0),
         BAD_CALL(ZeltoCom_ExternalTrigger_Enable(open, 1, 0, "XYI", 0, UINT_MAX, 1), 0),
+        // ---- Sequences: numbers out of range and missing arrays ----
+        BAD_CALL(ZeltoCom_Sequence_Setup(open, UINT_MAX, 0, 0, 1, 0), -1),
+        BAD_CALL(ZeltoCom_Sequence_Setup(open, 0, 0, 0, INT_MIN, 1), -1),
+        BAD_CALL(ZeltoCom_Sequence_Capture(open, INT_MAX), -1),
+        BAD_CALL(ZeltoCom_Sequence_ReadxyI(open, INT_MIN, nullptr, nullptr, nullptr), -1),
+        BAD_CALL(ZeltoCom_Sequence_SetPatternThresholdLow(open, INT_MIN), -1),
+        BAD_CALL(ZeltoCom_Sequence_GetPattern(open, nullptr, ints, ints, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_GetSweepingPattern(open, INT_MAX, 0, nullptr, ints, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_GetFrequency(open, ints, nullptr, nullptr, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_FindTestSettings(open, 1, nan, 2, uns, uns, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_FindTestSettings(open, 1, 1, HUGE_VALF, uns, uns, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_FindTestSettings(open, 1, 5, 1, uns, uns, ints), -1),
+        BAD_CALL(ZeltoCom_Sequence_FindTestSettings(open, 1, 1, 2, uns, nullptr, ints), -1),
     };
   }
 
@@ -237,12 +268,14 @@ class BadInputTest : public SimBench {
   std::string open_;
   std::string closed_;
   int ints_[4] = {};
-  float floats_[2] = {};
   double doubles_[1] = {};
   char* bufs_[2] = {buffer_, buffer_ + 10000};
   const char* paths_[2] = {};  // the open port, then the closed one
   const std::string long_ = std::string(10000, 'Z');
   char buffer_[20000] = {};
+  float floats_[4] = {};
+  unsigned char bytes_[4] = {};
+  unsigned unsigned_[2] = {};
 };
 
 #undef BAD_CALL

@@ -50,6 +50,25 @@ struct Fiber {
   Range force = Range::Normal;
 };
 
+// The light one fibre sees during a sequence, in linear intensities: `on`
+// for `litMs` at the start of every `periodMs`, `off` for the rest, the
+// first period beginning `delayMs` after the sequence starts (`off` before).
+// A period of 0 is a steady light at `on`.
+struct Light {
+  double on = 1200.0;
+  double off = 0.0;
+  double periodMs = 0.0;
+  double litMs = 0.0;
+  double delayMs = 0.0;
+
+  static Light Steady(double intensity);
+  static Light Blinking(double hz, double dutyPercent, double on = 1200.0, double off = 0.0);
+  // Place `place` (0-based) of `places` fibres lit one after the other for
+  // `dwellMs` each, round after round.
+  static Light Running(int place, int places, double dwellMs, double on = 1200.0,
+                       double off = 0.0);
+};
+
 struct Config {
   std::string serial = "ZS000001";      // "GETSERIAL"
   std::string hardware = "Zelto 05-P";  // "GETHW"; "-W" / "-W2" makes a spectrometer
@@ -188,6 +207,11 @@ class Instrument {
   void setFiber(int index, const Fiber& fiber);  // 0-based
   void setCaptureCondition(const std::string& text);
   void setDarkAnnounces(bool on);
+  // Sequences: the light fibre `index` (0-based) sees; until one is set, a
+  // fibre's samples all show its Fiber's intensity.
+  void setLight(int index, const Light& light);
+  // A light running across all fibres, each lit for `dwellMs` in turn.
+  void setRunningLight(double dwellMs, double on = 1200.0, double off = 0.0);
 
   bool eot() const;
   int adjustmentSet() const;

@@ -1,0 +1,248 @@
+// Sequences through the C interface against simulated analysers: set-up,
+// capture and readouts, pattern and frequency of simulated lights, and the
+// search for test settings.
+#include <functional>
+
+#include "bench.hpp"
+
+namespace {
+
+class SequenceTest : public SimBench {
+ protected:
+  // An analyser of two fibres, open, in linear mode unless told otherwise.
+  const char* Open(bool linear = true) {
+    port_ = &OpenPort(Analyser("ZS0001"));
+    if (linear) {
+      EXPECT_EQ(Send(*port_, "SETLIN"), 1);
+    }
+    port_->clearLog();
+    return port_->path().c_str();
+  }
+
+  // Sets up `samples` captures of `captureMs` and runs them on `fiber`.
+  void Capture(int captureMs, int samples, int fiber = 0) {
+    ASSERT_EQ(Outcome(ZeltoCom_Sequence_Setup(path(), 0, captureMs, 0, samples, 0)), "1");
+    ASSERT_EQ(Outcome(ZeltoCom_Sequence_Capture(path(), fiber)), "1");
+  }
+
+  std::vector<int> Intensities(int fiber, int samples) {
+    std::vector<int> values(samples, 0);
+    EXPECT_EQ(Outcome(ZeltoCom_Sequence_ReadIntensity(path(), fiber, values.data())), "1");
+    return values;
+  }
+
+  const char* path() const { return port_->path().c_str(); }
+
+  zeltosim::SimPort* port_ = nullptr;
+};
+
+struct Refusal {
+  std::string what;
+  std::function<int(const char*)> call;
+  std::string outcome;
+};
+
+}  // namespace
+
+TEST_F(SequenceTest, SetupAndCaptureSendTheirCommands) {
+  const char* p = Open();
+  ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 100, 20, 30, 50, 1), 1);
+  const zeltocom::PortRef record = Record(*port_);
+  EXPECT_EQ(record->sequencePeriod, 50);
+  EXPECT_EQ(record->sequenceTimeout, 3100);
+  ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 0, 0, 0, 1000, 0), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_Capture(p, 0), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 0, 1, 1, 2, 0), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_Capture(p, 2), 1);
+  EXPECT_EQ(Sent(*port_),
+            (std::vector<std::string>{
+                "SETSEQUENCESTARTDELAY100", "SETSEQUENCECAPTURE020", "SETSEQUENCEWAIT030",
+                "SETSEQUENCENUMBER050", "PUTSEQUENCESTARTDELAY000", "PUTSEQUENCECAPTURE000",
+                "PUTSEQUENCEWAIT000", "PUTSEQUENCENUMBER1000", "GETNFIB",
+                "PUTSEQUENCEMODE0", "CS", "PUTSEQUENCESTARTDELAY000", "PUTSEQUENCECAPTURE001",
+                "PUTSEQUENCEWAIT001", "PUTSEQUENCENUMBER002", "PUTSEQUENCEMODE1",
+                "PUTSEQUENCECHANNEL02", "CS"}));
+  EXPECT_EQ(record->sequenceSamples, 2);
+
+  // A refused command stops the set-up and keeps the last one.
+  port_->master().setFault(zeltosim::Fault::SyntaxErrorAll);
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_Setup(p, 0, 5, 0, 9, 0)),
+            "0: Unable to set Initial Capture delay");
+  EXPECT_EQ(record->sequenceSamples, 2);
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_Capture(p, 1)), "0: Unable to set Sequence Mode");
+}
+
+TEST_F(SequenceTest, RefusedArgumentsAndOrderSendNothing) {
+  const char* p = Open();
+  int values[4] = {};
+  const std::vector<Refusal> refusals = {
+      {"capture before set-up", [](const char* d) { return ZeltoCom_Sequence_Capture(d, 1); },
+       "-1: Sequece has not been set up."},
+      {"readout before set-up", [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, values); },
+       "-1: Sequece has not been set up."},
+      {"start delay", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 1000, 0, 0, 1, 0); },
+       "-1: Parameter StartDelay is out of range [0, 999]ms"},
+      {"capture time", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 1000, 0, 1, 0); },
+       "-1: Parameter CaptureTime is out of range [0, 999]ms"},
+      {"wait", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 0, 1000, 1, 0); },
+       "-1: Parameter TimeBetweenCaptures is out of range [0, 999]ms"},
+      {"no samples", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 0, 0, 0, 0); },
+       "-1: Parameter SampleCount is out of range [1, 9999]"},
+      {"too many samples", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 0, 0, 10000, 0); },
+       "-1: Parameter SampleCount is out of range [1, 9999]"},
+      {"threshold", [](const char* d) { return ZeltoCom_Sequence_SetPatternThresholdHigh(d, 100000); },
+       "-1: Intensity value should be in the range [0, 99999] or -1 to disable (auto)"},
+      {"threshold", [](const char* d) { return ZeltoCom_Sequence_SetPatternThresholdLow(d, -2); },
+       "-1: Intensity value should be in the range [0, 99999] or -1 to disable (auto)"},
+  };
+  for (const Refusal& r : refusals) EXPECT_EQ(Outcome(r.call(p)), r.outcome) << r.what;
+  EXPECT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, 99999), 1);
+  EXPECT_EQ(ZeltoCom_Sequence_SetPatternThresholdLow(p, -1), 1);
+
+  ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 0, 1, 0, 4, 0), 1);
+  port_->clearLog();
+  const std::vector<Refusal> afterSetup = {
+      {"capture of fiber 3", [](const char* d) { return ZeltoCom_Sequence_Capture(d, 3); },
+       "-1: Wrong Fiber number!"},
+      {"capture of fiber -1", [](const char* d) { return ZeltoCom_Sequence_Capture(d, -1); },
+       "-1: Wrong Fiber number!"},
+      {"readout of fiber 0", [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 0, values); },
+       "-1: Fiber out of range"},
+      {"readout before capture", [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, values); },
+       "-1: Sequece Capture has not been done yet."},
+      {"no array", [](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, nullptr); },
+       "-1: No buffer given for the result"},
+  };
+  for (const Refusal& r : afterSetup) EXPECT_EQ(Outcome(r.call(p)), r.outcome) << r.what;
+  EXPECT_TRUE(Sent(*port_).empty());
+}
+
+TEST_F(SequenceTest, EachReadoutParsesItsColumns) {
+  const char* p = Open();
+  Capture(5, 3, 1);
+  std::vector<int> intensity(3), second(3), wavelength(3), cct(3), saturation(3);
+  std::vector<float> x(3), y(3), hue(3), other(3);
+  std::vector<unsigned char> r(3), g(3), b(3);
+  ASSERT_EQ(ZeltoCom_Sequence_ReadRGBI(p, 1, r.data(), g.data(), b.data(), intensity.data()), 1);
+  EXPECT_EQ(std::vector<int>({r[2], g[2], b[2], intensity[2]}), (std::vector<int>{77, 128, 51, 1200}));
+  ASSERT_EQ(ZeltoCom_Sequence_ReadxyI(p, 1, x.data(), y.data(), second.data()), 1);
+  EXPECT_FLOAT_EQ(x[0], 0.3288f);
+  EXPECT_FLOAT_EQ(y[0], 0.4232f);
+  EXPECT_EQ(second[0], 1200);
+  ASSERT_EQ(ZeltoCom_Sequence_ReadHSI(p, 1, hue.data(), saturation.data(), intensity.data()), 1);
+  EXPECT_FLOAT_EQ(hue[1], 100.89f);
+  EXPECT_EQ(saturation[1], 40);
+  EXPECT_EQ(intensity[1], 1200);
+  ASSERT_EQ(ZeltoCom_Sequence_ReadCCT(p, 1, cct.data(), other.data()), 1);
+  EXPECT_EQ(cct[0], 5614);
+  EXPECT_FLOAT_EQ(other[0], 0.3288f);
+  ASSERT_EQ(ZeltoCom_Sequence_ReadWavelength(p, 1, wavelength.data()), 1);
+  EXPECT_EQ(wavelength, (std::vector<int>{549, 549, 549}));
+  // Only fiber 1 was captured; an ordinary capture makes single readings current.
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_ReadIntensity(p, 2, intensity.data())),
+            "0: Unexpected error detected while trying to retrieve the test results");
+  ASSERT_EQ(ZeltoCom_Capture(p, 0, 6, 0), 1);
+  EXPECT_EQ(Send(*port_, "GETINTENSITY01"), 1);
+  EXPECT_STREQ(answer_, "1200");
+}
+
+TEST_F(SequenceTest, ShortLinesKeepTheirElementsAndSilenceTimesOut) {
+  const char* p = Open();
+  port_->master().setLight(0, zeltosim::Light::Blinking(25, 50, 1500, 7));  // 20 ms lit, 20 dark
+  Capture(10, 6, 1);
+  std::vector<int> values(6, -1);
+  ASSERT_EQ(ZeltoCom_Sequence_ReadIntensity(p, 1, values.data()), 1);
+  EXPECT_EQ(values, (std::vector<int>{1500, 1500, -1, -1, 1500, 1500}));  // "7" holds no sample
+
+  for (const zeltosim::Fault fault : {zeltosim::Fault::Silent, zeltosim::Fault::Slow}) {
+    port_->master().setSlowDelayMs(2000);  // well past the time-out, even on a loaded machine
+    port_->master().setFault(fault);
+    EXPECT_EQ(Outcome(ZeltoCom_Sequence_ReadIntensity(p, 1, values.data())),
+              "0: Unexpected error detected while trying to retrieve the test results");
+  }
+}
+
+TEST_F(SequenceTest, PatternsOfARunningLight) {
+  const char* p = Open();
+  port_->master().setRunningLight(20);  // fiber 1 lit 0-20 ms, fiber 2 20-40 ms, ...
+  Capture(10, 8);
+  const std::vector<int> first = Intensities(1, 8);
+  int count = 0;
+  std::vector<int> durations(8), levels(8);
+  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()), 1);
+  ASSERT_EQ(count, 4);
+  EXPECT_EQ(durations, (std::vector<int>{20, 20, 20, 20, 0, 0, 0, 0}));
+  EXPECT_EQ(levels, (std::vector<int>{1200, 0, 1200, 0, 0, 0, 0, 0}));
+
+  // A fixed high threshold above every sample leaves one dark run.
+  ASSERT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, 5000), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()), 1);
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(durations[0], 80);
+  ASSERT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, -1), 1);
+
+  int delays[2], lengths[2], lit[2];
+  ASSERT_EQ(ZeltoCom_Sequence_GetSweepingPattern(p, 2, 1, delays, lengths, lit), 1);
+  EXPECT_EQ(std::vector<int>({delays[0], lengths[0], lit[0]}), (std::vector<int>{0, 20, 1200}));
+  EXPECT_EQ(std::vector<int>({delays[1], lengths[1], lit[1]}), (std::vector<int>{20, 20, 1200}));
+}
+
+TEST_F(SequenceTest, FrequencyOfABlinkingLight) {
+  const char* p = Open(false);
+  port_->master().setLight(1, zeltosim::Light::Blinking(10, 30));
+  Capture(5, 80, 2);
+  const std::vector<int> samples = Intensities(2, 80);
+  float frequency = 0, duty = 0;
+  int cycles = 0;
+  ASSERT_EQ(ZeltoCom_Sequence_GetFrequency(p, samples.data(), &frequency, &duty, &cycles), 1);
+  EXPECT_NEAR(frequency, 10.0f, 0.2f);
+  EXPECT_NEAR(duty, 30.0f, 3.0f);
+  EXPECT_EQ(cycles, 3);
+
+  const std::vector<int> steady(80, 900);
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_GetFrequency(p, steady.data(), &frequency, &duty, &cycles)),
+            "0: No blinking found in the sequence");
+  EXPECT_EQ(frequency, 0.0f);
+}
+
+TEST_F(SequenceTest, FindTestSettingsMeasuresTheLightItIsGiven) {
+  const char* p = Open(false);
+  port_->master().setLight(0, zeltosim::Light::Blinking(5, 50));
+  unsigned captureTime = 0, wait = 9;
+  int samples = 0;
+  ASSERT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 2, 10, &captureTime, &wait, &samples)),
+            "1");
+  EXPECT_EQ(std::vector<unsigned>({captureTime, wait}), (std::vector<unsigned>{12, 0}));
+  EXPECT_EQ(samples, 167);
+  EXPECT_EQ(port_->countReceived("PUTSEQUENCENUMBER167"), 1);
+  EXPECT_EQ(port_->countReceived("SETSEQUENCENUMBER167"), 0);
+
+  ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 0, captureTime, wait, samples, 1), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_Capture(p, 1), 1);
+  const std::vector<int> series = Intensities(1, samples);
+  float frequency = 0, duty = 0;
+  int cycles = 0;
+  ASSERT_EQ(ZeltoCom_Sequence_GetFrequency(p, series.data(), &frequency, &duty, &cycles), 1);
+  EXPECT_NEAR(frequency, 5.0f, 0.2f);
+
+  // Too fast for the range: what was measured is named.
+  port_->master().setLight(0, zeltosim::Light::Blinking(200, 50));
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 50, 100, &captureTime, &wait, &samples)),
+            "0: Measured 200.00 Hz on fiber 1, outside 50 to 100 Hz");
+
+  zeltosim::Fiber dim;
+  dim.force = zeltosim::Range::UnderRange;
+  port_->master().setFiber(0, dim);
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 100, 125, &captureTime, &wait, &samples)),
+            "0: The light on fiber 1 is under range: nothing to measure");
+
+  port_->clearLog();
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 150, 250, &captureTime, &wait, &samples)),
+            "-1: No sequence resolves 150 to 250 Hz: it takes 8 samples (of at least 1 ms) per cycle "
+            "of the fastest light, so at most 125 Hz, and 4 cycles of the slowest within 9999 samples");
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 3, 1, 2, &captureTime, &wait, &samples)),
+            "-1: Fiber out of range");
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 1, 2, nullptr, &wait, &samples)),
+            "-1: No buffer given for the result");
+  EXPECT_TRUE(Sent(*port_).empty());
+}
