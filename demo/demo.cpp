@@ -162,12 +162,47 @@ void ShowExternalTrigger(zeltosim::SimPort& port) {
   Check(ZeltoCom_ExternalTrigger_Disable(path, 0), "ZeltoCom_ExternalTrigger_Disable");
 }
 
+// Lets the instrument find sequence settings for a light blinking somewhere
+// between 4 and 10 Hz, runs that sequence and measures the light.
+void ShowSequence(zeltosim::SimPort& port) {
+  const char* path = port.path().c_str();
+  port.master().setLight(0, zeltosim::Light::Blinking(5.0, 30.0));
+  std::printf("\nSequence on fibre 1 of %s (a light blinking at 5 Hz, 30 %% lit):\n", path);
+  unsigned captureTime = 0;
+  unsigned pause = 0;
+  int samples = 0;
+  if (!Check(ZeltoCom_Sequence_FindTestSettings(path, 1, 4.0f, 10.0f, &captureTime, &pause,
+                                                &samples),
+             "ZeltoCom_Sequence_FindTestSettings(4-10 Hz)")) {
+    return;
+  }
+  std::printf("  settings found: %d captures of %u ms, %u ms apart\n", samples, captureTime, pause);
+  if (!Check(ZeltoCom_Sequence_Setup(path, 0, captureTime, pause, samples, 0),
+             "ZeltoCom_Sequence_Setup") ||
+      !Check(ZeltoCom_Sequence_Capture(path, 1), "ZeltoCom_Sequence_Capture(fibre 1)")) {
+    return;
+  }
+  std::vector<int> intensities(static_cast<size_t>(samples), 0);
+  if (!Check(ZeltoCom_Sequence_ReadIntensity(path, 1, intensities.data()),
+             "ZeltoCom_Sequence_ReadIntensity")) {
+    return;
+  }
+  float frequency = 0;
+  float dutyCycle = 0;
+  int cycles = 0;
+  Check(ZeltoCom_Sequence_GetFrequency(path, intensities.data(), &frequency, &dutyCycle, &cycles),
+        "ZeltoCom_Sequence_GetFrequency");
+  std::printf("  %.2f Hz, %.2f %% lit, over %d whole cycles\n", frequency, dutyCycle, cycles);
+  port.master().setLight(0, zeltosim::Light::Steady(800.0));  // the lamp for what follows
+}
+
 // Corrects a fibre's intensity gain so that it reads a reference lamp's value.
 void ShowGainAdjustment(const std::string& path, int fibre, int reference) {
   std::printf("\nIntensity gain of fibre %d on %s, against a reference of %d:\n", fibre,
               path.c_str(), reference);
   // Linear intensities, so that the readings compare with the reference as they stand.
   Ask(path, "PUTLIN");
+  ZeltoCom_Capture(path.c_str(), 0, 0, 0);
   int gain = 0;
   if (ZeltoCom_UserCal_GetIntensityGain(path.c_str(), fibre, &gain) == 1) {
     std::printf("  gain before: %d, reading: %s\n", gain, Ask(path, "GETINTENSITY01").c_str());
@@ -231,6 +266,7 @@ int main() {
   ShowSpectrometer(spectrometer.path());
   ShowDaisyChain(analyser.path(), {"ZA100001", "ZA100003"});
   ShowExternalTrigger(second);
+  ShowSequence(second);
   ShowGainAdjustment(second.path(), 1, 1000);
 
   std::printf("\nClosing:\n");
