@@ -354,19 +354,24 @@ Reply SimPort::Impl::captureEnd(const std::string& text, const std::string& uppe
                          [](State& st) { return detail::CaptureEndAnswer(st); });
 }
 
+// Messages without a delay between them go out in one write, as a UART
+// sends them without a gap.
 void SimPort::Impl::deliver(const Reply& reply) {
   const int rate = currentBaud();
-  for (size_t i = 0; i < reply.messages.size(); ++i) {
-    const detail::Message& message = reply.messages[i];
-    if (!sleepFor(message.delayMs)) return;
-    std::string bytes;
-    for (const std::string& line : message.lines) bytes += line + "\r\n";
-    if (message.eot) bytes += '\x04';
-    // A new rate takes effect as the last answer goes out, so a host that has
-    // read that answer already finds the instrument at the new rate.
-    if (i + 1 == reply.messages.size() && reply.newBaud > 0) setBaud(reply.newBaud);
-    if (!transmit(bytes, rate, reply.byteIntervalMs)) return;
+  std::string pending;
+  for (const detail::Message& message : reply.messages) {
+    if (message.delayMs > 0) {
+      if (!pending.empty() && !transmit(pending, rate, reply.byteIntervalMs)) return;
+      pending.clear();
+      if (!sleepFor(message.delayMs)) return;
+    }
+    for (const std::string& line : message.lines) pending += line + "\r\n";
+    if (message.eot) pending += '\x04';
   }
+  // A new rate takes effect as the last answer goes out, so a host that has
+  // read that answer already finds the instrument at the new rate.
+  if (reply.newBaud > 0) setBaud(reply.newBaud);
+  if (!pending.empty() && !transmit(pending, rate, reply.byteIntervalMs)) return;
   if (reply.endless) babble();
 }
 

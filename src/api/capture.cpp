@@ -165,10 +165,29 @@ int FinishSpectrum(s_CommPort* device, long timeoutMs) {
   return 1;
 }
 
+// What followed the announcement in the same read: the result, when the
+// instrument sent it before the host came to read (a short dark on a busy
+// host).
+std::string AfterAnnouncement(const std::string& text) {
+  constexpr std::string_view kAnnouncement = "ACQUIRING...";
+  const std::size_t at = strtoupper(text).find(kAnnouncement);
+  if (at == std::string::npos) return {};
+  std::string rest = text.substr(at + kAnnouncement.size());
+  const std::size_t result = rest.find_first_not_of("\r\n\x04");
+  return result == std::string::npos ? std::string() : rest.substr(result);
+}
+
+bool EndsAnswer(const s_CommPort* device, const std::string& text) {
+  const std::string_view marker = device->eotFormat.view();
+  return Contains(text, marker.empty() ? std::string_view("\r\n") : marker);
+}
+
 // The instrument announces a dark acquisition before it reports its end.
 int FinishDark(s_CommPort* device, long timeoutMs) {
   t_comresponse answer;
-  RS232WaitForData(device->fd, &answer, 1000, "Acquiring...\r\n", true);
+  RS232WaitForData(device->fd, &answer, 1000, "Acquiring...\r\n", false);
+  const std::string early = AfterAnnouncement(answer.data);
+  TrimAnswerEnd(answer.data);
   if (CheckAnswer(device, answer, timeoutMs) != 1) return 0;
   if (!answer.data.empty() && !Contains(strtoupper(answer.data), "ACQUIRING...")) {
     RS232SendCommand(device->fd, "I");
@@ -177,7 +196,13 @@ int FinishDark(s_CommPort* device, long timeoutMs) {
     SetError(device, "Dark Acquisition not detected");
     return 0;
   }
+  if (!early.empty() && EndsAnswer(device, early)) {
+    answer.data = early;
+    TrimAnswerEnd(answer.data);
+    return CheckAnswer(device, answer, timeoutMs);
+  }
   RS232WaitForData(device->fd, &answer, timeoutMs, device->eotFormat.view(), true);
+  answer.data = early + answer.data;
   return CheckAnswer(device, answer, timeoutMs);
 }
 

@@ -54,7 +54,7 @@ TEST_F(FaultsTest, ABabblingInstrumentIsCutOffAndThenRefused) {
   // It goes on sending: the next command is not even written.
   const auto start = Clock::now();
   EXPECT_EQ(Outcome(Send(port, "GETHW")), "-1: The line does not stop sending");
-  EXPECT_LT(MsSince(start), 5000);
+  EXPECT_LT(MsSince(start), 15000);  // a processor-time limit: generous on a loaded machine
   EXPECT_EQ(port.countReceived("GETHW"), 0);
 
   port.master().setFault(zeltosim::Fault::None);
