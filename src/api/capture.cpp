@@ -1,4 +1,5 @@
 // LED and spectrometer captures.
+#include <algorithm>
 #include <string>
 
 #include "api/capture.hpp"
@@ -177,9 +178,19 @@ std::string AfterAnnouncement(const std::string& text) {
   return result == std::string::npos ? std::string() : rest.substr(result);
 }
 
-bool EndsAnswer(const s_CommPort* device, const std::string& text) {
+// The marker that ends the device's answers.
+std::string_view AnswerMarker(const s_CommPort* device) {
   const std::string_view marker = device->eotFormat.view();
-  return Contains(text, marker.empty() ? std::string_view("\r\n") : marker);
+  return marker.empty() ? std::string_view("\r\n") : marker;
+}
+
+// What of `marker` is still to come after `text`, which may end with the
+// marker's first bytes.
+std::string_view MarkerLeft(std::string_view text, std::string_view marker) {
+  for (std::size_t n = std::min(marker.size() - 1, text.size()); n > 0; --n) {
+    if (text.ends_with(marker.substr(0, n))) return marker.substr(n);
+  }
+  return marker;
 }
 
 // The instrument announces a dark acquisition before it reports its end.
@@ -196,13 +207,14 @@ int FinishDark(s_CommPort* device, long timeoutMs) {
     SetError(device, "Dark Acquisition not detected");
     return 0;
   }
-  if (!early.empty() && EndsAnswer(device, early)) {
+  const std::string_view marker = AnswerMarker(device);
+  if (Contains(early, marker)) {
     answer.data = early;
-    TrimAnswerEnd(answer.data);
-    return CheckAnswer(device, answer, timeoutMs);
+  } else {
+    RS232WaitForData(device->fd, &answer, timeoutMs, MarkerLeft(early, marker), false);
+    answer.data.insert(0, early);
   }
-  RS232WaitForData(device->fd, &answer, timeoutMs, device->eotFormat.view(), true);
-  answer.data = early + answer.data;
+  TrimAnswerEnd(answer.data);
   return CheckAnswer(device, answer, timeoutMs);
 }
 

