@@ -19,8 +19,6 @@ extern std::atomic<int> LA_ResponseTimeout;
 // (the initial value) means the answer's own length.
 extern std::atomic<int> ResponseBufferSize;
 
-// The longest device path a port record holds.
-constexpr std::size_t kMaxPathLength = 253;
 // The longest serial number an instrument reports.
 constexpr std::size_t kMaxSerialLength = 14;
 

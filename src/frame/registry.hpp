@@ -27,6 +27,9 @@ struct FiberSettings {
 
 constexpr int kAdjustmentSets = 99;
 
+// The longest device path a port record holds.
+constexpr std::size_t kMaxPathLength = 253;
+
 struct s_CommPort;
 // Records are shared: a call that found a port keeps it alive while it works,
 // even when another thread closes the port meanwhile.

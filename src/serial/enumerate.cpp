@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "frame/registry.hpp"
 #include "frame/utils.hpp"
 #include "serial/termios2.hpp"
 
@@ -118,7 +119,13 @@ std::vector<std::string> ScanTtyClass(const std::string& ttyClassDir, const std:
 
 std::vector<std::string> EnumSerialPorts() {
   const char* named = std::getenv("ZELTOCOM_PORTS");
-  if (named != nullptr && named[0] != '\0') return SplitNonEmpty(named, ';');
+  if (named != nullptr && named[0] != '\0') {
+    // A path no port record could hold is no port: hosts size their path
+    // buffers for the longest one.
+    std::vector<std::string> paths = SplitNonEmpty(named, ';');
+    std::erase_if(paths, [](const std::string& path) { return path.size() > kMaxPathLength; });
+    return paths;
+  }
   return ScanTtyClass("/sys/class/tty/", "/dev/", HasUartBehind);
 }
 
