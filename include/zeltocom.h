@@ -33,6 +33,9 @@
  * disconnected"; close the port, and open it again when it is back. A line
  * that never stops sending gives "The line does not stop sending", and an
  * answer beyond 1 MiB "Answer too long".
+ *
+ * docs/reference.md documents every function below: each result, the exact
+ * error texts, the buffers and which calls may run at once.
  */
 #ifndef ZELTOCOM_H
 #define ZELTOCOM_H
@@ -52,7 +55,8 @@ extern "C" {
 /* The text of the library's last error; returns `buffer`. */
 ZELTOCOM_API char* ZeltoCom_GetError_Description(char* buffer);
 /* The last error of the open port at `devicePath`, or the library's last
- * error when no such port is open; returns `buffer`. */
+ * error when no such port is open; returns `buffer`. A failure of a chained
+ * instrument that held the line is not among them: read the library's. */
 ZELTOCOM_API char* ZeltoCom_GetError_DescriptionByPort(const char* devicePath, char* buffer);
 /* The same, for the open port whose instrument has `serialNumber`. */
 ZELTOCOM_API char* ZeltoCom_GetError_DescriptionBySN(const char* serialNumber, char* buffer);
@@ -70,8 +74,11 @@ ZELTOCOM_API int ZeltoCom_OpenSN(const char* serialNumber, int baudrate);
 /* Checks that a project file named the device ID `deviceID`; opens nothing.
  * 1 known; -1 otherwise. */
 ZELTOCOM_API int ZeltoCom_OpenID(const char* deviceID);
-/* 1 closed; 0 not open. */
+/* Closes the port with its daisy chain, once the call in progress on it has
+ * ended; a trigger listener ends. 1 closed; 0 not open ("The device path is
+ * not in use"). */
 ZELTOCOM_API int ZeltoCom_Close(const char* devicePath);
+/* The same for the open port whose instrument has `serialNumber`. */
 ZELTOCOM_API int ZeltoCom_CloseSN(const char* serialNumber);
 /* Closes every open port; always 1. */
 ZELTOCOM_API int ZeltoCom_CloseAll(void);
@@ -94,12 +101,14 @@ ZELTOCOM_API int ZeltoCom_GetOpenedPorts(char** paths);
 ZELTOCOM_API int ZeltoCom_GetOpenedPortsS(char* buffer, int separator);
 /* 1 when the last enumeration listed `devicePath`, else 0. */
 ZELTOCOM_API int ZeltoCom_IsPortAvailable(const char* devicePath);
-/* Path of the open port whose instrument has `serialNumber`: 1, or -1. */
+/* Path of the open port whose instrument has `serialNumber` (254 bytes): 1,
+ * or -1. Nothing is sent. */
 ZELTOCOM_API int ZeltoCom_GetPortBySN(char* devicePath, const char* serialNumber);
-/* Serial number of the instrument on the open port `devicePath`: 1, or -1. */
+/* Serial number of the instrument on the open port `devicePath` (15 bytes):
+ * 1, or -1. Nothing is sent. */
 ZELTOCOM_API int ZeltoCom_GetSNByPort(char* serialNumber, const char* devicePath);
-/* Path of the project device `deviceID`, or "" when unknown; returns
- * `devicePath`. */
+/* Path of the project device `deviceID` (254 bytes), or "" when unknown;
+ * returns `devicePath`. */
 ZELTOCOM_API char* ZeltoCom_GetPortByID(const char* deviceID, char* devicePath);
 /* The rate the open port `devicePath` works at, or 0 on failure. */
 ZELTOCOM_API int ZeltoCom_GetBaudrate(const char* devicePath);
@@ -116,9 +125,14 @@ ZELTOCOM_API int ZeltoCom_GetDeviceType(const char* devicePath, char* category);
  * instrument holding the line of `devicePath` and copies its answer into
  * `response` (may be null; room for the whole answer). "BUSGET<serial>" and
  * "BUSFREE" hand the line of a daisy chain over. 1 answer received; 0
- * "Timeout" or "Syntax error"; -1 port not open or write failed. */
+ * "Timeout", "Syntax error" or an answer cut to the response buffer size; -1
+ * no command, port not open or write failed. The time-out is that of
+ * ZeltoCom_SetResponseTimeout, counted from the last byte received. */
 ZELTOCOM_API int ZeltoCom_Send(const char* devicePath, const char* command, char* response);
+/* ZeltoCom_Send to the open port whose own instrument has `serialNumber`. */
 ZELTOCOM_API int ZeltoCom_SendSN(const char* serialNumber, const char* command, char* response);
+/* ZeltoCom_Send to the port of the project device `deviceID` (whichever
+ * instrument holds its line answers); -1 "ID not found". */
 ZELTOCOM_API int ZeltoCom_SendByID(const char* deviceID, const char* command, char* response);
 /* Thread body: stores the result of ZeltoCom_Send in `*result`, returns it. */
 ZELTOCOM_API int ZeltoCom_Send_Multi_Thread(int* result, const char* devicePath,
@@ -169,7 +183,8 @@ ZELTOCOM_API int ZeltoCom_DaisyChain_Del(const char* devicePath, const char* ser
 ZELTOCOM_API int ZeltoCom_DaisyChain_Clear(const char* devicePath);
 /* Hands the line to the instrument with `serialNumber` (the port's own serial
  * number addresses the port's instrument) and sends `command` to it, as
- * ZeltoCom_Send. The line stays with that instrument. */
+ * ZeltoCom_Send, except that a port not open gives 0. The line stays with
+ * that instrument. */
 ZELTOCOM_API int ZeltoCom_DaisyChain_Send(const char* devicePath, const char* serialNumber,
                                           const char* command, char* response);
 /* Starts a capture on the port's instrument and every chained analyser at
@@ -189,8 +204,10 @@ ZELTOCOM_API int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath,
                                                       const char* serialNumber, int pwm,
                                                       int manualExposure, float exposure);
 /* Copies the last answer received on the port (whichever instrument of its
- * chain gave it; "" when none) into `buffer` (room for it whole, or cut to
- * ZeltoCom_SetResponseBufferSize). 1, or 0 on failure. */
+ * chain gave it, or a finished trigger listener's message; "" when none) into
+ * `buffer` (room for it whole, or cut to ZeltoCom_SetResponseBufferSize). 1,
+ * or 0 on failure. Ends a running trigger listener, like any call that uses
+ * the port. */
 ZELTOCOM_API int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer);
 
 /* ---- Project and bin files ---- */
@@ -266,6 +283,7 @@ ZELTOCOM_API int ZeltoCom_OpenSN_Multi(int* returnValues, const char* const* ser
                                        int nPorts, int baudrate);
 /* Closes the listed ports at once: 1 all closed, 0 if any was not open. */
 ZELTOCOM_API int ZeltoCom_Close_Multi(int* returnValues, const char* const* devicePaths, int nPorts);
+/* The same by serial number. */
 ZELTOCOM_API int ZeltoCom_CloseSN_Multi(int* returnValues, const char* const* serialNumbers,
                                         int nPorts);
 /* Thread body: stores the result of ZeltoCom_Open in `*result`, returns it. */
@@ -288,6 +306,7 @@ ZELTOCOM_API int ZeltoCom_Send_Multi_NR(int* returnValues, const char* devicePat
 /* `command` to every open port, in the order of ZeltoCom_GetOpenedPorts; one
  * result and one response buffer per open port. */
 ZELTOCOM_API int ZeltoCom_SendToAll(int* returnValues, const char* command, char* const* responses);
+/* The same without response buffers: answers are kept per port only. */
 ZELTOCOM_API int ZeltoCom_SendToAll_NR(int* returnValues, const char* command);
 /* Thread body of ZeltoCom_SendToAll: as ZeltoCom_Send_Multi_Thread. */
 ZELTOCOM_API int ZeltoCom_SendToAll_Thread(int* result, const char* devicePath,
@@ -333,6 +352,7 @@ ZELTOCOM_API int ZeltoCom_Detect_Thread(int* result, const char* devicePath, int
  * whose "GETHW" answer, upper-cased, equals a filter, and answered within
  * 180 ms. No filter keeps every instrument. */
 ZELTOCOM_API void ZeltoCom_AddDetectionFilter(const char* filter);
+/* Removes every filter: later detections keep every instrument. */
 ZELTOCOM_API void ZeltoCom_ClearDetectionFilters(void);
 /* The enumerated ports, without probing, into portsList[0], [1], ... (at
  * least 8 buffers, the first 8 emptied first); their number, 0 if none. */
@@ -481,8 +501,11 @@ ZELTOCOM_API int ZeltoCom_Sequence_Setup(const char* devPath, unsigned StartDela
                                          int SampleCount, int setMode);
 /* Runs the burst on one fiber, or on all with fiber 0, and waits for its end. */
 ZELTOCOM_API int ZeltoCom_Sequence_Capture(const char* devPath, int fiber);
-/* Readouts of one fiber's samples after a sequence capture: each array holds
- * SampleCount elements; a sample whose line is too short keeps its element. */
+/* Readouts of one fiber's samples after a sequence capture ("GETINTENSITY",
+ * "GETxyI", "GETHSI", "GETRGBI", "GETCCT", "GETWAVELENGTH" with the fiber):
+ * each array holds SampleCount elements; a sample whose line is too short
+ * keeps its element. -1 before a set-up or a sequence capture, for a fiber
+ * the instrument lacks or a null array; 0 when the answer was late. */
 ZELTOCOM_API int ZeltoCom_Sequence_ReadIntensity(const char* devPath, int fiber, int* intensity);
 ZELTOCOM_API int ZeltoCom_Sequence_ReadxyI(const char* devPath, int fiber, float* x, float* y,
                                            int* intensity);
