@@ -10,7 +10,8 @@ from pathlib import Path
 
 import zeltocom
 
-ZELTOSIM = os.environ.get("ZELTOSIM") or str(Path(__file__).resolve().parents[2] / "build" / "zeltosim")
+ZELTOSIM = (os.environ.get("ZELTOSIM")
+            or str(Path(__file__).resolve().parents[2] / "build" / "zeltosim"))
 
 
 class Simulator:

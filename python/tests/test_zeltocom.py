@@ -1,4 +1,3 @@
-import os
 import unittest
 
 import zeltocom
@@ -72,7 +71,7 @@ class InstrumentTest(unittest.TestCase):
 
     def test_sequence_measures_a_blinking_light(self) -> None:
         with Instrument(self.blinking) as analyser:
-            settings = analyser.sequence_find_settings(1, 2.0, 10.0)
+            settings = analyser.sequence_find_settings(1, 4.0, 10.0)
             analyser.sequence_setup(settings.capture_time, settings.sample_count,
                                     settings.time_between_captures)
             analyser.sequence_capture(1)

@@ -93,8 +93,8 @@ def _candidates() -> list[str]:
     if override:
         return [override]
     here = Path(__file__).resolve().parent
-    found = [str(path) for path in (here / "libzeltocom.so", here / f"libzeltocom.so.{LIBRARY_MAJOR}")
-             if path.exists()]
+    beside = (here / "libzeltocom.so", here / f"libzeltocom.so.{LIBRARY_MAJOR}")
+    found = [str(path) for path in beside if path.exists()]
     system = ctypes.util.find_library("zeltocom")
     if system:
         found.append(system)

@@ -98,15 +98,16 @@ class Instrument:
     def spectrometer_capture(self, exposure: Optional[float] = None, pwm: bool = False) -> None:
         """A spectrometer capture; `exposure` in ms, None lets the instrument
         choose."""
-        self._check(lib().ZeltoCom_SpectrometerCapture(self._path, int(pwm), int(exposure is not None),
-                                                       exposure or 0.0),
-                    "ZeltoCom_SpectrometerCapture")
+        self._spectrometer("ZeltoCom_SpectrometerCapture", exposure, pwm)
 
     def spectrometer_dark(self, exposure: Optional[float] = None, pwm: bool = False) -> None:
         """A spectrometer's dark reference; arguments as spectrometer_capture."""
-        self._check(lib().ZeltoCom_SpectrometerDark(self._path, int(pwm), int(exposure is not None),
-                                                    exposure or 0.0),
-                    "ZeltoCom_SpectrometerDark")
+        self._spectrometer("ZeltoCom_SpectrometerDark", exposure, pwm)
+
+    def _spectrometer(self, call: str, exposure: Optional[float], pwm: bool) -> None:
+        manual = exposure is not None
+        function = getattr(lib(), call)
+        self._check(function(self._path, int(pwm), int(manual), exposure if manual else 0.0), call)
 
     # ---- daisy chain ----
 
@@ -224,9 +225,9 @@ class Instrument:
         samples = self._samples_of(intensities)
         frequency, duty = ctypes.c_float(0), ctypes.c_float(0)
         cycles = ctypes.c_int(0)
-        self._check(lib().ZeltoCom_Sequence_GetFrequency(self._path, samples, ctypes.byref(frequency),
-                                                         ctypes.byref(duty), ctypes.byref(cycles)),
-                    "ZeltoCom_Sequence_GetFrequency")
+        self._check(lib().ZeltoCom_Sequence_GetFrequency(
+            self._path, samples, ctypes.byref(frequency), ctypes.byref(duty), ctypes.byref(cycles)),
+            "ZeltoCom_Sequence_GetFrequency")
         return Blinking(frequency.value, duty.value, cycles.value)
 
     def sequence_find_settings(self, fiber: int, min_hz: float, max_hz: float) -> SequenceSettings:
