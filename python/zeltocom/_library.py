@@ -80,6 +80,8 @@ class ZeltoComError(Exception):
     library's error text, `result` the call's result code (0 or -1, None
     where the failure is this package's own)."""
 
+    __module__ = "zeltocom"
+
     def __init__(self, text: str, result: Optional[int] = None,
                  port: Optional[str] = None) -> None:
         super().__init__(text)
@@ -110,12 +112,16 @@ def _load() -> ctypes.CDLL:
         except OSError as error:
             tried.append(f"{candidate} ({error})")
             continue
+        missing = [name for name in _PROTOTYPES if not hasattr(library, name)]
+        if missing:
+            tried.append(f"{candidate} (lacks {', '.join(missing)})")
+            continue
         for name, (restype, argtypes) in _PROTOTYPES.items():
             function = getattr(library, name)
             function.restype = restype
             function.argtypes = argtypes
         return library
-    raise ZeltoComError("libzeltocom.so not found; set ZELTOCOM_LIBRARY to its path. Tried: "
+    raise ZeltoComError("No usable libzeltocom.so; set ZELTOCOM_LIBRARY to its path. Tried: "
                         + "; ".join(tried))
 
 

@@ -21,6 +21,7 @@ class Instrument:
         self._path = encode(path, "device path")
         self._chained: list[str] = []
         self._samples: Optional[int] = None
+        self._open = False
         check(lib().ZeltoCom_Open(self._path, baud), "ZeltoCom_Open", self.path)
         self._open = True
 
