@@ -40,7 +40,9 @@ def detect(filters: Iterable[str] = (), baud: int = 0) -> list[str]:
     """The enumerated ports that hold an instrument, found by opening each
     at once and closing it again. `filters` (category words such as
     "analyser" or model texts) keep only those instruments; they replace
-    the process's detection filters for this call."""
+    the process's detection filters, and none are left afterwards."""
+    if isinstance(filters, str):
+        filters = [filters]
     count = max(lib().ZeltoCom_EnumPorts(), 0)
     buffer = ctypes.create_string_buffer(PATH_BYTES * (2 * count + 16))
     lib().ZeltoCom_ClearDetectionFilters()
