@@ -66,12 +66,9 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "ZeltoCom maintainers <maintainers@zeltocom.example>"
     CACHE STRING "Maintainer field of the Debian package")
-# The shlibs file and the ldconfig trigger for libzeltocom.so.N.
+# Dependencies from dpkg-shlibdeps; the shlibs file and the ldconfig trigger
+# for libzeltocom.so.N. Both need the programs `file` and `dpkg-shlibdeps`
+# (Debian packages file and dpkg-dev).
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-find_program(ZELTOCOM_DPKG_SHLIBDEPS dpkg-shlibdeps)
-if(ZELTOCOM_DPKG_SHLIBDEPS)
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-else()
-  set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1")
-endif()
 include(CPack)
