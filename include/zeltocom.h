@@ -40,6 +40,8 @@
 #ifndef ZELTOCOM_H
 #define ZELTOCOM_H
 
+#include "zeltocom_version.h"
+
 #if defined(__GNUC__)
 #define ZELTOCOM_API __attribute__((visibility("default")))
 #else
@@ -89,7 +91,8 @@ ZELTOCOM_API int ZeltoCom_CloseSN_Multi_Thread(int* result, const char* serialNu
 
 /* ---- Ports and the library ---- */
 
-/* Writes the library version ("v3.0.0"; at least 7 bytes). */
+/* Writes the loaded library's version, "v" followed by its
+ * ZELTOCOM_VERSION_STRING (at least 7 bytes). */
 ZELTOCOM_API void ZeltoCom_GetLibraryVersion(char* buffer);
 /* Lists the machine's serial ports afresh (or the paths in the environment
  * variable ZELTOCOM_PORTS, separated by ';'); returns their number. */

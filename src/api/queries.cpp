@@ -14,6 +14,10 @@ using namespace zeltocom;
 
 namespace {
 
+constexpr char kVersionText[] = "v" ZELTOCOM_VERSION_STRING;
+// Hosts are promised that 7 bytes hold the version text.
+static_assert(sizeof kVersionText <= 7, "the version text outgrew its documented buffer");
+
 // The open ports to list into `buffer`, after the checks shared by the
 // listings; empty, with the error text set, when there is nothing to list or
 // nowhere to list it.
@@ -50,7 +54,7 @@ extern "C" {
 
 void ZeltoCom_GetLibraryVersion(char* buffer) {
   Guarded(0, [&] {
-    CopyOut(buffer, "v3.0.0");
+    CopyOut(buffer, kVersionText);
     return 0;
   });
 }

@@ -28,7 +28,7 @@ int main(void) {
   setenv("ZELTOCOM_PORTS", "/dev/null", 1);
 
   ZeltoCom_GetLibraryVersion(text);
-  expect_text("version", text, "v3.0.0");
+  expect_text("version", text, "v" ZELTOCOM_VERSION_STRING);
   expect_int("enumerate", ZeltoCom_EnumPorts(), 1);
   expect_int("available", ZeltoCom_IsPortAvailable("/dev/null"), 1);
   expect_int("invalid rate", ZeltoCom_Open("/dev/null", 1234), -1);

@@ -1,0 +1,38 @@
+#!/bin/sh
+# The examples against a simulated station of two analysers, as the README
+# runs them: each ends well, the station capture reads both ports, and the
+# trigger example reports the pulse fired while it waits and measures the
+# light that blinks at 5 Hz.
+#   run_examples.sh ZELTOSIM EXAMPLES_DIRECTORY
+set -eu
+sim=$1
+dir=$2
+work=$(mktemp -d)
+"$sim" --port serial=ZE000001,fibers=2 --blink 1:5:50 --station 2 </dev/null >"$work/sim" 2>&1 &
+simpid=$!
+trap 'kill $simpid 2>/dev/null; rm -rf "$work"' EXIT
+
+# Waits up to 30 s for a line matching $2 in the file $1.
+await() {
+  tries=0
+  until grep -q "$2" "$1"; do
+    tries=$((tries + 1))
+    if [ $tries -gt 300 ]; then echo "no \"$2\" in $1:"; cat "$1"; exit 1; fi
+    sleep 0.1
+  done
+}
+await "$work/sim" '^ZELTOCOM_PORTS='
+export "$(grep '^ZELTOCOM_PORTS=' "$work/sim")"
+
+"$dir/example_open_send"
+"$dir/example_station_capture" | tee "$work/station"
+[ "$(grep -c 'ZE0000010[12] *1 ' "$work/station")" -eq 2 ]
+
+"$dir/example_trigger_sequence" >"$work/trigger" &
+example=$!
+await "$work/trigger" '^waiting'
+kill -USR1 $simpid
+wait $example
+cat "$work/trigger"
+grep -q '^triggered' "$work/trigger"
+grep -q '^blinking at 5.00 Hz' "$work/trigger"
