@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "device/command.hpp"
 #include "device/identify.hpp"
@@ -125,14 +127,21 @@ std::string WithDecimalPoint(std::string text) {
 }
 
 std::string FormatExponential(double value) {
-  std::string text = WithDecimalPoint(StringPrintf("%0.5E", value));
+  const std::string text = WithDecimalPoint(StringPrintf("%0.5E", value));
   const std::size_t e = text.find('E');
   if (e == std::string::npos) return text;  // not a number, or infinite
-  if (e + 1 == text.size() || (text[e + 1] != '+' && text[e + 1] != '-')) text.insert(e + 1, "+");
-  std::string exponent = text.substr(e + 2);
-  if (exponent.size() < 2) exponent.insert(0, "0");
-  if (exponent.size() > 2) exponent = exponent.substr(exponent.size() - 2);
-  return text.substr(0, e + 2) + exponent;
+  std::string_view exponent = std::string_view(text).substr(e + 1);
+  char sign = '+';
+  if (!exponent.empty() && (exponent.front() == '+' || exponent.front() == '-')) {
+    sign = exponent.front();
+    exponent.remove_prefix(1);
+  }
+  // Exactly two digits: a lone one padded, longer ones cut to their last two.
+  std::string result = text.substr(0, e + 1);
+  result += sign;
+  if (exponent.size() < 2) result += '0';
+  result += exponent.substr(exponent.size() > 2 ? exponent.size() - 2 : 0);
+  return result;
 }
 
 }  // namespace zeltocom
