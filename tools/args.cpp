@@ -94,9 +94,7 @@ long Args::Whole(const std::string& name, long fallback, long min, long max) con
   return Has(name) ? ParseWhole(Value(name), name, min, max) : fallback;
 }
 
-int Args::Baud() const {
-  return static_cast<int>(Whole("--baud", 0, 0, 100'000'000));
-}
+int Args::Baud() const { return static_cast<int>(Whole("--baud", 0, 0, 100'000'000)); }
 
 long ParseWhole(const std::string& text, const std::string& what, long min, long max) {
   char* end = nullptr;

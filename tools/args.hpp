@@ -33,9 +33,9 @@ struct Command {
   std::string name;
   std::string operands;  // "PORT COMMAND..."
   int minOperands;
-  int maxOperands;  // -1: any number
-  std::string brief;    // one line, for the list of commands
-  std::string summary;  // for the command's --help
+  int maxOperands;              // -1: any number
+  std::string brief;            // one line, for the list of commands
+  std::string summary;          // for the command's --help
   std::vector<Option> options;  // --json and --help come with every command
   Handler run;
 };

@@ -21,9 +21,8 @@ int RunBin(const Args& args) {
                                ? static_cast<std::size_t>(status.st_size) + 1
                                : 256;
   std::vector<char> name(std::max<std::size_t>(room, 256), '\0');
-  const int result = ZeltoCom_Binning_GetBinFromVECFile(file.c_str(), name.data(),
-                                                        static_cast<float>(x),
-                                                        static_cast<float>(y));
+  const int result = ZeltoCom_Binning_GetBinFromVECFile(
+      file.c_str(), name.data(), static_cast<float>(x), static_cast<float>(y));
   if (result == -1) UsageError(file + ": " + LastError());
   const Json bin = result == 1 ? Json(std::string(name.data())) : Json();
   if (args.json()) {
@@ -37,11 +36,16 @@ int RunBin(const Args& args) {
 }  // namespace
 
 Command BinCommand() {
-  return {"bin", "VECFILE X Y", 3, 3, "the bin of a chromaticity point",
+  return {"bin",
+          "VECFILE X Y",
+          3,
+          3,
+          "the bin of a chromaticity point",
           "Names the first bin of the bin file VECFILE (.vec) that holds the chromaticity\n"
           "point X, Y. A point in no bin is no failure: the answer is \"(in no bin)\", in\n"
           "JSON a null bin.",
-          {}, RunBin};
+          {},
+          RunBin};
 }
 
 }  // namespace cli

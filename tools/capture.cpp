@@ -28,9 +28,15 @@ const std::vector<Reading>& Readings() {
 }
 
 std::vector<Column> ReadingColumns(Column first) {
-  return {first,          {"fibre", "FIBRE"},      {"x", "X"},
-          {"y", "Y"},     {"intensity", "INTENSITY"}, {"wavelength", "NM"},
-          {"cct", "CCT"}, {"red", "R"},            {"green", "G"},
+  return {first,
+          {"fibre", "FIBRE"},
+          {"x", "X"},
+          {"y", "Y"},
+          {"intensity", "INTENSITY"},
+          {"wavelength", "NM"},
+          {"cct", "CCT"},
+          {"red", "R"},
+          {"green", "G"},
           {"blue", "B"}};
 }
 
@@ -51,6 +57,20 @@ Json FibreReadings(int fibre, const std::vector<Answer>& answers) {
   return row;
 }
 
+// The rows of one instrument's fibres, from `first` on; each goes into the
+// table too, under `key` = `name`. A failed reading makes `status` a failure.
+Json FibreRows(const std::vector<std::vector<Answer>>& answers, int first, Table& table,
+               const std::string& key, const std::string& name, int& status) {
+  Json rows = Json::MakeArray();
+  for (std::size_t f = 0; f < answers.size(); ++f) {
+    Json row = FibreReadings(first + static_cast<int>(f), answers[f]);
+    if (!row.Get("error").IsNull()) status = kFailure;
+    rows.Push(row);
+    table.Add(row.Set(key, name));
+  }
+  return rows;
+}
+
 struct CaptureSettings {
   int pwm;
   int range;
@@ -58,8 +78,8 @@ struct CaptureSettings {
 };
 
 CaptureSettings Settings(const Args& args) {
-  CaptureSettings settings{args.Has("--pwm") ? 1 : 0,
-                           static_cast<int>(args.Whole("--range", 0, 0, 6)), {0, 0}};
+  CaptureSettings settings{
+      args.Has("--pwm") ? 1 : 0, static_cast<int>(args.Whole("--range", 0, 0, 6)), {0, 0}};
   if (args.Has("--fibers")) settings.fibres = ParseSpan(args.Value("--fibers"), "--fibers", 1, 99);
   return settings;
 }
@@ -76,6 +96,34 @@ std::pair<int, int> FibresToRead(const CaptureSettings& settings, int count,
     UsageError("--fibers: " + where + " has " + std::to_string(count) + " fibres");
   }
   return {static_cast<int>(settings.fibres.first), static_cast<int>(settings.fibres.second)};
+}
+
+// Each reading of each fibre is asked of all ports that captured at once:
+// answers[port][fibre - first fibre][reading].
+std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
+    const std::vector<std::string>& paths, const std::vector<std::pair<int, int>>& fibres,
+    const std::vector<int>& captured) {
+  Progress progress("reading the fibres");
+  std::vector<std::vector<std::vector<Answer>>> answers(paths.size());
+  int lastFibre = 0;
+  for (const auto& span : fibres) lastFibre = std::max(lastFibre, span.second);
+  for (int fibre = 1; fibre <= lastFibre; ++fibre) {
+    std::vector<std::size_t> asked;
+    std::vector<std::string> askedPaths;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (captured[i] == 1 && fibre >= fibres[i].first && fibre <= fibres[i].second) {
+        asked.push_back(i);
+        askedPaths.push_back(paths[i]);
+      }
+    }
+    if (asked.empty()) continue;
+    for (const std::size_t i : asked) answers[i].emplace_back();
+    for (const Reading& reading : Readings()) {
+      const std::vector<Answer> got = SendToEach(askedPaths, FibreCommand(reading.command, fibre));
+      for (std::size_t k = 0; k < asked.size(); ++k) answers[asked[k]].back().push_back(got[k]);
+    }
+  }
+  return answers;
 }
 
 int RunCapture(const Args& args) {
@@ -98,55 +146,40 @@ int RunCapture(const Args& args) {
     ZeltoCom_CaptureFromAll(results.data(), settings.pwm, settings.range, 0);
   }
 
-  // Each reading is asked of all ports at once; answers[port][fibre][reading].
-  std::vector<std::vector<std::vector<Answer>>> answers(paths.size());
-  const int lastFibre = std::max_element(fibres.begin(), fibres.end(), [](auto a, auto b) {
-                          return a.second < b.second;
-                        })->second;
-  for (int fibre = 1; fibre <= lastFibre; ++fibre) {
-    std::vector<std::string> asked;
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      const bool wanted = fibre >= fibres[i].first && fibre <= fibres[i].second;
-      if (results[i] == 1 && wanted) asked.push_back(paths[i]);
-    }
-    if (asked.empty()) continue;
-    std::vector<std::vector<Answer>> perPort(asked.size());
-    for (const Reading& reading : Readings()) {
-      const std::vector<Answer> got = SendToEach(asked, FibreCommand(reading.command, fibre));
-      for (std::size_t k = 0; k < asked.size(); ++k) perPort[k].push_back(got[k]);
-    }
-    for (std::size_t k = 0; k < asked.size(); ++k) {
-      const auto port = std::find(paths.begin(), paths.end(), asked[k]) - paths.begin();
-      answers[static_cast<std::size_t>(port)].push_back(perPort[k]);
-    }
-  }
+  const auto answers = ReadAtOnce(paths, fibres, results);
 
   int status = kSuccess;
   Json ports = Json::MakeArray();
   Table table(ReadingColumns({"port", "PORT"}));
   for (std::size_t i = 0; i < paths.size(); ++i) {
     Json port = Json::MakeObject().Set("path", paths[i]).Set("serial", SerialOf(paths[i]));
-    Json readings = Json::MakeArray();
     if (results[i] != 1) {
       const std::string error = PortError(paths[i]);
       port.Set("error", error);
       std::fprintf(stderr, "zeltocom capture: %s: %s\n", paths[i].c_str(), error.c_str());
       status = kFailure;
     }
-    for (std::size_t f = 0; f < answers[i].size(); ++f) {
-      Json row = FibreReadings(fibres[i].first + static_cast<int>(f), answers[i][f]);
-      if (!row.Get("error").IsNull()) status = kFailure;
-      readings.Push(row);
-      table.Add(row.Set("port", paths[i]));
-    }
-    ports.Push(port.Set("fibres", readings));
+    port.Set("fibres", FibreRows(answers[i], fibres[i].first, table, "port", paths[i], status));
+    ports.Push(port);
   }
-  if (args.json()) {
-    PrintJson(Json::MakeObject().Set("ports", ports));
-  } else {
-    table.Print();
-  }
+  PrintResult(args.json(), Json::MakeObject().Set("ports", ports), table);
   return status;
+}
+
+// The first fibre read of a chained instrument, and each fibre's answers.
+std::pair<int, std::vector<std::vector<Answer>>> ReadChained(const std::string& path,
+                                                             const std::string& serial,
+                                                             const CaptureSettings& settings) {
+  const int count = FibreCount(ChainSend(path, serial, "GETNFIB"), serial);
+  const auto [first, last] = FibresToRead(settings, count, serial);
+  std::vector<std::vector<Answer>> answers;
+  for (int fibre = first; fibre <= last; ++fibre) {
+    std::vector<Answer>& fibreAnswers = answers.emplace_back();
+    for (const Reading& reading : Readings()) {
+      fibreAnswers.push_back(ChainSend(path, serial, FibreCommand(reading.command, fibre)));
+    }
+  }
+  return {first, answers};
 }
 
 int RunChain(const Args& args) {
@@ -156,6 +189,8 @@ int RunChain(const Args& args) {
   std::vector<std::string> serials = {SerialOf(path)};
   for (std::size_t i = 1; i < args.operands().size(); ++i) {
     const std::string& serial = args.operands()[i];
+    // The port's own instrument (which the library accepts) is read once.
+    if (std::find(serials.begin(), serials.end(), serial) != serials.end()) continue;
     if (ZeltoCom_DaisyChain_Add(path.c_str(), serial.c_str()) != 1) {
       Failure(serial + ": " + PortError(path));
     }
@@ -168,30 +203,23 @@ int RunChain(const Args& args) {
   }
   if (captured != 1) Failure(path + ": " + PortError(path));
 
+  std::vector<std::pair<int, std::vector<std::vector<Answer>>>> answers;
+  {
+    Progress progress("reading the instruments");
+    for (const std::string& serial : serials) {
+      answers.push_back(ReadChained(path, serial, settings));
+    }
+  }
   int status = kSuccess;
   Json instruments = Json::MakeArray();
   Table table(ReadingColumns({"serial", "SERIAL"}));
-  for (const std::string& serial : serials) {
-    const int count = FibreCount(ChainSend(path, serial, "GETNFIB"), serial);
-    const auto [first, last] = FibresToRead(settings, count, serial);
-    Json readings = Json::MakeArray();
-    for (int fibre = first; fibre <= last; ++fibre) {
-      std::vector<Answer> answers;
-      for (const Reading& reading : Readings()) {
-        answers.push_back(ChainSend(path, serial, FibreCommand(reading.command, fibre)));
-      }
-      Json row = FibreReadings(fibre, answers);
-      if (!row.Get("error").IsNull()) status = kFailure;
-      readings.Push(row);
-      table.Add(row.Set("serial", serial));
-    }
-    instruments.Push(Json::MakeObject().Set("serial", serial).Set("fibres", readings));
+  for (std::size_t i = 0; i < serials.size(); ++i) {
+    const auto& [first, fibres] = answers[i];
+    Json rows = FibreRows(fibres, first, table, "serial", serials[i], status);
+    instruments.Push(Json::MakeObject().Set("serial", serials[i]).Set("fibres", rows));
   }
-  if (args.json()) {
-    PrintJson(Json::MakeObject().Set("port", path).Set("instruments", instruments));
-  } else {
-    table.Print();
-  }
+  PrintResult(args.json(), Json::MakeObject().Set("port", path).Set("instruments", instruments),
+              table);
   return status;
 }
 
@@ -202,19 +230,29 @@ Option FibersOption() {
 }  // namespace
 
 Command CaptureCommand() {
-  return {"capture", "PORT...", 1, -1, "capture on several ports at once, print the readings",
+  return {"capture",
+          "PORT...",
+          1,
+          -1,
+          "capture on several ports at once, print the readings",
           "Opens the LED analysers on the PORTs, captures on all of them at once and\n"
           "prints each fibre's readings: chromaticity x and y, intensity, dominant\n"
           "wavelength (nm), colour temperature (K) and the red, green and blue shares.",
-          {RangeOption(), PwmOption(), FibersOption(), BaudOption()}, RunCapture};
+          {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
+          RunCapture};
 }
 
 Command ChainCommand() {
-  return {"chain", "PORT SERIAL...", 2, -1, "capture on a daisy chain, print every instrument's readings",
+  return {"chain",
+          "PORT SERIAL...",
+          2,
+          -1,
+          "capture on a daisy chain, print every instrument's readings",
           "Opens the instrument on PORT, adds the instruments with the SERIAL numbers\n"
           "daisy-chained behind it, captures on the whole chain at once and prints every\n"
           "instrument's readings, the one on PORT first.",
-          {RangeOption(), PwmOption(), FibersOption(), BaudOption()}, RunChain};
+          {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
+          RunChain};
 }
 
 }  // namespace cli

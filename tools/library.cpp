@@ -62,7 +62,8 @@ void OpenPorts(const std::vector<std::string>& paths, int baud) {
   int result = 0;
   {
     Progress progress("opening " + std::to_string(paths.size()) + " ports");
-    result = ZeltoCom_Open_Multi(results.data(), names.data(), static_cast<int>(names.size()), baud);
+    result =
+        ZeltoCom_Open_Multi(results.data(), names.data(), static_cast<int>(names.size()), baud);
   }
   if (result == 1) return;
   // The library's text is that of the first port that failed.
@@ -99,8 +100,8 @@ std::vector<Answer> SendToEach(const std::vector<std::string>& paths, const std:
   const std::vector<const char*> names = Pointers(paths);
   const std::vector<const char*> commands(paths.size(), command.c_str());
   std::vector<int> results(paths.size(), 0);
-  ZeltoCom_Send_Multi(results.data(), names.data(), static_cast<int>(names.size()),
-                      commands.data(), responses.data());
+  ZeltoCom_Send_Multi(results.data(), names.data(), static_cast<int>(names.size()), commands.data(),
+                      responses.data());
   std::vector<Answer> answers;
   for (std::size_t i = 0; i < paths.size(); ++i) {
     answers.push_back(Outcome(results[i], responses[i], paths[i]));

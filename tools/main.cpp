@@ -22,12 +22,13 @@ const std::vector<Command>& Commands() {
 std::string Overview() {
   char version[32] = "";
   ZeltoCom_GetLibraryVersion(version);
-  std::string text = "Usage: zeltocom COMMAND [ARGUMENTS] [--json]\n\n"
-                     "Drives LED analysers and spectrometers through ZeltoCom " +
-                     std::string(version) +
-                     ".\n"
-                     "The library sees the ports listed in ZELTOCOM_PORTS (\"path1;path2\") when it is set.\n\n"
-                     "Commands:\n";
+  std::string text =
+      "Usage: zeltocom COMMAND [ARGUMENTS] [--json]\n\n"
+      "Drives LED analysers and spectrometers through ZeltoCom " +
+      std::string(version) +
+      ".\n"
+      "The library sees the ports listed in ZELTOCOM_PORTS (\"path1;path2\") when it is set.\n\n"
+      "Commands:\n";
   for (const Command& command : Commands()) {
     std::string usage = "  " + command.name + " " + command.operands;
     usage.resize(std::max<std::size_t>(usage.size() + 2, 26), ' ');

@@ -35,10 +35,19 @@ void Table::Print() const {
 
 void PrintJson(const Json& document) { std::fputs(document.Dump().c_str(), stdout); }
 
+void PrintResult(bool json, const Json& document, const Table& table) {
+  if (json) {
+    PrintJson(document);
+  } else {
+    table.Print();
+  }
+}
+
 bool StdoutIsTerminal() { return isatty(STDOUT_FILENO) == 1; }
 
 Progress::Progress(std::string what)
-    : what_(std::move(what)), start_(std::chrono::steady_clock::now()),
+    : what_(std::move(what)),
+      start_(std::chrono::steady_clock::now()),
       watcher_([this] { Watch(); }) {}
 
 Progress::~Progress() {

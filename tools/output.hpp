@@ -30,6 +30,8 @@ class Table {
 
 // Writes the document to stdout.
 void PrintJson(const Json& document);
+// The document with --json, else the table.
+void PrintResult(bool json, const Json& document, const Table& table);
 
 bool StdoutIsTerminal();
 

@@ -24,7 +24,8 @@ struct PathBuffers {
   }
   std::vector<std::string> First(int count) const {
     std::vector<std::string> paths;
-    for (int i = 0; i < count && i < static_cast<int>(storage.size()); ++i) paths.emplace_back(storage[static_cast<std::size_t>(i)].data());
+    for (int i = 0; i < count && i < static_cast<int>(storage.size()); ++i)
+      paths.emplace_back(storage[static_cast<std::size_t>(i)].data());
     return paths;
   }
   std::vector<std::vector<char>> storage;
@@ -79,11 +80,7 @@ int RunPorts(const Args& args) {
     row.Set("in_use", pid != 0 ? "yes, pid " + std::to_string(pid) + " " + ProcessName(pid) : "no");
     table.Add(row);
   }
-  if (args.json()) {
-    PrintJson(Json::MakeObject().Set("ports", ports));
-  } else {
-    table.Print();
-  }
+  PrintResult(args.json(), Json::MakeObject().Set("ports", ports), table);
   return kSuccess;
 }
 
@@ -119,32 +116,40 @@ int RunDetect(const Args& args) {
   const std::vector<std::string> paths = detected.First(found);
   if (!paths.empty()) OpenPorts(paths, baud);
   Json instruments = Json::MakeArray();
-  Table table({{"path", "PORT"}, {"serial", "SERIAL"}, {"baud", "BAUD"}, {"model", "MODEL"},
+  Table table({{"path", "PORT"},
+               {"serial", "SERIAL"},
+               {"baud", "BAUD"},
+               {"model", "MODEL"},
                {"type", "TYPE"}});
   for (const std::string& path : paths) {
     const Json row = Identity(path);
     instruments.Push(row);
     table.Add(row);
   }
-  if (args.json()) {
-    PrintJson(Json::MakeObject().Set("instruments", instruments));
-  } else {
-    table.Print();
-  }
+  PrintResult(args.json(), Json::MakeObject().Set("instruments", instruments), table);
   return kSuccess;
 }
 
 }  // namespace
 
 Command PortsCommand() {
-  return {"ports", "", 0, 0, "the serial ports, and which are in use",
+  return {"ports",
+          "",
+          0,
+          0,
+          "the serial ports, and which are in use",
           "Lists the serial ports (those of ZELTOCOM_PORTS when it is set) and, for each,\n"
           "whether a process holds it open through ZeltoCom. Opens nothing.",
-          {}, RunPorts};
+          {},
+          RunPorts};
 }
 
 Command DetectCommand() {
-  return {"detect", "", 0, 0, "the instruments that answer: serial, rate, model",
+  return {"detect",
+          "",
+          0,
+          0,
+          "the instruments that answer: serial, rate, model",
           "Probes every port at once and lists the instruments that answer: path, serial\n"
           "number, rate, model and family. A filter keeps only the models of a family\n"
           "word (analyser, ICT, spectrometer, ...) or one model text (\"Zelto 05-P\").",

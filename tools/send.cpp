@@ -35,7 +35,12 @@ Json Connection(const std::string& path) {
       .Set("baud", ZeltoCom_GetBaudrate(path.c_str()));
 }
 
-Json Exchange(const std::string& command, const Answer& answer) {
+Answer Exchange(const std::string& path, const std::string& command) {
+  Progress progress("waiting for the answer to " + command);
+  return Send(path, command);
+}
+
+Json Record(const std::string& command, const Answer& answer) {
   Json exchange = Json::MakeObject().Set("command", command);
   if (answer.ok()) return exchange.Set("answer", answer.text);
   return exchange.Set("error", answer.error);
@@ -56,8 +61,8 @@ int RunSend(const Args& args) {
   int status = kSuccess;
   for (std::size_t i = 1; i < args.operands().size() && status == kSuccess; ++i) {
     const std::string& command = args.operands()[i];
-    const Answer answer = Send(path, command);
-    exchanges.Push(Exchange(command, answer));
+    const Answer answer = Exchange(path, command);
+    exchanges.Push(Record(command, answer));
     if (answer.ok() && !args.json()) PrintAnswer(answer);
     if (!answer.ok()) {
       std::fprintf(stderr, "zeltocom send: %s: %s\n", command.c_str(), answer.error.c_str());
@@ -136,8 +141,8 @@ int RunShell(const Args& args) {
     if (command.empty()) continue;
     quit = IsQuit(command);
     if (quit) break;
-    const Answer answer = Send(path, command);
-    exchanges.Push(Exchange(command, answer));
+    const Answer answer = Exchange(path, command);
+    exchanges.Push(Record(command, answer));
     if (!answer.ok()) {
       std::fprintf(stderr, "%s\n", answer.error.c_str());
       status = kFailure;
@@ -153,19 +158,29 @@ int RunShell(const Args& args) {
 }  // namespace
 
 Command SendCommand() {
-  return {"send", "PORT COMMAND...", 2, -1, "send commands, print the answers",
+  return {"send",
+          "PORT COMMAND...",
+          2,
+          -1,
+          "send commands, print the answers",
           "Opens the instrument on PORT, sends each COMMAND (\"GETSERIAL\", \"GETxy01\", ...)\n"
           "in turn and prints each answer. Stops at the first command that fails.",
-          {BaudOption(), TimeoutOption()}, RunSend};
+          {BaudOption(), TimeoutOption()},
+          RunSend};
 }
 
 Command ShellCommand() {
-  return {"shell", "PORT", 1, 1, "an interactive session with an instrument",
+  return {"shell",
+          "PORT",
+          1,
+          1,
+          "an interactive session with an instrument",
           "An interactive session with the instrument on PORT: each line typed is sent\n"
           "as a command and its answer printed. Line editing and history (kept in\n"
           "~/.zeltocom_history) on a terminal; lines from a pipe are sent as they come.\n"
           "quit, exit or end of input ends it; the status is 1 when any command failed.",
-          {BaudOption(), TimeoutOption()}, RunShell};
+          {BaudOption(), TimeoutOption()},
+          RunShell};
 }
 
 }  // namespace cli

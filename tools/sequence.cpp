@@ -121,9 +121,9 @@ int RunSequence(const Args& args) {
   float hz = 0;
   float duty = 0;
   int cycles = 0;
-  const bool blinking = args.Has("--frequency") &&
-                        ZeltoCom_Sequence_GetFrequency(path.c_str(), intensities.data(), &hz,
-                                                       &duty, &cycles) == 1;
+  const bool blinking =
+      args.Has("--frequency") &&
+      ZeltoCom_Sequence_GetFrequency(path.c_str(), intensities.data(), &hz, &duty, &cycles) == 1;
   if (args.Has("--frequency")) {
     document.Set("frequency_hz", blinking ? Json(hz) : Json())
         .Set("duty_cycle_percent", blinking ? Json(duty) : Json())
@@ -151,7 +151,11 @@ int RunSequence(const Args& args) {
 }  // namespace
 
 Command SequenceCommand() {
-  return {"sequence", "PORT", 1, 1, "a sequence on one fibre: pattern, frequency, duty cycle",
+  return {"sequence",
+          "PORT",
+          1,
+          1,
+          "a sequence on one fibre: pattern, frequency, duty cycle",
           "Runs a sequence (a burst of equally spaced captures) on one fibre of the\n"
           "analyser on PORT, reads its intensities and prints their pattern: the lit\n"
           "and dark runs with their start, duration and level. --frequency adds the\n"

@@ -1,7 +1,7 @@
 // The zeltocom tool as a user runs it: a child process against simulated
 // instruments, judged by its output, its JSON and its exit status.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -32,7 +32,7 @@ struct Outcome {
 // Runs the tool with ZELTOCOM_PORTS = `ports` and `input` on its stdin; a
 // run that outlasts 60 s is killed (and fails the status checks).
 Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
-         const std::string& input = "") {
+             const std::string& input = "") {
   std::vector<std::string> env = {"ZELTOCOM_PORTS=" + ports};
   for (char** e = environ; *e != nullptr; ++e) {
     if (std::strncmp(*e, "ZELTOCOM_PORTS=", 15) != 0) env.emplace_back(*e);
@@ -145,7 +145,8 @@ class FlatJson {
         R"(true|false|null|-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?)");
     std::smatch match;
     const auto from = s_.begin() + static_cast<long>(i_);
-    if (!std::regex_search(from, s_.end(), match, literal, std::regex_constants::match_continuous)) {
+    if (!std::regex_search(from, s_.end(), match, literal,
+                           std::regex_constants::match_continuous)) {
       return false;
     }
     values_[path] = match.str();
@@ -199,16 +200,23 @@ std::string Ports(const std::vector<const zeltosim::SimPort*>& ports) {
 TEST(ToolUsage, HelpListsEverySubcommandAndBadUsageIsStatus2) {
   const Outcome overview = Tool({"--help"});
   EXPECT_EQ(overview.status, 0);
-  for (const char* name : {"ports", "detect", "send", "shell", "capture", "chain", "sequence", "bin"}) {
+  for (const char* name :
+       {"ports", "detect", "send", "shell", "capture", "chain", "sequence", "bin"}) {
     EXPECT_NE(overview.out.find(std::string("\n  ") + name + " "), std::string::npos) << name;
     const Outcome help = Tool({name, "--help"});
     EXPECT_EQ(help.status, 0) << name;
     EXPECT_EQ(help.out.rfind(std::string("Usage: zeltocom ") + name, 0), 0u) << name;
   }
-  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
-           {}, {"frob"}, {"send", "/dev/null"}, {"capture", "--range", "9", "/dev/null"},
-           {"capture", "--fibers", "3-1", "/dev/null"}, {"sequence", "/dev/null"},
-           {"detect", "--bogus"}, {"bin", "a.vec", "x", "0.3"}, {"ports", "extra"}}) {
+  for (const std::vector<std::string>& bad :
+       std::vector<std::vector<std::string>>{{},
+                                             {"frob"},
+                                             {"send", "/dev/null"},
+                                             {"capture", "--range", "9", "/dev/null"},
+                                             {"capture", "--fibers", "3-1", "/dev/null"},
+                                             {"sequence", "/dev/null"},
+                                             {"detect", "--bogus"},
+                                             {"bin", "a.vec", "x", "0.3"},
+                                             {"ports", "extra"}}) {
     const Outcome run = Tool(bad);
     EXPECT_EQ(run.status, 2) << ::testing::PrintToString(bad);
     EXPECT_FALSE(run.err.empty());
@@ -314,7 +322,8 @@ TEST(ToolInstruments, CaptureReadsEveryPortAndNamesTheOneThatFailed) {
   EXPECT_FALSE(json.has("/ports/1/fibres/2/fibre"));
   EXPECT_NEAR(std::stod(json["/ports/1/fibres/1/x"]), 0.33, 0.05);
 
-  const Outcome mixed = Tool({"capture", first.path(), spectrometer.path(), "--fibers", "1"}, ports);
+  const Outcome mixed =
+      Tool({"capture", first.path(), spectrometer.path(), "--fibers", "1"}, ports);
   EXPECT_EQ(mixed.status, 1);
   EXPECT_NE(mixed.out.find(first.path() + "  1"), std::string::npos) << mixed.out;
   EXPECT_NE(mixed.err.find(spectrometer.path()), std::string::npos) << mixed.err;
@@ -336,9 +345,9 @@ TEST(ToolInstruments, ChainReadsEveryInstrument) {
 TEST(ToolInstruments, SequenceMeasuresABlinkingLight) {
   zeltosim::SimPort port(Analyser("ZT000001"));
   port.master().setLight(0, zeltosim::Light::Blinking(5.0, 50.0));
-  const Outcome run = Tool({"sequence", port.path(), "--fiber", "1", "--frequency", "--samples", "120",
-                        "--json"},
-                       Ports({&port}));
+  const Outcome run =
+      Tool({"sequence", port.path(), "--fiber", "1", "--frequency", "--samples", "120", "--json"},
+           Ports({&port}));
   ASSERT_EQ(run.status, 0) << run.err;
   const FlatJson json(run.out);
   ASSERT_TRUE(json.valid()) << run.out;
