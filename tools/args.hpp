@@ -51,7 +51,6 @@ class Args {
   // number of operands; --help skips the operand check.
   Args(const Command& command, const std::vector<std::string>& words);
 
-  const Command& command() const { return command_; }
   const std::vector<std::string>& operands() const { return operands_; }
   bool Has(const std::string& name) const { return values_.count(name) > 0; }
   bool json() const { return Has("--json"); }

@@ -52,6 +52,10 @@ void OpenPort(const std::string& path, int baud) {
     Progress progress("opening " + path);
     result = ZeltoCom_Open(path.c_str(), baud);
   }
+  Require(result, path);
+}
+
+void Require(int result, const std::string& path) {
   if (result == 1) return;
   throw Stop{result == -1 ? kUsage : kFailure, path + ": " + PortError(path)};
 }

@@ -20,6 +20,10 @@ struct Answer {
 std::string LastError();
 std::string PortError(const std::string& path);
 
+// Nothing for a result of 1; else ends with the library's error text for
+// `path`, as bad usage for -1 (a refused argument).
+void Require(int result, const std::string& path);
+
 // Opens `path`, searching the rate when `baud` is 0. A refused rate is bad
 // usage, any other failure an instrument's.
 void OpenPort(const std::string& path, int baud);

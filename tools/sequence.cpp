@@ -17,13 +17,9 @@ struct SequenceSettings {
   int samples = 0;
 };
 
-// Ends with the library's error text; a refused argument is bad usage.
-void Check(int result, const std::string& path) {
-  if (result == 1) return;
-  throw Stop{result == -1 ? kUsage : kFailure, path + ": " + PortError(path)};
-}
-
-SequenceSettings ChooseSettings(const Args& args, const std::string& path, int fibre) {
+// The settings the options give; with --find only the start delay, and the
+// frequency span the instrument is to find the rest for.
+SequenceSettings GivenSettings(const Args& args, std::pair<float, float>& find) {
   SequenceSettings settings;
   settings.startDelay = static_cast<unsigned>(args.Whole("--delay", 0, 0, 999));
   if (!args.Has("--find")) {
@@ -38,13 +34,8 @@ SequenceSettings ChooseSettings(const Args& args, const std::string& path, int f
   const std::string span = args.Value("--find");
   const std::size_t dash = span.find('-');
   if (dash == std::string::npos) UsageError("--find: expected MIN-MAX in Hz, got '" + span + "'");
-  const double low = ParseNumber(span.substr(0, dash), "--find");
-  const double high = ParseNumber(span.substr(dash + 1), "--find");
-  Progress progress("finding settings for " + span + " Hz");
-  Check(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fibre, static_cast<float>(low),
-                                           static_cast<float>(high), &settings.captureTime,
-                                           &settings.pause, &settings.samples),
-        path);
+  find = {static_cast<float>(ParseNumber(span.substr(0, dash), "--find")),
+          static_cast<float>(ParseNumber(span.substr(dash + 1), "--find"))};
   return settings;
 }
 
@@ -81,24 +72,32 @@ int RunSequence(const Args& args) {
   const std::string& path = args.operands().front();
   if (!args.Has("--fiber")) UsageError("--fiber N is needed");
   const int fibre = static_cast<int>(args.Whole("--fiber", 1, 1, 99));
+  std::pair<float, float> find{0, 0};
+  SequenceSettings settings = GivenSettings(args, find);
   OpenPort(path, args.Baud());
-  const SequenceSettings settings = ChooseSettings(args, path, fibre);
-  Check(ZeltoCom_Sequence_Setup(path.c_str(), settings.startDelay, settings.captureTime,
-                                settings.pause, settings.samples, 0),
-        path);
+  if (args.Has("--find")) {
+    Progress progress("finding the settings");
+    Require(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fibre, find.first, find.second,
+                                               &settings.captureTime, &settings.pause,
+                                               &settings.samples),
+            path);
+  }
+  Require(ZeltoCom_Sequence_Setup(path.c_str(), settings.startDelay, settings.captureTime,
+                                  settings.pause, settings.samples, 0),
+          path);
   {
     Progress progress("sequence of " + std::to_string(settings.samples) + " captures");
-    Check(ZeltoCom_Sequence_Capture(path.c_str(), fibre), path);
+    Require(ZeltoCom_Sequence_Capture(path.c_str(), fibre), path);
   }
   const std::size_t count = static_cast<std::size_t>(settings.samples);
   std::vector<int> intensities(count, 0);
-  Check(ZeltoCom_Sequence_ReadIntensity(path.c_str(), fibre, intensities.data()), path);
+  Require(ZeltoCom_Sequence_ReadIntensity(path.c_str(), fibre, intensities.data()), path);
   int runs = 0;
   std::vector<int> durations(count, 0);
   std::vector<int> levels(count, 0);
-  Check(ZeltoCom_Sequence_GetPattern(path.c_str(), intensities.data(), &runs, durations.data(),
-                                     levels.data()),
-        path);
+  Require(ZeltoCom_Sequence_GetPattern(path.c_str(), intensities.data(), &runs, durations.data(),
+                                       levels.data()),
+          path);
 
   Json document = Json::MakeObject().Set("port", path).Set("serial", SerialOf(path));
   document.Set("fibre", fibre)
