@@ -51,7 +51,7 @@ class Json {
 };
 
 // `text` as a JSON string literal, quotes included. Bytes that are not UTF-8
-// (an instrument may send any) become U+FFFD, so the document stays valid.
+// (an instrument may send any) become U+FFFD, so the JSON stays valid.
 std::string Quote(const std::string& text);
 
 // A number where `text` is one (as instruments write them), else the text.

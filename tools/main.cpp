@@ -55,7 +55,7 @@ int Run(const Command& command, const std::vector<std::string>& words) {
   return command.run(args);
 }
 
-// The error on stderr; with --json the document on stdout carries it too.
+// The error on stderr; with --json the JSON on stdout carries it too.
 int Report(const std::string& name, const Stop& stop, bool json) {
   std::fprintf(stderr, "zeltocom %s: %s\n", name.c_str(), stop.text.c_str());
   if (stop.status == kUsage) std::fprintf(stderr, "Try 'zeltocom %s --help'.\n", name.c_str());

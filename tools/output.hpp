@@ -28,9 +28,9 @@ class Table {
   std::vector<Json> rows_;
 };
 
-// Writes the document to stdout.
+// Writes the JSON to stdout.
 void PrintJson(const Json& document);
-// The document with --json, else the table.
+// The JSON with --json, else the table.
 void PrintResult(bool json, const Json& document, const Table& table);
 
 bool StdoutIsTerminal();
