@@ -1,0 +1,360 @@
+// The zeltocom tool as a user runs it: a child process against simulated
+// instruments, judged by its output, its JSON and its exit status.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "zeltocom.h"
+#include "zeltosim/zeltosim.hpp"
+
+extern char** environ;
+
+namespace {
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool with ZELTOCOM_PORTS = `ports` and `input` on its stdin; a
+// run that outlasts 60 s is killed (and fails the status checks).
+Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
+             const std::string& input = "") {
+  std::vector<std::string> env = {"ZELTOCOM_PORTS=" + ports};
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (std::strncmp(*e, "ZELTOCOM_PORTS=", 15) != 0) env.emplace_back(*e);
+  }
+  std::vector<char*> argv = {const_cast<char*>(ZELTOCOM_TOOL)};
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (std::string& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+
+  int in[2], out[2], err[2];
+  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+    return {};
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(in[0], 0);
+    dup2(out[1], 1);
+    dup2(err[1], 2);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+  signal(SIGPIPE, SIG_IGN);
+  if (!input.empty()) (void)!write(in[1], input.data(), input.size());
+  close(in[1]);
+
+  Outcome run;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+  std::string* sinks[2] = {&run.out, &run.err};
+  int open = 2;
+  while (open > 0 && std::chrono::steady_clock::now() < deadline) {
+    if (poll(fds, 2, 100) <= 0) continue;
+    for (int k = 0; k < 2; ++k) {
+      if (fds[k].fd < 0 || fds[k].revents == 0) continue;
+      char chunk[4096];
+      const ssize_t n = read(fds[k].fd, chunk, sizeof chunk);
+      if (n > 0) {
+        sinks[k]->append(chunk, static_cast<std::size_t>(n));
+      } else {
+        close(fds[k].fd);
+        fds[k].fd = -1;
+        --open;
+      }
+    }
+  }
+  if (open > 0) kill(child, SIGKILL);
+  for (const pollfd& fd : fds) {
+    if (fd.fd >= 0) close(fd.fd);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  run.status = WIFEXITED(status) && open == 0 ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+// A JSON document flattened to "members/0/name" -> value (strings without
+// quotes); false when the text is not exactly one valid JSON document.
+class FlatJson {
+ public:
+  explicit FlatJson(const std::string& text) : s_(text) {
+    valid_ = Value("") && (Space(), i_ == s_.size());
+  }
+  bool valid() const { return valid_; }
+  bool has(const std::string& path) const { return values_.count(path) > 0; }
+  std::string operator[](const std::string& path) const {
+    const auto found = values_.find(path);
+    return found == values_.end() ? "<absent " + path + ">" : found->second;
+  }
+
+ private:
+  void Space() {
+    while (i_ < s_.size() && std::strchr(" \t\r\n", s_[i_]) != nullptr) ++i_;
+  }
+  bool Eat(char c) {
+    Space();
+    if (i_ >= s_.size() || s_[i_] != c) return false;
+    ++i_;
+    return true;
+  }
+  bool Value(const std::string& path) {
+    Space();
+    if (Eat('{')) {
+      if (Eat('}')) return true;
+      do {
+        std::string key;
+        if (!String(key) || !Eat(':') || !Value(path + "/" + key)) return false;
+      } while (Eat(','));
+      return Eat('}');
+    }
+    if (Eat('[')) {
+      if (Eat(']')) return true;
+      int index = 0;
+      do {
+        if (!Value(path + "/" + std::to_string(index++))) return false;
+      } while (Eat(','));
+      return Eat(']');
+    }
+    std::string text;
+    if (i_ < s_.size() && s_[i_] == '"') {
+      if (!String(text)) return false;
+      values_[path] = text;
+      return true;
+    }
+    static const std::regex literal(
+        R"(true|false|null|-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?)");
+    std::smatch match;
+    const auto from = s_.begin() + static_cast<long>(i_);
+    if (!std::regex_search(from, s_.end(), match, literal,
+                           std::regex_constants::match_continuous)) {
+      return false;
+    }
+    values_[path] = match.str();
+    i_ += match.str().size();
+    return true;
+  }
+  bool String(std::string& text) {
+    if (!Eat('"')) return false;
+    while (i_ < s_.size() && s_[i_] != '"') {
+      const unsigned char c = static_cast<unsigned char>(s_[i_++]);
+      if (c < 0x20) return false;
+      if (c != '\\') {
+        text += static_cast<char>(c);
+        continue;
+      }
+      if (i_ >= s_.size()) return false;
+      const char e = s_[i_++];
+      if (e == 'u') {
+        if (i_ + 4 > s_.size()) return false;
+        const std::string hex = s_.substr(i_, 4);
+        if (hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
+        const long code = std::strtol(hex.c_str(), nullptr, 16);
+        text += code < 0x80 ? static_cast<char>(code) : '?';
+        i_ += 4;
+      } else if (const char* known = std::strchr("\"\\/bfnrt", e); known != nullptr && e != 0) {
+        text += "\"\\/\b\f\n\r\t"[known - "\"\\/bfnrt"];
+      } else {
+        return false;
+      }
+    }
+    return Eat('"');
+  }
+
+  const std::string& s_;
+  std::size_t i_ = 0;
+  bool valid_ = false;
+  std::map<std::string, std::string> values_;
+};
+
+zeltosim::Config Analyser(const std::string& serial, int fibres = 2) {
+  zeltosim::Config config;
+  config.serial = serial;
+  config.fibers.resize(static_cast<std::size_t>(fibres));
+  return config;
+}
+
+std::string Ports(const std::vector<const zeltosim::SimPort*>& ports) {
+  return zeltosim::PortsVariable(ports);
+}
+
+TEST(ToolUsage, HelpListsEverySubcommandAndBadUsageIsStatus2) {
+  const Outcome overview = Tool({"--help"});
+  EXPECT_EQ(overview.status, 0);
+  for (const char* name :
+       {"ports", "detect", "send", "shell", "capture", "chain", "sequence", "bin"}) {
+    EXPECT_NE(overview.out.find(std::string("\n  ") + name + " "), std::string::npos) << name;
+    const Outcome help = Tool({name, "--help"});
+    EXPECT_EQ(help.status, 0) << name;
+    EXPECT_EQ(help.out.rfind(std::string("Usage: zeltocom ") + name, 0), 0u) << name;
+  }
+  for (const std::vector<std::string>& bad :
+       std::vector<std::vector<std::string>>{{},
+                                             {"frob"},
+                                             {"send", "/dev/null"},
+                                             {"capture", "--range", "9", "/dev/null"},
+                                             {"capture", "--fibers", "3-1", "/dev/null"},
+                                             {"sequence", "/dev/null"},
+                                             {"detect", "--bogus"},
+                                             {"bin", "a.vec", "x", "0.3"},
+                                             {"ports", "extra"}}) {
+    const Outcome run = Tool(bad);
+    EXPECT_EQ(run.status, 2) << ::testing::PrintToString(bad);
+    EXPECT_FALSE(run.err.empty());
+    EXPECT_TRUE(run.out.empty()) << run.out;
+  }
+  const Outcome json = Tool({"send", "--json"});
+  EXPECT_EQ(json.status, 2);
+  EXPECT_TRUE(FlatJson(json.out).valid()) << json.out;
+}
+
+TEST(ToolBin, NamesTheBinOfAPoint) {
+  const std::string file = ::testing::TempDir() + "tool_bins.vec";
+  std::ofstream(file) << "GREEN=0.20,0.60;0.30,0.60;0.30,0.70;0.20,0.70\n";
+  const Outcome inside = Tool({"bin", file, "0.25", "0.65"});
+  EXPECT_EQ(inside.status, 0);
+  EXPECT_EQ(inside.out, "GREEN\n");
+  const Outcome outside = Tool({"bin", file, "0.9", "0.1", "--json"});
+  EXPECT_EQ(outside.status, 0);
+  const FlatJson json(outside.out);
+  ASSERT_TRUE(json.valid()) << outside.out;
+  EXPECT_EQ(json["/bin"], "null");
+  EXPECT_EQ(Tool({"bin", file + ".missing.vec", "0.3", "0.3"}).status, 2);
+}
+
+TEST(ToolInstruments, DetectListsAStationAsJson) {
+  zeltosim::Station station(3, Analyser("ZT0000"));
+  const Outcome run = Tool({"detect", "--json"}, station.portsVariable());
+  ASSERT_EQ(run.status, 0) << run.err;
+  const FlatJson json(run.out);
+  ASSERT_TRUE(json.valid()) << run.out;
+  for (int i = 0; i < 3; ++i) {
+    const std::string at = "/instruments/" + std::to_string(i);
+    EXPECT_EQ(json[at + "/serial"], zeltosim::StationSerial("ZT0000", i + 1));
+    EXPECT_EQ(json[at + "/path"], station.port(i).path());
+    EXPECT_EQ(json[at + "/model"], "Zelto 05-P");
+  }
+  const Outcome filtered = Tool({"detect", "--filter", "spectrometer"}, station.portsVariable());
+  EXPECT_EQ(filtered.status, 0);
+  EXPECT_EQ(filtered.out.find("ZT0000"), std::string::npos) << filtered.out;
+}
+
+TEST(ToolInstruments, SendPrintsAnswersAndStopsAtAFailure) {
+  zeltosim::Config odd = Analyser("ZT000001");
+  odd.hardware = "Zelto \"05\"\t\x01\xc3\xa9\xff";  // quote, tab, control, UTF-8, not UTF-8
+  zeltosim::SimPort port(odd);
+  const std::string ports = Ports({&port});
+  const Outcome plain = Tool({"send", port.path(), "GETSERIAL", "getnfib"}, ports);
+  EXPECT_EQ(plain.status, 0) << plain.err;
+  EXPECT_EQ(plain.out, "ZT000001\n2\n");
+
+  const Outcome run = Tool({"send", port.path(), "GETHW", "BOGUS", "GETSERIAL", "--json"}, ports);
+  EXPECT_EQ(run.status, 1);
+  const FlatJson json(run.out);
+  ASSERT_TRUE(json.valid()) << run.out;
+  EXPECT_EQ(json["/exchanges/0/answer"], "Zelto \"05\"\t\x01\xc3\xa9?");
+  EXPECT_EQ(json["/exchanges/1/error"], "Syntax error");
+  EXPECT_FALSE(json.has("/exchanges/2/command"));
+
+  const Outcome shell = Tool({"shell", port.path()}, ports, "GETSERIAL\n\nquit\nGETHW\n");
+  EXPECT_EQ(shell.status, 0) << shell.err;
+  EXPECT_EQ(shell.out, "ZT000001\n");
+}
+
+TEST(ToolInstruments, SilentOrHeldInstrumentIsStatus1WithTheLibrarysText) {
+  zeltosim::Config silent = Analyser("ZT000001");
+  silent.fault = zeltosim::Fault::Silent;
+  zeltosim::SimPort quiet(silent);
+  zeltosim::SimPort held(Analyser("ZT000002"));
+  const std::string ports = Ports({&quiet, &held});
+  const Outcome run = Tool({"send", quiet.path(), "GETSERIAL", "--baud", "57600"}, ports);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("Unable to communicate with device"), std::string::npos) << run.err;
+
+  // This process holds the second port: the tool names it, and keeps off it.
+  setenv("ZELTOCOM_PORTS", ports.c_str(), 1);
+  ASSERT_EQ(ZeltoCom_EnumPorts(), 2);
+  ASSERT_EQ(ZeltoCom_Open(held.path().c_str(), 0), 1);
+  const FlatJson listed(Tool({"ports", "--json"}, ports).out);
+  ASSERT_TRUE(listed.valid());
+  EXPECT_EQ(listed["/ports/0/open"], "false");
+  EXPECT_EQ(listed["/ports/1/open"], "true");
+  EXPECT_EQ(listed["/ports/1/pid"], std::to_string(getpid()));
+  const Outcome busy = Tool({"send", held.path(), "GETSERIAL"}, ports);
+  EXPECT_EQ(busy.status, 1);
+  EXPECT_NE(busy.err.find("The port is used by another process"), std::string::npos) << busy.err;
+  ZeltoCom_CloseAll();
+}
+
+TEST(ToolInstruments, CaptureReadsEveryPortAndNamesTheOneThatFailed) {
+  zeltosim::SimPort first(Analyser("ZT000001", 3));
+  zeltosim::SimPort second(Analyser("ZT000002", 2));
+  zeltosim::Config spectro = Analyser("ZT000003");
+  spectro.hardware = "Zelto 01-W2";
+  zeltosim::SimPort spectrometer(spectro);
+  const std::string ports = Ports({&first, &second, &spectrometer});
+
+  const Outcome run = Tool({"capture", first.path(), second.path(), "--json"}, ports);
+  ASSERT_EQ(run.status, 0) << run.err;
+  const FlatJson json(run.out);
+  ASSERT_TRUE(json.valid()) << run.out;
+  EXPECT_EQ(json["/ports/0/fibres/2/fibre"], "3");
+  EXPECT_EQ(json["/ports/1/serial"], "ZT000002");
+  EXPECT_FALSE(json.has("/ports/1/fibres/2/fibre"));
+  EXPECT_NEAR(std::stod(json["/ports/1/fibres/1/x"]), 0.33, 0.05);
+
+  const Outcome mixed =
+      Tool({"capture", first.path(), spectrometer.path(), "--fibers", "1"}, ports);
+  EXPECT_EQ(mixed.status, 1);
+  EXPECT_NE(mixed.out.find(first.path() + "  1"), std::string::npos) << mixed.out;
+  EXPECT_NE(mixed.err.find(spectrometer.path()), std::string::npos) << mixed.err;
+}
+
+TEST(ToolInstruments, ChainReadsEveryInstrument) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  port.chain(Analyser("ZT000002", 1));
+  const Outcome run = Tool({"chain", port.path(), "ZT000002", "--json"}, Ports({&port}));
+  ASSERT_EQ(run.status, 0) << run.err;
+  const FlatJson json(run.out);
+  ASSERT_TRUE(json.valid()) << run.out;
+  EXPECT_EQ(json["/instruments/0/serial"], "ZT000001");
+  EXPECT_EQ(json["/instruments/1/serial"], "ZT000002");
+  EXPECT_EQ(json["/instruments/1/fibres/0/fibre"], "1");
+  EXPECT_FALSE(json.has("/instruments/1/fibres/1/fibre"));
+}
+
+TEST(ToolInstruments, SequenceMeasuresABlinkingLight) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  port.master().setLight(0, zeltosim::Light::Blinking(5.0, 50.0));
+  const Outcome run =
+      Tool({"sequence", port.path(), "--fiber", "1", "--frequency", "--samples", "120", "--json"},
+           Ports({&port}));
+  ASSERT_EQ(run.status, 0) << run.err;
+  const FlatJson json(run.out);
+  ASSERT_TRUE(json.valid()) << run.out;
+  EXPECT_NEAR(std::stod(json["/frequency_hz"]), 5.0, 0.3);
+  EXPECT_NEAR(std::stod(json["/duty_cycle_percent"]), 50.0, 5.0);
+  EXPECT_TRUE(json.has("/intensities/119"));
+  EXPECT_EQ(json["/pattern/0/start_ms"], "0");
+}
+
+}  // namespace

@@ -1,0 +1,45 @@
+// The subcommands' way to the instruments: the library's C interface, with
+// its results turned into answers and its failures into Stop.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace cli {
+
+// Room for any answer: the library refuses answers beyond 1 MiB.
+inline constexpr int kAnswerRoom = (1 << 20) + 1;
+
+struct Answer {
+  int result = 0;     // the library's 1, 0 or -1
+  std::string text;   // the answer, when result is 1
+  std::string error;  // the library's error text otherwise
+  bool ok() const { return result == 1; }
+};
+
+std::string LastError();
+std::string PortError(const std::string& path);
+
+// Nothing for a result of 1; else ends with the library's error text for
+// `path`, as bad usage for -1 (a refused argument).
+void Require(int result, const std::string& path);
+
+// Opens `path`, searching the rate when `baud` is 0. A refused rate is bad
+// usage, any other failure an instrument's.
+void OpenPort(const std::string& path, int baud);
+// Opens all at once; on a failure none stays open.
+void OpenPorts(const std::vector<std::string>& paths, int baud);
+
+Answer Send(const std::string& path, const std::string& command);
+Answer ChainSend(const std::string& path, const std::string& serial, const std::string& command);
+// The same command to every port at once; answers in the order of `paths`.
+std::vector<Answer> SendToEach(const std::vector<std::string>& paths, const std::string& command);
+// The answer's text, or Failure naming `where` and the library's error.
+std::string Expect(const Answer& answer, const std::string& where);
+
+std::string SerialOf(const std::string& path);
+
+// "GETxyI" and 3 make "GETxyI03".
+std::string FibreCommand(const std::string& name, int fibre);
+
+}  // namespace cli
