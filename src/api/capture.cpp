@@ -10,7 +10,6 @@
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/driver.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -64,7 +63,7 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
                                   settings.averages)
           : static_cast<uint64_t>(LA_ResponseTimeout.load());
 
-  if (RS232SendCommand(device->fd, BuildCaptureCommand("C", pwm, range, pwmFrames)) != 1) {
+  if (CMD_Write(device, BuildCaptureCommand("C", pwm, range, pwmFrames)) != 1) {
     SetError(device, "Unable to send command");
     return -1;
   }
@@ -73,7 +72,7 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
 
   t_comresponse answer;
   const long timeoutMs = static_cast<long>(timeout);
-  RS232WaitForData(device->fd, &answer, timeoutMs, device->eotFormat.view(), true);
+  CMD_Wait(device, &answer, timeoutMs, device->eotFormat.view(), true);
   const std::string where = StringPrintf("in Device on %s with SN %s", device->devicePath.c_str(),
                                          device->serialNumber.c_str());
   const std::string late = StringPrintf("Timeout (%lu ms) ",
@@ -140,18 +139,18 @@ int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs)
 
 // Switches the PWM mode of a "-W2" instrument; 1, or the call's result.
 int SwitchPwm(s_CommPort* device, int pwm) {
-  if (RS232SendCommand(device->fd, PwmCommand(pwm)) != 1) {
+  if (CMD_Write(device, PwmCommand(pwm)) != 1) {
     SetError(device, "Unable to set PWM mode");
     return -1;
   }
   t_comresponse answer;
-  RS232WaitForData(device->fd, &answer, 120, device->eotFormat.view(), true);
+  CMD_Wait(device, &answer, 120, device->eotFormat.view(), true);
   return CheckAnswer(device, answer, 120);
 }
 
 int FinishSpectrum(s_CommPort* device, long timeoutMs) {
   t_comresponse answer;
-  RS232WaitForData(device->fd, &answer, timeoutMs, device->eotFormat.view(), true);
+  CMD_Wait(device, &answer, timeoutMs, device->eotFormat.view(), true);
   if (CheckAnswer(device, answer, timeoutMs) != 1) return 0;
   if (answer.data.empty()) return 1;
   const std::string upper = strtoupper(answer.data);
@@ -166,55 +165,22 @@ int FinishSpectrum(s_CommPort* device, long timeoutMs) {
   return 1;
 }
 
-// What followed the announcement in the same read: the result, when the
-// instrument sent it before the host came to read (a short dark on a busy
-// host).
-std::string AfterAnnouncement(const std::string& text) {
-  constexpr std::string_view kAnnouncement = "ACQUIRING...";
-  const std::size_t at = strtoupper(text).find(kAnnouncement);
-  if (at == std::string::npos) return {};
-  std::string rest = text.substr(at + kAnnouncement.size());
-  const std::size_t result = rest.find_first_not_of("\r\n\x04");
-  return result == std::string::npos ? std::string() : rest.substr(result);
-}
-
-// The marker that ends the device's answers.
-std::string_view AnswerMarker(const s_CommPort* device) {
-  const std::string_view marker = device->eotFormat.view();
-  return marker.empty() ? std::string_view("\r\n") : marker;
-}
-
-// What of `marker` is still to come after `text`, which may end with the
-// marker's first bytes.
-std::string_view MarkerLeft(std::string_view text, std::string_view marker) {
-  for (std::size_t n = std::min(marker.size() - 1, text.size()); n > 0; --n) {
-    if (text.ends_with(marker.substr(0, n))) return marker.substr(n);
-  }
-  return marker;
-}
-
-// The instrument announces a dark acquisition before it reports its end.
+// The instrument announces a dark acquisition before it reports its end;
+// one that does not is stopped. A result that came with the announcement
+// waits in the line's leftover for the second wait.
 int FinishDark(s_CommPort* device, long timeoutMs) {
   t_comresponse answer;
-  RS232WaitForData(device->fd, &answer, 1000, "Acquiring...\r\n", false);
-  const std::string early = AfterAnnouncement(answer.data);
+  CMD_WaitForStraggler(device, &answer, 1000, "Acquiring...\r\n");
   TrimAnswerEnd(answer.data);
   if (CheckAnswer(device, answer, timeoutMs) != 1) return 0;
   if (!answer.data.empty() && !Contains(strtoupper(answer.data), "ACQUIRING...")) {
-    RS232SendCommand(device->fd, "I");
+    CMD_Write(device, "I");
     t_comresponse ignored;
-    RS232WaitForData(device->fd, &ignored, 3000, device->eotFormat.view(), true);
+    CMD_Wait(device, &ignored, 3000, device->eotFormat.view(), true);
     SetError(device, "Dark Acquisition not detected");
     return 0;
   }
-  const std::string_view marker = AnswerMarker(device);
-  if (Contains(early, marker)) {
-    answer.data = early;
-  } else {
-    RS232WaitForData(device->fd, &answer, timeoutMs, MarkerLeft(early, marker), false);
-    answer.data.insert(0, early);
-  }
-  TrimAnswerEnd(answer.data);
+  CMD_Wait(device, &answer, timeoutMs, device->eotFormat.view(), true);
   return CheckAnswer(device, answer, timeoutMs);
 }
 
@@ -274,7 +240,7 @@ int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int man
   }
   const SpectrometerPlan plan =
       PlanSpectrometer(port.get(), device, kind, pwm, manualExposure, exposure, maxExposure);
-  if (RS232SendCommand(device->fd, plan.command) != 1) {
+  if (CMD_Write(device, plan.command) != 1) {
     SetError(device, "Unable to send command");
     return -1;
   }

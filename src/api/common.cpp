@@ -35,7 +35,7 @@ std::optional<HeldPort> Call::Hold(PortRef port, const char* notOpenText) {
   std::unique_lock<std::mutex> line;
   if (port) line = LockLine(*port);
   // Closed by another thread while this one waited for the line.
-  if (!port || port->fd < 0) {
+  if (!port || port->fd() < 0) {
     if (notOpenText != nullptr) SetError(nullptr, notOpenText);
     return std::nullopt;
   }

@@ -19,7 +19,6 @@
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/driver.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -50,11 +49,9 @@ int BusExchange(s_CommPort* holder, const std::string& command, long timeoutMs) 
   if (result != 1) return result;
   s_CommPort* master = holder->Master();
   if (command == "BUSFREE") {
-    master->busOwner = master;
-    master->busState = 1;
+    master->SetBusOwner(master);
   } else if (holder != master) {
-    master->busOwner = holder;
-    master->busState = 0;
+    master->SetBusOwner(holder);
   }
   return 1;
 }
@@ -80,27 +77,26 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
     if (failure != nullptr) SetError(master, failure);
     return failure == nullptr ? 1 : 0;
   };
-  if (RS232SendCommand(master->fd, "BUSGET" + serial) != 1) {
+  if (CMD_Write(master, "BUSGET" + serial) != 1) {
     SetError(master, "Communication error");
     return 0;
   }
   const long timeout = std::max(static_cast<long>(std::ceil(15 * master->charTimeMs)) + 20, 80L);
   t_comresponse answer;
   // Untrimmed: a 0x04 read with the line end tells the instrument's framing.
-  RS232WaitForData(master->fd, &answer, timeout, "\r\n", false);
+  CMD_Wait(master, &answer, timeout, "\r\n", false);
   const bool late = answer.elapsedMs >= timeout;
   if (answer.syntaxError || (late && answer.data.empty())) return giveBack("Unable to get the bus");
 
   const std::string eot = GetEOTformat(master, answer.data);
   TrimAnswerEnd(answer.data);
   if (answer.data != "OK") return giveBack("Communication error");
-  if (!PortsList_Add(&master->chain, master, master->fd, master->devicePath.view(), serial, "",
-                     eot, master->baudrate, master->charTimeMs)) {
-    return giveBack("Communication error");
-  }
+  const PortRef added = PortsList_Add(&master->chain, master, master->line,
+                                      master->devicePath.view(), serial, "", eot,
+                                      master->baudrate, master->charTimeMs);
+  if (!added) return giveBack("Communication error");
   // The chained instrument answered the hand-over, so it holds the line now.
-  master->busOwner = PortsList_GetBySerialNumber(&master->chain, serial).get();
-  master->busState = 0;
+  master->SetBusOwner(added.get());
   return giveBack(nullptr);
 }
 
@@ -205,23 +201,24 @@ long GatherTimeout(const ChainCapture& c, int* failure) {
 enum class Poll { Capturing, Ended, NotSent };
 
 // One completion query. A refusal counts as ended: the instrument is no
-// longer capturing.
+// longer capturing. An instrument that is still capturing does not answer
+// at all, so silence owes nothing.
 Poll AskCaptureEnded(const ChainCapture& c, s_CommPort* device) {
-  if (RS232SendCommand(device->fd, "BUSCE" + std::string(device->serialNumber.view())) != 1) {
+  if (CMD_Write(device, "BUSCE" + std::string(device->serialNumber.view())) != 1) {
     return Poll::NotSent;
   }
   t_comresponse answer;
   if (Contains(device->eotFormat.view(), "\x04") && HasOldBusFirmware(device)) {
-    RS232WaitForData(device->fd, &answer, c.pollTime, "\r\n", false);
+    CMD_WaitForStraggler(device, &answer, c.pollTime, "\r\n");
     if (answer.elapsedMs >= c.pollTime && !answer.syntaxError) return Poll::Capturing;
     if (!Contains(answer.data, "\x04")) {
       // This firmware sends the 0x04 of its answer on its own.
       t_comresponse lateEot;
-      RS232WaitForData(device->fd, &lateEot, 20, "\x04", false);
+      CMD_WaitForStraggler(device, &lateEot, 20, "\x04");
     }
     return Poll::Ended;
   }
-  RS232WaitForData(device->fd, &answer, c.pollTime, device->eotFormat.view(), true);
+  CMD_WaitForStraggler(device, &answer, c.pollTime, device->eotFormat.view());
   const bool capturing = answer.elapsedMs >= c.pollTime && !answer.syntaxError;
   return capturing ? Poll::Capturing : Poll::Ended;
 }
@@ -267,7 +264,7 @@ int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
   }
   const long timeout = t + 150;
 
-  if (RS232SendCommand(master->fd, BuildCaptureCommand("BUSC", pwm, range, pwmFrames)) != 1) {
+  if (CMD_Write(master, BuildCaptureCommand("BUSC", pwm, range, pwmFrames)) != 1) {
     FreeBus(master, c.freeTime);
     SetError(master, "Unable to send command");
     return -1;
@@ -281,7 +278,7 @@ int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
     return 0;
   };
   t_comresponse answer;
-  RS232WaitForData(master->fd, &answer, timeout, master->eotFormat.view(), true);
+  CMD_Wait(master, &answer, timeout, master->eotFormat.view(), true);
   switch (OutcomeOf(answer, timeout)) {
     case WaitOutcome::Late: return failed(answer.syntaxError ? "Syntax error" : "Timeout");
     case WaitOutcome::SyntaxError: return failed("Syntax error");
@@ -380,21 +377,25 @@ int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath, const char* ser
                         exposure);
 }
 
+// Reads the last response without taking the line: a trigger listener on
+// the port goes on waiting.
 int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer) {
-  return Guarded(0, [&](Call& call) {
+  return Guarded(0, [&] {
     if (PortsList_Count(&OpenedPorts) == 0) {
       SetError(nullptr, "No ports have been opened");
       return 0;
     }
-    const std::optional<HeldPort> port =
-        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The device path is not in use");
-    if (!port) return 0;
-    if (buffer == nullptr) {
-      SetError(port->get(), kNoBuffer);
+    const PortRef port = PortsList_GetByDevPath(Arg(devicePath));
+    if (!port) {
+      SetError(nullptr, "The device path is not in use");
       return 0;
     }
-    if (!CopyAnswer(buffer, (*port)->lastResponse)) {
-      SetError(port->get(), "Answer longer than the response buffer");
+    if (buffer == nullptr) {
+      SetError(port.get(), kNoBuffer);
+      return 0;
+    }
+    if (!CopyAnswer(buffer, port->lastResponse.Get())) {
+      SetError(port.get(), "Answer longer than the response buffer");
       return 0;
     }
     return 1;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 #include "device/bus.hpp"
 #include "device/command.hpp"
@@ -38,12 +39,22 @@ HandshakeTiming TimingFor(int baud) {
 }  // namespace
 
 ProbedLine::~ProbedLine() {
-  if (fd < 0) return;
-  RS232_FlushBuffers(fd);
-  RS232ClosePort(fd);
+  if (!line || line->fd < 0) return;
+  RS232_FlushBuffers(*line);
+  RS232ClosePort(*line);
 }
 
-PathClaim::PathClaim(std::string path) : path_(std::move(path)) {
+namespace {
+
+// The device behind a path, whatever name it goes by.
+std::string ClaimKey(const std::string& path) {
+  const std::uint64_t device = DeviceNumberOf(path);
+  return device != 0 ? "device " + std::to_string(device) : path;
+}
+
+}  // namespace
+
+PathClaim::PathClaim(const std::string& path) : path_(ClaimKey(path)) {
   std::lock_guard lock(mutex_);
   held_ = claimed_.insert(path_).second;
 }
@@ -56,27 +67,36 @@ PathClaim::~PathClaim() {
 
 // A device that does not know BUSFREE still counts as present; one that
 // echoes it is a loop-back, not an instrument.
-std::optional<Identity> Handshake(int& fd, int baud) {
+std::optional<Identity> Handshake(SerialLine& line, int baud) {
   const HandshakeTiming timing = TimingFor(baud);
-  RS232SendCommand(fd, "\r\n\r\n");
+  RS232SendCommand(line, "\r\n\r\n");
   PauseMs(timing.wakeUpPauseMs);
 
-  RS232SendCommand(fd, "BUSFREE");
+  RS232SendCommand(line, "BUSFREE");
   t_comresponse reply;
-  RS232WaitForData(fd, &reply, timing.busFreeTimeoutMs, "\r\n", false);
+  RS232WaitForData(line, &reply, timing.busFreeTimeoutMs, "\r\n", false);
   if (!reply.syntaxError && (reply.data.empty() || Contains(reply.data, "BUSFREE"))) {
     return std::nullopt;
   }
 
   Identity identity;
-  identity.eotFormat = GetEOTformat(fd, timing.charTimeMs, reply.data);
-  if (Contains(identity.eotFormat, "\x04")) RS232EnableEventChar(fd);
+  identity.eotFormat = GetEOTformat(line, timing.charTimeMs, reply.data);
+  if (Contains(identity.eotFormat, "\x04")) RS232EnableEventChar(line);
 
-  if (RS232SendCommand(fd, "GETSERIAL") != 1) return std::nullopt;
-  RS232WaitForData(fd, &reply, timing.serialTimeoutMs, identity.eotFormat, true);
+  if (RS232SendCommand(line, "GETSERIAL") != 1) return std::nullopt;
+  RS232WaitForData(line, &reply, timing.serialTimeoutMs, identity.eotFormat, true);
   if (OutcomeOf(reply, timing.serialTimeoutMs) != WaitOutcome::Answered) return std::nullopt;
   identity.serialNumber = reply.data.substr(0, kMaxSerialLength);
   return identity;
+}
+
+PortRef OpenUnderAnotherName(const std::string& path) {
+  const std::uint64_t device = DeviceNumberOf(path);
+  if (device == 0) return nullptr;
+  for (const PortRef& port : PortsList_All(&OpenedPorts)) {
+    if (port->deviceNumber == device && port->devicePath != path) return port;
+  }
+  return nullptr;
 }
 
 }  // namespace zeltocom

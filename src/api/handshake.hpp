@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -17,21 +18,21 @@ struct Identity {
   std::string eotFormat;
 };
 
-// A line opened for a handshake: closed again unless someone takes its
-// descriptor (by setting `fd` to -1).
+// A line opened for a handshake: closed again unless a port record takes it
+// (by resetting `line`).
 struct ProbedLine {
-  ProbedLine() = default;
+  ProbedLine() : line(std::make_shared<SerialLine>()) {}
   ProbedLine(const ProbedLine&) = delete;
   ProbedLine& operator=(const ProbedLine&) = delete;
   ~ProbedLine();
-  int fd = -1;
+  std::shared_ptr<SerialLine> line;
 };
 
 // Paths that some thread is opening or probing right now, so that two
-// threads never talk to one line at once.
+// threads never talk to one line at once, even under two names.
 class PathClaim {
  public:
-  explicit PathClaim(std::string path);
+  explicit PathClaim(const std::string& path);
   ~PathClaim();
   PathClaim(const PathClaim&) = delete;
   PathClaim& operator=(const PathClaim&) = delete;
@@ -46,7 +47,11 @@ class PathClaim {
 
 // Wakes the line, frees the instrument bus, learns the end marker and asks
 // the serial number. None when nothing answered like an instrument.
-std::optional<Identity> Handshake(int& fd, int baud);
+std::optional<Identity> Handshake(SerialLine& line, int baud);
+
+// The open port whose device is the one at `path` under another name; none
+// when there is none.
+PortRef OpenUnderAnotherName(const std::string& path);
 
 enum class Probe { Accepted, NotFound, Busy };
 
@@ -58,10 +63,10 @@ template <typename Accept, typename Use>
 Probe ProbeRates(const std::string& path, const std::vector<int>& rates, Accept accept, Use use) {
   for (int baud : rates) {
     ProbedLine line;
-    const int opened = RS232OpenPort(line.fd, path, baud);
+    const int opened = RS232OpenPort(*line.line, path, baud);
     if (opened == kPortBusy) return Probe::Busy;
     if (opened != 1) continue;
-    const std::optional<Identity> identity = Handshake(line.fd, baud);
+    const std::optional<Identity> identity = Handshake(*line.line, baud);
     if (!identity || !accept(*identity)) continue;
     return use(line, *identity, baud) ? Probe::Accepted : Probe::NotFound;
   }

@@ -19,12 +19,12 @@ using namespace zeltocom;
 namespace {
 
 // Registers the probed line as an open port; the line is the registry's then.
-bool Register(ProbedLine& line, const std::string& path, const Identity& identity, int baud) {
-  if (!PortsList_Add(&OpenedPorts, nullptr, line.fd, path, identity.serialNumber, "",
-                     identity.eotFormat, baud, CharTimeMs(baud))) {
+bool Register(ProbedLine& probed, const std::string& path, const Identity& identity, int baud) {
+  if (!PortsList_Add(&OpenedPorts, nullptr, probed.line, path, identity.serialNumber, "",
+                     identity.eotFormat, baud, CharTimeMs(baud), DeviceNumberOf(probed.line->fd))) {
     return false;
   }
-  line.fd = -1;
+  probed.line.reset();
   UpdateBaudrateForPort(path, identity.serialNumber, baud);
   return true;
 }
@@ -45,13 +45,13 @@ int ReportBusy() {
 
 int OpenAtFixedRate(const std::string& path, int baud) {
   ProbedLine line;
-  const int opened = RS232OpenPort(line.fd, path, baud);
+  const int opened = RS232OpenPort(*line.line, path, baud);
   if (opened == kPortBusy) return ReportBusy();
   if (opened != 1) {
     SetError(nullptr, "Unable to open port");
     return 0;
   }
-  const std::optional<Identity> identity = Handshake(line.fd, baud);
+  const std::optional<Identity> identity = Handshake(*line.line, baud);
   if (!identity || !Register(line, path, *identity, baud)) {
     SetError(nullptr, "Unable to communicate with device");
     return 0;
@@ -85,7 +85,7 @@ bool FindBySerialNumber(const std::string& serial, const std::vector<int>& rates
   for (const std::string& path : CandidatePaths(rememberedPath)) {
     // An open port's instrument is known already; probing it would disturb it.
     const PathClaim claim(path);
-    if (!claim.held() || PortsList_GetByDevPath(path)) continue;
+    if (!claim.held() || PortsList_GetByDevPath(path) || OpenUnderAnotherName(path)) continue;
     try {
       if (OpenFirstAccepted(path, rates, matches) == Probe::Accepted) return true;
     } catch (const LineError&) {
@@ -98,8 +98,15 @@ bool FindBySerialNumber(const std::string& serial, const std::vector<int>& rates
 // Removes the held port from the registry, then closes its line.
 int CloseHeld(HeldPort& port) {
   PortsList_Del(&OpenedPorts, port.get());
-  RS232ClosePort(port->fd);
+  RS232ClosePort(*port->line);
   return 1;
+}
+
+// Takes the line of `port` to close it, ending the exchange that holds it
+// now (it fails with kClosedDuringExchange) instead of waiting it out.
+std::optional<HeldPort> HoldToClose(Call& call, PortRef port, const char* notOpenText) {
+  if (port) port->line->Interrupt();
+  return call.Hold(std::move(port), notOpenText);
 }
 
 }  // namespace
@@ -117,6 +124,10 @@ int ZeltoCom_Open(const char* devicePath, int baudrate) {
     const PathClaim claim(path);
     if (!claim.held() || PortsList_GetByDevPath(path)) {
       SetError(nullptr, "The port is already in use");
+      return 0;
+    }
+    if (const PortRef other = OpenUnderAnotherName(path)) {
+      SetError(nullptr, "The port is already open as " + std::string(other->devicePath.view()));
       return 0;
     }
     if (!isDevicePathAvailable(path)) {
@@ -168,26 +179,29 @@ int ZeltoCom_OpenID(const char* deviceID) {
 int ZeltoCom_Close(const char* devicePath) {
   return Guarded(0, [&](Call& call) {
     std::optional<HeldPort> port =
-        call.Hold(PortsList_GetByDevPath(Arg(devicePath)), "The device path is not in use");
+        HoldToClose(call, PortsList_GetByDevPath(Arg(devicePath)), "The device path is not in use");
     return port ? CloseHeld(*port) : 0;
   });
 }
 
 int ZeltoCom_CloseSN(const char* serialNumber) {
   return Guarded(0, [&](Call& call) {
-    std::optional<HeldPort> port = call.Hold(
-        PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber)), "The device path is not in use");
+    std::optional<HeldPort> port =
+        HoldToClose(call, PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumber)),
+                    "The device path is not in use");
     return port ? CloseHeld(*port) : 0;
   });
 }
 
 int ZeltoCom_CloseAll(void) {
   return Guarded(1, [&](Call& call) {
-    const int count = PortsList_Count(&OpenedPorts);
-    for (int i = 0; i < count; ++i) {
+    const std::vector<PortRef> ports = PortsList_All(&OpenedPorts);
+    // Every exchange ends at once, not one port after the other.
+    for (const PortRef& port : ports) port->line->Interrupt();
+    for (const PortRef& port : ports) {
       // Another thread may close the same port first; then it is simply gone.
-      std::optional<HeldPort> port = call.Hold(PortsList_GetByIndex(&OpenedPorts, 0), nullptr);
-      if (port) CloseHeld(*port);
+      std::optional<HeldPort> held = call.Hold(port, nullptr);
+      if (held) CloseHeld(*held);
     }
     return 1;
   });

@@ -11,7 +11,6 @@
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
 #include "serial/baudrates.hpp"
-#include "serial/driver.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -48,19 +47,19 @@ bool WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::strin
   const bool eotMarker = Contains(marker, kEot);
   const long timeout = LA_ResponseTimeout;
   if (IsGetAll(upper) && !eotMarker) {
-    RS232WaitForData(owner->fd, answer, timeout, marker, true, true, owner->numFibers);
+    CMD_Wait(owner, answer, timeout, marker, true, true, owner->numFibers);
   } else if (IsPagedAnswer(upper) && !eotMarker) {
-    RS232WaitForData(owner->fd, answer, timeout, marker, false, true, 0);
+    CMD_Wait(owner, answer, timeout, marker, false, true, 0);
   } else if (Contains(upper, "BUSCE") && eotMarker && HasOldBusFirmware(owner)) {
-    RS232WaitForData(owner->fd, answer, entryTimeout, "\r\n", false, false, 0);
+    CMD_Wait(owner, answer, entryTimeout, "\r\n", false, false, 0);
     if (!Contains(answer->data, kEot)) {
       t_comresponse lateEot;
-      RS232WaitForData(owner->fd, &lateEot, 1, kEot, false);
+      CMD_WaitForStraggler(owner, &lateEot, 1, kEot);
     }
   } else {
     const bool keepLineEnds = IsPagedAnswer(upper) || upper == "GETPORTINFO" ||
                               upper == "GETPORTDETAILS" || IsGetAll(upper);
-    RS232WaitForData(owner->fd, answer, timeout, marker, !keepLineEnds);
+    CMD_Wait(owner, answer, timeout, marker, !keepLineEnds);
     if (OutcomeOf(*answer, timeout) == WaitOutcome::Late) return false;
   }
   return true;
@@ -199,7 +198,10 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
     CMD_LoadSettings_NumFibers(owner);
   }
 
-  if (RS232SendCommand(owner->fd, command) != 1) {
+  // An unasked message that comes during the exchange stays the last
+  // response, rather than the answer.
+  const uint64_t unaskedMark = addressed->lastResponse.mark();
+  if (CMD_Write(owner, command) != 1) {
     SetError(owner, "Unable to send command");
     return -1;
   }
@@ -209,7 +211,9 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   const std::string marker = MarkerFor(owner, upper);
   if (!WaitForAnswer(owner, upper, marker, entryTimeout, &answer)) {
     // The instrument may have switched before it could answer.
-    if (Contains(upper, "SETBAUD")) ChangePortBaudrate(owner, upper);
+    if (Contains(upper, "SETBAUD") && !CMD_CommandHeldBack(owner)) {
+      ChangePortBaudrate(owner, upper);
+    }
     SetError(owner, "Timeout");
     return 0;
   }
@@ -221,7 +225,7 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
     ChangePortBaudrate(owner, upper);
     delayms(100);
     t_comresponse settle;
-    RS232WaitForData(owner->fd, &settle, 20, marker, false);
+    CMD_WaitForStraggler(owner, &settle, 20, marker);
   }
 
   // A late answer is still returned, but it may belong to an earlier
@@ -231,9 +235,9 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   }
   if (Contains(upper, "ABLEEOT")) owner->eotFormat.assign(marker);
   CleanAnswer(answer.data);
-  owner->lastResponse = answer.data;
   // The port's last answer, whichever instrument of its chain gave it.
-  if (addressed != owner) addressed->lastResponse = answer.data;
+  if (addressed != owner) owner->lastResponse.Store(answer.data);
+  addressed->lastResponse.StoreAnswer(answer.data, unaskedMark);
   if (!CopyAnswer(response, answer.data)) {
     SetError(owner, kAnswerCut);
     return 0;

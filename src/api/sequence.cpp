@@ -18,7 +18,6 @@
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/driver.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -225,16 +224,16 @@ int DownloadSequence(s_CommPort* device, int fiber, const Readout& readout, cons
   if (!RequireFiber(device, fiber) || !RequireSetUp(device) || !RequireCaptured(device)) return -1;
   const int samples = device->sequenceSamples;
   const long timeout = ReadoutTimeoutMs(device, readout.charsPerLine, samples);
-  if (RS232SendCommand(device->fd, StringPrintf("%s%02d", readout.command, fiber)) != 1) {
+  if (CMD_Write(device, StringPrintf("%s%02d", readout.command, fiber)) != 1) {
     SetError(device, "Unable to send command");
     return -1;
   }
   t_comresponse answer;
   const std::string_view marker = device->eotFormat.view();
   if (Contains(marker, "\x04")) {
-    RS232WaitForData(device->fd, &answer, timeout, marker, true);
+    CMD_Wait(device, &answer, timeout, marker, true);
   } else {
-    RS232WaitForData(device->fd, &answer, timeout, marker, true, true, samples);
+    CMD_Wait(device, &answer, timeout, marker, true, true, samples);
   }
   if (OutcomeOf(answer, timeout) != WaitOutcome::Answered) {
     SetError(device, "Unexpected error detected while trying to retrieve the test results");

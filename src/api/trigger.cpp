@@ -2,7 +2,6 @@
 // input and reports unasked; a listener thread per port waits for the report.
 #include <algorithm>
 #include <array>
-#include <new>
 #include <string>
 #include <string_view>
 
@@ -10,6 +9,7 @@
 #include "device/command.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
+#include "device/trigger_report.hpp"
 #include "frame/clock.hpp"
 #include "frame/errors.hpp"
 #include "frame/listener.hpp"
@@ -103,8 +103,12 @@ int Enable(const HeldPort& port, const TriggerSetup& setup) {
   if (!Accepted(device, StringPrintf("%sEXTERNALOUTPUT%s", form, type.c_str()), kSetupTimeoutMs)) {
     return Fail(port.get(), "Unable to set External output type", -1);
   }
-  // A refused delay is not an error: the instrument keeps its own.
+  // From now on its reports may come while the line is busy with something
+  // else; they must not be taken for answers.
   TriggerListener& trigger = port->trigger;
+  CMD_LoadSettings_NumFibers(device);
+  trigger.reports = ReportsOf(type, device->numFibers, spectrometer);
+  // A refused delay is not an error: the instrument keeps its own.
   trigger.triggerPreDelay = SendDelay(device, form, "PREDELAY", setup.preDelay, spectrometer);
   trigger.triggerPostDelay = SendDelay(device, form, "POSTDELAY", setup.postDelay, spectrometer);
   return 1;
@@ -140,13 +144,7 @@ int Listen(const HeldPort& port) {
 
   TriggerListener& trigger = port->trigger;
   ChooseMessageEnd(device, trigger);
-  try {
-    port->lastResponse.clear();
-    port->lastResponse.reserve(512);
-  } catch (const std::bad_alloc&) {
-    trigger.triggerState = TRIGGER_FAILED;
-    return Fail(port.get(), "Unable to assign memory space to return varaible", -1);
-  }
+  port->lastResponse.Store("");
   s_CommPort* record = port.get();
   trigger.Start([record] { ZeltoCom_ExternalTrigger_Listen_thread(record); });
   return 1;
@@ -159,7 +157,7 @@ int AwaitTrigger(s_CommPort* port) {
   TriggerListener& trigger = port->trigger;
   t_comresponse message;
   const bool ended =
-      RS232WaitForExternalCapture(port->fd, trigger.wakeFd(), &message, trigger.triggerAbort,
+      RS232WaitForExternalCapture(port->fd(), trigger.wakeFd(), &message, trigger.triggerAbort,
                                   trigger.terminator, trigger.dataExpected, trigger.lineCount);
   // The instrument's last bytes may still be on their way.
   PauseMs(16);
@@ -168,7 +166,7 @@ int AwaitTrigger(s_CommPort* port) {
     SetError(port, message.data);
     return TRIGGER_FAILED;
   }
-  port->lastResponse = message.data;
+  port->lastResponse.Store(message.data);
   return ended ? TRIGGER_FINISHED : TRIGGER_FAILED;
 }
 
@@ -194,6 +192,7 @@ int ZeltoCom_ExternalTrigger_Disable(const char* devicePath, int setMode) {
                   kSetupTimeoutMs)) {
       return Fail(port->get(), kUnavailable, -1);
     }
+    (*port)->trigger.reports = UnaskedReports{};
     return 1;
   });
 }
@@ -213,7 +212,7 @@ int ZeltoCom_ExternalTrigger_Abort(const char* devicePath) {
     // Taking the line ends the listener.
     const std::optional<HeldPort> port = HoldPort(call, devicePath);
     if (!port) return -1;
-    if ((*port)->trigger.triggerState != TRIGGER_IDLE) PurgePort((*port)->fd);
+    if ((*port)->trigger.triggerState != TRIGGER_IDLE) PurgePort(*(*port)->line);
     return 1;
   });
 }
@@ -232,7 +231,7 @@ int ZeltoCom_ExternalTrigger_isFinished(const char* devicePath) {
       case TRIGGER_FINISHED: {
         const std::optional<HeldPort> port = HoldPort(call, std::move(found));
         if (!port) return -1;
-        PurgePort((*port)->fd);
+        PurgePort(*(*port)->line);
         DoEvents();
         return 1;
       }

@@ -19,7 +19,7 @@ int CMD_BusFree(s_CommPort* port, t_comresponse* response);
 
 // The instrument's end-of-response marker, "\r\n\x04" or "\r\n", judged from
 // an answer and, failing that, from whether a lone 0x04 follows it.
-std::string GetEOTformat(int fd, double charTimeMs, std::string_view answer);
+std::string GetEOTformat(SerialLine& line, double charTimeMs, std::string_view answer);
 std::string GetEOTformat(s_CommPort* port, std::string_view answer);
 
 }  // namespace zeltocom

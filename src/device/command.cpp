@@ -1,8 +1,167 @@
 #include "device/command.hpp"
 
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "device/bus.hpp"
+#include "device/trigger_report.hpp"
+#include "frame/debug_log.hpp"
 #include "frame/registry.hpp"
+#include "frame/utils.hpp"
 
 namespace zeltocom {
+
+namespace {
+
+// How long an instrument that ran out of time gets to answer "GETSERIAL".
+constexpr long kInStepTimeoutMs = 1000;
+
+bool SameSerial(std::string_view answer, std::string_view serial) {
+  return !serial.empty() && strtoupper(answer) == strtoupper(serial);
+}
+
+// Whether `text` is the serial number of an instrument on the master's
+// line; if so, the library's picture of who holds the line follows it.
+bool TookHolder(s_CommPort* master, std::string_view text) {
+  if (SameSerial(text, master->serialNumber.view())) {
+    master->SetBusOwner(master);
+    return true;
+  }
+  if (SameSerial(text, master->removedHolder.view())) {
+    master->busOwner = master;
+    master->busState = 1;
+    return true;
+  }
+  for (const PortRef& chained : PortsList_All(&master->chain)) {
+    if (SameSerial(text, chained->serialNumber.view())) {
+      master->SetBusOwner(chained.get());
+      return true;
+    }
+  }
+  return false;
+}
+
+// Trigger reports among `text` (the last one wins) become the port's last
+// response, when the library enabled the trigger.
+void KeepReports(s_CommPort* master, std::string_view text) {
+  const UnaskedReports& reports = master->trigger.reports;
+  if (!reports.expected || text.empty()) return;
+  std::optional<std::string> report = LastReportIn(reports, text);
+  if (!report) return;
+  Trace(master->devicePath.view(), "trigger report kept as the last response: " + *report);
+  master->lastResponse.StoreUnasked(std::move(*report));
+}
+
+// Sends "GETSERIAL" and reads until every serial number the line owes has
+// come; what came before them is returned. Counts can be off (a command
+// lost on the way), so when the line then stays quiet for the whole wait
+// right after a serial number or a refusal, everything owed has come all
+// the same. None, with the line still out of step, when the instrument does
+// not answer so.
+std::optional<std::string> CollectUntilSerial(s_CommPort* master) {
+  SerialLine& line = *master->line;
+  if (RS232SendCommand(line, "GETSERIAL") != 1) return std::nullopt;
+  KeepReports(master, std::exchange(line.dropped, {}));
+  ++line.owedSerials;
+  std::string before;
+  bool heard = false;
+  bool lastEndsAnswers = false;  // the last line was a serial number or a refusal
+  while (line.owedSerials > 0) {
+    t_comresponse answer;
+    RS232WaitForData(line, &answer, kInStepTimeoutMs, "\r\n", false);
+    const WaitOutcome outcome = OutcomeOf(answer, kInStepTimeoutMs);
+    if (outcome == WaitOutcome::Late && answer.data.empty() && lastEndsAnswers) break;
+    heard = heard || !answer.data.empty();
+    if (outcome == WaitOutcome::Late) {
+      // Not a word: the instrument dropped what it owed, it will not come.
+      if (!heard) line.owedSerials = 0;
+      line.outOfStep = true;
+      return std::nullopt;
+    }
+    const std::vector<std::string> lines = PlainLines(answer.data);
+    const bool serial = lines.size() == 1 && TookHolder(master, lines.front());
+    lastEndsAnswers = serial || outcome == WaitOutcome::SyntaxError;
+    if (serial) {
+      --line.owedSerials;
+    } else {
+      before += answer.data;
+    }
+  }
+  line.owedSerials = 0;
+  line.outOfStep = false;
+  return before;
+}
+
+// After a time-out: true once the line is in step again.
+bool BringLineInStep(s_CommPort* master) {
+  SerialLine& line = *master->line;
+  if (line.resyncFailed) return false;
+  ++line.resyncs;
+  Trace(master->devicePath.view(), "out of step after a time-out: GETSERIAL");
+  const std::optional<std::string> before = CollectUntilSerial(master);
+  if (!before) {
+    Trace(master->devicePath.view(), kNotInStep);
+    line.resyncFailed = true;
+    return false;
+  }
+  KeepReports(master, *before);
+  return true;
+}
+
+// Frees the line that a removed chained instrument still holds.
+void FreeLineOfRemovedHolder(s_CommPort* master, std::string_view command) {
+  if (master->removedHolder.empty() || command == "BUSFREE") return;
+  Trace(master->devicePath.view(), "freeing the line of a removed instrument");
+  t_comresponse answer;
+  if (CMD_BusFree(master, &answer) != 1) throw LineError("Unable to free the bus");
+}
+
+// The wait for the answer to a command that was held back: late at once.
+void AsHeldBack(t_comresponse* response, long timeoutMs) {
+  response->data.clear();
+  response->syntaxError = false;
+  response->elapsedMs = timeoutMs;
+}
+
+// Whether an answer may be a trigger report that came first: it reads as
+// one while the library expects reports of readings.
+bool MayBeReport(const s_CommPort* master, const t_comresponse& response, long timeoutMs,
+                 bool multiLine, int lineCount) {
+  const UnaskedReports& reports = master->trigger.reports;
+  if (!reports.expected || reports.fields == 0) return false;
+  if (multiLine && lineCount <= 0) return false;  // ended by quiet: no count to check
+  if (OutcomeOf(response, timeoutMs) != WaitOutcome::Answered) return false;
+  const std::vector<std::string> lines = PlainLines(response.data);
+  return !lines.empty() && IsReportLine(reports, lines.front());
+}
+
+// Asks "GETSERIAL" to see whether more than the answer was on its way: the
+// answer is what does not read as a report. Late when the instrument does
+// not tell.
+void SeparateReports(s_CommPort* master, t_comresponse* response, long timeoutMs,
+                     std::string_view marker, int answerLines) {
+  SerialLine& line = *master->line;
+  std::string seen = response->data + std::exchange(line.leftover, {});
+  const std::optional<std::string> more = CollectUntilSerial(master);
+  if (!more) {
+    response->elapsedMs = std::max<int64_t>(response->elapsedMs, timeoutMs);
+    return;
+  }
+  seen += *more;
+  const std::vector<std::string> lines = PlainLines(seen);
+  if (static_cast<int>(lines.size()) == answerLines) return;
+  std::vector<std::string> others;
+  for (const std::string& text : lines) {
+    if (!IsReportLine(master->trigger.reports, text)) others.push_back(text);
+  }
+  if (answerLines != 1 || others.size() != 1) throw LineError(kReportOrAnswer);
+  KeepReports(master, seen);
+  response->data = others.front() + std::string(marker.empty() ? "\r\n" : marker);
+}
+
+}  // namespace
 
 WaitOutcome OutcomeOf(const t_comresponse& response, long timeoutMs) {
   if (response.elapsedMs >= timeoutMs) return WaitOutcome::Late;
@@ -10,11 +169,53 @@ WaitOutcome OutcomeOf(const t_comresponse& response, long timeoutMs) {
   return WaitOutcome::Answered;
 }
 
+int CMD_Write(s_CommPort* port, std::string_view command) {
+  s_CommPort* master = port->Master();
+  SerialLine& line = *master->line;
+  line.commandHeldBack = line.outOfStep && !BringLineInStep(master);
+  if (line.commandHeldBack) return 1;
+  FreeLineOfRemovedHolder(master, command);
+  const int written = RS232SendCommand(line, command);
+  KeepReports(master, std::exchange(line.dropped, {}));
+  line.lastCommand = command;
+  return written;
+}
+
+bool CMD_CommandHeldBack(const s_CommPort* port) { return port->line->commandHeldBack; }
+
+void CMD_Wait(s_CommPort* port, t_comresponse* response, long timeoutMs, std::string_view marker,
+              bool trim, bool multiLine, int lineCount) {
+  s_CommPort* master = port->Master();
+  SerialLine& line = *master->line;
+  if (line.commandHeldBack) {
+    AsHeldBack(response, timeoutMs);
+    return;
+  }
+  RS232WaitForData(line, response, timeoutMs, marker, false, multiLine, lineCount);
+  // Its answer, when it comes, is a serial number like the one that brings
+  // the line back in step.
+  if (line.outOfStep && strtoupper(line.lastCommand) == "GETSERIAL") ++line.owedSerials;
+  if (MayBeReport(master, *response, timeoutMs, multiLine, lineCount)) {
+    SeparateReports(master, response, timeoutMs, marker, multiLine ? lineCount : 1);
+  }
+  if (trim) TrimAnswerEnd(response->data);
+}
+
+void CMD_WaitForStraggler(s_CommPort* port, t_comresponse* response, long timeoutMs,
+                          std::string_view marker) {
+  SerialLine& line = *port->Master()->line;
+  if (line.commandHeldBack) {
+    AsHeldBack(response, timeoutMs);
+    return;
+  }
+  RS232WaitForStraggler(line, response, timeoutMs, marker);
+}
+
 int CMD_SendCommand(s_CommPort* port, std::string_view command, unsigned long timeoutMs,
                     t_comresponse* response) {
-  if (RS232SendCommand(port->fd, command) != 1) return -1;
+  if (CMD_Write(port, command) != 1) return -1;
   const long timeout = static_cast<long>(timeoutMs);
-  RS232WaitForData(port->fd, response, timeout, port->eotFormat.view(), true);
+  CMD_Wait(port, response, timeout, port->eotFormat.view(), true);
   return OutcomeOf(*response, timeout) == WaitOutcome::Answered ? 1 : 0;
 }
 

@@ -34,16 +34,6 @@ constexpr ModelCode kModelCodes[] = {
 
 }  // namespace
 
-int CMD_GetSerialNumber(int& fd, std::string& serialNumber) {
-  serialNumber.clear();
-  if (RS232SendCommand(fd, "GETSERIAL") != 1) return 0;
-  t_comresponse response;
-  RS232WaitForData(fd, &response, 300, "\r\n", true);
-  if (OutcomeOf(response, 300) != WaitOutcome::Answered) return 0;
-  serialNumber = response.data;
-  return 1;
-}
-
 int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text) {
   t_comresponse response;
   const int result = CMD_SendCommand(port, "GETHW", IdentifyTimeoutMs(port), &response);

@@ -23,8 +23,7 @@ enum eDeviceType {
 };
 
 // Identification exchanges: 1 answered in time, 0 late or refused, -1 not
-// sent (GETSERIAL gives 0 then too).
-int CMD_GetSerialNumber(int& fd, std::string& serialNumber);
+// sent.
 int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text);
 int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text);
 void CMD_GetFirmwareVersion(s_CommPort* port);

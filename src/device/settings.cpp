@@ -100,8 +100,8 @@ int CMD_GetIntensityMode(s_CommPort* port, eIntensityMode* mode) {
       result = CMD_SendCommand(port, "GETSTATUS", timeout, &response);
       if (result != 1) return result;
     } else {
-      if (RS232SendCommand(port->fd, "GETSTATUS") != 1) return -1;
-      RS232WaitForData(port->fd, &response, timeout, port->eotFormat.view(), false, true, 0);
+      if (CMD_Write(port, "GETSTATUS") != 1) return -1;
+      CMD_Wait(port, &response, timeout, port->eotFormat.view(), false, true, 0);
       if (response.syntaxError) return 0;
     }
   }

@@ -1,6 +1,8 @@
 #include "frame/debug_log.hpp"
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <string>
@@ -8,8 +10,17 @@
 namespace zeltocom {
 
 namespace {
+
 std::mutex mtxLogging;
+
+bool ReadTraceWanted() {
+  const char* value = std::getenv("ZELTOCOM_DEBUG");
+  return value != nullptr && value[0] != '\0' && std::strcmp(value, "0") != 0;
 }
+
+const bool kTraceWanted = ReadTraceWanted();
+
+}  // namespace
 
 void Logging(std::string_view tag, std::string_view message) {
   const std::string tagText(tag);
@@ -20,6 +31,10 @@ void Logging(std::string_view tag, std::string_view message) {
   std::fprintf(file, "%lld [%s] -> %s\r\n", static_cast<long long>(std::time(nullptr)),
                tagText.c_str(), messageText.c_str());
   std::fclose(file);
+}
+
+void Trace(std::string_view tag, std::string_view message) {
+  if (kTraceWanted) Logging(tag, message);
 }
 
 }  // namespace zeltocom

@@ -17,6 +17,15 @@ enum eTriggerState {
   TRIGGER_FINISHED = 4,   // a message is in the port's last answer
 };
 
+// What an instrument sends unasked when its trigger input fires, as this
+// library enabled the trigger: `lines` lines of `fields` numbers each, or,
+// with `fields` 0, the acknowledgement "OK".
+struct UnaskedReports {
+  bool expected = false;
+  int fields = 0;
+  int lines = 1;
+};
+
 // The thread that waits on a master's line for what its instrument sends
 // when the trigger input fires. The thread takes neither the line nor this
 // object's lock: it reads the line only while nobody else can, because
@@ -36,6 +45,8 @@ class TriggerListener {
   // The delays the instrument last accepted (0: refused). Under the line.
   int triggerPreDelay = 0;
   int triggerPostDelay = 0;
+  // The reports to expect on the line while no listener waits. Under the line.
+  UnaskedReports reports;
 
   // What ends the instrument's message; chosen before the thread starts and
   // only read by it.

@@ -36,6 +36,32 @@ std::optional<s_IDPort> FindRow(Match match) {
 
 }  // namespace
 
+void LastResponse::Store(std::string text) {
+  std::lock_guard lock(mutex_);
+  text_ = std::move(text);
+}
+
+void LastResponse::StoreUnasked(std::string text) {
+  std::lock_guard lock(mutex_);
+  text_ = std::move(text);
+  ++unasked_;
+}
+
+std::uint64_t LastResponse::mark() const {
+  std::lock_guard lock(mutex_);
+  return unasked_;
+}
+
+void LastResponse::StoreAnswer(std::string text, std::uint64_t mark) {
+  std::lock_guard lock(mutex_);
+  if (unasked_ == mark) text_ = std::move(text);
+}
+
+std::string LastResponse::Get() const {
+  std::lock_guard lock(mutex_);
+  return text_;
+}
+
 int FirmwareNumberOf(std::string_view firmwareText) {
   if (firmwareText.empty()) return -1;
   if (firmwareText.size() > 1 && firmwareText[1] == 'B') return 999;
@@ -46,6 +72,13 @@ void s_CommPort::SelectAdjustmentSet(int set) {
   adjustmentSet = set;
   fiberSettingsCur = &fiberSettings[static_cast<std::size_t>(set)];
   *fiberSettingsCur = FiberSettings{};
+}
+
+void s_CommPort::SetBusOwner(s_CommPort* owner) {
+  busOwner = owner;
+  busState = owner == this ? 1 : 0;
+  // Whoever the removed instrument was, it let go.
+  if (owner == this) removedHolder.clear();
 }
 
 void s_CommPort::SetFirmware(std::string_view text, std::size_t maxLength) {
@@ -59,17 +92,21 @@ std::unique_lock<std::mutex> LockLine(s_CommPort& port) {
   // Taken after the line, so that a listener started by the call that held
   // it before cannot slip in between.
   master->trigger.Stop();
+  // Each call tries once to bring a line back in step.
+  master->line->resyncFailed = false;
   return line;
 }
 
-PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,
-                      std::string_view serialNumber, std::string_view firmwareText,
-                      std::string_view eotFormat, int baudrate, double charTimeMs) {
+PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, std::shared_ptr<SerialLine> line,
+                      std::string_view devicePath, std::string_view serialNumber,
+                      std::string_view firmwareText, std::string_view eotFormat, int baudrate,
+                      double charTimeMs, std::uint64_t deviceNumber) {
   PortRef port;
   try {
     port = std::make_shared<s_CommPort>();
-    port->fd = fd;
+    port->line = std::move(line);
     port->devicePath.assign(devicePath);
+    port->deviceNumber = deviceNumber;
     port->serialNumber.assign(strtoupper(serialNumber));
     port->SetFirmware(firmwareText);
     port->eotFormat.assign(eotFormat);
@@ -125,8 +162,10 @@ bool PortsList_Del(s_CommPorts* list, const s_CommPort* port) {
   }
   s_CommPort* master = removed->parent;
   if (master != nullptr && master->busOwner == removed.get()) {
+    // The instrument still holds the line; only the record goes.
     master->busOwner = master;
     master->busState = 1;
+    master->removedHolder.assign(removed->serialNumber.view());
   }
   return true;
 }

@@ -12,6 +12,7 @@
 
 #include "frame/fixed_text.hpp"
 #include "frame/listener.hpp"
+#include "frame/serial_line.hpp"
 
 namespace zeltocom {
 
@@ -30,6 +31,29 @@ constexpr int kAdjustmentSets = 99;
 // The longest device path a port record holds.
 constexpr std::size_t kMaxPathLength = 253;
 
+// The last answer of a port, as ZeltoCom_GetResponseByPort hands it out, or
+// the last message its instrument sent unasked. Under a lock of its own, so
+// that reading it neither waits for the line nor ends a trigger listener.
+class LastResponse {
+ public:
+  // Stores an answer, or what a trigger listener received.
+  void Store(std::string text);
+  // Stores a message the instrument sent unasked while the line was busy
+  // with something else.
+  void StoreUnasked(std::string text);
+  // A mark to pass to StoreAnswer: how many unasked messages came so far.
+  std::uint64_t mark() const;
+  // Stores the answer of an exchange that began at `mark`, unless an unasked
+  // message came during it: that one is newer to the host.
+  void StoreAnswer(std::string text, std::uint64_t mark);
+  std::string Get() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::string text_;
+  std::uint64_t unasked_ = 0;
+};
+
 struct s_CommPort;
 // Records are shared: a call that found a port keeps it alive while it works,
 // even when another thread closes the port meanwhile.
@@ -45,19 +69,24 @@ struct s_CommPorts {
 // daisy-chained behind one (then `parent` is the master's record).
 //
 // Who may touch what:
-// - `devicePath`, `serialNumber` and `parent` are set when the record is made
-//   and never change; any thread may read them.
+// - `line`, `devicePath`, `deviceNumber`, `serialNumber` and `parent` are set
+//   when the record is made and never change; any thread may read them.
 // - `baudrate` and `autoResponseTimeout` are read by queries that do not
 //   take the line, so they are atomic.
-// - `errorText` is read and written under the error lock (frame/errors).
+// - `errorText` is read and written under the error lock (frame/errors),
+//   `lastResponse` under its own.
 // - Everything else, the chain and the records in it included, belongs to
 //   whoever holds the master's line (LockLine); the descriptor is closed, and
-//   `fd` set to -1, only under it.
-// - A trigger listener reads `fd` and writes `lastResponse` of its master
-//   without the line; taking the line stops and joins it first.
+//   the line's `fd` set to -1, only under it.
+// - A trigger listener reads the line's `fd` without holding the line;
+//   taking the line stops and joins it first.
 struct s_CommPort {
-  int fd = -1;  // -1 once the port is closed; a chained record copies its master's
+  // The master's line, shared by the instruments chained behind it.
+  std::shared_ptr<SerialLine> line;
   FixedText<254> devicePath;
+  // The device behind the path (0 unknown), so that one device opened under
+  // two names is told.
+  std::uint64_t deviceNumber = 0;
   FixedText<20> deviceIdText;
   FixedText<15> serialNumber;
   FixedText<27> hardwareDescriptor;  // empty: not asked yet
@@ -77,13 +106,17 @@ struct s_CommPort {
   int patternThresholdLow = -1;
   int patternThresholdHigh = -1;
   int captureState = 0;  // 1 after a sequence capture, 0 after any other capture
-  std::string lastResponse;
+  LastResponse lastResponse;
   FixedText<512> errorText;
   std::atomic<bool> autoResponseTimeout{true};
   s_CommPorts chain;
   s_CommPort* parent = nullptr;
   s_CommPort* busOwner = nullptr;  // who holds this master's line now
   int busState = 1;                // 1: the master holds its line
+  // Of a master: the serial number of a chained instrument that was removed
+  // while it held the line. It holds it still, so the line is freed before
+  // the master's next exchange; empty when nothing is owed.
+  FixedText<15> removedHolder;
   std::mutex lineMutex;            // of a master: one exchange at a time
   // Of a master: waits for the trigger's message. Last, so that it is
   // stopped before the members its thread uses go.
@@ -95,6 +128,11 @@ struct s_CommPort {
   void SetFirmware(std::string_view text, std::size_t maxLength = 19);
   // The record of the physical port: the parent of a chained record, else itself.
   s_CommPort* Master() { return parent != nullptr ? parent : this; }
+  // Of a master: `owner` (this record or a chained one) holds the line now,
+  // as an answer of the instrument showed.
+  void SetBusOwner(s_CommPort* owner);
+  // The descriptor of the line; -1 once the port is closed.
+  int fd() const { return line->fd; }
 };
 
 // A firmware text as a number: -1 when empty, 999 for beta versions (second
@@ -110,9 +148,11 @@ std::unique_lock<std::mutex> LockLine(s_CommPort& port);
 extern s_CommPorts OpenedPorts;
 
 // Adds a record at the end of `list`; null when memory ran out.
-PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, int fd, std::string_view devicePath,
-                      std::string_view serialNumber, std::string_view firmwareText,
-                      std::string_view eotFormat, int baudrate, double charTimeMs);
+// A chained record shares its parent's line.
+PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, std::shared_ptr<SerialLine> line,
+                      std::string_view devicePath, std::string_view serialNumber,
+                      std::string_view firmwareText, std::string_view eotFormat, int baudrate,
+                      double charTimeMs, std::uint64_t deviceNumber = 0);
 // Serial numbers are compared without regard to letter case.
 PortRef PortsList_GetBySerialNumber(const s_CommPorts* list, std::string_view serialNumber);
 // Searches the opened ports; paths are compared exactly.
@@ -123,6 +163,8 @@ int PortsList_Count(const s_CommPorts* list);
 std::vector<PortRef> PortsList_All(const s_CommPorts* list);
 // Removes `port` (a master with its chain); false when it was not in `list`.
 // The caller holds the master's line. The descriptor is not closed here.
+// When a chained instrument that holds the line goes, the master frees the
+// line before its next exchange.
 bool PortsList_Del(s_CommPorts* list, const s_CommPort* port);
 void PortsList_DelBySerialNumber(s_CommPorts* list, std::string_view serialNumber);
 void PortsList_DelByDevPath(s_CommPorts* list, std::string_view devicePath);

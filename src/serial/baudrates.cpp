@@ -84,9 +84,10 @@ void ForgetBaudrates() {
 
 int ChangePortBaudrate(s_CommPort* port, std::string_view text) {
   port->baudrate = static_cast<int>(ParseLong(text));
-  if (RS232ChangeBaudrate1(port->fd, port->baudrate) == 0) return 0;
-  if (RS232ChangeBaudrate2(port->fd, port->baudrate) == 0) return 0;
-  if (RS232ChangeBaudrate3(port->fd) == 0) return 0;
+  int& fd = port->line->fd;
+  if (RS232ChangeBaudrate1(fd, port->baudrate) == 0) return 0;
+  if (RS232ChangeBaudrate2(fd, port->baudrate) == 0) return 0;
+  if (RS232ChangeBaudrate3(fd) == 0) return 0;
   return -1;
 }
 

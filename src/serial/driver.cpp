@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <climits>
 #include <cstdint>
 #include <cmath>
+#include <memory>
 #include <utility>
 
 #include "frame/clock.hpp"
@@ -26,9 +28,6 @@ namespace zeltocom {
 namespace {
 
 enum class Way { Applied, Failed, Unavailable };
-
-// How long stale input is drained before a command, at most.
-constexpr double kDrainLimitMs = 1000;
 
 speed_t StandardSpeedCode(int baud) {
   static constexpr std::array<std::pair<int, speed_t>, 8> kCodes = {{
@@ -114,8 +113,11 @@ Way ConfigureFallback(int& fd) {
   return tcsetattr(fd, TCSANOW, &t) == 0 ? Way::Applied : Way::Failed;
 }
 
-int CloseAndFail(int fd, int result = 0) {
-  close(fd);
+// Closes a line that could not be set up; its descriptor number may be
+// reused at once by another thread, so the line forgets it.
+int CloseAndFail(SerialLine& line, int result = 0) {
+  close(line.fd);
+  line.fd = -1;
   return result;
 }
 
@@ -143,7 +145,7 @@ Intake ReadAvailable(int fd, char* buffer, std::size_t size, int waitMs, int wak
   const int ready = poll(both, wakeFd >= 0 ? 2 : 1, waitMs);
   if (ready < 0) return Intake{0, errno != EINTR};
   if (ready == 0) return {};
-  if (both[1].revents != 0) return Intake{0, false, true};
+  if (wakeFd >= 0 && both[1].revents != 0) return Intake{0, false, true};
   const pollfd& p = both[0];
   if ((p.revents & POLLIN) != 0) {
     const ssize_t n = read(fd, buffer, size);
@@ -155,54 +157,105 @@ Intake ReadAvailable(int fd, char* buffer, std::size_t size, int waitMs, int wak
   return Intake{0, (p.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0};
 }
 
-void DiscardPendingInput(int fd) {
-  int waiting = 0;
-  if (ioctl(fd, FIONREAD, &waiting) != 0 || waiting <= 0) return;
-  const double giveUp = ClockMs() + kDrainLimitMs;
-  char scratch[1024];
+// One read of a line: a ring of the line's interruption or a hang-up ends
+// the exchange.
+std::size_t ReadLine(SerialLine& line, char* buffer, std::size_t size, int waitMs) {
+  if (line.interrupted()) throw LineError(kClosedDuringExchange);
+  const Intake in = ReadAvailable(line.fd, buffer, size, waitMs, line.interruptFd());
+  if (in.woken || line.interrupted()) throw LineError(kClosedDuringExchange);
+  if (in.gone) throw LineError("Device disconnected");
+  return in.bytes;
+}
+
+// Reads are large, so that a flood is taken at the line's full speed; the
+// buffer is per thread, as host threads may have small stacks.
+constexpr std::size_t kReadSize = 64 * 1024;
+char* ReadBuffer() {
+  thread_local std::unique_ptr<char[]> buffer(new char[kReadSize]);
+  return buffer.get();
+}
+
+// How long stale input is thrown away before a command, at most.
+constexpr double kDropLimitMs = 1000;
+
+// Keeps the tail of what was thrown away: enough for any unasked message.
+void KeepDropped(SerialLine& line, std::string_view bytes) {
+  constexpr std::size_t kKept = 64 * 1024;
+  line.dropped.append(bytes);
+  if (line.dropped.size() > kKept) line.dropped.erase(0, line.dropped.size() - kKept);
+}
+
+void DropUntilQuiet(SerialLine& line) {
+  if (!line.leftover.empty()) {
+    KeepDropped(line, line.leftover);
+    line.leftover.clear();
+  }
+  const double quietMs = QuietBeforeCommandMs(line);
+  const double giveUp = WallClockMs() + kDropLimitMs;
+  char* buffer = ReadBuffer();
   for (;;) {
-    const Intake in = ReadAvailable(fd, scratch, sizeof scratch, 0);
-    if (in.gone) throw LineError("Device disconnected");
-    if (in.bytes == 0) return;
-    if (ClockMs() > giveUp) throw LineError("The line does not stop sending");
-    delayms(10);
+    const double quietLeft = line.lastStrayMs + quietMs - WallClockMs();
+    const int waitMs = quietLeft > 0 ? static_cast<int>(std::ceil(quietLeft)) : 0;
+    const std::size_t n = ReadLine(line, buffer, kReadSize, waitMs);
+    const double now = WallClockMs();
+    if (n == 0) {
+      if (now - line.lastStrayMs >= quietMs) return;
+      continue;
+    }
+    KeepDropped(line, std::string_view(buffer, n));
+    line.lastStrayMs = now;
+    if (now > giveUp) throw LineError("The line does not stop sending");
   }
 }
 
 // Looks at each received byte once: end marker, syntax-error replies and
 // line feeds are found in the new bytes only (with the few bytes before them
-// that a match may start in).
+// that a match may start in), and where each ends is noted.
 class AnswerScanner {
  public:
-  explicit AnswerScanner(std::string_view marker)
+  static constexpr std::size_t kNone = std::string::npos;
+
+  AnswerScanner(std::string_view marker, int lineCount)
       : marker_(marker),
         syntaxError1_("SYNTAX ERROR" + marker_),
-        syntaxError2_("ERROR: SYNTAX" + marker_) {}
+        syntaxError2_("ERROR: SYNTAX" + marker_),
+        lineCount_(lineCount) {}
 
   void Scan(const std::string& text, std::size_t newFrom) {
-    const std::string_view added = std::string_view(text).substr(newFrom);
-    lineFeeds_ += static_cast<int>(std::ranges::count(added, '\n'));
-    if (!markerSeen_) markerSeen_ = FoundSince(text, marker_, newFrom);
-    if (text.size() > 13 && !syntaxError_) {
-      syntaxError_ =
-          FoundSince(text, syntaxError1_, newFrom) || FoundSince(text, syntaxError2_, newFrom);
+    for (std::size_t i = newFrom; i < text.size(); ++i) {
+      if (text[i] != '\n') continue;
+      if (++lineFeeds_ == lineCount_) linesEnd_ = i + 1;
+    }
+    if (markerEnd_ == kNone) markerEnd_ = EndSince(text, marker_, newFrom);
+    if (text.size() > 13 && syntaxErrorEnd_ == kNone) {
+      syntaxErrorEnd_ = std::min(EndSince(text, syntaxError1_, newFrom),
+                                 EndSince(text, syntaxError2_, newFrom));
     }
   }
-  bool markerSeen() const { return markerSeen_; }
-  bool syntaxError() const { return syntaxError_; }
+  bool markerSeen() const { return markerEnd_ != kNone; }
+  bool syntaxError() const { return syntaxErrorEnd_ != kNone; }
+  std::size_t markerEnd() const { return markerEnd_; }
+  std::size_t syntaxErrorEnd() const { return syntaxErrorEnd_; }
   int lineFeeds() const { return lineFeeds_; }
+  // Where the line feed that completed the line count ends.
+  std::size_t linesEnd() const { return linesEnd_; }
 
  private:
-  static bool FoundSince(const std::string& text, const std::string& what, std::size_t newFrom) {
+  // Where the first `what` that ends in the new bytes ends, or kNone.
+  static std::size_t EndSince(const std::string& text, const std::string& what,
+                              std::size_t newFrom) {
     const std::size_t from = newFrom >= what.size() ? newFrom - what.size() + 1 : 0;
-    return text.find(what, from) != std::string::npos;
+    const std::size_t at = text.find(what, from);
+    return at == std::string::npos ? kNone : at + what.size();
   }
 
   std::string marker_;
   std::string syntaxError1_;
   std::string syntaxError2_;
-  bool markerSeen_ = false;
-  bool syntaxError_ = false;
+  int lineCount_;
+  std::size_t markerEnd_ = kNone;
+  std::size_t syntaxErrorEnd_ = kNone;
+  std::size_t linesEnd_ = kNone;
   int lineFeeds_ = 0;
 };
 
@@ -211,29 +264,137 @@ double LineCharTimeMs(int fd) {
   return CharTimeMs(baud > 0 ? baud : 9600);
 }
 
-int WaitSliceMs(double untilMs) {
-  const double left = std::ceil(untilMs - ClockMs()) + 1;
+int WaitSliceMs(double untilMs, double nowMs) {
+  const double left = std::ceil(untilMs - nowMs) + 1;
   return static_cast<int>(std::clamp(left, 0.0, static_cast<double>(INT_MAX)));
+}
+
+// What a wait is for.
+struct WaitPlan {
+  long timeoutMs;
+  std::string_view marker;
+  bool multiLine;
+  int lineCount;
+  bool answerOwed;  // running out of time leaves the line out of step
+};
+
+// Where the answer in `text` ends, when the wait has seen its end; `quiet`
+// says how long the line has been silent. A one-line answer ends at its
+// first marker, a refusal included; a longer one at a refusal anywhere.
+std::size_t AnswerEnd(const AnswerScanner& scan, const std::string& text, const WaitPlan& plan,
+                      double quiet) {
+  if (text.empty()) return AnswerScanner::kNone;
+  if (!plan.multiLine) return scan.markerEnd();
+  if (scan.syntaxErrorEnd() != AnswerScanner::kNone) return scan.syntaxErrorEnd();
+  if (plan.lineCount > 0) return scan.linesEnd();
+  if (plan.lineCount == 0 && quiet > 200) return text.size();
+  return AnswerScanner::kNone;
+}
+
+int Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bool trim) {
+  const std::string_view marker = plan.marker.empty() ? std::string_view("\r\n") : plan.marker;
+  AnswerScanner scan(marker, plan.multiLine ? plan.lineCount : 0);
+  std::string& text = response->data;
+  text = std::move(line.leftover);
+  line.leftover.clear();
+  response->elapsedMs = 0;
+  response->syntaxError = false;
+  scan.Scan(text, 0);
+
+  const auto timeout = static_cast<double>(plan.timeoutMs);
+  const bool blocking = BlockingWaits();
+  const double lineTimeMs = LineCharTimeMs(line.fd);
+  const double wallBegin = WallClockMs();
+  double lastByte = ClockMs();
+  double lastByteWall = wallBegin;
+  double elapsed = 0;
+  bool late = false;
+  // An answer far slower than its line is cut; a line that streams at its
+  // full rate without an end is cut by the allowance.
+  const auto capMs = [&] {
+    const double lineTime = 2 * lineTimeMs * static_cast<double>(text.size()) + 1000;
+    return timeout + std::min(lineTime, kStreamAllowanceMs);
+  };
+  char* buffer = ReadBuffer();
+  std::size_t end = AnswerEnd(scan, text, plan, elapsed);
+  while (end == AnswerScanner::kNone) {
+    const double wallNow = WallClockMs();
+    if (wallNow - wallBegin > capMs() ||
+        (!blocking && wallNow - lastByteWall > BusyWaitWallLimitMs(timeout))) {
+      elapsed = std::max(elapsed, timeout);
+      break;
+    }
+    if (elapsed > timeout) {
+      if (late) break;
+      late = true;  // one more look at the line after the time-out
+    }
+    int waitMs = 0;
+    if (blocking && !late) {
+      double until = std::min(lastByte + timeout, wallBegin + capMs());
+      const bool quietEnds =
+          !text.empty() && (scan.markerSeen() || plan.multiLine) && plan.lineCount == 0;
+      if (quietEnds) until = std::min(until, lastByte + 200);
+      waitMs = WaitSliceMs(until, wallNow);
+    }
+    const std::size_t n = ReadLine(line, buffer, kReadSize, waitMs);
+    const double now = ClockMs();
+    if (n > 0) {
+      const std::size_t newFrom = text.size();
+      text.append(buffer, n);
+      if (text.size() > kMaxAnswerBytes) {
+        line.outOfStep = true;
+        throw LineError("Answer too long");
+      }
+      scan.Scan(text, newFrom);
+      lastByte = now;
+      lastByteWall = WallClockMs();
+      late = false;
+    } else if (!blocking) {
+      // Still polling, but let the instruments' side and other ports'
+      // workers run first when they are waiting for this processor.
+      sched_yield();
+    }
+    elapsed = now - lastByte;
+    end = AnswerEnd(scan, text, plan, elapsed);
+  }
+
+  if (end != AnswerScanner::kNone) {
+    response->syntaxError = scan.syntaxErrorEnd() <= end;
+    if (end < text.size()) {
+      line.leftover = text.substr(end);
+      line.lastStrayMs = lastByteWall;
+      text.resize(end);
+    }
+  } else if (plan.answerOwed) {
+    line.outOfStep = true;
+  }
+  if (trim && !text.empty()) TrimAnswerEnd(text);
+  response->elapsedMs = static_cast<int64_t>(elapsed);
+  return 1;
 }
 
 }  // namespace
 
-int RS232OpenPort(int& fd, const std::string& path, int baud) {
-  fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) return errno == EBUSY ? kPortBusy : 0;
-  if (!ClaimExclusively(fd)) return CloseAndFail(fd, kPortBusy);
-  SetLowLatency(fd);
+int RS232OpenPort(SerialLine& line, const std::string& path, int baud) {
+  line.fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (line.fd < 0) {
+    const bool busy = errno == EBUSY;
+    line.fd = -1;
+    return busy ? kPortBusy : 0;
+  }
+  if (!ClaimExclusively(line.fd)) return CloseAndFail(line, kPortBusy);
+  SetLowLatency(line.fd);
 
-  Way way = ConfigureStandardSpeed(fd, baud);
-  if (way == Way::Unavailable) way = ConfigureCustomDivisor(fd, baud);
+  Way way = ConfigureStandardSpeed(line.fd, baud);
+  if (way == Way::Unavailable) way = ConfigureCustomDivisor(line.fd, baud);
   if (way == Way::Applied) return 1;
-  if (way == Way::Failed) return CloseAndFail(fd);
+  if (way == Way::Failed) return CloseAndFail(line);
 
   // The arbitrary rate goes on to the fallback even when it worked: the
   // fallback sets the line once more.
-  if (ConfigureArbitraryRate(fd, baud) == Way::Failed) return CloseAndFail(fd);
-  if (ConfigureFallback(fd) == Way::Applied) return 1;
-  return CloseAndFail(fd);
+  if (ConfigureArbitraryRate(line.fd, baud) == Way::Failed) return CloseAndFail(line);
+  if (ConfigureFallback(line.fd) == Way::Applied) return 1;
+  return CloseAndFail(line);
 }
 
 int RS232ChangeBaudrate3(int& fd) {
@@ -244,26 +405,48 @@ int RS232ChangeBaudrate3(int& fd) {
   return tcsetattr(fd, TCSANOW, &t) == 0 ? 0 : -1;
 }
 
-int RS232SendCommand(int& fd, std::string_view command) {
-  DiscardPendingInput(fd);
+std::uint64_t DeviceNumberOf(const std::string& path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0 || !S_ISCHR(info.st_mode)) return 0;
+  return static_cast<std::uint64_t>(info.st_rdev);
+}
 
-  std::string line(command);
-  line += "\r\n";
-  tcflush(fd, TCIOFLUSH);
+std::uint64_t DeviceNumberOf(int fd) {
+  struct stat info {};
+  if (fstat(fd, &info) != 0 || !S_ISCHR(info.st_mode)) return 0;
+  return static_cast<std::uint64_t>(info.st_rdev);
+}
+
+double QuietBeforeCommandMs(const SerialLine& line) {
+  // A few characters' time: a line that pauses that long between bytes has
+  // stopped sending.
+  return std::max(2.0, 4 * LineCharTimeMs(line.fd));
+}
+
+int RS232SendCommand(SerialLine& line, std::string_view command) {
+  DropUntilQuiet(line);
+
+  std::string text(command);
+  text += "\r\n";
+  // Whatever came in since the line fell quiet came before the command too.
+  // (Output is left alone: on a pseudo-terminal an earlier command may still
+  // wait there for the instrument to read it.)
+  tcflush(line.fd, TCIFLUSH);
 
   std::size_t written = 0;
   int failures = 0;
-  while (written < line.size()) {
-    const ssize_t n = write(fd, line.data() + written, line.size() - written);
+  while (written < text.size()) {
+    const ssize_t n = write(line.fd, text.data() + written, text.size() - written);
     if (n > 0) {
       written += static_cast<std::size_t>(n);
       continue;
     }
     if (n < 0 && LineGoneError(errno)) throw LineError("Device disconnected");
-    delayms(2);
+    if (line.interrupted()) throw LineError(kClosedDuringExchange);
+    PauseMs(2);
     if (++failures >= 30) return 0;
   }
-  tcdrain(fd);
+  tcdrain(line.fd);
   return 1;
 }
 
@@ -273,80 +456,14 @@ void TrimAnswerEnd(std::string& text) {
   }
 }
 
-int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::string_view marker,
-                     bool trim, bool multiLine, int lineCount) {
-  // The end text is waited for whole, however it arrives.
-  AnswerScanner scan(marker.empty() ? std::string_view("\r\n") : marker);
-  std::string& text = response->data;
-  text.clear();
-  response->elapsedMs = 0;
-  response->syntaxError = false;
+int RS232WaitForData(SerialLine& line, t_comresponse* response, long timeoutMs,
+                     std::string_view marker, bool trim, bool multiLine, int lineCount) {
+  return Collect(line, response, WaitPlan{timeoutMs, marker, multiLine, lineCount, true}, trim);
+}
 
-  const bool blocking = BlockingWaits();
-  const double lineTimeMs = LineCharTimeMs(fd);
-  const double begin = ClockMs();
-  double lastByte = begin;
-  double elapsed = 0;
-  bool late = false;
-  // Reads start small and grow with the answer, so that short replies are
-  // not over-read and long ones arrive in few calls.
-  std::size_t capacity = 100;
-  std::size_t readSize = 20;
-  char chunk[250];
-  // Generous for any legitimate answer, finite for a line that keeps
-  // trickling or streaming.
-  const auto capMs = [&] {
-    return static_cast<double>(timeoutMs) + 2 * lineTimeMs * static_cast<double>(text.size()) +
-           1000;
-  };
-  for (;;) {
-    const bool quietEnds = !text.empty() && (scan.markerSeen() || multiLine) && lineCount == 0;
-    double until = std::min(lastByte + static_cast<double>(timeoutMs), begin + capMs());
-    if (quietEnds) until = std::min(until, lastByte + 200);
-    const Intake in = ReadAvailable(fd, chunk, readSize, blocking && !late ? WaitSliceMs(until) : 0);
-    if (in.gone) throw LineError("Device disconnected");
-    const double now = ClockMs();
-    if (in.bytes > 0) {
-      const std::size_t newFrom = text.size();
-      text.append(chunk, in.bytes);
-      if (text.size() > kMaxAnswerBytes) throw LineError("Answer too long");
-      scan.Scan(text, newFrom);
-      lastByte = now;
-      late = false;
-      if (text.size() >= capacity - 1 - readSize) {
-        readSize = readSize < 200 ? readSize + 50 : 250;
-        capacity += capacity <= 511 ? 512 : 1024;
-      }
-    } else if (!blocking) {
-      // Still polling, but let the instruments' side and other ports'
-      // workers run first when they are waiting for this processor.
-      sched_yield();
-    }
-    elapsed = now - lastByte;
-    if (scan.syntaxError()) {
-      response->syntaxError = true;
-      break;
-    }
-    if (!text.empty()) {
-      if (scan.markerSeen() && !multiLine) break;
-      if (scan.markerSeen() || multiLine) {
-        if (lineCount > 0 && scan.lineFeeds() >= lineCount) break;
-        if (lineCount == 0 && elapsed > 200) break;
-      }
-    }
-    if (now - begin > capMs()) {
-      elapsed = std::max(elapsed, static_cast<double>(timeoutMs));
-      break;
-    }
-    if (elapsed > timeoutMs) {
-      if (late) break;
-      late = true;
-    }
-  }
-
-  if (trim && !text.empty()) TrimAnswerEnd(text);
-  response->elapsedMs = static_cast<int64_t>(elapsed);
-  return 1;
+int RS232WaitForStraggler(SerialLine& line, t_comresponse* response, long timeoutMs,
+                          std::string_view marker) {
+  return Collect(line, response, WaitPlan{timeoutMs, marker, false, 0, false}, false);
 }
 
 namespace {
@@ -372,7 +489,7 @@ int QuietLeftMs(double lastByte) {
 bool WaitForTriggerMessage(int fd, int wakeFd, t_comresponse* response,
                            const std::atomic<bool>& abortFlag, std::string_view terminator,
                            bool dataExpected, int lineCount) {
-  AnswerScanner scan(terminator);
+  AnswerScanner scan(terminator, 0);
   std::string& text = response->data;
   text.clear();
   response->elapsedMs = 0;
@@ -432,20 +549,25 @@ bool RS232WaitForExternalCapture(int fd, int wakeFd, t_comresponse* response,
   }
 }
 
-void PurgePort(int& fd) {
-  tcflush(fd, TCIOFLUSH);
-  tcdrain(fd);
+void PurgePort(SerialLine& line) {
+  tcflush(line.fd, TCIOFLUSH);
+  tcdrain(line.fd);
   termios unused{};
-  tcgetattr(fd, &unused);
+  tcgetattr(line.fd, &unused);
+  line.leftover.clear();
 }
 
-int RS232_FlushBuffers(int& fd) { return tcflush(fd, TCIOFLUSH); }
+int RS232_FlushBuffers(SerialLine& line) {
+  line.leftover.clear();
+  return tcflush(line.fd, TCIOFLUSH);
+}
 
-int RS232ClosePort(int& fd) {
-  PurgePort(fd);
-  ioctl(fd, TIOCNXCL);
-  const int result = close(fd);  // also releases the advisory lock
-  fd = -1;
+int RS232ClosePort(SerialLine& line) {
+  if (line.fd < 0) return 0;
+  PurgePort(line);
+  ioctl(line.fd, TIOCNXCL);
+  const int result = close(line.fd);  // also releases the advisory lock
+  line.fd = -1;
   return result;
 }
 

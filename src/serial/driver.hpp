@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "frame/serial_line.hpp"
+
 namespace zeltocom {
 
 // The outcome of one wait for an answer.
@@ -16,14 +18,21 @@ struct t_comresponse {
 };
 
 // A line that cannot carry an exchange any more: unplugged, sending without
-// pause, or answering without end. Thrown by the driver; the call that was
+// pause, answering without end, closed by another thread, or out of step
+// for good. Thrown by the driver and the command layer; the call that was
 // using the line fails with its text.
 struct LineError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+inline constexpr const char* kClosedDuringExchange = "The port was closed during the exchange";
+
 // The longest answer a wait takes in; a longer one ends it ("Answer too long").
 inline constexpr std::size_t kMaxAnswerBytes = std::size_t{1} << 20;
+
+// How much longer than its time-out a wait may take at the most while bytes
+// keep coming, however fast.
+inline constexpr double kStreamAllowanceMs = 30000;
 
 // RS232OpenPort's result when another process holds the port.
 inline constexpr int kPortBusy = -1;
@@ -32,26 +41,47 @@ inline constexpr int kPortBusy = -1;
 // lock and, where the device allows it, exclusive mode). 1 when open and
 // configured; kPortBusy when another process uses the port; else 0. On
 // failure the descriptor is closed again.
-int RS232OpenPort(int& fd, const std::string& path, int baud);
+int RS232OpenPort(SerialLine& line, const std::string& path, int baud);
 // Custom divisor, arbitrary rate (termios2), and the fixed 57600 fallback: 0 or -1.
 int RS232ChangeBaudrate1(int& fd, int baud);
 int RS232ChangeBaudrate2(int& fd, int baud);
 int RS232ChangeBaudrate3(int& fd);
 
-// Writes `command` followed by CR LF after discarding whatever waits in the
-// input; 1 when the whole line went out, else 0. Throws LineError when the
-// line is gone or does not stop sending.
-int RS232SendCommand(int& fd, std::string_view command);
+// The device number of the character device at `path` (links followed), or
+// of an open descriptor; 0 when there is none.
+std::uint64_t DeviceNumberOf(const std::string& path);
+std::uint64_t DeviceNumberOf(int fd);
+
+// How long the line must have been quiet before a command goes out.
+double QuietBeforeCommandMs(const SerialLine& line);
+
+// Writes `command` followed by CR LF. First everything on the line is read
+// and thrown away (into `line.dropped`) until the line has been quiet for
+// QuietBeforeCommandMs, at the line's full speed: no byte that came before
+// the command is ever part of its answer. 1 when the whole line went out,
+// else 0. Throws LineError when the line is gone, does not stop sending, or
+// was interrupted.
+int RS232SendCommand(SerialLine& line, std::string_view command);
 
 // Collects an answer until `marker` (CR LF when empty), a line count, a quiet
 // period or an idle time-out of `timeoutMs`. With `multiLine` the marker
 // alone does not end the wait: `lineCount` > 0 waits for that many line
-// feeds, 0 for 200 ms of quiet, < 0 for the time-out. A wait that goes on for
-// longer than the time-out, plus twice the line time of what it received,
-// plus a second, ends as late. Returns 1; throws LineError when the line is
-// gone or the answer grows beyond kMaxAnswerBytes.
-int RS232WaitForData(int& fd, t_comresponse* response, long timeoutMs, std::string_view marker,
-                     bool trim, bool multiLine = false, int lineCount = 0);
+// feeds, 0 for 200 ms of quiet, < 0 for the time-out. The answer ends where
+// its end was found; the bytes after it stay in `line.leftover`, and a wait
+// starts with what an earlier one left there. A wait that runs out of time
+// leaves the line out of step (the answer may still come). However fast the
+// bytes come, a wait ends after its time-out plus the line time of what it
+// received, plus a second, and never later than the time-out plus
+// kStreamAllowanceMs. Returns 1; throws LineError when the line is gone or
+// interrupted, or the answer grows beyond kMaxAnswerBytes.
+int RS232WaitForData(SerialLine& line, t_comresponse* response, long timeoutMs,
+                     std::string_view marker, bool trim, bool multiLine = false,
+                     int lineCount = 0);
+
+// A wait for bytes that may or may not come (a lone 0x04, the settling of a
+// line): no answer is owed, so running out of time leaves the line in step.
+int RS232WaitForStraggler(SerialLine& line, t_comresponse* response, long timeoutMs,
+                          std::string_view marker);
 
 // Waits for the message an instrument sends unasked once its trigger input
 // fired: as long as it takes for the first byte, then until `terminator`
@@ -64,13 +94,13 @@ bool RS232WaitForExternalCapture(int fd, int wakeFd, t_comresponse* response,
                                  const std::atomic<bool>& abortFlag, std::string_view terminator,
                                  bool dataExpected, int lineCount);
 
-void PurgePort(int& fd);
-int RS232_FlushBuffers(int& fd);
+void PurgePort(SerialLine& line);
+int RS232_FlushBuffers(SerialLine& line);
 // Discards both queues, gives up the exclusive access and closes.
-int RS232ClosePort(int& fd);
+int RS232ClosePort(SerialLine& line);
 // Serial drivers here need no event character; kept for instruments that end
 // their answers with 0x04.
-inline void RS232EnableEventChar(int&) {}
+inline void RS232EnableEventChar(SerialLine&) {}
 
 // Drops trailing 0x04, LF and CR.
 void TrimAnswerEnd(std::string& text);

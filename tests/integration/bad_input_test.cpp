@@ -307,5 +307,5 @@ TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
   ZeltoCom_ExternalTrigger_Listen_thread(nullptr);
   // An answer nobody wants is still taken and kept.
   EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1);
-  EXPECT_EQ(Record(*ports_.back())->lastResponse, "ZS0001");
+  EXPECT_EQ(Record(*ports_.back())->lastResponse.Get(), "ZS0001");
 }

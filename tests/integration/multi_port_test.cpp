@@ -148,14 +148,14 @@ TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
   ASSERT_EQ(OpenAll(), 1) << LastError();
   const std::string list = std::string(Paths()[0]) + ";;" + Paths()[1];
   EXPECT_EQ(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 2, "GETSERIAL|GETHW", '|'), 1);
-  EXPECT_EQ(Record(*ports_[0])->lastResponse, "ZS0001");
-  EXPECT_EQ(Record(*ports_[1])->lastResponse, "Zelto 05-P");
+  EXPECT_EQ(Record(*ports_[0])->lastResponse.Get(), "ZS0001");
+  EXPECT_EQ(Record(*ports_[1])->lastResponse.Get(), "Zelto 05-P");
   ports_[0]->clearLog();
   EXPECT_EQ(Outcome(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 3, "ID|ID|ID", '|')),
             "-1: Not enough commands given");
   EXPECT_TRUE(Sent(*ports_[0]).empty());
   EXPECT_EQ(ZeltoCom_SendToAll_NR(results_.data(), "ID"), 1);
-  EXPECT_EQ(Record(*ports_[1])->lastResponse, "05F");
+  EXPECT_EQ(Record(*ports_[1])->lastResponse.Get(), "05F");
 }
 
 TEST_F(MultiPortTest, CapturesFromAllPortsAndFromTheSpectrometersAmongThem) {

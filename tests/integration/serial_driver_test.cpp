@@ -14,18 +14,18 @@ namespace {
 class DriverTest : public SimBench {
  protected:
   void TearDown() override {
-    if (fd_ >= 0) RS232ClosePort(fd_);
+    RS232ClosePort(line_);
     SimBench::TearDown();
   }
   void OpenLine(const std::string& path, int baud = 57600) {
-    ASSERT_EQ(RS232OpenPort(fd_, path, baud), 1);
+    ASSERT_EQ(RS232OpenPort(line_, path, baud), 1);
   }
   t_comresponse Wait(long timeoutMs, const std::string& marker) {
     t_comresponse response;
-    EXPECT_EQ(RS232WaitForData(fd_, &response, timeoutMs, marker, true), 1);
+    EXPECT_EQ(RS232WaitForData(line_, &response, timeoutMs, marker, true), 1);
     return response;
   }
-  int fd_ = -1;
+  SerialLine line_;
 };
 
 }  // namespace
@@ -33,11 +33,11 @@ class DriverTest : public SimBench {
 TEST_F(DriverTest, EveryCommandGetsItsOwnLineEndAfterStaleInputIsDiscarded) {
   FarEnd line;
   OpenLine(line.path());
-  EXPECT_EQ(RS232SendCommand(fd_, "GETSERIAL\r\n"), 1);
+  EXPECT_EQ(RS232SendCommand(line_, "GETSERIAL\r\n"), 1);
   EXPECT_EQ(line.ReadFor(50ms), "GETSERIAL\r\n\r\n");
   line.Write("late answer\r\n");
   std::this_thread::sleep_for(20ms);
-  ASSERT_EQ(RS232SendCommand(fd_, "GETHW"), 1);
+  ASSERT_EQ(RS232SendCommand(line_, "GETHW"), 1);
   EXPECT_EQ(line.ReadFor(50ms), "GETHW\r\n");
   line.Write("Zelto 05-P\r\n");
   EXPECT_EQ(Wait(300, "").data, "Zelto 05-P");

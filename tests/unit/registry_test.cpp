@@ -11,7 +11,9 @@ namespace {
 
 PortRef AddPort(s_CommPorts* list, const char* path, const char* serial,
                 const char* firmware = "", s_CommPort* parent = nullptr) {
-  PortRef port = PortsList_Add(list, parent, 7, path, serial, firmware, "\r\n", 57600, 0.19);
+  std::shared_ptr<SerialLine> line =
+      parent != nullptr ? parent->line : std::make_shared<SerialLine>();
+  PortRef port = PortsList_Add(list, parent, line, path, serial, firmware, "\r\n", 57600, 0.19);
   EXPECT_TRUE(port);
   return port;
 }
@@ -59,7 +61,7 @@ TEST(Registry, FirmwareTextAndNumberGoTogether) {
   EXPECT_EQ(port->firmwareNumber, 213);
 }
 
-TEST(Registry, DeletingAChainedHolderGivesTheLineBack) {
+TEST(Registry, DeletingAChainedHolderLeavesTheLineToBeFreed) {
   s_CommPorts list;
   PortRef master = AddPort(&list, "/dev/a", "M1");
   PortRef first = AddPort(&master->chain, "/dev/a", "C1", "", master.get());
@@ -71,7 +73,7 @@ TEST(Registry, DeletingAChainedHolderGivesTheLineBack) {
   PortsList_DelByIndex(&master->chain, 0);
   EXPECT_EQ(PortsList_GetByIndex(&master->chain, 0)->serialNumber.view(), "C2");
   EXPECT_EQ(master->busOwner, master.get());
-  EXPECT_EQ(master->busState, 1);
+  EXPECT_EQ(master->removedHolder.view(), "C1");
   PortsList_DelBySerialNumber(&list, "m1");
   EXPECT_EQ(PortsList_Count(&list), 0);
   EXPECT_EQ(PortsList_Count(&master->chain), 0);
