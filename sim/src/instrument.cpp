@@ -21,6 +21,7 @@ Config Checked(Config c) {
   CheckNonNegative(c.slowDelayMs, "slowDelayMs");
   CheckNonNegative(c.trickleMs, "trickleMs");
   CheckNonNegative(c.answerDelayMs, "answerDelayMs");
+  if (c.chatterMs <= 0) throw std::invalid_argument("chatterMs must be positive");
   if (!(c.captureTimeScale >= 0.0) || !std::isfinite(c.captureTimeScale))
     throw std::invalid_argument("captureTimeScale must be a finite number >= 0");
   CheckCaptureMs(c.captureMs);
@@ -71,11 +72,16 @@ Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& n
       reply = SyntaxError(st);
       break;
     case Fault::Babble:
+    case Fault::Stream:
       reply.endless = true;
+      return reply;
+    case Fault::Huge:
+      reply.messages.push_back(Say(st, {std::string(st.config.hugeAnswerBytes, '7')}));
       return reply;
     case Fault::None:
     case Fault::Slow:
     case Fault::Trickle:
+    case Fault::Chatter:
       reply = normal(st);
       break;
   }
@@ -119,6 +125,12 @@ void Instrument::setSlowDelayMs(int ms) {
   CheckNonNegative(ms, "slow delay");
   std::lock_guard lock(state_->mutex);
   state_->config.slowDelayMs = ms;
+}
+
+void Instrument::setChatterMs(int ms) {
+  if (ms <= 0) throw std::invalid_argument("chatter interval must be positive");
+  std::lock_guard lock(state_->mutex);
+  state_->config.chatterMs = ms;
 }
 
 void Instrument::setCaptureTimeScale(double scale) {

@@ -2,6 +2,7 @@
 // line speed, routes each line to the instrument that holds the bus, and puts
 // the answers on the wire with their delays and pacing.
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -32,6 +33,9 @@ using detail::Reply;
 constexpr size_t kMaxLine = 512;  // a real instrument's buffer is far smaller
 constexpr int kPollMs = 50;       // how long an error state on the pty is waited out
 constexpr auto kWriteGiveUp = std::chrono::milliseconds(200);
+// How long bytes written to the pty may take at most to be readable by the
+// host, generously.
+constexpr auto kChatterDelivered = std::chrono::milliseconds(5);
 
 LineOptions Checked(LineOptions line) {
   if (line.baud <= 0) throw std::invalid_argument("baud rate must be positive");
@@ -84,6 +88,10 @@ struct SimPort::Impl {
   bool sleepFor(int ms) { return sleepUntil(Clock::now() + std::chrono::milliseconds(ms)); }
 
   void readInput();
+  int chatterWaitMs();
+  int holderChatterMs() const;
+  void chatter();
+  int chatterBefore(Clock::time_point receivedAt) const;
   bool takeTriggerPulse();
   void fireTrigger();
   void feed(const char* bytes, size_t count);
@@ -96,8 +104,8 @@ struct SimPort::Impl {
   bool masterKnowsBus() const;
   std::optional<size_t> memberWithSerial(const std::string& upperSerial) const;
   void deliver(const Reply& reply);
-  void babble();
-  bool holderBabbles() const;
+  void babble(Fault flood);
+  Fault holderFault() const;
   bool transmit(const std::string& bytes, int rate, int byteIntervalMs = 0);
   bool transmitSlowly(const std::string& bytes, int byteIntervalMs);
   bool transmitPaced(const std::string& bytes, int rate);
@@ -106,6 +114,10 @@ struct SimPort::Impl {
   bool writeAll(const char* data, size_t size);
   std::string noise();
 
+  size_t holderIndex() const {
+    std::lock_guard lock(mutex);
+    return holder;
+  }
   State& stateAt(size_t index) const {
     std::lock_guard lock(mutex);
     return *members[index].state;
@@ -125,6 +137,9 @@ struct SimPort::Impl {
   std::vector<ReceivedLine> log;
 
   // Used by the port's thread only.
+  int chatterCount = 0;
+  Clock::time_point nextChatter{};
+  std::deque<std::pair<int, Clock::time_point>> sentChatter;  // the last ones, in order
   std::string partial;
   std::deque<std::string> ready;
   std::minstd_rand random{0x5eed};
@@ -177,7 +192,9 @@ void SimPort::Impl::run() {
 
 void SimPort::Impl::readInput() {
   pollfd fds[2] = {{pty.master(), POLLIN, 0}, {wakeup.fd(), POLLIN, 0}};
-  if (::poll(fds, 2, -1) <= 0) return;
+  const int ready = ::poll(fds, 2, chatterWaitMs());
+  if (ready == 0) chatter();
+  if (ready <= 0) return;
   if (fds[1].revents != 0) {
     wakeup.clear();
     return;
@@ -190,6 +207,45 @@ void SimPort::Impl::readInput() {
     return;
   }
   sleepFor(kPollMs);  // an error state: do not spin on it
+}
+
+// How long the port waits for the host before its chattering instrument
+// sends the next line; -1 (no limit) when the instrument holding the line
+// does not chatter.
+int SimPort::Impl::chatterWaitMs() {
+  const int every = holderChatterMs();
+  if (every <= 0) return -1;
+  const auto now = Clock::now();
+  if (nextChatter == Clock::time_point{}) nextChatter = now + std::chrono::milliseconds(every);
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nextChatter - now);
+  return static_cast<int>(std::max<long long>(0, left.count()));
+}
+
+// The interval of the instrument holding the line, or 0 when it does not
+// chatter.
+int SimPort::Impl::holderChatterMs() const {
+  State& st = stateAt(holderIndex());
+  std::lock_guard lock(st.mutex);
+  return st.config.fault == Fault::Chatter ? st.config.chatterMs : 0;
+}
+
+// A line nobody asked for.
+void SimPort::Impl::chatter() {
+  const int n = ++chatterCount;
+  transmit("DATA " + std::to_string(n) + "\r\n", currentBaud());
+  sentChatter.emplace_back(n, Clock::now());
+  if (sentChatter.size() > 64) sentChatter.pop_front();
+  nextChatter = Clock::now() + std::chrono::milliseconds(holderChatterMs());
+}
+
+// The last chatter line that was surely readable by the host when its line
+// `receivedAt` left it: sent a few milliseconds before.
+int SimPort::Impl::chatterBefore(Clock::time_point receivedAt) const {
+  int last = 0;
+  for (const auto& [n, sentAt] : sentChatter) {
+    if (sentAt + kChatterDelivered <= receivedAt) last = n;
+  }
+  return last;
 }
 
 bool SimPort::Impl::takeTriggerPulse() {
@@ -227,13 +283,16 @@ void SimPort::Impl::handle(const std::string& text) {
   {
     std::lock_guard lock(mutex);
     understood = speed == baud;
-    log.push_back(ReceivedLine{text, speed < 0 ? 0 : speed, understood});
+    log.push_back(ReceivedLine{text, speed < 0 ? 0 : speed, understood,
+                               chatterBefore(Clock::now())});
   }
   if (understood) {
     deliver(route(text));
   } else if (options.wrongSpeed == WrongSpeed::Garbage) {
     transmit(noise(), currentBaud());
   }
+  // A chattering instrument is quiet while it answers.
+  nextChatter = Clock::now() + std::chrono::milliseconds(holderChatterMs());
 }
 
 // Bytes a receiver clocked at the wrong rate would make of an answer: never
@@ -372,27 +431,30 @@ void SimPort::Impl::deliver(const Reply& reply) {
   // read that answer already finds the instrument at the new rate.
   if (reply.newBaud > 0) setBaud(reply.newBaud);
   if (!pending.empty() && !transmit(pending, rate, reply.byteIntervalMs)) return;
-  if (reply.endless) babble();
+  if (reply.endless) babble(holderFault());
 }
 
-// Digits without a line end, as fast as the host takes them: never paced,
-// so that the host sees an endless answer soon.
-void SimPort::Impl::babble() {
+// Digits without a line end until the fault changes: a babble as fast as
+// the host takes them, so that the host sees an endless answer soon; a
+// stream at the line's rate.
+void SimPort::Impl::babble(Fault flood) {
   std::string digits;
   while (digits.size() < 1000) digits += "0123456789";
-  while (!stopRequested() && holderBabbles()) {
-    if (!writeAll(digits.data(), digits.size())) return;
+  while (!stopRequested() && holderFault() == flood) {
+    const bool going = flood == Fault::Stream ? transmitPaced(digits, currentBaud())
+                                              : writeAll(digits.data(), digits.size());
+    if (!going) return;
   }
 }
 
-bool SimPort::Impl::holderBabbles() const {
+Fault SimPort::Impl::holderFault() const {
   State* st = nullptr;
   {
     std::lock_guard lock(mutex);
     st = members[holder].state;
   }
   std::lock_guard lock(st->mutex);
-  return st->config.fault == Fault::Babble;
+  return st->config.fault;
 }
 
 int SimPort::Impl::currentBaud() const {

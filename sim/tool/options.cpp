@@ -43,9 +43,11 @@ SETTINGS is a comma-separated list of key=value pairs (may be empty):
   id=TEXT            id text (default 05F)
   eot=0|1            end answers with 0x04 (default 0)
   fibers=N           number of fibres of an analyser, 0..99 (default 2)
-  fault=none|silent|echo|slow|syntax|trickle|babble
+  fault=none|silent|echo|slow|syntax|trickle|babble|stream|huge|chatter
   slowdelay=MS       answer delay of fault=slow (default 3000)
   trickle=MS         time between the bytes of fault=trickle (default 1500)
+  chatter=MS         time between the unasked lines of fault=chatter (default 10)
+  huge=BYTES         length of fault=huge's answers (default 2097152)
   answerdelay=MS     extra delay before every answer (default 0)
   timescale=X        multiplies capture times (default 1)
   capturems=MS       every capture takes exactly MS ms (default -1: its
@@ -90,7 +92,11 @@ Fault FaultNamed(const std::string& value) {
   if (value == "syntax") return Fault::SyntaxErrorAll;
   if (value == "trickle") return Fault::Trickle;
   if (value == "babble") return Fault::Babble;
-  Bad("fault=" + value + ": expected none, silent, echo, slow, syntax, trickle or babble");
+  if (value == "stream") return Fault::Stream;
+  if (value == "huge") return Fault::Huge;
+  if (value == "chatter") return Fault::Chatter;
+  Bad("fault=" + value +
+      ": expected none, silent, echo, slow, syntax, trickle, babble, stream, huge or chatter");
 }
 
 BusCapture BusCaptureNamed(const std::string& value) {
@@ -146,6 +152,8 @@ bool SetInstrumentKey(Config& c, const std::string& key, const std::string& valu
   else if (key == "fault") c.fault = FaultNamed(value);
   else if (key == "slowdelay") c.slowDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "trickle") c.trickleMs = static_cast<int>(Integer(key, value, 0, 600000));
+  else if (key == "chatter") c.chatterMs = static_cast<int>(Integer(key, value, 1, 600000));
+  else if (key == "huge") c.hugeAnswerBytes = static_cast<std::size_t>(Integer(key, value, 1, 1L << 30));
   else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "timescale") c.captureTimeScale = Scale(value);
   else if (key == "capturems") c.captureMs = static_cast<int>(Integer(key, value, -1, 600000));

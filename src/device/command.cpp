@@ -22,26 +22,44 @@ bool SameSerial(std::string_view answer, std::string_view serial) {
   return !serial.empty() && strtoupper(answer) == strtoupper(serial);
 }
 
+// The record on the master's line whose serial number `text` is; null for
+// none. The removed holder of the line counts as the master.
+s_CommPort* InstrumentWithSerial(s_CommPort* master, std::string_view text) {
+  if (SameSerial(text, master->serialNumber.view()) ||
+      SameSerial(text, master->removedHolder.view())) {
+    return master;
+  }
+  for (const PortRef& chained : PortsList_All(&master->chain)) {
+    if (SameSerial(text, chained->serialNumber.view())) return chained.get();
+  }
+  return nullptr;
+}
+
 // Whether `text` is the serial number of an instrument on the master's
 // line; if so, the library's picture of who holds the line follows it.
 bool TookHolder(s_CommPort* master, std::string_view text) {
-  if (SameSerial(text, master->serialNumber.view())) {
-    master->SetBusOwner(master);
-    return true;
-  }
+  s_CommPort* holder = InstrumentWithSerial(master, text);
+  if (holder == nullptr) return false;
   if (SameSerial(text, master->removedHolder.view())) {
     master->busOwner = master;
     master->busState = 1;
-    return true;
+  } else {
+    master->SetBusOwner(holder);
   }
-  for (const PortRef& chained : PortsList_All(&master->chain)) {
-    if (SameSerial(text, chained->serialNumber.view())) {
-      master->SetBusOwner(chained.get());
-      return true;
-    }
-  }
-  return false;
+  return true;
 }
+
+// The end of `line` that is the serial number of an instrument on the line,
+// or `line` itself: what a line that streamed up to the moment it answered
+// leaves before the answer has no line end of its own.
+std::string_view SerialAtEnd(s_CommPort* master, std::string_view line) {
+  for (std::size_t start = 0; start < line.size(); ++start) {
+    if (InstrumentWithSerial(master, line.substr(start)) != nullptr) return line.substr(start);
+  }
+  return line;
+}
+
+bool AsksSerial(std::string_view command) { return strtoupper(command) == "GETSERIAL"; }
 
 // Trigger reports among `text` (the last one wins) become the port's last
 // response, when the library enabled the trigger.
@@ -81,7 +99,7 @@ std::optional<std::string> CollectUntilSerial(s_CommPort* master) {
       return std::nullopt;
     }
     const std::vector<std::string> lines = PlainLines(answer.data);
-    const bool serial = lines.size() == 1 && TookHolder(master, lines.front());
+    const bool serial = lines.size() == 1 && TookHolder(master, SerialAtEnd(master, lines.front()));
     lastEndsAnswers = serial || outcome == WaitOutcome::SyntaxError;
     if (serial) {
       --line.owedSerials;
@@ -127,19 +145,54 @@ void AsHeldBack(t_comresponse* response, long timeoutMs) {
 
 // Whether an answer may be a trigger report that came first: it reads as
 // one while the library expects reports of readings.
-bool MayBeReport(const s_CommPort* master, const t_comresponse& response, long timeoutMs,
+bool MayBeReport(s_CommPort* master, const t_comresponse& response, long timeoutMs,
                  bool multiLine, int lineCount) {
   const UnaskedReports& reports = master->trigger.reports;
   if (!reports.expected || reports.fields == 0) return false;
   if (multiLine && lineCount <= 0) return false;  // ended by quiet: no count to check
   if (OutcomeOf(response, timeoutMs) != WaitOutcome::Answered) return false;
   const std::vector<std::string> lines = PlainLines(response.data);
-  return !lines.empty() && IsReportLine(reports, lines.front());
+  return !lines.empty() && IsReportLine(reports, lines.front()) &&
+         InstrumentWithSerial(master, lines.front()) == nullptr;
+}
+
+// The answer to "GETSERIAL" never reads as a report: lines that do came
+// before it, and are set aside while the wait goes on.
+void SkipReports(s_CommPort* master, t_comresponse* response, long timeoutMs,
+                 std::string_view marker) {
+  std::string skipped;
+  while (MayBeReport(master, *response, timeoutMs, false, 0)) {
+    skipped += response->data;
+    RS232WaitForData(*master->line, response, timeoutMs, marker, false);
+  }
+  KeepReports(master, skipped);
+}
+
+// Where the one-line answer is among `lines` that hold it and whole trigger
+// reports: the one line that does not read as a report; or, when all do,
+// every place that leaves whole reports before and after it. None when the
+// places hold different texts.
+std::vector<std::size_t> AnswerPlaces(const std::vector<std::string>& lines,
+                                      const UnaskedReports& reports) {
+  std::vector<std::size_t> others;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    if (!IsReportLine(reports, lines[i])) others.push_back(i);
+  }
+  if (!others.empty()) return others.size() == 1 ? others : std::vector<std::size_t>{};
+  const auto n = static_cast<std::size_t>(reports.lines);
+  std::vector<std::size_t> places;
+  for (std::size_t p = 0; p < lines.size(); p += n) {
+    if ((lines.size() - 1 - p) % n != 0) continue;
+    if (!places.empty() && lines[p] != lines[places.front()]) return {};
+    places.push_back(p);
+  }
+  return places;
 }
 
 // Asks "GETSERIAL" to see whether more than the answer was on its way: the
-// answer is what does not read as a report. Late when the instrument does
-// not tell.
+// answer is what is left once whole reports are set aside. Late when the
+// instrument does not tell; LineError when the answer could be either of two
+// lines that differ.
 void SeparateReports(s_CommPort* master, t_comresponse* response, long timeoutMs,
                      std::string_view marker, int answerLines) {
   SerialLine& line = *master->line;
@@ -150,15 +203,18 @@ void SeparateReports(s_CommPort* master, t_comresponse* response, long timeoutMs
     return;
   }
   seen += *more;
-  const std::vector<std::string> lines = PlainLines(seen);
+  std::vector<std::string> lines = PlainLines(seen);
   if (static_cast<int>(lines.size()) == answerLines) return;
-  std::vector<std::string> others;
-  for (const std::string& text : lines) {
-    if (!IsReportLine(master->trigger.reports, text)) others.push_back(text);
-  }
-  if (answerLines != 1 || others.size() != 1) throw LineError(kReportOrAnswer);
-  KeepReports(master, seen);
-  response->data = others.front() + std::string(marker.empty() ? "\r\n" : marker);
+  const std::vector<std::size_t> places =
+      answerLines == 1 ? AnswerPlaces(lines, master->trigger.reports) : std::vector<std::size_t>{};
+  if (places.empty()) throw LineError(kReportOrAnswer);
+  response->data = lines[places.front()] + std::string(marker.empty() ? "\r\n" : marker);
+  // Only where the answer stood is known are the reports around it whole.
+  if (places.size() != 1) return;
+  lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(places.front()));
+  std::string reports;
+  for (const std::string& text : lines) reports += text + "\r\n";
+  KeepReports(master, reports);
 }
 
 }  // namespace
@@ -192,12 +248,17 @@ void CMD_Wait(s_CommPort* port, t_comresponse* response, long timeoutMs, std::st
     return;
   }
   RS232WaitForData(line, response, timeoutMs, marker, false, multiLine, lineCount);
+  const bool asksSerial = AsksSerial(line.lastCommand);
+  if (MayBeReport(master, *response, timeoutMs, multiLine, lineCount)) {
+    if (asksSerial && !multiLine) {
+      SkipReports(master, response, timeoutMs, marker);
+    } else {
+      SeparateReports(master, response, timeoutMs, marker, multiLine ? lineCount : 1);
+    }
+  }
   // Its answer, when it comes, is a serial number like the one that brings
   // the line back in step.
-  if (line.outOfStep && strtoupper(line.lastCommand) == "GETSERIAL") ++line.owedSerials;
-  if (MayBeReport(master, *response, timeoutMs, multiLine, lineCount)) {
-    SeparateReports(master, response, timeoutMs, marker, multiLine ? lineCount : 1);
-  }
+  if (line.outOfStep && asksSerial) ++line.owedSerials;
   if (trim) TrimAnswerEnd(response->data);
 }
 

@@ -29,6 +29,8 @@ namespace {
 
 enum class Way { Applied, Failed, Unavailable };
 
+std::atomic<double> streamAllowanceMs{kStreamAllowanceMs};
+
 speed_t StandardSpeedCode(int baud) {
   static constexpr std::array<std::pair<int, speed_t>, 8> kCodes = {{
       {9600, B9600},
@@ -175,6 +177,11 @@ char* ReadBuffer() {
   return buffer.get();
 }
 
+double LineCharTimeMs(int fd) {
+  const int baud = LineBaudrate(fd);
+  return CharTimeMs(baud > 0 ? baud : 9600);
+}
+
 // How long stale input is thrown away before a command, at most.
 constexpr double kDropLimitMs = 1000;
 
@@ -185,23 +192,33 @@ void KeepDropped(SerialLine& line, std::string_view bytes) {
   if (line.dropped.size() > kKept) line.dropped.erase(0, line.dropped.size() - kKept);
 }
 
+// Whether bytes thrown away that end with `last` end where a message ends;
+// if not, the rest of it is on its way and a short pause proves nothing.
+bool EndsWhole(char last) { return last == '\0' || last == '\n' || last == '\x04'; }
+
 void DropUntilQuiet(SerialLine& line) {
+  char last = '\0';
   if (!line.leftover.empty()) {
+    last = line.leftover.back();
     KeepDropped(line, line.leftover);
     line.leftover.clear();
   }
+  const double charMs = LineCharTimeMs(line.fd);
   const double quietMs = QuietBeforeCommandMs(line);
+  const double cutQuietMs = std::max(10.0, 20 * charMs);
   const double giveUp = WallClockMs() + kDropLimitMs;
   char* buffer = ReadBuffer();
   for (;;) {
-    const double quietLeft = line.lastStrayMs + quietMs - WallClockMs();
+    const double needed = EndsWhole(last) ? quietMs : cutQuietMs;
+    const double quietLeft = line.lastStrayMs + needed - WallClockMs();
     const int waitMs = quietLeft > 0 ? static_cast<int>(std::ceil(quietLeft)) : 0;
     const std::size_t n = ReadLine(line, buffer, kReadSize, waitMs);
     const double now = WallClockMs();
     if (n == 0) {
-      if (now - line.lastStrayMs >= quietMs) return;
+      if (now - line.lastStrayMs >= needed) return;
       continue;
     }
+    last = buffer[n - 1];
     KeepDropped(line, std::string_view(buffer, n));
     line.lastStrayMs = now;
     if (now > giveUp) throw LineError("The line does not stop sending");
@@ -259,11 +276,6 @@ class AnswerScanner {
   int lineFeeds_ = 0;
 };
 
-double LineCharTimeMs(int fd) {
-  const int baud = LineBaudrate(fd);
-  return CharTimeMs(baud > 0 ? baud : 9600);
-}
-
 int WaitSliceMs(double untilMs, double nowMs) {
   const double left = std::ceil(untilMs - nowMs) + 1;
   return static_cast<int>(std::clamp(left, 0.0, static_cast<double>(INT_MAX)));
@@ -313,7 +325,7 @@ int Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, boo
   // full rate without an end is cut by the allowance.
   const auto capMs = [&] {
     const double lineTime = 2 * lineTimeMs * static_cast<double>(text.size()) + 1000;
-    return timeout + std::min(lineTime, kStreamAllowanceMs);
+    return timeout + std::min(lineTime, streamAllowanceMs.load());
   };
   char* buffer = ReadBuffer();
   std::size_t end = AnswerEnd(scan, text, plan, elapsed);
@@ -417,6 +429,8 @@ std::uint64_t DeviceNumberOf(int fd) {
   return static_cast<std::uint64_t>(info.st_rdev);
 }
 
+void SetStreamAllowanceMs(double ms) { streamAllowanceMs = ms; }
+
 double QuietBeforeCommandMs(const SerialLine& line) {
   // A few characters' time: a line that pauses that long between bytes has
   // stopped sending.
@@ -426,12 +440,10 @@ double QuietBeforeCommandMs(const SerialLine& line) {
 int RS232SendCommand(SerialLine& line, std::string_view command) {
   DropUntilQuiet(line);
 
+  // No flush of the input here: it could drop the first half of a message
+  // whose second half then arrives, and passes for an answer.
   std::string text(command);
   text += "\r\n";
-  // Whatever came in since the line fell quiet came before the command too.
-  // (Output is left alone: on a pseudo-terminal an earlier command may still
-  // wait there for the instrument to read it.)
-  tcflush(line.fd, TCIFLUSH);
 
   std::size_t written = 0;
   int failures = 0;

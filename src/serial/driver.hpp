@@ -31,8 +31,9 @@ inline constexpr const char* kClosedDuringExchange = "The port was closed during
 inline constexpr std::size_t kMaxAnswerBytes = std::size_t{1} << 20;
 
 // How much longer than its time-out a wait may take at the most while bytes
-// keep coming, however fast.
+// keep coming, however fast; tests and benchmarks may shorten it.
 inline constexpr double kStreamAllowanceMs = 30000;
+void SetStreamAllowanceMs(double ms);
 
 // RS232OpenPort's result when another process holds the port.
 inline constexpr int kPortBusy = -1;
@@ -69,9 +70,9 @@ int RS232SendCommand(SerialLine& line, std::string_view command);
 // feeds, 0 for 200 ms of quiet, < 0 for the time-out. The answer ends where
 // its end was found; the bytes after it stay in `line.leftover`, and a wait
 // starts with what an earlier one left there. A wait that runs out of time
-// leaves the line out of step (the answer may still come). However fast the
-// bytes come, a wait ends after its time-out plus the line time of what it
-// received, plus a second, and never later than the time-out plus
+// leaves the line out of step (the answer may still come). However the
+// bytes come, a wait ends after its time-out plus twice the line time of
+// what it received plus a second, and never later than its time-out plus
 // kStreamAllowanceMs. Returns 1; throws LineError when the line is gone or
 // interrupted, or the answer grows beyond kMaxAnswerBytes.
 int RS232WaitForData(SerialLine& line, t_comresponse* response, long timeoutMs,

@@ -147,6 +147,24 @@ TEST_F(DaisyChainTest, RemovingForgetsWithoutTraffic) {
   EXPECT_EQ(ChainLength(), 1);
 }
 
+// The removed instrument still holds the line; the master's next exchange
+// frees it first, so the master answers.
+TEST_F(DaisyChainTest, RemovingTheHolderFreesTheLineBeforeTheMastersNextExchange) {
+  for (const bool clear : {false, true}) {
+    ASSERT_EQ(SendTo("CHAIN01", "GETSERIAL"), "CHAIN01");
+    Port().clearLog();
+    ASSERT_EQ(clear ? ZeltoCom_DaisyChain_Clear(Path())
+                    : ZeltoCom_DaisyChain_Del(Path(), "CHAIN01"), 1);
+    EXPECT_TRUE(Sent(Port()).empty());
+    EXPECT_EQ(Port().busHolder(), "CHAIN01");
+    ASSERT_EQ(Send(Port(), "GETSERIAL"), 1) << LastError();
+    EXPECT_STREQ(answer_, "MASTER1");
+    EXPECT_EQ(Sent(Port()), (Lines{"BUSFREE", "GETSERIAL"}));
+    ASSERT_EQ(Send(Port(), "GETSERIAL"), 1);
+    EXPECT_STREQ(answer_, "MASTER1");
+  }
+}
+
 TEST_F(DaisyChainTest, AChainedSpectrometerIsCapturedWithItsOwnSettings) {
   EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "SPEC01", 0, 1, 20.0f), 1)
       << LastError();

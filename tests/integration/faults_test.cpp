@@ -1,9 +1,18 @@
-// Instruments that trickle, babble or are unplugged: every call still
-// returns, within its time-outs, with a clear error.
+// Instruments that trickle, babble, chatter, flood, answer late or are
+// unplugged: every call still returns, within its time-outs, with a clear
+// error, and never with an answer that is not its own.
+#include <pthread.h>
+#include <sched.h>
+
+#include <atomic>
 #include <filesystem>
 #include <future>
+#include <thread>
+#include <vector>
 
 #include "bench.hpp"
+#include "frame/clock.hpp"
+#include "serial/driver.hpp"
 
 using namespace testlines;
 namespace fs = std::filesystem;
@@ -125,4 +134,158 @@ TEST_F(FaultsTest, UnpluggingEndsACaptureAtOnce) {
   EXPECT_EQ(ZeltoCom_CloseAll(), 1);
   char paths[256];
   EXPECT_EQ(ZeltoCom_GetOpenedPortsS(paths, ';'), 0);
+}
+
+// ---- Every answer belongs to its command --------------------------------
+
+// An instrument that answers after the time-out: the late answer is thrown
+// away with everything else up to the serial number that brings the line
+// back in step, never handed to the next command.
+TEST_F(FaultsTest, ALateAnswerIsNeverTakenForALaterCommands) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
+  port.master().setAnswerDelayMs(120);
+  const std::pair<const char*, const char*> kAnswers[] = {
+      {"GETHW", "Zelto 05-P"}, {"ID", "05F"}, {"GETVERSION", "F2.20"}};
+  int answered = 0;
+  int late = 0;
+  for (int i = 0; i < 9; ++i) {
+    const auto& [command, expected] = kAnswers[i % 3];
+    ZeltoCom_SetResponseTimeout(i % 2 == 0 ? 60 : 600);
+    const int result = Send(port, command);
+    if (result == 1) {
+      ++answered;
+      EXPECT_STREQ(answer_, expected) << i;
+    } else {
+      ++late;
+      EXPECT_EQ(Outcome(result), "0: Timeout") << i;
+    }
+  }
+  EXPECT_EQ(late, 5);
+  EXPECT_EQ(answered, 4);
+  EXPECT_EQ(Record(port)->line->resyncs, 4u);
+  // A late serial number is owed too: two are awaited, the line's own and
+  // the one that brings it back.
+  ZeltoCom_SetResponseTimeout(60);
+  EXPECT_EQ(Send(port, "GETSERIAL"), 0);
+  ZeltoCom_SetResponseTimeout(600);
+  ASSERT_EQ(Send(port, "GETHW"), 1) << LastError();
+  EXPECT_STREQ(answer_, "Zelto 05-P");
+}
+
+// Lines the instrument sends unasked before a command never make its answer:
+// the line is read until it has been quiet before the command goes out. A
+// line that never pauses long enough is refused instead.
+TEST_F(FaultsTest, ChatterBeforeACommandIsNeverPartOfItsAnswer) {
+  zeltosim::Config config = Analyser("ZS0001");
+  config.fault = zeltosim::Fault::Chatter;
+  zeltosim::SimPort& port = OpenPort(config);
+  for (const int every : {10, 1}) {
+    port.master().setChatterMs(every);
+    int answered = 0;
+    const int sends = every == 10 ? 300 : 20;
+    for (int i = 0; i < sends; ++i) {
+      const std::string outcome = Outcome(Send(port, "GETSERIAL"));
+      const int before = port.lineLog().back().chatterBefore;
+      if (outcome != "1") {
+        EXPECT_EQ(outcome, "-1: The line does not stop sending");
+        continue;
+      }
+      ++answered;
+      const std::string answer = answer_;
+      if (answer == "ZS0001") continue;
+      // Only a line that raced the command may pass for its answer.
+      ASSERT_EQ(answer.rfind("DATA ", 0), 0u) << answer;
+      EXPECT_GT(std::stoi(answer.substr(5)), before) << answer;
+    }
+    if (every == 10) {
+      EXPECT_GT(answered, 290);
+    }
+  }
+}
+
+// A flood ends the exchange it came with; the next one throws the rest away
+// at the line's full speed and finds the instrument again.
+TEST_F(FaultsTest, AfterAHugeAnswerTheNextExchangeIsClean) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
+  port.master().setFault(zeltosim::Fault::Huge);
+  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "-1: Answer too long");
+  port.master().setFault(zeltosim::Fault::None);
+  const auto start = Clock::now();
+  ASSERT_EQ(Send(port, "GETHW"), 1) << LastError();
+  EXPECT_LT(MsSince(start), 1000);
+  EXPECT_STREQ(answer_, "Zelto 05-P");
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
+  EXPECT_STREQ(answer_, "ZS0001");
+}
+
+// A line that streams at its full rate without end holds an exchange no
+// longer than its time-out and the allowance for streams.
+TEST_F(FaultsTest, AStreamWithoutEndEndsWithinTheAllowance) {
+  zeltocom::SetStreamAllowanceMs(1500);
+  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"), At(57600));
+  port.master().setFault(zeltosim::Fault::Stream);
+  ZeltoCom_SetResponseTimeout(300);
+  const auto start = Clock::now();
+  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "0: Timeout");
+  const long took = MsSince(start);
+  EXPECT_GT(took, 1500);
+  EXPECT_LT(took, 4000);
+  port.master().setFault(zeltosim::Fault::None);
+  ZeltoCom_SetResponseTimeout(2500);
+  EXPECT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
+  EXPECT_STREQ(answer_, "ZS0001");
+  zeltocom::SetStreamAllowanceMs(zeltocom::kStreamAllowanceMs);
+}
+
+// ---- Every wait ends on time -------------------------------------------------
+
+// Closing a port from another thread ends the exchange that holds its line
+// at once, instead of waiting for its time-out.
+TEST_F(FaultsTest, ClosingEndsAnExchangeInProgress) {
+  for (const bool all : {false, true}) {
+    zeltosim::SimPort& port = OpenPort(Analyser(all ? "ZS0002" : "ZS0001"));
+    port.master().setFault(zeltosim::Fault::Silent);
+    ZeltoCom_SetResponseTimeout(20000);
+    auto send = std::async(std::launch::async, [&] {
+      char answer[64];
+      const int result = ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer);
+      return Outcome(result);
+    });
+    std::this_thread::sleep_for(200ms);
+    const auto start = Clock::now();
+    EXPECT_EQ(all ? ZeltoCom_CloseAll() : ZeltoCom_Close(port.path().c_str()), 1);
+    EXPECT_LT(MsSince(start), 1000);  // 100 ms on an idle machine
+    EXPECT_EQ(send.get(), "-1: The port was closed during the exchange");
+  }
+}
+
+// A busy wait counts processor time, which a starved thread barely earns;
+// it still ends in wall-clock time.
+TEST_F(FaultsTest, ABusyWaitEndsInWallClockTimeWhenStarved) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
+  port.master().setFault(zeltosim::Fault::Silent);
+  ZeltoCom_SetResponseTimeout(200);
+  zeltocom::SetBlockingWaits(false);
+  // Four threads that never yield share this thread's processor.
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(sched_getcpu(), &one);
+  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
+  std::atomic<bool> burning{true};
+  std::vector<std::thread> burners;
+  for (int i = 0; i < 4; ++i) {
+    burners.emplace_back([&] {
+      pthread_setaffinity_np(pthread_self(), sizeof one, &one);
+      while (burning) {
+      }
+    });
+  }
+  const auto start = Clock::now();
+  const int result = Send(port, "GETSERIAL");
+  const long took = MsSince(start);
+  burning = false;
+  for (std::thread& burner : burners) burner.join();
+  zeltocom::SetBlockingWaits(true);
+  EXPECT_EQ(result, 0);
+  EXPECT_LT(took, 6000);  // 2 x 200 ms + 1 s, and scheduling
 }

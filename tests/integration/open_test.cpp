@@ -210,6 +210,26 @@ TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
   close(other);
 }
 
+// One device under two names (a stable link and its node) is one port: the
+// second name is refused, and a search by serial number leaves it alone.
+TEST_F(OpenTest, ADeviceOpenUnderOneNameIsNotOpenedUnderAnother) {
+  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
+  const std::string link = ::testing::TempDir() + "zeltocom-link-" + std::to_string(getpid());
+  unlink(link.c_str());
+  ASSERT_EQ(symlink(port.path().c_str(), link.c_str()), 0);
+  setenv("ZELTOCOM_PORTS", (port.path() + ";" + link).c_str(), 1);
+  ASSERT_EQ(ZeltoCom_EnumPorts(), 2);
+  ASSERT_EQ(ZeltoCom_Open(link.c_str(), port.baud()), 1) << LastError();
+  port.clearLog();
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 0)),
+            "0: The port is already open as " + link);
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZS0001", 0)), "0: The port is already open!");
+  EXPECT_TRUE(port.lineLog().empty());
+  EXPECT_EQ(ZeltoCom_Close(link.c_str()), 1);
+  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 0), 1) << LastError();
+  unlink(link.c_str());
+}
+
 TEST_F(OpenTest, PortsThatAreNotOpen) {
   EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate("/dev/pts/0")), "0: Detect ports first");
   zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));

@@ -1,6 +1,7 @@
 // The serial driver's framing, end rules and time-outs, over a simulated
 // instrument and over a bare pseudo-terminal that the test answers itself.
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "bench.hpp"
@@ -43,8 +44,56 @@ TEST_F(DriverTest, EveryCommandGetsItsOwnLineEndAfterStaleInputIsDiscarded) {
   EXPECT_EQ(Wait(300, "").data, "Zelto 05-P");
 }
 
-// These race a wait's processor time against a writer's wall-clock pauses:
-// run alone.
+// An answer ends at its marker: what came after it in the same read is the
+// beginning of whatever follows, and the next command throws it away.
+TEST_F(DriverTest, AnAnswerEndsAtItsMarkerAndTheRestIsNotTheNextAnswer) {
+  FarEnd line;
+  OpenLine(line.path());
+  ASSERT_EQ(RS232SendCommand(line_, "GETHW"), 1);
+  line.Write("Zelto 05-P\r\nDATA 1\r\nDA");
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(Wait(300, "\r\n").data, "Zelto 05-P");
+  EXPECT_EQ(line_.leftover, "DATA 1\r\nDA");
+  line.ReadFor(20ms);
+  ASSERT_EQ(RS232SendCommand(line_, "ID"), 1);
+  EXPECT_EQ(line.ReadFor(50ms), "ID\r\n");
+  line.Write("05F\r\n");
+  EXPECT_EQ(Wait(300, "\r\n").data, "05F");
+  EXPECT_EQ(line_.dropped.substr(line_.dropped.size() - 10), "DATA 1\r\nDA");
+}
+
+// A command goes out only once the line has been quiet, however fast the
+// stale bytes come; a message cut short holds it back longer.
+TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
+  FarEnd line;
+  OpenLine(line.path());
+  std::atomic<bool> stopped{false};
+  std::thread flood([&] {
+    const std::string chunk(512, 'x');
+    const auto end = Clock::now() + 150ms;
+    while (Clock::now() < end) {
+      line.Write(chunk);
+      std::this_thread::sleep_for(200us);
+    }
+    stopped = true;
+  });
+  std::this_thread::sleep_for(20ms);
+  ASSERT_EQ(RS232SendCommand(line_, "GETSERIAL"), 1);
+  EXPECT_TRUE(stopped);
+  flood.join();
+  EXPECT_EQ(line.ReadFor(50ms), "GETSERIAL\r\n");
+  // The bytes were read, not left to be flushed: a message cut short keeps
+  // the command back for longer than a pause between messages would.
+  line.Write("half a messa");
+  std::this_thread::sleep_for(2ms);
+  const auto start = Clock::now();
+  ASSERT_EQ(RS232SendCommand(line_, "ID"), 1);
+  EXPECT_GE(MsSince(start), 8);
+  EXPECT_EQ(line.ReadFor(50ms), "ID\r\n");
+}
+
+// These race a wait's time-out against a writer's wall-clock pauses: run
+// alone.
 using ProcessorTimeDriverTest = DriverTest;
 
 TEST_F(ProcessorTimeDriverTest, TheTimeOutCountsFromTheLastByte) {

@@ -1,11 +1,13 @@
 // The external trigger through the C interface: its set-up commands, a
 // listener's life from Listen to the host's fetch, and every call that ends
 // a listener at any moment.
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <thread>
 
 #include "bench.hpp"
+#include "frame/utils.hpp"
 
 namespace {
 
@@ -202,6 +204,85 @@ TEST_F(TriggerTest, EveryCallOnThePortEndsAListenerAtOnce) {
       EXPECT_STREQ(answer_, "ZA0001");
     }
   }
+}
+
+// A trigger that fires while the host talks to the instrument, with no
+// listener waiting: its reports are set aside as the port's last response,
+// never handed back as the answer to a command.
+TEST_F(TriggerTest, ReportsThatComeDuringAnExchangeAreNeverItsAnswer) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  port.master().setFiber(1, zeltosim::Fiber{0.1, 0.2, 0.7, 800.0});
+  ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 0), 1);
+  ASSERT_EQ(Send(port, "GETRGBI01"), 1);
+  const std::string fibre1 = answer_;
+  ASSERT_EQ(Send(port, "GETRGBI02"), 1);
+  const std::string fibre2 = answer_;
+  ASSERT_NE(fibre1, fibre2);
+
+  ASSERT_EQ(Enable(port, "RGBI"), 1);
+  std::atomic<bool> firing{true};
+  std::thread trigger([&] {
+    while (firing) {
+      port.fireTrigger();
+      std::this_thread::sleep_for(37ms);
+    }
+  });
+  // The serial number never reads as a report; the reading of fibre 1 reads
+  // as one line of a report, so when a report came with it, the library may
+  // have to say it cannot tell them apart, but never answers with another
+  // fibre's reading.
+  int serials = 0;
+  int readings = 0;
+  const int capturesBefore = port.master().captures();
+  const auto start = Clock::now();
+  for (int i = 0; Clock::now() - start < 1500ms; ++i) {
+    std::this_thread::sleep_for(3ms);
+    const bool reading = i % 3 == 2;
+    const int result = Send(port, reading ? "GETRGBI01" : "GETSERIAL");
+    if (reading) {
+      if (result == 1) {
+        ++readings;
+        EXPECT_EQ(answer_, fibre1) << i;
+      } else {
+        EXPECT_EQ(LastError(), "A trigger report came with the answer and cannot be told from it");
+      }
+      continue;
+    }
+    EXPECT_EQ(result, 1) << i << ": " << LastError();
+    if (result != 1) continue;
+    ++serials;
+    EXPECT_STREQ(answer_, "ZA0001") << i;
+  }
+  firing = false;
+  trigger.join();
+  EXPECT_GT(serials, 100);
+  EXPECT_GT(readings, 0);
+  EXPECT_GT(port.master().captures() - capturesBefore, 20);
+  // A report that came last is the port's last response, whole.
+  std::this_thread::sleep_for(100ms);
+  port.fireTrigger();
+  std::this_thread::sleep_for(100ms);
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+  EXPECT_EQ(Response(port), fibre1 + "\r\n" + fibre2);
+
+  // Disabled, nothing is expected any more: a reading is taken as it comes,
+  // without a second question.
+  ASSERT_EQ(ZeltoCom_ExternalTrigger_Disable(port.path().c_str(), 1), 1);
+  port.clearLog();
+  ASSERT_EQ(Send(port, "GETRGBI01"), 1);
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETRGBI01"}));
+}
+
+TEST_F(TriggerTest, ReadingTheLastResponseLeavesTheListenerWaiting) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  ASSERT_EQ(Enable(port, "NONE"), 1);
+  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+  ASSERT_EQ(Listen(port), 1);
+  EXPECT_EQ(Response(port), "");  // Listen starts it afresh
+  EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(port.path().c_str()), 0);
+  port.fireTrigger();
+  EXPECT_EQ(AwaitEnd(port), 1) << LastError();
+  EXPECT_EQ(Response(port), "OK");
 }
 
 TEST_F(TriggerTest, AnUnpluggedInstrumentFailsTheListener) {

@@ -25,6 +25,12 @@ enum class Fault {
   Trickle,         // answers correctly, one byte every Config::trickleMs
   Babble,          // answers any command with digits, without end, as fast as
                    // the line takes them, until the fault is cleared
+  Stream,          // the same, but paced at the line's rate, as a real line
+                   // that streams at its full speed
+  Huge,            // answers any command with Config::hugeAnswerBytes digits
+                   // and a line end, at once
+  Chatter,         // answers commands, and between them sends a line
+                   // "DATA <n>" (n = 1, 2, ...) every Config::chatterMs
 };
 
 // How an instrument answers "BUSCE<serial>", the question whether the capture
@@ -82,6 +88,8 @@ struct Config {
   int slowDelayMs = 3000;       // answer delay of Fault::Slow
   int trickleMs = 1500;         // time between the bytes of Fault::Trickle
   int answerDelayMs = 0;        // extra delay before every answer
+  int chatterMs = 10;           // time between the lines of Fault::Chatter
+  std::size_t hugeAnswerBytes = std::size_t{2} << 20;  // length of Fault::Huge's answers
   double captureTimeScale = 1.0;  // multiplies the time a capture takes
   int captureMs = -1;             // >= 0: every capture takes exactly this long
   BusCapture busCapture = BusCapture::Normal;
@@ -101,6 +109,10 @@ struct ReceivedLine {
   std::string text;   // as sent, letter case kept, without CR LF
   int lineBaud = 0;   // the speed the host had configured when it arrived
   bool understood = false;  // the speed matched and an instrument handled it
+  // Fault::Chatter: the number of the last "DATA <n>" line that the host
+  // could read before it wrote this line (sent a few milliseconds before
+  // the line arrived); 0 when none. A later one raced the line.
+  int chatterBefore = 0;
 };
 
 // The settings one instrument keeps per adjustment set.
@@ -199,6 +211,7 @@ class Instrument {
 
   void setFault(Fault fault);
   void setAnswerDelayMs(int ms);
+  void setChatterMs(int ms);  // > 0
   void setSlowDelayMs(int ms);
   void setCaptureTimeScale(double scale);
   void setCaptureMs(int ms);  // -1: captures take their natural time again
