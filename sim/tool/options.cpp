@@ -46,6 +46,8 @@ SETTINGS is a comma-separated list of key=value pairs (may be empty):
   fault=none|silent|echo|slow|syntax|trickle|babble
   slowdelay=MS       answer delay of fault=slow (default 3000)
   trickle=MS         time between the bytes of fault=trickle (default 1500)
+  unpadded=0|1       sequence readouts send bare values instead of lines
+                     padded with blanks to their width (default 0)
   answerdelay=MS     extra delay before every answer (default 0)
   timescale=X        multiplies capture times (default 1)
   capturems=MS       every capture takes exactly MS ms (default -1: its
@@ -146,6 +148,7 @@ bool SetInstrumentKey(Config& c, const std::string& key, const std::string& valu
   else if (key == "fault") c.fault = FaultNamed(value);
   else if (key == "slowdelay") c.slowDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "trickle") c.trickleMs = static_cast<int>(Integer(key, value, 0, 600000));
+  else if (key == "unpadded") c.unpaddedReadouts = Flag(key, value);
   else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "timescale") c.captureTimeScale = Scale(value);
   else if (key == "capturems") c.captureMs = static_cast<int>(Integer(key, value, -1, 600000));

@@ -81,6 +81,8 @@ struct Config {
   Fault fault = Fault::None;
   int slowDelayMs = 3000;       // answer delay of Fault::Slow
   int trickleMs = 1500;         // time between the bytes of Fault::Trickle
+  bool unpaddedReadouts = false;  // sequence readouts send bare values, not right-aligned
+                                  // in their lines' width
   int answerDelayMs = 0;        // extra delay before every answer
   double captureTimeScale = 1.0;  // multiplies the time a capture takes
   int captureMs = -1;             // >= 0: every capture takes exactly this long
@@ -200,6 +202,7 @@ class Instrument {
   void setFault(Fault fault);
   void setAnswerDelayMs(int ms);
   void setSlowDelayMs(int ms);
+  void setUnpaddedReadouts(bool on);
   void setCaptureTimeScale(double scale);
   void setCaptureMs(int ms);  // -1: captures take their natural time again
   void setBusCapture(BusCapture behaviour);
