@@ -116,7 +116,7 @@ std::string ConditionOf(const State& st) {
     if (st.sequence.samples[i].empty()) continue;
     const Range r = st.config.fibers[i].force;
     if (r == Range::Normal) continue;
-    char text[40];
+    char text[48];  // room for any size_t, which GCC checks at -O2
     std::snprintf(text, sizeof text, "%s ON FIBER %02zu",
                   r == Range::OverRange ? "OVERRANGE" : "UNDERRANGE", i + 1);
     return text;
