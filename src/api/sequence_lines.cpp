@@ -26,8 +26,8 @@ std::vector<std::string_view> Pieces(std::string_view text, std::string_view sep
   return pieces;
 }
 
-// `field` as a `Number` when it is exactly one: no sign or text around it,
-// within the type's range and, for a float, finite.
+// `field` as a `Number` when the whole field is one (a '-' may lead, a '+'
+// may not), within the type's range and, for a float, finite.
 template <typename Number>
 std::optional<Number> WholeNumber(std::string_view field) {
   Number value{};
