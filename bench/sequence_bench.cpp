@@ -18,11 +18,13 @@ constexpr int kSamples = 9999;
 constexpr int kBaud = 921600;
 constexpr int kRuns = 3;
 
-// The bytes of the answer: each sample's digits and CR LF. The light never
-// goes dark below four digits, so every line holds its sample.
+// The bytes of the answer: each sample's line, its digits right-aligned in
+// the instrument's 11 characters, and CR LF.
 long AnswerBytes(const std::vector<int>& samples) {
   long bytes = 0;
-  for (const int s : samples) bytes += static_cast<long>(std::to_string(s).size()) + 2;
+  for (const int s : samples) {
+    bytes += std::max(static_cast<long>(std::to_string(s).size()), 11L) + 2;
+  }
   return bytes;
 }
 

@@ -506,9 +506,11 @@ ZELTOCOM_API int ZeltoCom_Sequence_Setup(const char* devPath, unsigned StartDela
 ZELTOCOM_API int ZeltoCom_Sequence_Capture(const char* devPath, int fiber);
 /* Readouts of one fiber's samples after a sequence capture ("GETINTENSITY",
  * "GETxyI", "GETHSI", "GETRGBI", "GETCCT", "GETWAVELENGTH" with the fiber):
- * each array holds SampleCount elements; a sample whose line is too short
- * keeps its element. -1 before a set-up or a sequence capture, for a fiber
- * the instrument lacks or a null array; 0 when the answer was late. */
+ * each array holds SampleCount elements; a sample whose line does not read
+ * whole in the readout's format (a field missing, garbage, a number its type
+ * cannot hold, NaN or infinity) keeps its elements. -1 before a set-up or a
+ * sequence capture, for a fiber the instrument lacks or a null array; 0 when
+ * the answer was late. */
 ZELTOCOM_API int ZeltoCom_Sequence_ReadIntensity(const char* devPath, int fiber, int* intensity);
 ZELTOCOM_API int ZeltoCom_Sequence_ReadxyI(const char* devPath, int fiber, float* x, float* y,
                                            int* intensity);

@@ -54,6 +54,11 @@ void Instrument::setLight(int index, const Light& light) {
   lights[static_cast<size_t>(index)] = light;
 }
 
+void Instrument::setUnpaddedReadouts(bool on) {
+  std::lock_guard lock(state_->mutex);
+  state_->config.unpaddedReadouts = on;
+}
+
 void Instrument::setRunningLight(double dwellMs, double on, double off) {
   const auto count = static_cast<int>(state_->config.fibers.size());  // fixed at construction
   for (int i = 0; i < count; ++i) setLight(i, Light::Running(i, count, dwellMs, on, off));
@@ -111,7 +116,7 @@ std::string ConditionOf(const State& st) {
     if (st.sequence.samples[i].empty()) continue;
     const Range r = st.config.fibers[i].force;
     if (r == Range::Normal) continue;
-    char text[40];
+    char text[48];  // room for any size_t, which GCC checks at -O2
     std::snprintf(text, sizeof text, "%s ON FIBER %02zu",
                   r == Range::OverRange ? "OVERRANGE" : "UNDERRANGE", i + 1);
     return text;
@@ -143,10 +148,28 @@ std::string LineOf(Reading reading, const Seen& s) {
     case Reading::Hsi: return HsiLine(s);
     case Reading::Rgbi: return RgbiText(s);
     case Reading::Cct: return CctLine(s);
-    // With its unit: the host takes lines of three characters or fewer for empty.
-    case Reading::Wavelength: return WavelengthText(s) + " nm";
+    case Reading::Wavelength: return WavelengthText(s);
   }
   return {};
+}
+
+// The characters per line of each reading, CR LF not counted.
+size_t WidthOf(Reading reading) {
+  switch (reading) {
+    case Reading::Intensity: return 11;
+    case Reading::XyI: return 19;
+    case Reading::Hsi: return 22;
+    case Reading::Rgbi: return 23;
+    case Reading::Cct: return 18;
+    case Reading::Wavelength: return 11;
+  }
+  return 0;
+}
+
+// Right-aligned with blanks; a longer line goes out whole.
+std::string PaddedTo(size_t width, std::string line) {
+  if (line.size() < width) line.insert(0, width - line.size(), ' ');
+  return line;
 }
 
 }  // namespace
@@ -204,9 +227,12 @@ std::optional<Reply> SequenceReadings(State& st, Reading reading, std::string_vi
   if (!fibre || memory.samples[static_cast<size_t>(*fibre - 1)].empty()) return SyntaxError(st);
   const bool logarithmic = st.current().logarithmic;
   const size_t index = static_cast<size_t>(*fibre - 1);
+  const size_t width = st.config.unpaddedReadouts ? 0 : WidthOf(reading);
   std::vector<std::string> lines;
-  for (const Fiber& sample : memory.samples[index])
-    lines.push_back(LineOf(reading, Seen{sample, st.calibration[index], logarithmic}));
+  for (const Fiber& sample : memory.samples[index]) {
+    const Seen seen{sample, st.calibration[index], logarithmic};
+    lines.push_back(PaddedTo(width, LineOf(reading, seen)));
+  }
   return SayOnce(st, std::move(lines));
 }
 

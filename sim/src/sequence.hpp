@@ -1,6 +1,12 @@
 // Sequences: a burst of captures the analyser takes by itself ("CS") after
 // its set-up commands, kept in a memory that the readings then answer from,
 // one line per sample, until an ordinary capture replaces them.
+//
+// Each line is as wide as an analyser makes it for its reading (the
+// characters per line: 11 for intensities and wavelengths, 19 for "x y I",
+// 22 for HSI, 23 for RGBI, 18 for CCT), the values right-aligned with
+// blanks, CR LF after; values longer than that go out whole. With
+// Config::unpaddedReadouts they go out bare.
 #pragma once
 
 #include <optional>

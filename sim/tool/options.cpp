@@ -48,6 +48,8 @@ SETTINGS is a comma-separated list of key=value pairs (may be empty):
   trickle=MS         time between the bytes of fault=trickle (default 1500)
   chatter=MS         time between the unasked lines of fault=chatter (default 10)
   huge=BYTES         length of fault=huge's answers (default 2097152)
+  unpadded=0|1       sequence readouts send bare values instead of lines
+                     padded with blanks to their width (default 0)
   answerdelay=MS     extra delay before every answer (default 0)
   timescale=X        multiplies capture times (default 1)
   capturems=MS       every capture takes exactly MS ms (default -1: its
@@ -154,6 +156,7 @@ bool SetInstrumentKey(Config& c, const std::string& key, const std::string& valu
   else if (key == "trickle") c.trickleMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "chatter") c.chatterMs = static_cast<int>(Integer(key, value, 1, 600000));
   else if (key == "huge") c.hugeAnswerBytes = static_cast<std::size_t>(Integer(key, value, 1, 1L << 30));
+  else if (key == "unpadded") c.unpaddedReadouts = Flag(key, value);
   else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "timescale") c.captureTimeScale = Scale(value);
   else if (key == "capturems") c.captureMs = static_cast<int>(Integer(key, value, -1, 600000));

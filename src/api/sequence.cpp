@@ -2,16 +2,16 @@
 // download fibre by fibre, and the pattern and frequency of what they saw.
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <span>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "api/common.hpp"
 #include "api/sequence_analysis.hpp"
+#include "api/sequence_lines.hpp"
 #include "device/command.hpp"
 #include "device/intensity_scale.hpp"
 #include "device/settings.hpp"
@@ -52,10 +52,13 @@ bool RequireCaptured(s_CommPort* device) {
   return false;
 }
 
+bool RequireGiven(s_CommPort* device, bool allGiven) {
+  if (!allGiven) SetError(device, kNoBuffer);
+  return allGiven;
+}
+
 bool RequireBuffers(s_CommPort* device, std::initializer_list<const void*> buffers) {
-  if (std::ranges::find(buffers, nullptr) == buffers.end()) return true;
-  SetError(device, kNoBuffer);
-  return false;
+  return RequireGiven(device, std::ranges::find(buffers, nullptr) == buffers.end());
 }
 
 bool RequireFiber(s_CommPort* device, int fiber) {
@@ -172,40 +175,14 @@ constexpr Readout kRGBI{"GETRGBI", 23};
 constexpr Readout kCCT{"GETCCT", 18};
 constexpr Readout kWavelength{"GETWAVELENGTH", 11};
 
-// Scans one sample's line into element `index` of the host's arrays; the
-// values the line does not hold leave their elements as they were.
-using LineStore = std::function<void(const char* line, int index)>;
+// The host's arrays a readout fills, one per field of its lines.
+using Columns = std::initializer_list<SampleColumn>;
 
-LineStore IntegerStore(int* values) {
-  return [=](const char* line, int i) { std::sscanf(line, "%d", &values[i]); };
-}
-
-LineStore XyIStore(float* x, float* y, int* intensity) {
-  return [=](const char* line, int i) { std::sscanf(line, "%f %f %d", &x[i], &y[i], &intensity[i]); };
-}
-
-LineStore HSIStore(float* hue, int* saturation, int* intensity) {
-  return [=](const char* line, int i) {
-    std::sscanf(line, "%f %d %d", &hue[i], &saturation[i], &intensity[i]);
+bool RequireColumns(s_CommPort* device, Columns columns) {
+  const auto missing = [](const SampleColumn& column) {
+    return std::visit([](const auto* array) { return array == nullptr; }, column);
   };
-}
-
-// Colour values are bytes on the line too, but are read as numbers first so
-// that any text stays within the host's bytes.
-LineStore RGBIStore(unsigned char* red, unsigned char* green, unsigned char* blue, int* intensity) {
-  return [=](const char* line, int i) {
-    int v[4] = {};
-    const int scanned = std::sscanf(line, "%d %d %d %d", &v[0], &v[1], &v[2], &v[3]);
-    unsigned char* colours[] = {red, green, blue};
-    for (int k = 0; k < std::min(scanned, 3); ++k) {
-      colours[k][i] = static_cast<unsigned char>(std::clamp(v[k], 0, 255));
-    }
-    if (scanned == 4) intensity[i] = v[3];
-  };
-}
-
-LineStore CCTStore(int* cct, float* second) {
-  return [=](const char* line, int i) { std::sscanf(line, "%d %f", &cct[i], &second[i]); };
+  return RequireGiven(device, std::ranges::none_of(columns, missing));
 }
 
 // Room for every line at the line's speed, twice over.
@@ -214,13 +191,7 @@ long ReadoutTimeoutMs(const s_CommPort* device, int charsPerLine, int samples) {
   return lineMs * samples * 2 + 20;
 }
 
-// The lines of an answer, split at CR and at LF; empty ones are dropped.
-std::vector<std::string> AnswerLines(std::string text) {
-  std::ranges::replace(text, '\r', '\n');
-  return SplitNonEmpty(text, '\n');
-}
-
-int DownloadSequence(s_CommPort* device, int fiber, const Readout& readout, const LineStore& store) {
+int DownloadSequence(s_CommPort* device, int fiber, const Readout& readout, Columns columns) {
   if (!RequireFiber(device, fiber) || !RequireSetUp(device) || !RequireCaptured(device)) return -1;
   const int samples = device->sequenceSamples;
   const long timeout = ReadoutTimeoutMs(device, readout.charsPerLine, samples);
@@ -239,20 +210,14 @@ int DownloadSequence(s_CommPort* device, int fiber, const Readout& readout, cons
     SetError(device, "Unexpected error detected while trying to retrieve the test results");
     return 0;
   }
-  const std::vector<std::string> lines = AnswerLines(std::move(answer.data));
-  const std::size_t count = std::min(lines.size(), static_cast<std::size_t>(samples));
-  for (std::size_t i = 0; i < count; ++i) {
-    // A line of three characters or fewer holds no sample, but takes its place.
-    if (lines[i].size() > 3) store(lines[i].c_str(), static_cast<int>(i));
-  }
+  StoreSamples(answer.data, samples, std::span(columns.begin(), columns.end()));
   return 1;
 }
 
-int ReadSequence(const char* devPath, int fiber, const Readout& readout,
-                 std::initializer_list<const void*> buffers, const LineStore& store) {
+int ReadSequence(const char* devPath, int fiber, const Readout& readout, Columns columns) {
   return OnSequencePort(devPath, [&](s_CommPort* device) {
-    if (!RequireBuffers(device, buffers)) return -1;
-    return DownloadSequence(device, fiber, readout, store);
+    if (!RequireColumns(device, columns)) return -1;
+    return DownloadSequence(device, fiber, readout, columns);
   });
 }
 
@@ -308,9 +273,9 @@ int GetSweepingPattern(s_CommPort* device, int fiberCount, int mode, int* delays
   std::vector<int> samples(static_cast<std::size_t>(device->sequenceSamples));
   std::optional<std::size_t> reference;
   for (int fiber = 1; fiber <= fiberCount; ++fiber) {
-    // Lines too short to hold a sample leave their place: 0, not the last fibre's.
+    // Unreadable lines leave their place: 0, not the last fibre's.
     std::ranges::fill(samples, 0);
-    const int read = DownloadSequence(device, fiber, kIntensity, IntegerStore(samples.data()));
+    const int read = DownloadSequence(device, fiber, kIntensity, {samples.data()});
     if (read != 1) return read;
     const std::vector<Run> runs = PatternOf(device, samples);
     // Until a fibre shows a run above 0 there is no reference to follow.
@@ -393,7 +358,7 @@ int FindTestSettings(s_CommPort* device, int fiber, float minHz, float maxHz,
   t_comresponse answer;
   if (result == 1) result = CaptureSequence(device, fiber, &answer);
   std::vector<int> samples(static_cast<std::size_t>(trial.sampleCount));
-  if (result == 1) result = DownloadSequence(device, fiber, kIntensity, IntegerStore(samples.data()));
+  if (result == 1) result = DownloadSequence(device, fiber, kIntensity, {samples.data()});
   if (result != 1) return result;
 
   if (Contains(strtoupper(answer.data), "UNDERRANGE") || SawNoLight(samples)) {
@@ -441,31 +406,29 @@ int ZeltoCom_Sequence_Capture(const char* devPath, int fiber) {
 }
 
 int ZeltoCom_Sequence_ReadIntensity(const char* devPath, int fiber, int* intensity) {
-  return ReadSequence(devPath, fiber, kIntensity, {intensity}, IntegerStore(intensity));
+  return ReadSequence(devPath, fiber, kIntensity, {intensity});
 }
 
 int ZeltoCom_Sequence_ReadxyI(const char* devPath, int fiber, float* x, float* y, int* intensity) {
-  return ReadSequence(devPath, fiber, kXyI, {x, y, intensity}, XyIStore(x, y, intensity));
+  return ReadSequence(devPath, fiber, kXyI, {x, y, intensity});
 }
 
 int ZeltoCom_Sequence_ReadHSI(const char* devPath, int fiber, float* hue, int* saturation,
                               int* intensity) {
-  return ReadSequence(devPath, fiber, kHSI, {hue, saturation, intensity},
-                      HSIStore(hue, saturation, intensity));
+  return ReadSequence(devPath, fiber, kHSI, {hue, saturation, intensity});
 }
 
 int ZeltoCom_Sequence_ReadRGBI(const char* devPath, int fiber, unsigned char* red,
                                unsigned char* green, unsigned char* blue, int* intensity) {
-  return ReadSequence(devPath, fiber, kRGBI, {red, green, blue, intensity},
-                      RGBIStore(red, green, blue, intensity));
+  return ReadSequence(devPath, fiber, kRGBI, {red, green, blue, intensity});
 }
 
 int ZeltoCom_Sequence_ReadCCT(const char* devPath, int fiber, int* CCT, float* secondValue) {
-  return ReadSequence(devPath, fiber, kCCT, {CCT, secondValue}, CCTStore(CCT, secondValue));
+  return ReadSequence(devPath, fiber, kCCT, {CCT, secondValue});
 }
 
 int ZeltoCom_Sequence_ReadWavelength(const char* devPath, int fiber, int* wavelength) {
-  return ReadSequence(devPath, fiber, kWavelength, {wavelength}, IntegerStore(wavelength));
+  return ReadSequence(devPath, fiber, kWavelength, {wavelength});
 }
 
 int ZeltoCom_Sequence_SetPatternThresholdHigh(const char* devPath, int intensity) {

@@ -1,8 +1,14 @@
 // The readers that instrument answers go through: any answer gives a value,
 // and the values keep what the readers promise.
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
+#include <vector>
+
+#include "api/sequence_lines.hpp"
 
 #include "device/identify.hpp"
 #include "frame/registry.hpp"
@@ -61,6 +67,21 @@ void CheckRewrites(const std::string& text) {
   Require(doubled.size() == text.size() + static_cast<std::size_t>(strcountchar(text, text[0])));
 }
 
+// Any answer to a sequence readout, read with one to four fields per line:
+// stores stay within the samples and never hold a float that is not finite.
+void CheckReadout(const std::string& text) {
+  constexpr int kSamples = 8;
+  std::vector<int> ints(kSamples + 1, 0);
+  std::vector<float> floats(kSamples + 1, 0.0f);
+  std::vector<unsigned char> bytes(kSamples + 1, 0);
+  const SampleColumn columns[] = {bytes.data(), floats.data(), ints.data(), ints.data()};
+  for (std::size_t fields = 1; fields <= 4; ++fields) {
+    StoreSamples(text, kSamples, std::span(columns).last(fields));
+  }
+  Require(ints.back() == 0 && floats.back() == 0.0f && bytes.back() == 0);
+  Require(std::ranges::all_of(floats, [](float f) { return std::isfinite(f); }));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -68,5 +89,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckNumbers(text);
   CheckFields(text);
   CheckRewrites(text);
+  CheckReadout(text);
   return 0;
 }

@@ -2,6 +2,7 @@
 // capture and readouts, pattern and frequency of simulated lights, and the
 // search for test settings.
 #include <functional>
+#include <utility>
 
 #include "bench.hpp"
 
@@ -146,14 +147,38 @@ TEST_F(SequenceTest, EachReadoutParsesItsColumns) {
   EXPECT_STREQ(answer_, "1200");
 }
 
-TEST_F(SequenceTest, ShortLinesKeepTheirElementsAndSilenceTimesOut) {
+TEST_F(SequenceTest, ShortValuesAreSamplesPaddedOrBare) {
   const char* p = Open();
+  port_->master().setFiber(0, zeltosim::Fiber{0, 0, 1});  // 465 nm
+  port_->master().setFiber(1, zeltosim::Fiber{1, 0, 0});  // 625 nm
+  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, -85, 0), 1);
+  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 2, 155, 0), 1);
   port_->master().setLight(0, zeltosim::Light::Blinking(25, 50, 1500, 7));  // 20 ms lit, 20 dark
+  Capture(10, 6);
+  for (const bool bare : {false, true}) {
+    port_->master().setUnpaddedReadouts(bare);
+    std::vector<int> intensity(6, -1), violet(6, -1), red(6, -1);
+    ASSERT_EQ(ZeltoCom_Sequence_ReadIntensity(p, 1, intensity.data()), 1);
+    ASSERT_EQ(ZeltoCom_Sequence_ReadWavelength(p, 1, violet.data()), 1);
+    ASSERT_EQ(ZeltoCom_Sequence_ReadWavelength(p, 2, red.data()), 1);
+    EXPECT_EQ(intensity, (std::vector<int>{1500, 1500, 7, 7, 1500, 1500})) << bare;
+    EXPECT_EQ(violet, std::vector<int>(6, 380)) << bare;
+    EXPECT_EQ(red, std::vector<int>(6, 780)) << bare;
+  }
+
+  // On the line: right-aligned in the reading's 11 characters, or bare.
+  Capture(10, 1, 2);
+  for (const auto& [bare, line] : {std::pair{false, "        780"}, std::pair{true, "780"}}) {
+    port_->master().setUnpaddedReadouts(bare);
+    ASSERT_EQ(Send(*port_, "GETWAVELENGTH02"), 1);
+    EXPECT_STREQ(answer_, line);
+  }
+}
+
+TEST_F(SequenceTest, SilenceTimesOut) {
+  const char* p = Open();
   Capture(10, 6, 1);
   std::vector<int> values(6, -1);
-  ASSERT_EQ(ZeltoCom_Sequence_ReadIntensity(p, 1, values.data()), 1);
-  EXPECT_EQ(values, (std::vector<int>{1500, 1500, -1, -1, 1500, 1500}));  // "7" holds no sample
-
   for (const zeltosim::Fault fault : {zeltosim::Fault::Silent, zeltosim::Fault::Slow}) {
     port_->master().setSlowDelayMs(2000);  // well past the time-out, even on a loaded machine
     port_->master().setFault(fault);

@@ -87,6 +87,8 @@ struct Config {
   Fault fault = Fault::None;
   int slowDelayMs = 3000;       // answer delay of Fault::Slow
   int trickleMs = 1500;         // time between the bytes of Fault::Trickle
+  bool unpaddedReadouts = false;  // sequence readouts send bare values, not right-aligned
+                                  // in their lines' width
   int answerDelayMs = 0;        // extra delay before every answer
   int chatterMs = 10;           // time between the lines of Fault::Chatter
   std::size_t hugeAnswerBytes = std::size_t{2} << 20;  // length of Fault::Huge's answers
@@ -213,6 +215,7 @@ class Instrument {
   void setAnswerDelayMs(int ms);
   void setChatterMs(int ms);  // > 0
   void setSlowDelayMs(int ms);
+  void setUnpaddedReadouts(bool on);
   void setCaptureTimeScale(double scale);
   void setCaptureMs(int ms);  // -1: captures take their natural time again
   void setBusCapture(BusCapture behaviour);

@@ -1,0 +1,92 @@
+// Sequence readout lines: stored only when they read whole in their format.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "api/sequence_lines.hpp"
+
+using namespace zeltocom;
+
+namespace {
+
+std::string Shown(const std::vector<SampleColumn>& columns) {
+  std::ostringstream text;
+  for (const SampleColumn& column : columns) std::visit([&](auto* a) { text << ' ' << +*a; }, column);
+  return text.str().substr(1);
+}
+
+// One sample of `line` read in `format` ('i' int, 'f' float, 'b' byte) into
+// arrays holding markers: "untouched" when every marker stayed, else what
+// the arrays hold (markers among values would be a partial store).
+std::string Read(const std::string& format, const std::string& line) {
+  std::array<int, 4> ints{-99, -99, -99, -99};
+  std::array<float, 4> floats{-99, -99, -99, -99};
+  std::array<unsigned char, 4> bytes{199, 199, 199, 199};
+  std::vector<SampleColumn> columns;
+  for (std::size_t k = 0; k < format.size(); ++k) {
+    if (format[k] == 'i') columns.emplace_back(&ints[k]);
+    if (format[k] == 'f') columns.emplace_back(&floats[k]);
+    if (format[k] == 'b') columns.emplace_back(&bytes[k]);
+  }
+  const std::string markers = Shown(columns);
+  StoreSamples(line, 1, columns);
+  return Shown(columns) == markers ? "untouched" : Shown(columns);
+}
+
+struct LineCase {
+  std::string format;
+  std::string line;
+  std::string stored;
+};
+
+}  // namespace
+
+TEST(SequenceLines, ALineIsStoredOnlyWhenItReadsWhole) {
+  const std::vector<LineCase> cases = {
+      // Short values, bare or padded as instruments pad them.
+      {"i", "380", "380"},
+      {"i", "780", "780"},
+      {"i", "7", "7"},
+      {"i", "        549", "549"},
+      {"i", "00000000549", "549"},
+      {"i", "\t-12 ", "-12"},
+      {"i", "2147483647", "2147483647"},
+      {"ffi", "    0.3288 0.4232 999", "0.3288 0.4232 999"},
+      {"fii", "100.89 40 1200", "100.89 40 1200"},
+      {"bbbi", "        77 128 51 16411", "77 128 51 16411"},
+      {"if", "5614 0.3288", "5614 0.3288"},
+      // Some fields only, or more than the format holds.
+      {"ffi", "0.3288 0.4232", "untouched"},
+      {"bbbi", "77 128 51", "untouched"},
+      {"if", "5614", "untouched"},
+      {"i", "549 nm", "untouched"},
+      // Garbage, and numbers written only in part.
+      {"i", "SYNTAX ERROR", "untouched"},
+      {"i", "12abc", "untouched"},
+      {"i", "1.5", "untouched"},
+      {"fii", "100.89x 40 1200", "untouched"},
+      // Numbers their type cannot hold, and no numbers at all.
+      {"i", "2147483648", "untouched"},
+      {"i", "-2147483649", "untouched"},
+      {"i", "123456789012345678901234567890", "untouched"},
+      {"bbbi", "256 0 0 5", "untouched"},
+      {"bbbi", "-1 0 0 5", "untouched"},
+      {"ffi", "1e39 0.4 5", "untouched"},
+      {"ffi", "nan 0.4 5", "untouched"},
+      {"ffi", "0.3 inf 5", "untouched"},
+      {"if", "5614 -infinity", "untouched"},
+  };
+  for (const LineCase& c : cases) EXPECT_EQ(Read(c.format, c.line), c.stored) << c.line;
+}
+
+TEST(SequenceLines, EveryLineTakesItsSamplesPlace) {
+  std::vector<int> values(4, -1);  // one beyond the three samples
+  const SampleColumn column = values.data();
+  StoreSamples("1200\r\n0.5\r\n\r\n7\r549 nm\n2\r\n3", 3, {&column, 1});
+  EXPECT_EQ(values, (std::vector<int>{1200, -1, 7, -1}));
+  StoreSamples("5", 3, {&column, 1});
+  EXPECT_EQ(values, (std::vector<int>{5, -1, 7, -1}));
+}
