@@ -1,18 +1,22 @@
 // zeltocom_bench: what waiting costs and how exact it is, how fast answers
-// come in, and whether opening and closing leak. Each figure is set against
-// a raw exchange over the same pseudo-terminal, measured in the same run.
+// come in and stale bytes go out, what bringing a line back in step after a
+// time-out costs, and whether opening and closing leak. Each figure is set
+// against a raw exchange or read loop over the same pseudo-terminal,
+// measured in the same run.
 //
 //   zeltocom_bench [--soak N]     (N open/close cycles, default 10000; 0 skips)
 //
 // The wait figures are taken in both wait modes: the program runs itself
-// once more with ZELTOCOM_WAIT=block, since the mode is fixed at load time.
+// once more with ZELTOCOM_WAIT=busy, since the mode is fixed at load time.
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
+#include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -86,6 +90,18 @@ void Publish(const std::vector<const zeltosim::SimPort*>& ports) {
   ZeltoCom_EnumPorts();
 }
 
+// The time of one raw GETSERIAL exchange over a fresh simulated line, in ms.
+double RawExchangeMs(int rounds) {
+  zeltosim::SimPort port(Instrument("ZB000009"), {921600});
+  RawLine raw(port.path());
+  const auto start = Clock::now();
+  for (int i = 0; i < rounds; ++i) {
+    raw.Send("GETSERIAL");
+    raw.ReadUntil("\r\n\x04", 1 << 20);
+  }
+  return MsSince(start) / rounds;
+}
+
 // One exchange, raw and through the library.
 void MeasureExchange() {
   zeltosim::SimPort port(Instrument("ZB000001"), {921600});
@@ -143,6 +159,79 @@ void MeasureIntake() {
               rawMBs, libraryMBs, libraryMBs / rawMBs, result, LastError().c_str());
 }
 
+// Stale bytes thrown away before a command, against a raw read loop taking
+// the same flood: an instrument answers with 8 MB, the library takes the
+// first MiB as an answer (too long), and the next command must get rid of
+// the rest first.
+void MeasureDiscard() {
+  constexpr std::size_t kFlood = std::size_t{8} << 20;
+  zeltosim::Config config = Instrument("ZB000003");
+  config.hugeAnswerBytes = kFlood;
+  double rawMBs = 0;
+  {
+    config.fault = zeltosim::Fault::Huge;
+    zeltosim::SimPort port(config, {921600});
+    RawLine raw(port.path());
+    raw.Send("GETSERIAL");
+    const auto start = Clock::now();
+    const std::size_t got = raw.ReadUntil("", kFlood);
+    rawMBs = static_cast<double>(got) / 1e6 / (MsSince(start) / 1000.0);
+  }
+  config.fault = zeltosim::Fault::None;
+  zeltosim::SimPort port(config, {921600});
+  Publish({&port});
+  ZeltoCom_Open(port.path().c_str(), 921600);
+  char answer[256];
+  port.master().setFault(zeltosim::Fault::Huge);
+  const int first = ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer);
+  port.master().setFault(zeltosim::Fault::None);
+  const auto start = Clock::now();
+  const int second = ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer);
+  const double seconds = MsSince(start) / 1000.0;
+  ZeltoCom_CloseAll();
+  const double libraryMBs =
+      static_cast<double>(kFlood - (std::size_t{1} << 20)) / 1e6 / seconds;
+  std::printf("  stale bytes thrown away       raw pty %.2f MB/s, library %.2f MB/s  (x%.2f; "
+              "first %d, then %d \"%s\")\n",
+              rawMBs, libraryMBs, libraryMBs / rawMBs, first, second, answer);
+}
+
+// What a time-out costs the exchange after it: the line is brought back in
+// step with one more question first. (The question that timed out was lost
+// by the instrument, as a silent one does.)
+void MeasureResync() {
+  constexpr int kRounds = 100;
+  const double rawMs = RawExchangeMs(kRounds);
+  zeltosim::SimPort port(Instrument("ZB000004"), {921600});
+  Publish({&port});
+  ZeltoCom_Open(port.path().c_str(), 921600);
+  ZeltoCom_SetResponseTimeout(50);
+  char answer[256];
+  double inStepMs = 0;
+  double afterTimeOutMs = 0;
+  for (int i = 0; i < kRounds; ++i) {
+    auto start = Clock::now();
+    ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer);
+    inStepMs += MsSince(start);
+    port.master().setFault(zeltosim::Fault::Silent);
+    ZeltoCom_Send(port.path().c_str(), "GETHW", answer);
+    port.master().setFault(zeltosim::Fault::None);
+    start = Clock::now();
+    if (ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer) != 1) {
+      std::printf("  after a time-out: %s\n", LastError().c_str());
+    }
+    afterTimeOutMs += MsSince(start);
+  }
+  ZeltoCom_CloseAll();
+  ZeltoCom_SetResponseTimeout(2500);
+  inStepMs /= kRounds;
+  afterTimeOutMs /= kRounds;
+  std::printf("  the exchange after a time-out raw pty %.3f ms, in step %.3f ms (x%.2f), after a "
+              "time-out %.3f ms (x%.2f): +%.3f ms\n",
+              rawMs, inStepMs, inStepMs / rawMs, afterTimeOutMs, afterTimeOutMs / rawMs,
+              afterTimeOutMs - inStepMs);
+}
+
 struct WaitFigures {
   double wallMs = 0;
   double cpuMs = 0;
@@ -183,12 +272,41 @@ std::vector<WaitFigures> WaitAtOnce(int ports) {
   return figures;
 }
 
+// A 1000 ms time-out on a silent instrument while four processes keep both
+// processors busy.
+void MeasureStarvedWait() {
+  zeltosim::SimPort port(Instrument("ZB000005"), {921600});
+  Publish({&port});
+  ZeltoCom_Open(port.path().c_str(), 921600);
+  port.master().setFault(zeltosim::Fault::Silent);
+  ZeltoCom_SetResponseTimeout(1000);
+  std::vector<pid_t> burners;
+  for (int i = 0; i < 4; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      std::atomic<unsigned long> spins{0};
+      for (;;) spins.fetch_add(1, std::memory_order_relaxed);
+    }
+    burners.push_back(child);
+  }
+  char answer[64];
+  const auto start = Clock::now();
+  const int result = ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer);
+  const double wallMs = MsSince(start);
+  for (pid_t child : burners) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
+  ZeltoCom_CloseAll();
+  ZeltoCom_SetResponseTimeout(2500);
+  std::printf("  1000 ms time-out beside 4 busy processes: %.0f ms (x%.2f; result %d)\n",
+              wallMs, wallMs / 1000.0, result);
+}
+
 void MeasureWaits() {
-  const char* mode = std::getenv("ZELTOCOM_WAIT");
-  std::printf("\nWaits, %s (ZELTOCOM_WAIT=%s):\n",
-              mode != nullptr && std::strcmp(mode, "block") == 0 ? "blocking" : "busy (default)",
-              mode != nullptr ? mode : "");
+  std::printf("\nWaits, %s:\n", WaitModeName());
   MeasureExchange();
+  MeasureStarvedWait();
   for (int ports : {1, 8}) {
     const std::vector<WaitFigures> figures = WaitAtOnce(ports);
     double wallSum = 0;
@@ -267,8 +385,10 @@ int main(int argc, char** argv) {
   std::printf("zeltocom_bench on %u processors\n", std::thread::hardware_concurrency());
   std::printf("\nAnswers:\n");
   MeasureIntake();
-  int failed = RunInWaitMode(false, {argv[0], "--waits"});
-  failed |= RunInWaitMode(true, {argv[0], "--waits"});
+  MeasureDiscard();
+  MeasureResync();
+  int failed = RunInWaitMode(true, {argv[0], "--waits"});
+  failed |= RunInWaitMode(false, {argv[0], "--waits"});
   Soak(soak);
   return failed;
 }

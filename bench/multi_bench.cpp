@@ -1,7 +1,7 @@
 // zeltocom_multi_bench: what running many ports at once costs. A parallel
 // capture over 1, 2, 4 and 8 simulated instruments against one, a parallel
 // open of 8 against one, and the processor time each waiting port takes,
-// in both wait modes (the program runs itself again with ZELTOCOM_WAIT=block,
+// in both wait modes (the program runs itself again with ZELTOCOM_WAIT=busy,
 // since the mode is fixed when the library is loaded).
 //
 //   zeltocom_multi_bench [--rounds N]   (repetitions per figure, default 5;
@@ -110,9 +110,7 @@ double OpenAll(int n, bool eot) {
 }
 
 void Measure() {
-  const char* mode = std::getenv("ZELTOCOM_WAIT");
-  const bool blocking = mode != nullptr && std::strcmp(mode, "block") == 0;
-  std::printf("\n%s waits:\n", blocking ? "Blocking (ZELTOCOM_WAIT=block)" : "Busy (default)");
+  std::printf("\n%s waits:\n", WaitModeName());
   std::printf("  CaptureFromAll, %d ms captures (median of %d):\n", kCaptureMs, rounds);
   double one = 0;
   for (int n : {1, 2, 4, 8}) {

@@ -65,8 +65,7 @@ double ReadoutMs(bool paced, long* bytes) {
 }
 
 int Measure() {
-  const char* mode = getenv("ZELTOCOM_WAIT") != nullptr ? "ZELTOCOM_WAIT=block" : "busy waits";
-  std::printf("%s:\n", mode);
+  std::printf("%s waits:\n", WaitModeName());
   for (const bool paced : {true, false}) {
     long bytes = 0;
     const double wallMs = ReadoutMs(paced, &bytes);

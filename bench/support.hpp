@@ -28,15 +28,15 @@ inline double CpuMs(clockid_t clock) {
 }
 
 // Runs this program again with `args` (the first being its name), with
-// blocking or busy waits; the child's exit status.
+// blocking (the default) or busy waits; the child's exit status.
 inline int RunInWaitMode(bool blocking, const std::vector<std::string>& args) {
   std::fflush(stdout);
   const pid_t child = fork();
   if (child == 0) {
     if (blocking) {
-      setenv("ZELTOCOM_WAIT", "block", 1);
-    } else {
       unsetenv("ZELTOCOM_WAIT");
+    } else {
+      setenv("ZELTOCOM_WAIT", "busy", 1);
     }
     std::vector<char*> argv;
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -49,3 +49,12 @@ inline int RunInWaitMode(bool blocking, const std::vector<std::string>& args) {
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
+
+// Whether this process waits busily (ZELTOCOM_WAIT=busy), as the library
+// read it.
+inline bool BusyWaits() {
+  const char* mode = std::getenv("ZELTOCOM_WAIT");
+  return mode != nullptr && std::string(mode) == "busy";
+}
+
+inline const char* WaitModeName() { return BusyWaits() ? "busy" : "blocking (default)"; }

@@ -87,9 +87,7 @@ class ListeningStation {
 };
 
 void Measure() {
-  const char* mode = std::getenv("ZELTOCOM_WAIT");
-  const bool blocking = mode != nullptr && std::strcmp(mode, "block") == 0;
-  std::printf("\n%s waits:\n", blocking ? "Blocking (ZELTOCOM_WAIT=block)" : "Busy (default)");
+  std::printf("\n%s waits:\n", WaitModeName());
   for (int n : {1, 8}) {
     ListeningStation station(n);
     const double cpu = CpuMs(CLOCK_PROCESS_CPUTIME_ID);

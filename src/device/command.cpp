@@ -90,15 +90,16 @@ std::optional<std::string> CollectUntilSerial(s_CommPort* master) {
     t_comresponse answer;
     RS232WaitForData(line, &answer, kInStepTimeoutMs, "\r\n", false);
     const WaitOutcome outcome = OutcomeOf(answer, kInStepTimeoutMs);
-    if (outcome == WaitOutcome::Late && answer.data.empty() && lastEndsAnswers) break;
-    heard = heard || !answer.data.empty();
+    // The 0x04 that ends an answer is no word of its own.
+    const std::vector<std::string> lines = PlainLines(answer.data);
+    if (outcome == WaitOutcome::Late && lines.empty() && lastEndsAnswers) break;
+    heard = heard || !lines.empty();
     if (outcome == WaitOutcome::Late) {
       // Not a word: the instrument dropped what it owed, it will not come.
       if (!heard) line.owedSerials = 0;
       line.outOfStep = true;
       return std::nullopt;
     }
-    const std::vector<std::string> lines = PlainLines(answer.data);
     const bool serial = lines.size() == 1 && TookHolder(master, SerialAtEnd(master, lines.front()));
     lastEndsAnswers = serial || outcome == WaitOutcome::SyntaxError;
     if (serial) {

@@ -374,7 +374,9 @@ int Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, boo
     response->syntaxError = scan.syntaxErrorEnd() <= end;
     if (end < text.size()) {
       line.leftover = text.substr(end);
-      line.lastStrayMs = lastByteWall;
+      // A lone 0x04 after a line end closes the message just read; anything
+      // else is the start of the next one.
+      if (line.leftover != "\x04") line.lastStrayMs = lastByteWall;
       text.resize(end);
     }
   } else if (plan.answerOwed) {
