@@ -41,14 +41,18 @@ void RunGuarded(Work& work, std::size_t slot) noexcept {
 
 // Runs `work(slots[k])` for every k on at most kMaxWorkers threads; returns
 // the error text each slot's work set last (empty when none), in the order
-// of `slots`. Every started worker is joined before this returns; a worker
-// that cannot be started leaves its share to those that could.
+// of `slots`. Worker w starts with slot w, so that up to kMaxWorkers ports
+// each have a thread of their own however the threads get scheduled; the
+// rest go to whichever worker is free first. A worker that cannot be started
+// leaves its slot to the calling thread. Every started worker is joined
+// before this returns.
 template <typename Work>
 std::vector<std::string> RunOnWorkers(const std::vector<std::size_t>& slots, Work& work) {
   std::vector<std::string> texts(slots.size());
-  std::atomic<std::size_t> next{0};
-  const auto takeSlots = [&] {
-    for (std::size_t k = next++; k < slots.size(); k = next++) {
+  const std::size_t wanted = std::min(kMaxWorkers, slots.size());
+  std::atomic<std::size_t> next{wanted};
+  const auto takeSlots = [&](std::size_t first) {
+    for (std::size_t k = first; k < slots.size(); k = next++) {
       // A worker runs many slots: each slot's text must be its own.
       ClearThreadLastError();
       RunGuarded(work, slots[k]);
@@ -56,14 +60,12 @@ std::vector<std::string> RunOnWorkers(const std::vector<std::size_t>& slots, Wor
     }
   };
   std::vector<std::jthread> workers;
-  const std::size_t wanted = std::min(kMaxWorkers, slots.size());
   workers.reserve(wanted);
   for (std::size_t w = 0; w < wanted; ++w) {
     try {
-      workers.emplace_back(takeSlots);
+      workers.emplace_back(takeSlots, w);
     } catch (const std::system_error&) {
-      if (workers.empty()) throw;
-      break;
+      takeSlots(w);
     }
   }
   workers.clear();  // joins

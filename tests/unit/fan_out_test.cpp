@@ -74,6 +74,16 @@ TEST(FanOut, EightPortsWaitTogetherOnEightThreads) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 4000ms);
 }
 
+TEST(FanOut, UpToTheBoundEachPortHasAThreadOfItsOwn) {
+  // Even work that ends at once, before the next worker has started, must
+  // not leave a port to wait behind another's.
+  for (const std::size_t n : {std::size_t{1}, std::size_t{8}, kMaxWorkers}) {
+    std::vector<std::thread::id> ranOn(n);
+    FanOut(n, [&](std::size_t i) { ranOn[i] = std::this_thread::get_id(); });
+    EXPECT_EQ(std::set<std::thread::id>(ranOn.begin(), ranOn.end()).size(), n) << n << " ports";
+  }
+}
+
 TEST(FanOut, EachSlotKeepsItsOwnErrorText) {
   // Far more slots than workers: a worker's later slots must neither inherit
   // an earlier slot's text nor lose their own.
