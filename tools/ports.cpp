@@ -2,7 +2,9 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -32,25 +34,39 @@ struct PathBuffers {
   std::vector<char*> pointers;
 };
 
-// A host that opens a port takes an exclusive advisory lock on it; the
-// kernel's list of locks names the process, without touching the line.
-long LockHolder(const std::string& path) {
+// Who holds a port, as the kernel's list of locks tells without touching
+// the line. A ZeltoCom host takes an exclusive whole-file flock on each port
+// it opens; any other lock (POSIX or open-file-description record locks, a
+// shared flock) is some other program's.
+struct Holders {
+  bool zeltocom = false;   // the exclusive flock of a ZeltoCom host
+  long pid = 0;            // its process, when this namespace sees it
+  bool other = false;      // any other lock
+};
+
+Holders HoldersOf(const std::string& path) {
+  Holders holders;
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return 0;
+  if (stat(path.c_str(), &status) != 0) return holders;
   char file[64];
   std::snprintf(file, sizeof file, "%02x:%02x:%lu", major(status.st_dev), minor(status.st_dev),
                 static_cast<unsigned long>(status.st_ino));
   std::ifstream locks("/proc/locks");
   std::string line;
   while (std::getline(locks, line)) {
-    // "1: FLOCK  ADVISORY  WRITE 1234 00:18:5 0 EOF"; a waiter has "->" after "1:".
+    // "1: FLOCK  ADVISORY  WRITE 1234 00:18:5 0 EOF"; a waiter has "->" after
+    // "1:"; an OFD lock shows pid -1.
     std::istringstream words(line);
     const std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
-    if (fields.size() >= 6 && fields[1] != "->" && fields[5] == file) {
-      return std::strtol(fields[4].c_str(), nullptr, 10);
+    if (fields.size() < 6 || fields[1] == "->" || fields[5] != file) continue;
+    if (fields[1] == "FLOCK" && fields[3] == "WRITE") {
+      holders.zeltocom = true;
+      holders.pid = std::max(0L, std::strtol(fields[4].c_str(), nullptr, 10));
+    } else {
+      holders.other = true;
     }
   }
-  return 0;
+  return holders;
 }
 
 std::string ProcessName(long pid) {
@@ -58,6 +74,39 @@ std::string ProcessName(long pid) {
   std::string name;
   std::getline(comm, name);
   return name;
+}
+
+// The OPEN column; a ZeltoCom holder is named even where another lock
+// stands beside its own.
+std::string InUse(const Holders& holders, const std::string& process) {
+  if (holders.zeltocom) {
+    return holders.pid > 0 ? "yes, pid " + std::to_string(holders.pid) + " " + process : "yes";
+  }
+  return holders.other ? "locked by another program" : "no";
+}
+
+// Where the library's list of ports came from: as the JSON names it and as
+// a person reads it.
+struct Origin {
+  const char* key;
+  const char* text;
+};
+
+Origin PortsOrigin() {
+  // The library lists the paths of ZELTOCOM_PORTS whenever it is set, even
+  // empty, and the machine's serial ports only otherwise.
+  if (std::getenv("ZELTOCOM_PORTS") != nullptr) return {"ZELTOCOM_PORTS", "ZELTOCOM_PORTS"};
+  return {"system", "the system (/sys/class/tty)"};
+}
+
+// A listing of ports says where its ports came from: a line above the
+// table, a member of the JSON.
+void PrintListing(bool json, const std::string& key, Json list, const Table& table) {
+  const Origin origin = PortsOrigin();
+  if (!json) std::printf("Ports from %s\n", origin.text);
+  Json document = Json::MakeObject();
+  document.Set("ports_from", origin.key).Set(key, std::move(list));
+  PrintResult(json, document, table);
 }
 
 std::vector<std::string> EnumeratedPorts() {
@@ -71,16 +120,18 @@ int RunPorts(const Args& args) {
   Json ports = Json::MakeArray();
   Table table({{"path", "PORT"}, {"in_use", "OPEN"}});
   for (const std::string& path : EnumeratedPorts()) {
-    const long pid = LockHolder(path);
+    const Holders holders = HoldersOf(path);
+    const std::string process = holders.pid > 0 ? ProcessName(holders.pid) : "";
     Json row = Json::MakeObject();
-    row.Set("path", path).Set("open", pid != 0);
-    row.Set("pid", pid != 0 ? Json(pid) : Json());
-    row.Set("process", pid != 0 ? Json(ProcessName(pid)) : Json());
+    row.Set("path", path).Set("open", holders.zeltocom);
+    row.Set("pid", holders.pid > 0 ? Json(holders.pid) : Json());
+    row.Set("process", holders.pid > 0 ? Json(process) : Json());
+    row.Set("locked_by_other", holders.other);
     ports.Push(row);
-    row.Set("in_use", pid != 0 ? "yes, pid " + std::to_string(pid) + " " + ProcessName(pid) : "no");
+    row.Set("in_use", InUse(holders, process));
     table.Add(row);
   }
-  PrintResult(args.json(), Json::MakeObject().Set("ports", ports), table);
+  PrintListing(args.json(), "ports", ports, table);
   return kSuccess;
 }
 
@@ -126,7 +177,7 @@ int RunDetect(const Args& args) {
     instruments.Push(row);
     table.Add(row);
   }
-  PrintResult(args.json(), Json::MakeObject().Set("instruments", instruments), table);
+  PrintListing(args.json(), "instruments", instruments, table);
   return kSuccess;
 }
 
@@ -138,8 +189,9 @@ Command PortsCommand() {
           0,
           0,
           "the serial ports, and which are in use",
-          "Lists the serial ports (those of ZELTOCOM_PORTS when it is set) and, for each,\n"
-          "whether a process holds it open through ZeltoCom. Opens nothing.",
+          "Lists the serial ports (those of ZELTOCOM_PORTS when it is set, even empty)\n"
+          "and where the list came from; for each port, whether a process holds it open\n"
+          "through ZeltoCom (pid and name) or another program has locked it. Opens nothing.",
           {},
           RunPorts};
 }
@@ -151,8 +203,9 @@ Command DetectCommand() {
           0,
           "the instruments that answer: serial, rate, model",
           "Probes every port at once and lists the instruments that answer: path, serial\n"
-          "number, rate, model and family. A filter keeps only the models of a family\n"
-          "word (analyser, ICT, spectrometer, ...) or one model text (\"Zelto 05-P\").",
+          "number, rate, model and family; and where the list of ports came from. A\n"
+          "filter keeps only the models of a family word (analyser, ICT, spectrometer,\n"
+          "...) or one model text (\"Zelto 05-P\").",
           {{"--filter", "WORD", "keep instruments of this family or model", true}, BaudOption()},
           RunDetect};
 }

@@ -8,12 +8,14 @@ import ctypes.util
 import os
 import threading
 from pathlib import Path
-from typing import Iterable, Optional, Sequence, Union
+from typing import Iterable, Iterator, Optional, Sequence, Union
+
+from ._version import __version__
 
 PathLike = Union[str, "os.PathLike[str]"]
 
 # The SONAME's major version this package speaks to.
-LIBRARY_MAJOR = 3
+LIBRARY_MAJOR = int(__version__.split(".")[0])
 
 # The library never hands over an answer longer than 1 MiB ("Answer too
 # long"), so a buffer of that size plus its terminator always holds one.
@@ -90,18 +92,21 @@ class ZeltoComError(Exception):
         self.port = port
 
 
-def _candidates() -> list[str]:
+def _candidates() -> Iterator[str]:
     override = os.environ.get("ZELTOCOM_LIBRARY")
     if override:
-        return [override]
+        yield override
+        return
     here = Path(__file__).resolve().parent
-    beside = (here / "libzeltocom.so", here / f"libzeltocom.so.{LIBRARY_MAJOR}")
-    found = [str(path) for path in beside if path.exists()]
+    for beside in (here / "libzeltocom.so", here / f"libzeltocom.so.{LIBRARY_MAJOR}"):
+        if beside.exists():
+            yield str(beside)
+    # By name first: the dynamic loader's own search is free, while
+    # find_library runs ldconfig and may start a compiler.
+    yield f"libzeltocom.so.{LIBRARY_MAJOR}"
     system = ctypes.util.find_library("zeltocom")
     if system:
-        found.append(system)
-    found.append(f"libzeltocom.so.{LIBRARY_MAJOR}")
-    return found
+        yield system
 
 
 def _load() -> ctypes.CDLL:

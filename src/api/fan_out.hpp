@@ -1,15 +1,17 @@
 #pragma once
 
-// How every multi-port call drives its ports: one worker thread per port,
-// started in list order and joined in the same order before the call goes
-// on. Each worker writes only its own result slot, so the joins are all the
-// ordering the results need.
+// How every multi-port call drives its ports: a bounded set of worker
+// threads takes the ports in list order, one at a time, and the call goes on
+// once all workers are joined. Each port's work writes only its own result
+// slot, so the joins are all the ordering the results need.
 
-#include <deque>
+#include <algorithm>
+#include <atomic>
 #include <exception>
 #include <initializer_list>
 #include <span>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -18,78 +20,77 @@
 
 namespace zeltocom {
 
-// The workers of one call. Whatever happens, every started worker is joined
-// before the call returns, and nothing a worker throws leaves its thread.
-class Workers {
- public:
-  explicit Workers(std::size_t expected) {
-    threads_.reserve(expected);
-    texts_.resize(expected);
-  }
-  ~Workers() { JoinAll(); }
-  Workers(const Workers&) = delete;
-  Workers& operator=(const Workers&) = delete;
+// A station of this many ports still overlaps all its waits, while a call
+// over thousands of listed paths stays within what a process can start.
+inline constexpr std::size_t kMaxWorkers = 64;
 
-  // Starts `work` on a thread of its own as the next worker.
-  template <typename Work>
-  void Start(Work work) {
-    if (threads_.size() == texts_.size()) texts_.emplace_back();
-    std::string* text = &texts_[threads_.size()];
-    threads_.emplace_back([work = std::move(work), text]() mutable {
-      Run(work);
-      // The text this worker set last, whatever the others set since.
-      *text = ThreadLastError();
-    });
-  }
+namespace fan_out_detail {
 
-  // Joins the workers in the order they were started.
-  void JoinAll() {
-    for (std::thread& thread : threads_) {
-      if (thread.joinable()) thread.join();
+// Nothing a port's work throws leaves its worker: it becomes that port's
+// error text.
+template <typename Work>
+void RunGuarded(Work& work, std::size_t slot) noexcept {
+  try {
+    work(slot);
+  } catch (const std::exception& e) {
+    SetError(nullptr, e.what());
+  } catch (...) {
+    SetError(nullptr, "Unexpected internal error");
+  }
+}
+
+// Runs `work(slots[k])` for every k on at most kMaxWorkers threads; returns
+// the error text each slot's work set last (empty when none), in the order
+// of `slots`. Worker w starts with slot w, so that up to kMaxWorkers ports
+// each have a thread of their own however the threads get scheduled; the
+// rest go to whichever worker is free first. A worker that cannot be started
+// leaves its slot to the calling thread. Every started worker is joined
+// before this returns.
+template <typename Work>
+std::vector<std::string> RunOnWorkers(const std::vector<std::size_t>& slots, Work& work) {
+  std::vector<std::string> texts(slots.size());
+  const std::size_t wanted = std::min(kMaxWorkers, slots.size());
+  std::atomic<std::size_t> next{wanted};
+  const auto takeSlots = [&](std::size_t first) {
+    for (std::size_t k = first; k < slots.size(); k = next++) {
+      // A worker runs many slots: each slot's text must be its own.
+      ClearThreadLastError();
+      RunGuarded(work, slots[k]);
+      texts[k] = ThreadLastError();
     }
-  }
-
-  // The last error text of each worker, in starting order (after JoinAll).
-  std::vector<std::string> texts() const { return {texts_.begin(), texts_.end()}; }
-
- private:
-  template <typename Work>
-  static void Run(Work& work) noexcept {
+  };
+  std::vector<std::jthread> workers;
+  workers.reserve(wanted);
+  for (std::size_t w = 0; w < wanted; ++w) {
     try {
-      work();
-    } catch (const std::exception& e) {
-      SetError(nullptr, e.what());
-    } catch (...) {
-      SetError(nullptr, "Unexpected internal error");
+      workers.emplace_back(takeSlots, w);
+    } catch (const std::system_error&) {
+      takeSlots(w);
     }
   }
+  workers.clear();  // joins
+  return texts;
+}
 
-  std::vector<std::thread> threads_;
-  std::deque<std::string> texts_;  // stays put while workers write into it
-};
+}  // namespace fan_out_detail
 
-// Runs `work(i)` for every i below `n` that `needed(i)`, one worker each;
-// returns each slot's last error text: its worker's, or `skipped` for a slot
-// that needed none.
+// Runs `work(i)` for every i below `n` that `needed(i)`; returns each slot's
+// last error text: the one its work set, or `skipped` for a slot that needed
+// none.
 template <typename Needed, typename Work>
 std::vector<std::string> FanOutWhere(std::size_t n, Needed needed, Work work,
                                      const std::string& skipped) {
   std::vector<std::size_t> started;
-  Workers workers(n);
   for (std::size_t i = 0; i < n; ++i) {
-    if (!needed(i)) continue;
-    started.push_back(i);
-    workers.Start([&work, i] { work(i); });
+    if (needed(i)) started.push_back(i);
   }
-  workers.JoinAll();
+  const std::vector<std::string> workerTexts = fan_out_detail::RunOnWorkers(started, work);
   std::vector<std::string> texts(n, skipped);
-  const std::vector<std::string> workerTexts = workers.texts();
   for (std::size_t k = 0; k < started.size(); ++k) texts[started[k]] = workerTexts[k];
   return texts;
 }
 
-// Runs `work(i)` for every i below `n`, one worker each; returns each
-// worker's last error text.
+// Runs `work(i)` for every i below `n`; returns each slot's last error text.
 template <typename Work>
 std::vector<std::string> FanOut(std::size_t n, Work work) {
   return FanOutWhere(n, [](std::size_t) { return true; }, std::move(work), "");

@@ -27,6 +27,8 @@ std::string GetErrorDescription() {
 
 std::string ThreadLastError() { return threadLastError; }
 
+void ClearThreadLastError() { threadLastError.clear(); }
+
 std::string GetPortErrorText(const s_CommPort& port) {
   std::lock_guard lock(mtxErrDesc);
   return std::string(port.errorText.view());

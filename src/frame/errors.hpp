@@ -18,6 +18,9 @@ std::string GetErrorDescription();
 // The last text this thread stored, whatever other threads stored since:
 // how a call that ran workers learns why one of them failed.
 std::string ThreadLastError();
+// Forgets this thread's last text: a thread that runs one port after another
+// starts each with none.
+void ClearThreadLastError();
 // The last error of `port`.
 std::string GetPortErrorText(const s_CommPort& port);
 

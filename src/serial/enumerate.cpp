@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 
 #include "frame/registry.hpp"
@@ -33,6 +36,20 @@ std::string LastComponent(const std::string& path) {
 // Linux 6.7 their driver link names the serial-base driver "port".
 bool IsLegacyUartDriver(const std::string& driver) {
   return driver == "serial8250" || driver == "port";
+}
+
+std::string InDirectory(std::string directory, const std::string& name) {
+  if (!directory.empty() && directory.back() != '/') directory += '/';
+  return directory + name;
+}
+
+// The ttys the kernel writes its console to, as "console/active" of the tty
+// class names them ("tty0 ttyS0"). On a machine whose console is a serial
+// line, opening it to probe would disturb the console and whoever logs in
+// on it.
+std::vector<std::string> ConsoleTtys(const std::string& ttyClassDir) {
+  std::ifstream active(InDirectory(ttyClassDir, "console/active"));
+  return {std::istream_iterator<std::string>(active), {}};
 }
 
 void register_comport(std::vector<std::string>& list, std::vector<std::string>& list8250,
@@ -103,29 +120,35 @@ std::vector<std::string> ScanTtyClass(const std::string& ttyClassDir, const std:
     std::perror("scandir");
     return list;
   }
+  const std::vector<std::string> consoles = ConsoleTtys(ttyClassDir);
   // Hosts rely on this order: the last directory entry is listed first.
   for (int i = n - 1; i >= 0; --i) {
     const std::string name = entries[i]->d_name;
     std::free(entries[i]);
-    if (name == "." || name == "..") continue;
-    std::string ttyPath = ttyClassDir;
-    if (!ttyPath.empty() && ttyPath.back() != '/') ttyPath += '/';
-    register_comport(list, list8250, ttyPath + name, devDir);
+    if (name == "." || name == ".." || std::ranges::find(consoles, name) != consoles.end()) {
+      continue;
+    }
+    register_comport(list, list8250, InDirectory(ttyClassDir, name), devDir);
   }
   std::free(entries);
   probe_serial8250_comports(list, list8250, probe);
   return list;
 }
 
-std::vector<std::string> EnumSerialPorts() {
+std::optional<std::vector<std::string>> PortsNamedByEnvironment() {
   const char* named = std::getenv("ZELTOCOM_PORTS");
-  if (named != nullptr && named[0] != '\0') {
-    // A path no port record could hold is no port: hosts size their path
-    // buffers for the longest one.
-    std::vector<std::string> paths = SplitNonEmpty(named, ';');
-    std::erase_if(paths, [](const std::string& path) { return path.size() > kMaxPathLength; });
-    return paths;
-  }
+  if (named == nullptr) return std::nullopt;
+  // A path no port record could hold is no port: hosts size their path
+  // buffers for the longest one.
+  std::vector<std::string> paths = SplitNonEmpty(named, ';');
+  std::erase_if(paths, [](const std::string& path) { return path.size() > kMaxPathLength; });
+  return paths;
+}
+
+std::vector<std::string> EnumSerialPorts() {
+  // Set but empty names no port: a host that empties the list must not get
+  // the machine's own lines instead.
+  if (std::optional<std::vector<std::string>> named = PortsNamedByEnvironment()) return *named;
   return ScanTtyClass("/sys/class/tty/", "/dev/", HasUartBehind);
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,8 +17,11 @@ bool isDevicePathAvailable(const std::string& path);
 extern std::atomic<bool> FirstDetectionDone;
 extern std::atomic<bool> FirstDetectionInProcess;
 
-// Lists the serial ports of the machine; ZELTOCOM_PORTS, when set and not
-// empty, names them instead (pseudo-terminals, network serial bridges).
+// The paths ZELTOCOM_PORTS names, in its order; nullopt when it is not set.
+std::optional<std::vector<std::string>> PortsNamedByEnvironment();
+
+// Lists the serial ports of the machine; ZELTOCOM_PORTS, when set (even
+// empty), names them instead (pseudo-terminals, network serial bridges).
 std::vector<std::string> EnumSerialPorts();
 
 // Whether a legacy UART port has hardware behind it.
@@ -25,7 +29,7 @@ using UartProbe = std::function<bool(const std::string& devicePath)>;
 bool HasUartBehind(const std::string& devicePath);
 
 // The sysfs scan, on any tree: `ttyClassDir` stands for /sys/class/tty/ and
-// `devDir` for /dev/.
+// `devDir` for /dev/. The kernel's console ttys are left alone.
 std::vector<std::string> ScanTtyClass(const std::string& ttyClassDir, const std::string& devDir,
                                       const UartProbe& probe);
 

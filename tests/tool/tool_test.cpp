@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <regex>
 #include <string>
@@ -256,6 +258,79 @@ TEST(ToolInstruments, DetectListsAStationAsJson) {
   const Outcome filtered = Tool({"detect", "--filter", "spectrometer"}, station.portsVariable());
   EXPECT_EQ(filtered.status, 0);
   EXPECT_EQ(filtered.out.find("ZT0000"), std::string::npos) << filtered.out;
+}
+
+TEST(ToolPorts, ListingsSayWhereTheirPortsCameFrom) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string one = Ports({&port});
+  struct Case {
+    std::string command;
+    std::string variable;
+    std::string member;  // of the JSON, holding the list
+  };
+  for (const Case& c : {Case{"ports", one, "/ports"}, Case{"detect", one, "/instruments"},
+                        Case{"ports", "", "/ports"}, Case{"detect", "", "/instruments"}}) {
+    const std::string what = c.command + " with ZELTOCOM_PORTS='" + c.variable + "'";
+    const Outcome human = Tool({c.command}, c.variable);
+    EXPECT_EQ(human.status, 0) << what << ": " << human.err;
+    EXPECT_EQ(human.out.rfind("Ports from ZELTOCOM_PORTS\n", 0), 0u) << what << ":\n" << human.out;
+    const Outcome run = Tool({c.command, "--json"}, c.variable);
+    const FlatJson json(run.out);
+    ASSERT_TRUE(json.valid()) << what << ":\n" << run.out;
+    EXPECT_EQ(json["/ports_from"], "ZELTOCOM_PORTS") << what;
+    // Set but empty names no port: the machine's own are never listed.
+    EXPECT_EQ(json.has(c.member + "/0/path"), !c.variable.empty()) << what << ":\n" << run.out;
+    EXPECT_FALSE(json.has(c.member + "/1/path")) << what << ":\n" << run.out;
+  }
+}
+
+TEST(ToolPorts, NamesAHolderOnlyForTheLibrarysOwnLock) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  std::string self;
+  std::getline(std::ifstream("/proc/self/comm"), self);
+  const std::string pid = std::to_string(getpid());
+  const auto record = [](int command, short type) {
+    return [command, type](int fd) {
+      struct flock lock {};
+      lock.l_type = type;
+      lock.l_whence = SEEK_SET;
+      return fcntl(fd, command, &lock) == 0;
+    };
+  };
+  struct Case {
+    std::string lock;
+    std::function<bool(int)> take;
+    std::string open, pid, other, column;
+  };
+  const std::vector<Case> cases = {
+      {"exclusive flock", [](int fd) { return flock(fd, LOCK_EX | LOCK_NB) == 0; }, "true", pid,
+       "false", "yes, pid " + pid + " " + self},
+      {"shared flock", [](int fd) { return flock(fd, LOCK_SH | LOCK_NB) == 0; }, "false", "null",
+       "true", "locked by another program"},
+      {"lockf", [](int fd) { return lockf(fd, F_TLOCK, 0) == 0; }, "false", "null", "true",
+       "locked by another program"},
+      {"POSIX record lock", record(F_SETLK, F_WRLCK), "false", "null", "true",
+       "locked by another program"},
+      {"OFD lock", record(F_OFD_SETLK, F_WRLCK), "false", "null", "true",
+       "locked by another program"},
+      {"no lock", [](int) { return true; }, "false", "null", "false", "no"},
+  };
+  for (const Case& c : cases) {
+    const int fd = open(port.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(c.take(fd)) << c.lock << ": " << std::strerror(errno);
+    const FlatJson json(Tool({"ports", "--json"}, ports).out);
+    const Outcome human = Tool({"ports"}, ports);
+    close(fd);
+    ASSERT_TRUE(json.valid()) << c.lock;
+    EXPECT_EQ(json["/ports/0/open"], c.open) << c.lock;
+    EXPECT_EQ(json["/ports/0/pid"], c.pid) << c.lock;
+    EXPECT_EQ(json["/ports/0/process"], c.pid == "null" ? "null" : self) << c.lock;
+    EXPECT_EQ(json["/ports/0/locked_by_other"], c.other) << c.lock;
+    const std::regex row("\n" + port.path() + " +" + c.column + "\n");
+    EXPECT_TRUE(std::regex_search(human.out, row)) << c.lock << ":\n" << human.out;
+  }
 }
 
 TEST(ToolInstruments, SendPrintsAnswersAndStopsAtAFailure) {

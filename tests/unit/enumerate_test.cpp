@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 using namespace zeltocom;
 namespace fs = std::filesystem;
@@ -32,6 +33,12 @@ class FakeSysfs : public ::testing::Test {
     fs::create_directories(root_ / "drivers" / driver);
     fs::create_directory_symlink(root_ / "drivers" / driver, device / "driver");
     fs::create_directory_symlink(device, root_ / "class/tty" / name / "device");
+  }
+
+  // The kernel's "console/active" of the tty class.
+  void SetConsole(const std::string& active) {
+    fs::create_directories(root_ / "class/tty/console");
+    std::ofstream(root_ / "class/tty/console/active") << active;
   }
 
   std::vector<std::string> Scan(const UartProbe& probe) {
@@ -98,11 +105,59 @@ TEST_F(FakeSysfs, RealProbeRejectsWhatIsNotASerialPortOrNotThere) {
   EXPECT_TRUE(ScanTtyClass("/nonexistent/tty/", "/dev/", HasUartBehind).empty());
 }
 
+TEST_F(FakeSysfs, ConsoleTtysAreNeitherProbedNorListed) {
+  AddTty("ttyS0", "serial8250");
+  AddTty("ttyS1", "serial8250");
+  AddTty("ttyUSB0", "ftdi_sio");
+  AddTty("ttyUSB1", "ftdi_sio");
+  AddTty("tty0", "");
+  struct Case {
+    std::string active;
+    std::vector<std::string> left;  // sorted
+  };
+  const std::vector<Case> cases = {
+      {"tty0 ttyS0\n", {"ttyS1", "ttyUSB0", "ttyUSB1"}},
+      {"ttyS1", {"ttyS0", "ttyUSB0", "ttyUSB1"}},
+      {"  ttyUSB1\tttyS0 \n", {"ttyS1", "ttyUSB0"}},
+      {"ttyS", {"ttyS0", "ttyS1", "ttyUSB0", "ttyUSB1"}},  // whole names only
+      {"", {"ttyS0", "ttyS1", "ttyUSB0", "ttyUSB1"}},
+  };
+  for (const Case& c : cases) {
+    SetConsole(c.active);
+    std::vector<std::string> probed;
+    std::vector<std::string> listed;
+    for (const std::string& path : Scan([&](const std::string& path) {
+           probed.push_back(fs::path(path).filename());
+           return true;
+         })) {
+      listed.push_back(fs::path(path).filename());
+    }
+    std::ranges::sort(listed);
+    EXPECT_EQ(listed, c.left) << c.active;
+    for (const std::string& name : probed) {
+      EXPECT_NE(std::ranges::find(c.left, name), c.left.end()) << c.active << " probed " << name;
+    }
+  }
+}
+
 TEST(Enumeration, EnvironmentVariableNamesThePorts) {
   // A path longer than any port record holds would overrun hosts' path buffers.
   const std::string tooLong = "/dev/" + std::string(250, 'x');
   setenv("ZELTOCOM_PORTS", ("/dev/pts/41;;" + tooLong + ";/dev/pts/40;").c_str(), 1);
   EXPECT_EQ(EnumSerialPorts(), (std::vector<std::string>{"/dev/pts/41", "/dev/pts/40"}));
   unsetenv("ZELTOCOM_PORTS");
+}
+
+// Only an unset variable leaves the choice to the machine's scan (which this
+// test never runs: it would open the machine's own lines).
+TEST(Enumeration, SetButEmptyVariableNamesNoPort) {
+  for (const char* value : {"", ";", ";;;"}) {
+    setenv("ZELTOCOM_PORTS", value, 1);
+    const auto named = PortsNamedByEnvironment();
+    ASSERT_TRUE(named.has_value()) << '"' << value << '"';
+    EXPECT_TRUE(named->empty()) << '"' << value << '"';
+  }
+  unsetenv("ZELTOCOM_PORTS");
+  EXPECT_FALSE(PortsNamedByEnvironment().has_value());
 }
 
