@@ -13,26 +13,39 @@
  * Threads: any call may run on any thread. Calls on different ports run at
  * once. Calls on one port from several threads take turns, each exchange
  * whole (command to answer), so no thread receives another's answer; a
- * ZeltoCom_Close from another thread waits for the exchange in progress.
+ * ZeltoCom_Close or ZeltoCom_CloseAll from another thread ends the exchange
+ * in progress on that port at once ("The port was closed during the
+ * exchange").
  * ZeltoCom_GetError_Description holds the last error of the whole process,
  * whichever thread caused it; ZeltoCom_GetError_DescriptionByPort holds the
  * last error of one port, and is the one to read in multi-threaded hosts.
  *
- * Time: all time-outs are in milliseconds. By default a waiting thread polls
- * its line and counts its own processor time, so a time-out never fires
- * early on a loaded machine, at the price of one busy processor per waiting
- * port (with more waiting ports than processors, time-outs stretch). With
- * ZELTOCOM_WAIT=block in the environment when the library is loaded, a
- * waiting thread sleeps and time-outs count wall-clock time: no processor
- * per waiting port, exact time-outs, but on an overloaded machine the time a
- * thread was not even running counts too.
+ * Time: all time-outs are in milliseconds. By default a waiting thread
+ * sleeps in poll() and every time-out counts monotonic wall-clock time: a
+ * waiting port costs no processor and a busy machine cannot stretch a
+ * time-out. With ZELTOCOM_WAIT=busy in the environment when the library is
+ * loaded, a waiting thread polls its line and counts its own processor time
+ * (one busy processor per waiting port), and still ends at the latest twice
+ * its time-out plus a second of wall-clock time after the last byte: a
+ * yielding thread earns little processor time on a loaded machine, and such
+ * time-outs used to stretch from one second to minutes.
  *
  * Lines: an open port belongs to this process alone (an exclusive lock):
  * another process that opens it gets "The port is used by another process".
  * An instrument that is unplugged ends the call at once with "Device
  * disconnected"; close the port, and open it again when it is back. A line
  * that never stops sending gives "The line does not stop sending", and an
- * answer beyond 1 MiB "Answer too long".
+ * answer beyond 1 MiB "Answer too long"; however fast bytes come, no
+ * exchange lasts longer than its time-out plus 30 s.
+ *
+ * Answers: nothing that arrived before a command was written, and nothing
+ * after its answer's end marker, is part of its answer. After a time-out the
+ * next exchange on the line first sends "GETSERIAL" and throws away
+ * everything up to the serial number of the instrument holding the line, so a
+ * late answer is never taken for a later command's; if the instrument does
+ * not answer that either, the call reports a time-out without sending its
+ * command. Trigger reports that arrive while no listener waits become the
+ * port's last response (ZeltoCom_GetResponseByPort), never an answer.
  *
  * docs/reference.md documents every function below: each result, the exact
  * error texts, the buffers and which calls may run at once.
@@ -180,9 +193,12 @@ ZELTOCOM_API int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int 
  * (or the port's own serial number); 0 failure. */
 ZELTOCOM_API int ZeltoCom_DaisyChain_Add(const char* devicePath, const char* serialNumber);
 /* Forgets a chained instrument; nothing is sent. 1 removed (or the port's own
- * serial number); 0 not found. */
+ * serial number); 0 not found. Removed while it holds the line, it still
+ * does: the port's next exchange frees the line first ("BUSFREE"), so that
+ * it reaches the port's own instrument. */
 ZELTOCOM_API int ZeltoCom_DaisyChain_Del(const char* devicePath, const char* serialNumber);
-/* Forgets every chained instrument of the port. 1, or 0 when not open. */
+/* Forgets every chained instrument of the port, freeing the line as Del
+ * does. 1, or 0 when not open. */
 ZELTOCOM_API int ZeltoCom_DaisyChain_Clear(const char* devicePath);
 /* Hands the line to the instrument with `serialNumber` (the port's own serial
  * number addresses the port's instrument) and sends `command` to it, as
@@ -207,10 +223,11 @@ ZELTOCOM_API int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath,
                                                       const char* serialNumber, int pwm,
                                                       int manualExposure, float exposure);
 /* Copies the last answer received on the port (whichever instrument of its
- * chain gave it, or a finished trigger listener's message; "" when none) into
+ * chain gave it, a finished trigger listener's message, or a trigger report
+ * that came while the line was busy with something else; "" when none) into
  * `buffer` (room for it whole, or cut to ZeltoCom_SetResponseBufferSize). 1,
- * or 0 on failure. Ends a running trigger listener, like any call that uses
- * the port. */
+ * or 0 on failure. Does not wait for the line: a running trigger listener
+ * goes on waiting. */
 ZELTOCOM_API int ZeltoCom_GetResponseByPort(const char* devicePath, char* buffer);
 
 /* ---- Project and bin files ---- */
@@ -454,7 +471,8 @@ ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fi
  * the host polls it with ZeltoCom_ExternalTrigger_isFinished and then reads
  * the message with ZeltoCom_GetResponseByPort. Any other call that uses the
  * port (ZeltoCom_ExternalTrigger_Abort, a send, a close, ...) ends a running
- * listener within 200 ms. `setMode` 1 selects the instrument's SET commands
+ * listener within 200 ms. Once enabled, reports that come while the host
+ * talks to the instrument are never taken for answers. `setMode` 1 selects the instrument's SET commands
  * (kept), any other value its PUT commands (until the next reset). */
 
 /* Configures the trigger: `captureRange` 0 (automatic) to 5, `isPWM` 1 for
