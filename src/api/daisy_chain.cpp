@@ -198,7 +198,9 @@ long GatherTimeout(const ChainCapture& c, int* failure) {
   return t;
 }
 
-enum class Poll { Capturing, Ended, NotSent };
+// NoAnswer: the line could not be brought back in step, so the question was
+// not even asked.
+enum class Poll { Capturing, Ended, NotSent, NoAnswer };
 
 // One completion query. A refusal counts as ended: the instrument is no
 // longer capturing. An instrument that is still capturing does not answer
@@ -207,6 +209,7 @@ Poll AskCaptureEnded(const ChainCapture& c, s_CommPort* device) {
   if (CMD_Write(device, "BUSCE" + std::string(device->serialNumber.view())) != 1) {
     return Poll::NotSent;
   }
+  if (CMD_CommandHeldBack(device)) return Poll::NoAnswer;
   t_comresponse answer;
   if (Contains(device->eotFormat.view(), "\x04") && HasOldBusFirmware(device)) {
     CMD_WaitForStraggler(device, &answer, c.pollTime, "\r\n");
@@ -229,7 +232,8 @@ int AwaitChainCaptures(const ChainCapture& c, long timeoutMs) {
   std::vector<s_CommPort*> pending{c.master};
   for (const PortRef& device : PortsList_All(&c.master->chain)) pending.push_back(device.get());
   delayms(static_cast<int>(c.pollTime / 16));
-  int64_t lastProgress = ClockMs();
+  double lastProgress = ClockMs();
+  double lastProgressWall = WallClockMs();
   while (!pending.empty()) {
     for (auto it = pending.begin(); it != pending.end();) {
       const Poll poll = AskCaptureEnded(c, *it);
@@ -237,14 +241,21 @@ int AwaitChainCaptures(const ChainCapture& c, long timeoutMs) {
         SetError(c.master, "Communications problem");
         return -1;
       }
+      if (poll == Poll::NoAnswer) {
+        SetError(c.master, "Timeout");
+        return 0;
+      }
       if (poll == Poll::Ended) {
         it = pending.erase(it);
         lastProgress = ClockMs();
+        lastProgressWall = WallClockMs();
       } else {
         ++it;
       }
     }
-    if (ClockMs() - lastProgress > timeoutMs) {
+    const auto timeout = static_cast<double>(timeoutMs);
+    if (ClockMs() - lastProgress > timeout ||
+        WallClockMs() - lastProgressWall > BusyWaitWallLimitMs(timeout)) {
       SetError(c.master, "Timeout");
       return 0;
     }
