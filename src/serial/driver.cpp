@@ -203,8 +203,10 @@ void DropUntilQuiet(SerialLine& line) {
     KeepDropped(line, line.leftover);
     line.leftover.clear();
   }
+  // A few characters' time: a line that pauses that long between messages
+  // has stopped sending. Within a message, pauses prove less.
   const double charMs = LineCharTimeMs(line.fd);
-  const double quietMs = QuietBeforeCommandMs(line);
+  const double quietMs = std::max(2.0, 4 * charMs);
   const double cutQuietMs = std::max(10.0, 20 * charMs);
   const double giveUp = WallClockMs() + kDropLimitMs;
   char* buffer = ReadBuffer();
@@ -432,12 +434,6 @@ std::uint64_t DeviceNumberOf(int fd) {
 }
 
 void SetStreamAllowanceMs(double ms) { streamAllowanceMs = ms; }
-
-double QuietBeforeCommandMs(const SerialLine& line) {
-  // A few characters' time: a line that pauses that long between bytes has
-  // stopped sending.
-  return std::max(2.0, 4 * LineCharTimeMs(line.fd));
-}
 
 int RS232SendCommand(SerialLine& line, std::string_view command) {
   DropUntilQuiet(line);

@@ -53,13 +53,11 @@ int RS232ChangeBaudrate3(int& fd);
 std::uint64_t DeviceNumberOf(const std::string& path);
 std::uint64_t DeviceNumberOf(int fd);
 
-// How long the line must have been quiet before a command goes out.
-double QuietBeforeCommandMs(const SerialLine& line);
-
 // Writes `command` followed by CR LF. First everything on the line is read
-// and thrown away (into `line.dropped`) until the line has been quiet for
-// QuietBeforeCommandMs, at the line's full speed: no byte that came before
-// the command is ever part of its answer. 1 when the whole line went out,
+// and thrown away (into `line.dropped`), at the line's full speed, until the
+// line has been quiet for a few characters' time (at least 2 ms; longer
+// after a message cut short): no byte that came before the command is ever
+// part of its answer. 1 when the whole line went out,
 // else 0. Throws LineError when the line is gone, does not stop sending, or
 // was interrupted.
 int RS232SendCommand(SerialLine& line, std::string_view command);
