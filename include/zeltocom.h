@@ -237,10 +237,29 @@ ZELTOCOM_API int ZeltoCom_CloseProject(void);
  * is one bin, "NAME=x,y;x,y;..." or without "NAME=" for the name "Area N", N
  * the bin's position in the file; a point is in a bin when the segment from
  * (0, 0) to it crosses exactly one of the polygon's edges, vertical edges
- * not counted. 1 found; 0 in no bin; -1 bad path, unreadable or malformed
- * file. */
+ * not counted. That established rule misjudges some shapes (see
+ * ZeltoCom_Binning_CheckVECFile); ZeltoCom_Binning_FindBin does not. 1
+ * found; 0 in no bin; -1 bad path, unreadable or malformed file. */
 ZELTOCOM_API int ZeltoCom_Binning_GetBinFromVECFile(const char* path, char* binName, float x,
                                                     float y);
+/* The same file, read and checked alike, with an exact test: a point is in
+ * a bin when it lies inside the polygon by the even-odd rule (every edge
+ * counts) or on an edge or corner. The first bin holding (x, y) wins; its
+ * name is cut to `binNameSize` - 1 characters. 1 found; 0 in no bin; -1 bad
+ * path, no buffer or `binNameSize` below 1, x or y not finite, unreadable or
+ * malformed file. */
+ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int binNameSize,
+                                          float x, float y);
+/* Lists in `report` the bins of the file whose shape lets the rule of
+ * ZeltoCom_Binning_GetBinFromVECFile misjudge some of their points, one line
+ * each, "NAME: reason; reason", lines joined by '\n' and the whole cut to
+ * `reportSize` - 1 characters. Reasons: "an edge parallel or nearly parallel
+ * to the y axis" (rising more than 1000 times its run), "not convex", "holds
+ * the origin", "no area (its corners lie on one line)", "a corner that is
+ * not a finite number". In any bin, that rule may misjudge points on an edge
+ * and points in line with the origin and a corner. The number of bins
+ * listed; -1 as for ZeltoCom_Binning_FindBin. */
+ZELTOCOM_API int ZeltoCom_Binning_CheckVECFile(const char* path, char* report, int reportSize);
 /* ---- Many ports at once ----
  * One worker thread per port; the call returns when every worker has ended.
  * Arrays are the caller's, one entry per port, index i of each belonging to
