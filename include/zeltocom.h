@@ -390,7 +390,9 @@ ZELTOCOM_API int ZeltoCom_ListPortsDetectedTxt(char* portsText, const char* sepa
  * (stored in the instrument) or the PUT form (in use until it is switched
  * off), as `setMode` says; resets and adjustments always store. Results: 1
  * done; 0 the instrument refused or did not answer (the error text names
- * the step); -1 a refused argument. */
+ * the step), or answered with what is no finite number of the reading's
+ * type ("Wrong reading from the instrument"); -1 a refused argument. A value
+ * the command cannot carry is never sent. */
 
 /* RGB adjustment against three reference lights (red, green, blue) whose
  * true chromaticity and absolute intensity are known; the instrument
@@ -430,11 +432,12 @@ ZELTOCOM_API int ZeltoCom_UserCal_AdjustxyOffsets(const char* devPath, int fiber
 ZELTOCOM_API int ZeltoCom_UserCal_ResetWavelengthOffset(const char* devPath, int fiber);
 /* Reads the offset into `*offset` (written only from an answer received). */
 ZELTOCOM_API int ZeltoCom_UserCal_GetWavelengthOffset(const char* devPath, int fiber, int* offset);
-/* Writes the offset, stored unless `setMode` is 0. */
+/* Writes the offset (-99 to 99, else -1), stored unless `setMode` is 0. */
 ZELTOCOM_API int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset,
                                                       int setMode);
 /* Captures (automatic range), reads the dominant wavelength and stores the
- * offset that moves it onto the reference. */
+ * offset that moves it onto the reference; 0 and nothing written when that
+ * falls outside -99 to 99. */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustWavelengthOffset(const char* devPath, int fiber,
                                                          int wavelengthReference);
 
@@ -463,7 +466,8 @@ ZELTOCOM_API int ZeltoCom_UserCal_GetAbsIntFactor(const char* devPath, int fiber
 ZELTOCOM_API int ZeltoCom_UserCal_SetAbsIntFactor(const char* devPath, int fiber, double factor,
                                                   int setMode);
 /* Captures (automatic range), reads the absolute intensity and stores
- * factor x reference / absolute intensity. */
+ * factor x reference / absolute intensity; 0 and nothing written when that
+ * is outside 1E-99 to 1E+99 (its exponent takes two digits). */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fiber,
                                                      double absoluteIntensityReference);
 /* ---- External trigger ----

@@ -1,10 +1,12 @@
 // The readers that instrument answers go through: any answer gives a value,
 // and the values keep what the readers promise.
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "device/identify.hpp"
+#include "device/user_cal.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
 #include "fuzz_check.hpp"
@@ -61,6 +63,19 @@ void CheckRewrites(const std::string& text) {
   Require(doubled.size() == text.size() + static_cast<std::size_t>(strcountchar(text, text[0])));
 }
 
+// A reading is a finite number or none, and one field is no more than the
+// whole answer read as one.
+void CheckReadings(const std::string& text) {
+  const std::optional<double> whole = SingleReading<double>(text);
+  Require(!whole || std::isfinite(*whole));
+  Reading fields(text);
+  const std::optional<float> first = fields.Next<float>();
+  Require(!first || std::isfinite(*first));
+  if (whole && first && fields.Done()) Require(static_cast<float>(*whole) == *first);
+  const std::optional<int> integer = SingleReading<int>(text);
+  if (integer) Require(whole && *whole == *integer);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -68,5 +83,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckNumbers(text);
   CheckFields(text);
   CheckRewrites(text);
+  CheckReadings(text);
   return 0;
 }
