@@ -269,8 +269,9 @@ ZELTOCOM_API int ZeltoCom_Binning_CheckVECFile(const char* path, char* report, i
 
 /* Connection checks: find the port of an instrument by its serial number.
  * An instrument already open is found without any traffic; other enumerated
- * ports are probed (at `baudrate`, 0 searching the rate) and closed again,
- * except ports being opened or held by another process. */
+ * ports are probed at every admitted rate, the one the port last worked at
+ * first, whatever `baudrate` says (it must still be 0 or an admitted rate),
+ * and closed again, except ports being opened or held by another process. */
 /* Writes the path of the port of `serialNumber` (at least 255 bytes) or ""
  * into `portOut`; 1 found, 0 not found ("Unable to find device"), -1
  * refused. */
