@@ -254,7 +254,7 @@ ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int b
  * ZeltoCom_Binning_GetBinFromVECFile misjudge some of their points, one line
  * each, "NAME: reason; reason", lines joined by '\n' and the whole cut to
  * `reportSize` - 1 characters. Reasons: "an edge parallel or nearly parallel
- * to the y axis" (rising more than 1000 times its run), "not convex", "holds
+ * to the y axis" (rising 1000 times its run or more), "not convex", "holds
  * the origin", "no area (its corners lie on one line)", "a corner that is
  * not a finite number". In any bin, that rule may misjudge points on an edge
  * and points in line with the origin and a corner. The number of bins
@@ -392,8 +392,8 @@ ZELTOCOM_API int ZeltoCom_ListPortsDetectedTxt(char* portsText, const char* sepa
  * off), as `setMode` says; resets and adjustments always store. Results: 1
  * done; 0 the instrument refused or did not answer (the error text names
  * the step), or answered with what is no finite number of the reading's
- * type ("Wrong reading from the instrument"); -1 a refused argument. A value
- * the command cannot carry is never sent. */
+ * type ("Wrong reading from the instrument"); -1 a refused argument. An
+ * adjustment whose result its command cannot carry writes nothing (0). */
 
 /* RGB adjustment against three reference lights (red, green, blue) whose
  * true chromaticity and absolute intensity are known; the instrument

@@ -140,8 +140,8 @@ bool HasArea(const std::vector<Point>& corners) {
 }
 
 // The established rule divides by an edge's run in x, so its rounding moves
-// the crossings of a steep edge by about 6e-8 * x * rise / run: beyond a rise
-// of 1000 times the run, that reaches the fifth decimal of a reading.
+// the crossings of a steep edge by about 6e-8 * x * rise / run: from a rise
+// of 1000 times the run on, that reaches the fifth decimal of a reading.
 constexpr double kSteepRise = 1000;
 
 bool HasSteepEdge(const std::vector<Point>& corners) {
