@@ -107,9 +107,9 @@ bool OnSegment(Point a, Point b, Point p) {
          std::min(a.y, b.y) <= p.y && p.y <= std::max(a.y, b.y);
 }
 
-// Whether the edge a -> b crosses the ray from p towards +x. Each corner
-// counts with the edge above it only, so a ray through a corner counts once
-// or twice as the polygon passes or touches there.
+// Whether the edge a -> b crosses the ray from p towards +x. A corner at the
+// ray's height counts as below it, so a ray through a corner crosses once
+// where the boundary passes there and twice or not at all where it touches.
 bool CrossesRayRightOf(Point a, Point b, Point p) {
   if ((a.y > p.y) == (b.y > p.y)) return false;
   const int side = Orientation(a, b, p);
