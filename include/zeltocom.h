@@ -254,10 +254,29 @@ ZELTOCOM_API int ZeltoCom_CloseProject(void);
  * is one bin, "NAME=x,y;x,y;..." or without "NAME=" for the name "Area N", N
  * the bin's position in the file; a point is in a bin when the segment from
  * (0, 0) to it crosses exactly one of the polygon's edges, vertical edges
- * not counted. 1 found; 0 in no bin; -1 bad path, unreadable or malformed
- * file. */
+ * not counted. That established rule misjudges some shapes (see
+ * ZeltoCom_Binning_CheckVECFile); ZeltoCom_Binning_FindBin does not. 1
+ * found; 0 in no bin; -1 bad path, unreadable or malformed file. */
 ZELTOCOM_API int ZeltoCom_Binning_GetBinFromVECFile(const char* path, char* binName, float x,
                                                     float y);
+/* The same file, read and checked alike, with an exact test: a point is in
+ * a bin when it lies inside the polygon by the even-odd rule (every edge
+ * counts) or on an edge or corner. The first bin holding (x, y) wins; its
+ * name is cut to `binNameSize` - 1 characters. 1 found; 0 in no bin; -1 bad
+ * path, no buffer or `binNameSize` below 1, x or y not finite, unreadable or
+ * malformed file. */
+ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int binNameSize,
+                                          float x, float y);
+/* Lists in `report` the bins of the file whose shape lets the rule of
+ * ZeltoCom_Binning_GetBinFromVECFile misjudge some of their points, one line
+ * each, "NAME: reason; reason", lines joined by '\n' and the whole cut to
+ * `reportSize` - 1 characters. Reasons: "an edge parallel or nearly parallel
+ * to the y axis" (rising 1000 times its run or more), "not convex", "holds
+ * the origin", "no area (its corners lie on one line)", "a corner that is
+ * not a finite number". In any bin, that rule may misjudge points on an edge
+ * and points in line with the origin and a corner. The number of bins
+ * listed; -1 as for ZeltoCom_Binning_FindBin. */
+ZELTOCOM_API int ZeltoCom_Binning_CheckVECFile(const char* path, char* report, int reportSize);
 /* ---- Many ports at once ----
  * One worker thread per port; the call returns when every worker has ended.
  * Arrays are the caller's, one entry per port, index i of each belonging to
@@ -267,8 +286,9 @@ ZELTOCOM_API int ZeltoCom_Binning_GetBinFromVECFile(const char* path, char* binN
 
 /* Connection checks: find the port of an instrument by its serial number.
  * An instrument already open is found without any traffic; other enumerated
- * ports are probed (at `baudrate`, 0 searching the rate) and closed again,
- * except ports being opened or held by another process. */
+ * ports are probed at every admitted rate, the one the port last worked at
+ * first, whatever `baudrate` says (it must still be 0 or an admitted rate),
+ * and closed again, except ports being opened or held by another process. */
 /* Writes the path of the port of `serialNumber` (at least 255 bytes) or ""
  * into `portOut`; 1 found, 0 not found ("Unable to find device"), -1
  * refused. */
@@ -388,7 +408,9 @@ ZELTOCOM_API int ZeltoCom_ListPortsDetectedTxt(char* portsText, const char* sepa
  * (stored in the instrument) or the PUT form (in use until it is switched
  * off), as `setMode` says; resets and adjustments always store. Results: 1
  * done; 0 the instrument refused or did not answer (the error text names
- * the step); -1 a refused argument. */
+ * the step), or answered with what is no finite number of the reading's
+ * type ("Wrong reading from the instrument"); -1 a refused argument. An
+ * adjustment whose result its command cannot carry writes nothing (0). */
 
 /* RGB adjustment against three reference lights (red, green, blue) whose
  * true chromaticity and absolute intensity are known; the instrument
@@ -428,11 +450,12 @@ ZELTOCOM_API int ZeltoCom_UserCal_AdjustxyOffsets(const char* devPath, int fiber
 ZELTOCOM_API int ZeltoCom_UserCal_ResetWavelengthOffset(const char* devPath, int fiber);
 /* Reads the offset into `*offset` (written only from an answer received). */
 ZELTOCOM_API int ZeltoCom_UserCal_GetWavelengthOffset(const char* devPath, int fiber, int* offset);
-/* Writes the offset, stored unless `setMode` is 0. */
+/* Writes the offset (-99 to 99, else -1), stored unless `setMode` is 0. */
 ZELTOCOM_API int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset,
                                                       int setMode);
 /* Captures (automatic range), reads the dominant wavelength and stores the
- * offset that moves it onto the reference. */
+ * offset that moves it onto the reference; 0 and nothing written when that
+ * falls outside -99 to 99. */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustWavelengthOffset(const char* devPath, int fiber,
                                                          int wavelengthReference);
 
@@ -461,7 +484,8 @@ ZELTOCOM_API int ZeltoCom_UserCal_GetAbsIntFactor(const char* devPath, int fiber
 ZELTOCOM_API int ZeltoCom_UserCal_SetAbsIntFactor(const char* devPath, int fiber, double factor,
                                                   int setMode);
 /* Captures (automatic range), reads the absolute intensity and stores
- * factor x reference / absolute intensity. */
+ * factor x reference / absolute intensity; 0 and nothing written when that
+ * is outside 1E-99 to 1E+99 (its exponent takes two digits). */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fiber,
                                                      double absoluteIntensityReference);
 /* ---- External trigger ----

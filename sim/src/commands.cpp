@@ -582,6 +582,8 @@ bool Matches(const Command& cmd, const std::string& upper) {
 
 Reply Execute(Instrument::State& st, const std::string& line) {
   const std::string upper = Upper(line);
+  const auto fixed = st.fixedAnswers.find(upper);
+  if (fixed != st.fixedAnswers.end()) return SayOnce(st, {fixed->second});
   if (std::optional<Reply> calibration = ExecuteCalibration(st, upper)) return *calibration;
   for (const Command* cmd : LongestFirst()) {
     if (!Fits(cmd->family, st) || !Matches(*cmd, upper)) continue;

@@ -175,6 +175,15 @@ void Instrument::setDarkAnnounces(bool on) {
   state_->config.darkAnnounces = on;
 }
 
+void Instrument::setAnswer(const std::string& command, const std::string& answer) {
+  std::lock_guard lock(state_->mutex);
+  if (answer.empty()) {
+    state_->fixedAnswers.erase(detail::Upper(command));
+  } else {
+    state_->fixedAnswers[detail::Upper(command)] = answer;
+  }
+}
+
 bool Instrument::eot() const {
   std::lock_guard lock(state_->mutex);
   return state_->config.eot;

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -63,6 +64,7 @@ struct Instrument::State {
   std::vector<UserCalibration> calibration;  // per fibre
   detail::TriggerSetup trigger;
   detail::SequenceMemory sequence;
+  std::map<std::string, std::string> fixedAnswers;  // by upper-case command
 
   Settings& current() { return sets[static_cast<size_t>(currentSet)]; }
 };

@@ -26,8 +26,20 @@ VecFile ReadVecFile(std::string_view text);
 bool CheckSegmentsIntersect(float x1, float y1, float x2, float y2, float x3, float y3, float x4,
                             float y4);
 
-// The first of `bins` whose edges the segment from the origin to (x, y)
-// crosses exactly once; null when none.
-const tBinVector* FindBin(const std::vector<tBinVector>& bins, float x, float y);
+// The established rule: the first of `bins` whose edges the segment from the
+// origin to (x, y) crosses exactly once; null when none.
+const tBinVector* FindBinByOneCrossing(const std::vector<tBinVector>& bins, float x, float y);
+
+// Whether the polygon of `bin` holds the finite point (x, y): inside by the
+// even-odd rule, or on an edge or corner. Computed without rounding; a bin
+// with a corner that is not a finite number holds nothing.
+bool BinHolds(const tBinVector& bin, float x, float y);
+
+// The first of `bins` that holds (x, y); null when none.
+const tBinVector* FindBinHolding(const std::vector<tBinVector>& bins, float x, float y);
+
+// What in the shape of `bin` lets the established rule put some of its
+// points in the wrong place; empty when nothing does.
+std::vector<std::string> OneCrossingRisks(const tBinVector& bin);
 
 }  // namespace zeltocom

@@ -2,9 +2,9 @@
 // ID.
 #include "api/project.hpp"
 
-#include <algorithm>
 #include <climits>
 #include <optional>
+#include <unordered_set>
 
 #include "api/common.hpp"
 #include "frame/errors.hpp"
@@ -38,17 +38,25 @@ void ReadSetting(std::string line, s_IDPort& row) {
   }
 }
 
+// What the rows read so far claim, so that a section is checked against
+// them in constant time whatever their number.
+struct Claimed {
+  std::unordered_set<std::string> ids;
+  std::unordered_set<std::string> masterPaths;
+
+  void Add(const s_IDPort& row) {
+    ids.emplace(row.deviceID.view());
+    if (!row.chained) masterPaths.emplace(row.devicePath.view());
+  }
+};
+
 // Why a finished section cannot join the rows before it; empty when it can.
-const char* SectionError(const s_IDPort& row, const std::vector<s_IDPort>& rows) {
+const char* SectionError(const s_IDPort& row, const Claimed& claimed) {
   if (row.devicePath.empty()) return "Syntax Error. Port not set.";
   if (row.deviceID.empty()) return "Syntax Error. ID not set.";
   if (row.serialNumber.empty()) return "Syntax Error. SN not set.";
-  if (std::ranges::any_of(rows, [&](const s_IDPort& r) { return r.deviceID == row.deviceID.view(); })) {
-    return "This ID has already been added";
-  }
-  const bool hasMaster = std::ranges::any_of(rows, [&](const s_IDPort& r) {
-    return !r.chained && r.devicePath == row.devicePath.view();
-  });
+  if (claimed.ids.contains(std::string(row.deviceID.view()))) return "This ID has already been added";
+  const bool hasMaster = claimed.masterPaths.contains(std::string(row.devicePath.view()));
   if (!row.chained && hasMaster) return "Master has been previously added for this port";
   if (row.chained && !hasMaster) return "No Bus Master has been previously added for this port";
   return "";
@@ -64,6 +72,7 @@ ProjectFile Failed(ProjectFile file, std::string error, int result) {
 
 ProjectFile ReadProjectFile(std::string_view text) {
   ProjectFile file;
+  Claimed claimed;
   std::optional<s_IDPort> section;
   for (std::string line : SplitLines(text)) {
     if (line.size() > kMaxFileLineLength) {
@@ -76,8 +85,9 @@ ProjectFile ReadProjectFile(std::string_view text) {
     } else if (line != "[END]") {
       ReadSetting(std::move(line), *section);
     } else {
-      const std::string error = SectionError(*section, file.rows);
+      const std::string error = SectionError(*section, claimed);
       if (!error.empty()) return Failed(std::move(file), error, -1);
+      claimed.Add(*section);
       file.rows.push_back(*section);
       section.reset();
     }

@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <initializer_list>
 #include <map>
 #include <mutex>
@@ -86,6 +85,9 @@ bool AllFinite(s_CommPort* device, std::initializer_list<double> values) {
 // The three raw values of a fiber's "GETRGBEXT" answer under one reference light.
 using RawRgb = std::array<unsigned, 3>;
 
+// The commands that send them back carry seven digits.
+constexpr unsigned kMaxRawRgb = 9999999;
+
 // The last raw readings per fiber and reference colour, shared by all ports;
 // keyed by fiber, so any fiber count an instrument reports fits.
 std::mutex mtxRefRGB;
@@ -141,8 +143,11 @@ int TakeRgbValues(s_CommPort* device, int fiber, char colour) {
   std::map<int, RawRgb>* table = TableOf(colour);
   if (table == nullptr) return Refused(device, "Wrong Color. Please use REG, GREEN or BLUE.");
   RawRgb values{};
-  if (std::sscanf(raw.c_str(), "%u %u %u", &values[0], &values[1], &values[2]) != 3) {
-    return Refused(device, "Wrong RGB reading");
+  Reading reading(raw);
+  for (unsigned& value : values) {
+    const std::optional<unsigned> count = reading.Next<unsigned>();
+    if (!count || *count > kMaxRawRgb) return Refused(device, "Wrong RGB reading");
+    value = *count;
   }
   const std::lock_guard lock(mtxRefRGB);
   (*table)[fiber] = values;
@@ -229,13 +234,21 @@ int UnableTo(s_CommPort* device, const char* step, const char* what) {
   return Refused(device, StringPrintf("Unable to %s %s", step, what));
 }
 
+int WrongReading(s_CommPort* device) { return Refused(device, "Wrong reading from the instrument"); }
+
+// A getter's result as the family reports it: 1 read, else 0 with why.
+int ReadResult(s_CommPort* device, int read, const char* what) {
+  if (read == 1) return 1;
+  return read == kWrongReading ? WrongReading(device) : UnableTo(device, "read", what);
+}
+
 // A getter's body: `read` fills `output` only from an answer.
 template <typename Value>
 int ReadValue(const char* devPath, int fiber, Value* output,
               int (*read)(s_CommPort*, int, Value*), const char* what) {
   return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
     if (!OutputsGiven(device, {output})) return -1;
-    return read(device, fiber, output) == 1 ? 1 : UnableTo(device, "read", what);
+    return ReadResult(device, read(device, fiber, output), what);
   });
 }
 
@@ -248,6 +261,11 @@ int WriteXyOffsets(s_CommPort* device, int fiber, float x, float y, int setMode)
 }
 
 int WriteWavelengthOffset(s_CommPort* device, int fiber, int offset, int setMode) {
+  if (offset < -kMaxWavelengthOffset || offset > kMaxWavelengthOffset) {
+    SetError(device, StringPrintf("Wavelength offset should be a value between %d and %d",
+                                  -kMaxWavelengthOffset, kMaxWavelengthOffset));
+    return -1;
+  }
   if (CMD_Set_WavelengthOffset(device, fiber, offset, setMode) != 1) {
     return UnableTo(device, "set", kWavelengthOffset);
   }
@@ -284,7 +302,6 @@ int Measure(const HeldPort& port, s_CommPort* device, const std::string& reading
     return captured;
   }
   if (Exchange(device, reading, kReadingMs, answer) != 1) return UnableTo(device, "read", what);
-  FormatDecimal(*answer);
   return 1;
 }
 
@@ -295,17 +312,15 @@ int AdjustXyOffsets(const HeldPort& port, s_CommPort* device, int fiber, float x
   const int measured =
       Measure(port, device, StringPrintf("GETxyI%02d", fiber), "chromaticity", &answer);
   if (measured != 1) return measured;
-  float x = 0;
-  float y = 0;
-  if (std::sscanf(answer.c_str(), "%f %f", &x, &y) != 2) {
-    return UnableTo(device, "read", "chromaticity");
-  }
+  Reading reading(answer);
+  const std::optional<float> x = reading.Next<float>();
+  const std::optional<float> y = reading.Next<float>();
+  if (!x || !y) return WrongReading(device);
   float xOffset = 0;
   float yOffset = 0;
-  if (CMD_Get_xyOffsets(device, fiber, &xOffset, &yOffset) != 1) {
-    return UnableTo(device, "read", kXyOffsets);
-  }
-  return WriteXyOffsets(device, fiber, xOffset + (xReference - x), yOffset + (yReference - y),
+  const int read = CMD_Get_xyOffsets(device, fiber, &xOffset, &yOffset);
+  if (read != 1) return ReadResult(device, read, kXyOffsets);
+  return WriteXyOffsets(device, fiber, xOffset + (xReference - *x), yOffset + (yReference - *y),
                         kSetForm);
 }
 
@@ -314,15 +329,18 @@ int AdjustWavelengthOffset(const HeldPort& port, s_CommPort* device, int fiber, 
   const int measured = Measure(port, device, StringPrintf("GETWAVELENGTH%02d", fiber),
                                "dominant wavelength", &answer);
   if (measured != 1) return measured;
-  int wavelength = 0;
-  if (std::sscanf(answer.c_str(), "%d", &wavelength) != 1) {
-    return UnableTo(device, "read", "dominant wavelength");
-  }
+  const std::optional<int> wavelength = SingleReading<int>(answer);
+  if (!wavelength) return WrongReading(device);
   int offset = 0;
-  if (CMD_Get_WavelengthOffset(device, fiber, &offset) != 1) {
-    return UnableTo(device, "read", kWavelengthOffset);
+  const int read = CMD_Get_WavelengthOffset(device, fiber, &offset);
+  if (read != 1) return ReadResult(device, read, kWavelengthOffset);
+  // Three ints, so a long long holds any result.
+  const long long adjusted = static_cast<long long>(offset) + reference - *wavelength;
+  if (adjusted < -kMaxWavelengthOffset || adjusted > kMaxWavelengthOffset) {
+    return Refused(device, StringPrintf("The new wavelength offset (%lld) is outside %d to %d",
+                                        adjusted, -kMaxWavelengthOffset, kMaxWavelengthOffset));
   }
-  return WriteWavelengthOffset(device, fiber, offset + (reference - wavelength), kSetForm);
+  return WriteWavelengthOffset(device, fiber, static_cast<int>(adjusted), kSetForm);
 }
 
 // The reference is linear, so a logarithmic reading is converted first.
@@ -331,8 +349,8 @@ int AdjustIntensityGain(const HeldPort& port, s_CommPort* device, int fiber, int
   const int measured =
       Measure(port, device, StringPrintf("GETINTENSITY%02d", fiber), "intensity", &answer);
   if (measured != 1) return measured;
-  const std::optional<int> reported = PlainNumber<int>(answer);
-  if (!reported) return UnableTo(device, "read", "intensity");
+  const std::optional<int> reported = SingleReading<int>(answer);
+  if (!reported) return WrongReading(device);
   if (CMD_LoadSettings_IntensityMode(device) != 1 ||
       CMD_LoadSettings_FirmwareVersion(device) != 1) {
     return UnableTo(device, "read", "the intensity mode");
@@ -340,9 +358,8 @@ int AdjustIntensityGain(const HeldPort& port, s_CommPort* device, int fiber, int
   const int linear = AnalyserIntensityLogToLin(device, *reported, 0, 0);
   if (linear <= 0) return Refused(device, "Under-range detected");
   int gain = 0;
-  if (CMD_Get_IntensityGain(device, fiber, &gain) != 1) {
-    return UnableTo(device, "read", kIntensityGain);
-  }
+  const int read = CMD_Get_IntensityGain(device, fiber, &gain);
+  if (read != 1) return ReadResult(device, read, kIntensityGain);
   const double adjusted = std::round(static_cast<double>(gain) * reference / linear);
   if (!(adjusted >= kMinIntensityGain && adjusted <= kMaxIntensityGain)) {
     return Refused(device, StringPrintf("The new intensity gain (%.0f) is outside %d to %d",
@@ -357,16 +374,19 @@ int AdjustAbsIntFactor(const HeldPort& port, s_CommPort* device, int fiber, doub
   const int measured = Measure(port, device, StringPrintf("GETABSINT%02d", fiber),
                                "absolute intensity", &answer);
   if (measured != 1) return measured;
-  double absolute = 0;
-  if (std::sscanf(answer.c_str(), "%lf", &absolute) != 1) {
-    return UnableTo(device, "read", "absolute intensity");
-  }
-  if (!(absolute > 0)) return Refused(device, "Under-range detected");
+  const std::optional<double> absolute = SingleReading<double>(answer);
+  if (!absolute) return WrongReading(device);
+  if (!(*absolute > 0)) return Refused(device, "Under-range detected");
   double factor = 0;
-  if (CMD_Get_AbsoluteIntensityFactor(device, fiber, &factor) != 1) {
-    return UnableTo(device, "read", kAbsIntFactor);
+  const int read = CMD_Get_AbsoluteIntensityFactor(device, fiber, &factor);
+  if (read != 1) return ReadResult(device, read, kAbsIntFactor);
+  const double adjusted = factor * reference / *absolute;
+  if (!ExponentFits(adjusted)) {
+    return Refused(device, StringPrintf("The new absolute intensity factor (%g) is outside "
+                                        "1E-99 to 1E+99",
+                                        adjusted));
   }
-  return WriteAbsIntFactor(device, fiber, factor * reference / absolute, kSetForm);
+  return WriteAbsIntFactor(device, fiber, adjusted, kSetForm);
 }
 
 }  // namespace
@@ -409,8 +429,7 @@ int ZeltoCom_UserCal_ResetxyOffsets(const char* devPath, int fiber) {
 int ZeltoCom_UserCal_GetxyOffsets(const char* devPath, int fiber, float* x, float* y) {
   return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
     if (!OutputsGiven(device, {x, y})) return -1;
-    if (CMD_Get_xyOffsets(device, fiber, x, y) != 1) return UnableTo(device, "read", kXyOffsets);
-    return 1;
+    return ReadResult(device, CMD_Get_xyOffsets(device, fiber, x, y), kXyOffsets);
   });
 }
 

@@ -1,9 +1,13 @@
 #include "device/user_cal.hpp"
 
-#include <cstdio>
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "device/command.hpp"
 #include "device/identify.hpp"
@@ -33,19 +37,32 @@ std::optional<std::string> Ask(s_CommPort* port, const std::string& command,
   return std::move(response.data);
 }
 
-std::optional<double> ReadDecimal(s_CommPort* port, const std::string& command) {
-  std::optional<std::string> answer = Ask(port, command, kReadMs);
-  if (!answer) return std::nullopt;
-  FormatDecimal(*answer);
-  double value = 0;
-  if (std::sscanf(answer->c_str(), "%lf", &value) != 1) return std::nullopt;
-  return value;
+// A getter's exchange: the answer's one number into `output`.
+template <typename Number>
+int ReadNumber(s_CommPort* port, const std::string& command, Number* output) {
+  const std::optional<std::string> answer = Ask(port, command, kReadMs);
+  if (!answer) return 0;
+  const std::optional<Number> value = SingleReading<Number>(*answer);
+  if (!value) return kWrongReading;
+  *output = *value;
+  return 1;
 }
 
-std::optional<int> ReadInteger(s_CommPort* port, const std::string& command) {
-  const std::optional<std::string> answer = Ask(port, command, kReadMs);
-  int value = 0;
-  if (!answer || std::sscanf(answer->c_str(), "%d", &value) != 1) return std::nullopt;
+constexpr std::string_view kBlanks = " \t\r\n";
+
+template <typename Number>
+std::optional<Number> NumberOf(std::string field) {
+  std::ranges::replace(field, ',', '.');
+  std::string_view text = field;
+  // from_chars takes a minus but no plus.
+  if (text.starts_with('+') && !text.substr(1).starts_with('-')) text.remove_prefix(1);
+  Number value{};
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  if constexpr (std::is_floating_point_v<Number>) {
+    if (!std::isfinite(value)) return std::nullopt;
+  }
   return value;
 }
 
@@ -64,15 +81,37 @@ int SentAtLeast(s_CommPort* port, const std::string& command) {
 
 }  // namespace
 
+template <typename Number>
+std::optional<Number> Reading::Next() {
+  const std::size_t start = std::min(rest_.find_first_not_of(kBlanks), rest_.size());
+  const std::size_t end = std::min(rest_.find_first_of(kBlanks, start), rest_.size());
+  const std::string_view field = rest_.substr(start, end - start);
+  rest_.remove_prefix(end);
+  if (field.empty()) return std::nullopt;
+  return NumberOf<Number>(std::string(field));
+}
+
+bool Reading::Done() const { return rest_.find_first_not_of(kBlanks) == std::string_view::npos; }
+
+template <typename Number>
+std::optional<Number> SingleReading(std::string_view answer) {
+  Reading reading(answer);
+  const std::optional<Number> value = reading.Next<Number>();
+  if (!reading.Done()) return std::nullopt;
+  return value;
+}
+
+template std::optional<int> Reading::Next<int>();
+template std::optional<unsigned> Reading::Next<unsigned>();
+template std::optional<float> Reading::Next<float>();
+template std::optional<double> Reading::Next<double>();
+template std::optional<int> SingleReading<int>(std::string_view);
+template std::optional<double> SingleReading<double>(std::string_view);
+
 int CMD_Get_xyOffsets(s_CommPort* port, int fiber, float* x, float* y) {
   const std::string number = FiberText(port, fiber);
-  const std::optional<double> readX = ReadDecimal(port, "GETXOFFSET" + number);
-  if (!readX) return 0;
-  *x = static_cast<float>(*readX);
-  const std::optional<double> readY = ReadDecimal(port, "GETYOFFSET" + number);
-  if (!readY) return 0;
-  *y = static_cast<float>(*readY);
-  return 1;
+  const int result = ReadNumber(port, "GETXOFFSET" + number, x);
+  return result == 1 ? ReadNumber(port, "GETYOFFSET" + number, y) : result;
 }
 
 int CMD_Set_xyOffsets(s_CommPort* port, int fiber, float x, float y, int setMode) {
@@ -83,24 +122,18 @@ int CMD_Set_xyOffsets(s_CommPort* port, int fiber, float x, float y, int setMode
 }
 
 int CMD_Get_WavelengthOffset(s_CommPort* port, int fiber, int* offset) {
-  const std::optional<int> value =
-      ReadInteger(port, "GETWAVELENGTHOFFSET" + FiberText(port, fiber));
-  if (!value) return 0;
-  *offset = *value;
-  return 1;
+  return ReadNumber(port, "GETWAVELENGTHOFFSET" + FiberText(port, fiber), offset);
 }
 
 int CMD_Set_WavelengthOffset(s_CommPort* port, int fiber, int offset, int setMode) {
+  if (std::abs(static_cast<long>(offset)) > kMaxWavelengthOffset) return 0;
   const std::string command = Form(setMode != 0) + "WAVELENGTHOFFSET" + FiberText(port, fiber) +
                               StringPrintf("%+03d", offset);
   return Written(port, command, kOffsetWriteMs) ? 1 : 0;
 }
 
 int CMD_Get_IntensityGain(s_CommPort* port, int fiber, int* gain) {
-  const std::optional<int> value = ReadInteger(port, "GETINTGAIN" + FiberText(port, fiber));
-  if (!value) return 0;
-  *gain = *value;
-  return 1;
+  return ReadNumber(port, "GETINTGAIN" + FiberText(port, fiber), gain);
 }
 
 int CMD_Set_IntensityGain(s_CommPort* port, int fiber, int gain, int setMode) {
@@ -110,10 +143,7 @@ int CMD_Set_IntensityGain(s_CommPort* port, int fiber, int gain, int setMode) {
 }
 
 int CMD_Get_AbsoluteIntensityFactor(s_CommPort* port, int fiber, double* factor) {
-  const std::optional<double> value = ReadDecimal(port, "GETABSINTMULT" + FiberText(port, fiber));
-  if (!value) return 0;
-  *factor = *value;
-  return 1;
+  return ReadNumber(port, "GETABSINTMULT" + FiberText(port, fiber), factor);
 }
 
 int CMD_Set_AbsoluteIntensityFactor(s_CommPort* port, int fiber, double factor, int setMode) {
@@ -142,6 +172,12 @@ std::string FormatExponential(double value) {
   if (exponent.size() < 2) result += '0';
   result += exponent.substr(exponent.size() > 2 ? exponent.size() - 2 : 0);
   return result;
+}
+
+bool ExponentFits(double value) {
+  if (!std::isfinite(value)) return false;
+  const std::string text = StringPrintf("%0.5E", value);
+  return text.size() - text.find('E') <= 4;  // "E+dd"
 }
 
 }  // namespace zeltocom

@@ -1,15 +1,41 @@
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace zeltocom {
 
 struct s_CommPort;
 
+// Numbers read field by field from an instrument's answer. A field is the
+// text between blanks (spaces, tabs, line breaks); it reads as a number only
+// whole, finite and within the type's range, with a point or a comma as the
+// decimal mark and an optional sign.
+class Reading {
+ public:
+  explicit Reading(std::string_view answer) : rest_(answer) {}
+  // The next field; none when there is none or it does not read whole.
+  template <typename Number>
+  std::optional<Number> Next();
+  // Whether only blanks are left.
+  bool Done() const;
+
+ private:
+  std::string_view rest_;
+};
+
+// An answer that is one number and nothing else.
+template <typename Number>
+std::optional<Number> SingleReading(std::string_view answer);
+
 // A fiber's user-calibration values in the instrument. Each writes to and
 // waits for whoever holds the line; the caller holds the port's line and has
 // loaded the device type (a Node numbers its fibers with three digits).
-// Getters write their outputs only from answers that arrived: 1, else 0.
+// Getters give 1 when read; 0 without an answer in time, or on a refusal;
+// kWrongReading for an answer that is no number of the output's type. They
+// write their outputs only on 1.
+constexpr int kWrongReading = 2;
 
 // "GETXOFFSET<fiber>" then "GETYOFFSET<fiber>"; a failed x stops before y.
 int CMD_Get_xyOffsets(s_CommPort* port, int fiber, float* x, float* y);
@@ -18,7 +44,11 @@ int CMD_Get_xyOffsets(s_CommPort* port, int fiber, float* x, float* y);
 int CMD_Set_xyOffsets(s_CommPort* port, int fiber, float x, float y, int setMode);
 
 int CMD_Get_WavelengthOffset(s_CommPort* port, int fiber, int* offset);
-// SET (any setMode but 0) or PUT, "WAVELENGTHOFFSET<fiber>+05". 1 or 0.
+// The command carries a sign and two digits.
+constexpr int kMaxWavelengthOffset = 99;
+
+// SET (any setMode but 0) or PUT, "WAVELENGTHOFFSET<fiber>+05". 1 or 0; an
+// offset beyond +-99 sends nothing and gives 0.
 int CMD_Set_WavelengthOffset(s_CommPort* port, int fiber, int offset, int setMode);
 
 constexpr int kMinIntensityGain = 50;
@@ -42,5 +72,8 @@ std::string WithDecimalPoint(std::string text);
 // "%0.5E" with the exponent as a sign and exactly two digits (the last two
 // of a longer one) and a point whatever the locale: 1.5 is "1.50000E+00".
 std::string FormatExponential(double value);
+// Whether FormatExponential writes `value` whole: finite, with an exponent
+// of at most two digits.
+bool ExponentFits(double value);
 
 }  // namespace zeltocom

@@ -4,13 +4,14 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "api/sequence_lines.hpp"
-
 #include "device/identify.hpp"
+#include "device/user_cal.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
 #include "fuzz_check.hpp"
@@ -82,6 +83,19 @@ void CheckReadout(const std::string& text) {
   Require(std::ranges::all_of(floats, [](float f) { return std::isfinite(f); }));
 }
 
+// A reading is a finite number or none, and one field is no more than the
+// whole answer read as one.
+void CheckReadings(const std::string& text) {
+  const std::optional<double> whole = SingleReading<double>(text);
+  Require(!whole || std::isfinite(*whole));
+  Reading fields(text);
+  const std::optional<float> first = fields.Next<float>();
+  Require(!first || std::isfinite(*first));
+  if (whole && first && fields.Done()) Require(static_cast<float>(*whole) == *first);
+  const std::optional<int> integer = SingleReading<int>(text);
+  if (integer) Require(whole && *whole == *integer);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -90,5 +104,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckFields(text);
   CheckRewrites(text);
   CheckReadout(text);
+  CheckReadings(text);
   return 0;
 }

@@ -1,5 +1,7 @@
 // Project files and VEC bin files, written to a directory of the test's own.
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -31,6 +33,12 @@ class FilesTest : public SimBench {
   static std::string BinOf(const std::string& path, float x, float y) {
     char name[64] = "";
     const int result = ZeltoCom_Binning_GetBinFromVECFile(path.c_str(), name, x, y);
+    return result == 1 ? name : result == 0 ? "-" : LastError();
+  }
+  // The same through the exact test.
+  static std::string FoundBin(const std::string& path, float x, float y) {
+    char name[64] = "";
+    const int result = ZeltoCom_Binning_FindBin(path.c_str(), name, sizeof name, x, y);
     return result == 1 ? name : result == 0 ? "-" : LastError();
   }
   static std::string Section(const std::string& lines) { return "[DEVICE]\n" + lines + "[END]\n"; }
@@ -69,6 +77,113 @@ TEST_F(FilesTest, BinFilePathsAndContents) {
   EXPECT_EQ(BinOf(Write("long.vec", bin + longLine), 0, 0), "Syntax error in VEC file");
   // Two vertices make a bin, but no ray crosses its two edges just once.
   EXPECT_EQ(BinOf(Write("two.vec", bin), 0.1f, 0.15f), "-");
+}
+
+// The exact test where the established rule goes wrong, and on edges and
+// corners. The columns: FindBin's answer, then the established one where it
+// differs ("-" none).
+TEST_F(FilesTest, FindBinHoldsEveryPointOfItsPolygonAndOnlyThose) {
+  const std::string bins = Write("exact.vec",
+      "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
+      // A U whose right arm lies three crossings from the origin.
+      "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
+      "TRI=0.5,0.5;0.75,0.5;0.5,0.75;0.5,0.5\n");
+  struct Case {
+    float x, y;
+    std::string exact, established;
+  };
+  const std::vector<Case> cases = {
+      // Inside the rectangle: its crossing is a vertical edge the old rule skips.
+      {0.65f, 0.15f, "SQ", "-"},
+      // Right of it, outside: the old rule counts the bottom edge alone, and
+      // the same opposite it through the origin.
+      {0.8f, 0.12f, "-", "SQ"},
+      {-0.8f, -0.12f, "-", "SQ"},
+      // Concave: the right arm of the hook, its left arm, the gap between.
+      {0.36f, 0.36f, "HOOK", "-"},
+      {0.175f, 0.175f, "HOOK", ""},
+      {0.25f, 0.25f, "-", ""},
+      // On edges and corners: inside, whichever way the edge runs.
+      {0.7f, 0.15f, "SQ", "-"},
+      {0.65f, 0.1f, "SQ", ""},
+      {0.6f, 0.2f, "SQ", ""},
+      {0.7f, 0.1f, "SQ", ""},
+      {0.625f, 0.625f, "TRI", "-"},
+      {0.75f, 0.5f, "TRI", ""},
+      {0.5f, 0.6f, "TRI", ""},
+      // Just beyond an edge.
+      {0.626f, 0.626f, "-", ""},
+      {0.7001f, 0.15f, "-", ""},
+      {0.5f, 0.499f, "-", ""},
+  };
+  for (const Case& c : cases) {
+    const std::string where = std::to_string(c.x) + ", " + std::to_string(c.y);
+    EXPECT_EQ(FoundBin(bins, c.x, c.y), c.exact) << where;
+    if (!c.established.empty()) {
+      EXPECT_EQ(BinOf(bins, c.x, c.y), c.established) << where;
+    }
+  }
+}
+
+TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
+  const std::string bins = Write("names.vec", "LONGNAME=0.1,0.1;0.5,0.1;0.5,0.5\n");
+  char name[16];
+  const auto find = [&](char* buffer, int size, float x = 0.4f, float y = 0.2f) {
+    std::memset(name, '#', sizeof name);
+    return ZeltoCom_Binning_FindBin(bins.c_str(), buffer, size, x, y);
+  };
+  EXPECT_EQ(find(name, 5), 1);
+  EXPECT_STREQ(name, "LONG");
+  EXPECT_EQ(name[5], '#');
+  EXPECT_EQ(find(name, 1), 1);
+  EXPECT_STREQ(name, "");
+  EXPECT_EQ(find(name, 9), 1);
+  EXPECT_STREQ(name, "LONGNAME");
+  EXPECT_EQ(find(name, 16, 0.2f, 0.4f), 0);
+  EXPECT_EQ(name[0], '#');
+
+  EXPECT_EQ(Outcome(find(nullptr, 16)), "-1: No buffer given for the result");
+  for (int size : {0, -3}) {
+    EXPECT_EQ(Outcome(find(name, size)), "-1: The size of the bin name buffer must be at least 1");
+    EXPECT_EQ(name[0], '#');
+  }
+  for (const auto& [x, y] : {std::pair{std::nanf(""), 0.2f}, std::pair{0.4f, INFINITY}}) {
+    EXPECT_EQ(Outcome(find(name, 16, x, y)), "-1: The point's x and y must be finite numbers");
+    EXPECT_EQ(name[0], '#');
+  }
+  // The path and the file are checked as for the established rule.
+  EXPECT_EQ(FoundBin(".vec", 0, 0), "Wrong VEC file path");
+  EXPECT_EQ(FoundBin(Write("bins.txt", "B=0.1,0.1;0.2,0.2\n"), 0, 0), "Wrong VEC file extension");
+  EXPECT_EQ(FoundBin(Write("odd.vec", "B1=0.1,0.1;0.2\n"), 0, 0), "Syntax error in VEC file");
+  EXPECT_EQ(FoundBin(Write("none.vec", "0.1\n"), 0, 0), "VEC file does not contain any bin");
+  EXPECT_EQ(FoundBin(dir_ + "/missing.vec", 0, 0), "Unable to open file " + dir_ + "/missing.vec");
+}
+
+TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
+  const std::string bins = Write("check.vec",
+      "DIAMOND=0.3,0.2;0.4,0.3;0.3,0.4;0.2,0.3;0.3,0.2\n"
+      "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
+      "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
+      "STAR=0.5,0.1;0.6,0.4;0.3,0.2;0.7,0.2;0.4,0.4\n"
+      "CORNER=0,0;0.5,0.1;0.1,0.5\n"
+      "LINE=0.1,0.1;0.2,0.2;0.3,0.3\n"
+      "0.2,0.8;0.25,0.85;0.3,0.8\n");
+  char report[512];
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, sizeof report), 5) << LastError();
+  EXPECT_STREQ(report,
+               "SQ: an edge parallel or nearly parallel to the y axis\n"
+               "HOOK: not convex\n"
+               "STAR: not convex\n"
+               "CORNER: holds the origin\n"
+               "LINE: no area (its corners lie on one line)");
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 8), 5);
+  EXPECT_STREQ(report, "SQ: an ");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 0)),
+            "-1: The size of the report buffer must be at least 1");
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(Write("fine.vec", "0.3,0.2;0.4,0.3;0.25,0.4\n").c_str(),
+                                          report, sizeof report),
+            0);
+  EXPECT_STREQ(report, "");
 }
 
 TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {

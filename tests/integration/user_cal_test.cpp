@@ -1,5 +1,7 @@
 // User calibration: a fiber's values in the instrument, their adjustment
 // against references, and the RGB adjustment.
+#include <climits>
+#include <cstdlib>
 #include <functional>
 
 #include "bench.hpp"
@@ -236,4 +238,120 @@ TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
   EXPECT_FALSE(cal.rgbMatrix);
   EXPECT_TRUE(cal.absIntFactor.stored);
   EXPECT_EQ(cal.absIntFactor.value, 1.0);
+}
+
+// Offsets beyond what "+dd" carries are refused before anything is sent,
+// however the arithmetic would overflow.
+TEST_F(UserCalTest, WavelengthOffsetsTheCommandCannotCarrySendNothing) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+  const int seen = std::atoi(Reading(port, "GETWAVELENGTH01").c_str());
+  ASSERT_GT(seen, 380);
+  struct Row {
+    int offset;         // stored before the adjustment
+    int reference;
+    const char* reading;  // the instrument's wavelength, "" for its own
+    std::string outcome;
+  };
+  const std::vector<Row> rows = {
+      {0, INT_MIN, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MIN - seen) +
+                           ") is outside -99 to 99"},
+      // The reading follows the offset stored.
+      {99, INT_MAX, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MAX - seen) +
+                            ") is outside -99 to 99"},
+      {-99, -1000, "2147483647", "0: The new wavelength offset (-2147484746) is outside -99 to 99"},
+      {-99, 560, "-2147483648", "0: The new wavelength offset (2147484109) is outside -99 to 99"},
+      {0, seen + 99, "", "1"},
+      {0, seen - 100, "", "0: The new wavelength offset (-100) is outside -99 to 99"},
+  };
+  for (const Row& row : rows) {
+    ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, row.offset, 1), 1) << LastError();
+    port.master().setAnswer("GETWAVELENGTH01", row.reading);
+    port.clearLog();
+    EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, row.reference)), row.outcome)
+        << row.reference;
+    const bool written = row.outcome == "1";
+    EXPECT_EQ(Sent(port).back(), written ? "SETWAVELENGTHOFFSET01+99" : "GETWAVELENGTHOFFSET01");
+  }
+  port.clearLog();
+  for (int offset : {100, -100, INT_MIN, INT_MAX}) {
+    EXPECT_EQ(Outcome(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, offset, 0)),
+              "-1: Wavelength offset should be a value between -99 and 99");
+  }
+  EXPECT_EQ(Sent(port), std::vector<std::string>{});
+  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, -99, 0), 1) << LastError();
+  EXPECT_EQ(Sent(port), std::vector<std::string>{"PUTWAVELENGTHOFFSET01-99"});
+}
+
+// An answer that is no finite number of the reading's type fails the call;
+// it never becomes a value, and nothing is written from it.
+TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+  constexpr const char* kWrong = "0: Wrong reading from the instrument";
+  float x = 7;
+  float y = 7;
+  int whole = 7;
+  double factor = 7;
+  struct Row {
+    const char* command;
+    const char* answer;
+    std::function<int()> call;
+    std::string outcome;
+  };
+  const auto offset = [&] { return ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &whole); };
+  const auto gain = [&] { return ZeltoCom_UserCal_GetIntensityGain(p, 1, &whole); };
+  const auto mult = [&] { return ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor); };
+  const auto xy = [&] { return ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y); };
+  const std::vector<Row> rows = {
+      {"GETWAVELENGTHOFFSET01", "2147483648", offset, kWrong},
+      {"GETINTGAIN01", "12abc", gain, kWrong},
+      {"GETABSINTMULT01", "nan", mult, kWrong},
+      {"GETABSINTMULT01", "inf", mult, kWrong},
+      {"GETXOFFSET01", "1E39", xy, kWrong},
+      {"GETYOFFSET01", "-inf", xy, kWrong},
+      {"GETWAVELENGTH01", "nan",
+       [&] { return ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, 560); }, kWrong},
+      {"GETXYI01", "nan 0.4232 16411",
+       [&] { return ZeltoCom_UserCal_AdjustxyOffsets(p, 1, 0.33f, 0.41f); }, kWrong},
+      {"GETINTENSITY01", "99999999999",
+       [&] { return ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500); }, kWrong},
+      {"GETABSINT01", "inf", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); }, kWrong},
+      {"GETABSINT01", "1E-300", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); },
+       "0: The new absolute intensity factor (3e+300) is outside 1E-99 to 1E+99"},
+  };
+  for (const Row& row : rows) {
+    port.master().setAnswer(row.command, row.answer);
+    port.clearLog();
+    EXPECT_EQ(Outcome(row.call()), row.outcome) << row.command << " " << row.answer;
+    for (const std::string& sent : Sent(port)) {
+      EXPECT_FALSE(sent.starts_with("SET") || sent.starts_with("PUT")) << sent;
+    }
+    port.master().setAnswer(row.command, "");
+  }
+  EXPECT_EQ(whole, 7);
+  EXPECT_EQ(factor, 7.0);
+  EXPECT_EQ(y, 7.0f);  // x was read before y failed
+  EXPECT_EQ(x, 0.0f);
+
+  // Blanks around a number, its sign and a decimal comma are no fault.
+  port.master().setAnswer("GETABSINTMULT01", " 1,5 ");
+  EXPECT_EQ(mult(), 1) << LastError();
+  EXPECT_EQ(factor, 1.5);
+  port.master().setAnswer("GETWAVELENGTHOFFSET01", "+4");
+  EXPECT_EQ(offset(), 1) << LastError();
+  EXPECT_EQ(whole, 4);
+}
+
+TEST_F(UserCalTest, RawRgbReadingsBeyondWhatTheirCommandsCarryAreRefused) {
+  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
+  const char* p = port.path().c_str();
+  ASSERT_EQ(ZeltoCom_Capture(p, 0, 0, 0), 1) << LastError();
+  for (const char* raw : {"-1 5 5", "10000000 5 5", "5 5", "5 5 4294967296", "5 x 5"}) {
+    port.master().setAnswer("GETRGBEXT01", raw);
+    EXPECT_EQ(Outcome(ZeltoCom_UserCal_TakeRGBCurrentValues(p, 1, 'R')), "0: Wrong RGB reading")
+        << raw;
+  }
+  port.master().setAnswer("GETRGBEXT01", "9999999 0 12 extra");
+  EXPECT_EQ(ZeltoCom_UserCal_TakeRGBCurrentValues(p, 1, 'R'), 1) << LastError();
 }

@@ -243,6 +243,36 @@ TEST(ToolBin, NamesTheBinOfAPoint) {
   EXPECT_EQ(Tool({"bin", file + ".missing.vec", "0.3", "0.3"}).status, 2);
 }
 
+TEST(ToolBin, SaysWhenTheOneCrossingRuleAnswersOtherwise) {
+  const std::string file = ::testing::TempDir() + "tool_square.vec";
+  std::ofstream(file) << "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\nTRI=0.1,0.1;0.3,0.15;0.2,0.3\n";
+  const Outcome inside = Tool({"bin", file, "0.65", "0.15"});
+  EXPECT_EQ(inside.status, 0);
+  EXPECT_EQ(inside.out, "SQ\n");
+  EXPECT_NE(inside.err.find("one-crossing rule"), std::string::npos) << inside.err;
+  EXPECT_NE(inside.err.find("answers (in no bin)"), std::string::npos) << inside.err;
+  const Outcome outside = Tool({"bin", file, "0.8", "0.12", "--json"});
+  const FlatJson json(outside.out);
+  ASSERT_TRUE(json.valid()) << outside.out;
+  EXPECT_EQ(json["/bin"], "null");
+  EXPECT_EQ(json["/one_crossing_bin"], "SQ");
+  EXPECT_EQ(json["/rules_agree"], "false");
+  const Outcome agreed = Tool({"bin", file, "0.2", "0.15"});
+  EXPECT_EQ(agreed.out, "TRI\n");
+  EXPECT_EQ(agreed.err, "");
+
+  const Outcome check = Tool({"bin", "--check", file});
+  EXPECT_EQ(check.status, 0);
+  EXPECT_EQ(check.out, "SQ: an edge parallel or nearly parallel to the y axis\n");
+  const FlatJson checked(Tool({"bin", "--check", file, "--json"}).out);
+  ASSERT_TRUE(checked.valid());
+  EXPECT_EQ(checked["/bins/0/bin"], "SQ");
+  EXPECT_EQ(checked["/bins/0/reasons/0"], "an edge parallel or nearly parallel to the y axis");
+  EXPECT_FALSE(checked.has("/bins/1/bin"));
+  EXPECT_EQ(Tool({"bin", "--check", file, "0.3", "0.3"}).status, 2);
+  EXPECT_EQ(Tool({"bin", file, "0.3"}).status, 2);
+}
+
 TEST(ToolInstruments, DetectListsAStationAsJson) {
   zeltosim::Station station(3, Analyser("ZT0000"));
   const Outcome run = Tool({"detect", "--json"}, station.portsVariable());

@@ -223,6 +223,10 @@ class Instrument {
   void setFiber(int index, const Fiber& fiber);  // 0-based
   void setCaptureCondition(const std::string& text);
   void setDarkAnnounces(bool on);
+  // From now on answers `command` (letter case ignored) with the line
+  // `answer` instead of its own, whatever it is; an empty answer gives the
+  // command back its own.
+  void setAnswer(const std::string& command, const std::string& answer);
   // Sequences: the light fibre `index` (0-based) sees; until one is set, a
   // fibre's samples all show its Fiber's intensity.
   void setLight(int index, const Light& light);

@@ -1,0 +1,101 @@
+#include "api/binning.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+#include <random>
+
+using namespace zeltocom;
+
+namespace {
+
+const std::string kSteep = "an edge parallel or nearly parallel to the y axis";
+
+tBinVector Bin(std::vector<float> x, std::vector<float> y) { return {"B", std::move(x), std::move(y)}; }
+
+// Convex and clear of the origin.
+tBinVector RandomConvexBin(std::mt19937& random) {
+  std::uniform_real_distribution<float> centre(0.3f, 0.7f);
+  std::uniform_real_distribution<float> radius(0.05f, 0.25f);
+  std::uniform_real_distribution<double> turn(0.2, 1.2);
+  const float cx = centre(random);
+  const float cy = centre(random);
+  const float r = radius(random);
+  tBinVector bin{"B", {}, {}};
+  for (double angle = turn(random); angle < 2 * std::numbers::pi; angle += turn(random)) {
+    bin.x.push_back(cx + r * static_cast<float>(std::cos(angle)));
+    bin.y.push_back(cy + r * static_cast<float>(std::sin(angle)));
+  }
+  return bin;
+}
+
+}  // namespace
+
+// A point a hair's breadth off an edge: rounded arithmetic finds it on the
+// edge, and so inside a bin it lies outside of.
+TEST(BinHolds, DecidesPointsNextToAnEdgeWithoutRounding) {
+  const float ax = 0x1.4d67c4p-33f, ay = 0x1.0734eep-24f;
+  const float bx = 0x1.4eeecap-1f, by = 0x1.a4a8f4p-1f;
+  const float px = 0x1.da73c6p-2f, py = 0x1.29f1eap-1f;
+  const double rounded = (static_cast<double>(bx) - ax) * (static_cast<double>(py) - ay) -
+                         (static_cast<double>(by) - ay) * (static_cast<double>(px) - ax);
+  ASSERT_EQ(rounded, 0.0) << "the example no longer shows rounding";
+  // The point lies left of a -> b: outside the bin on the right, inside the
+  // one on the left.
+  EXPECT_FALSE(BinHolds(Bin({ax, bx, 1.0f}, {ay, by, 0.0f}), px, py));
+  EXPECT_TRUE(BinHolds(Bin({ax, bx, 0.0f}, {ay, by, 1.0f}), px, py));
+}
+
+// Where the check sees no risk, the established rule and the exact test
+// agree on every point (a point exactly on an edge, or in line with the
+// origin and a corner, is all but impossible to draw at random).
+TEST(BinHolds, AgreesWithTheEstablishedRuleWhereTheCheckSeesNoRisk) {
+  std::mt19937 random(14);
+  std::uniform_real_distribution<float> coordinate(0.0f, 1.0f);
+  int inside = 0;
+  int checked = 0;
+  for (int b = 0; b < 200; ++b) {
+    const std::vector<tBinVector> bins = {RandomConvexBin(random)};
+    // Only steep edges can be found at risk here.
+    const std::vector<std::string> risks = OneCrossingRisks(bins[0]);
+    if (!risks.empty()) {
+      ASSERT_EQ(risks, std::vector<std::string>{kSteep}) << b;
+      continue;
+    }
+    ++checked;
+    for (int p = 0; p < 500; ++p) {
+      const float x = coordinate(random);
+      const float y = coordinate(random);
+      const bool holds = BinHolds(bins[0], x, y);
+      inside += holds;
+      ASSERT_EQ(FindBinByOneCrossing(bins, x, y) != nullptr, holds) << b << ": " << x << ", " << y;
+    }
+  }
+  EXPECT_GT(checked, 150);
+  EXPECT_GT(inside, 2000);  // the points were not all outside
+}
+
+TEST(OneCrossingRisks, NamesWhatInTheShapeMisleadsTheEstablishedRule) {
+  const float huge = std::numeric_limits<float>::infinity();
+  const std::pair<tBinVector, std::vector<std::string>> cases[] = {
+      // Closed by repeating the first corner, and a corner written twice:
+      // neither makes an edge.
+      {Bin({0.3f, 0.4f, 0.25f, 0.3f}, {0.2f, 0.3f, 0.4f, 0.2f}), {}},
+      {Bin({0.3f, 0.3f, 0.4f, 0.25f}, {0.2f, 0.2f, 0.3f, 0.4f}), {}},
+      {Bin({0.3f, 0.4f, 0.3f}, {0.2f, 0.3f, 0.4f}), {kSteep}},
+      // An arrow head.
+      {Bin({0.2f, 0.5f, 0.2f, 0.3f}, {0.2f, 0.3f, 0.4f, 0.3f}), {"not convex"}},
+      // Rising more than 1000 times its run, and a little less.
+      {Bin({0.3f, 0.30009f, 0.1f}, {0.2f, 0.3f, 0.25f}), {kSteep}},
+      {Bin({0.3f, 0.30011f, 0.1f}, {0.2f, 0.3f, 0.25f}), {}},
+      {Bin({-0.1f, 0.5f, 0.1f}, {-0.1f, 0.1f, 0.5f}), {"holds the origin"}},
+      {Bin({0.0f, 0.5f, 0.5f}, {0.0f, 0.0f, 0.5f}), {kSteep, "holds the origin"}},
+      {Bin({0.2f}, {0.3f}), {"no area (its corners lie on one line)"}},
+      {Bin({0.2f, 0.3f, 0.2f}, {0.3f, 0.4f, 0.3f}), {"no area (its corners lie on one line)"}},
+      {Bin({0.2f, huge, 0.4f}, {0.3f, 0.4f, 0.5f}), {"a corner that is not a finite number"}},
+  };
+  for (const auto& [bin, risks] : cases) {
+    EXPECT_EQ(OneCrossingRisks(bin), risks) << ::testing::PrintToString(bin.x);
+  }
+}

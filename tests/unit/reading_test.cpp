@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <optional>
+#include <string>
+
+#include "device/user_cal.hpp"
+
+using namespace zeltocom;
+
+// What reads whole as a number of each type, and what does not.
+TEST(SingleReading, TakesOnlyWholeFiniteNumbersOfTheType) {
+  const std::pair<const char*, std::optional<int>> integers[] = {
+      {"42", 42},          {" -7\r\n", -7},   {"+5", 5},        {"2147483647", 2147483647},
+      {"2147483648", {}},  {"-2147483649", {}}, {"+-5", {}},    {"++5", {}},
+      {"5.0", {}},         {"1e3", {}},       {"0x10", {}},     {"12abc", {}},
+      {"", {}},            {" ", {}},         {"5 6", {}},      {"nan", {}},
+  };
+  for (const auto& [text, value] : integers) {
+    EXPECT_EQ(SingleReading<int>(text), value) << '"' << text << '"';
+  }
+  const std::pair<const char*, std::optional<double>> decimals[] = {
+      {"1.50000E+00", 1.5}, {"+0.010", 0.01}, {"-0,250", -0.25}, {"\t3\t", 3.0},
+      {"1E308", 1e308},     {"1E309", {}},    {"inf", {}},       {"-infinity", {}},
+      {"nan", {}},          {"1.5.0", {}},    {"1,5,0", {}},     {"1.5 2.5", {}},
+  };
+  for (const auto& [text, value] : decimals) {
+    EXPECT_EQ(SingleReading<double>(text), value) << '"' << text << '"';
+  }
+}
+
+TEST(Reading, ReadsFieldByFieldAndLeavesTheRest) {
+  Reading xyi("0.3288 0.4232\r\n16411 cd");
+  EXPECT_EQ(xyi.Next<float>(), 0.3288f);
+  EXPECT_EQ(xyi.Next<float>(), 0.4232f);
+  EXPECT_EQ(xyi.Next<unsigned>(), 16411u);
+  EXPECT_FALSE(xyi.Done());
+  EXPECT_EQ(xyi.Next<unsigned>(), std::nullopt);
+  EXPECT_TRUE(xyi.Done());
+  EXPECT_EQ(xyi.Next<unsigned>(), std::nullopt);
+
+  // A float has a smaller range than the double the text would fit.
+  Reading wide("3.5E38 -1E39");
+  EXPECT_EQ(wide.Next<float>(), std::nullopt);
+  EXPECT_EQ(wide.Next<float>(), std::nullopt);
+  EXPECT_EQ(Reading("-1").Next<unsigned>(), std::nullopt);
+  EXPECT_EQ(Reading("4294967296").Next<unsigned>(), std::nullopt);
+}
+
+TEST(ExponentFits, ExactlyTheFactorsTheCommandsCarryWhole) {
+  for (double value : {0.0, 1.5, -2.0, 1e-99, 9.99999e99, -1e99}) {
+    EXPECT_TRUE(ExponentFits(value)) << value;
+  }
+  // 9.9999996e99 rounds up to 1.00000E+100.
+  for (double value : {1e100, 9.9999996e99, 5e-101, 1e300, HUGE_VAL, std::nan("")}) {
+    EXPECT_FALSE(ExponentFits(value)) << value;
+  }
+}
