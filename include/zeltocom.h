@@ -450,12 +450,12 @@ ZELTOCOM_API int ZeltoCom_UserCal_AdjustxyOffsets(const char* devPath, int fiber
 ZELTOCOM_API int ZeltoCom_UserCal_ResetWavelengthOffset(const char* devPath, int fiber);
 /* Reads the offset into `*offset` (written only from an answer received). */
 ZELTOCOM_API int ZeltoCom_UserCal_GetWavelengthOffset(const char* devPath, int fiber, int* offset);
-/* Writes the offset (-99 to 99, else -1), stored unless `setMode` is 0. */
+/* Writes the offset (-999 to 999, else -1), stored unless `setMode` is 0. */
 ZELTOCOM_API int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset,
                                                       int setMode);
 /* Captures (automatic range), reads the dominant wavelength and stores the
  * offset that moves it onto the reference; 0 and nothing written when that
- * falls outside -99 to 99. */
+ * falls outside -999 to 999. */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustWavelengthOffset(const char* devPath, int fiber,
                                                          int wavelengthReference);
 

@@ -1,11 +1,11 @@
 #include "api/sequence_lines.hpp"
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <optional>
 #include <type_traits>
 #include <vector>
+
+#include "frame/utils.hpp"
 
 namespace zeltocom {
 
@@ -24,20 +24,6 @@ std::vector<std::string_view> Pieces(std::string_view text, std::string_view sep
     start = text.find_first_not_of(separators, end);
   }
   return pieces;
-}
-
-// `field` as a `Number` when the whole field is one (a '-' may lead, a '+'
-// may not), within the type's range and, for a float, finite.
-template <typename Number>
-std::optional<Number> WholeNumber(std::string_view field) {
-  Number value{};
-  const char* end = field.data() + field.size();
-  const auto [stop, error] = std::from_chars(field.data(), end, value);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  if constexpr (std::is_floating_point_v<Number>) {
-    if (!std::isfinite(value)) return std::nullopt;
-  }
-  return value;
 }
 
 using SampleValue = std::variant<int, float, unsigned char>;

@@ -15,8 +15,9 @@ using SampleColumn = std::variant<int*, float*, unsigned char*>;
 // Stores line i of `answer` into element i of every column, for i below
 // `samples`. Lines end at CR or LF; empty ones are dropped. A line is stored
 // only when it holds one number per column, each of the column's type and
-// written out completely, separated and padded by blanks; any other line
-// leaves its elements as they were and still takes its sample's place.
+// written out completely (WholeNumber), separated and padded by blanks; any
+// other line leaves its elements as they were and still takes its sample's
+// place.
 void StoreSamples(std::string_view answer, int samples, std::span<const SampleColumn> columns);
 
 }  // namespace zeltocom

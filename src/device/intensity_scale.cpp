@@ -1,6 +1,8 @@
 #include "device/intensity_scale.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <string_view>
 
 #include "device/identify.hpp"
@@ -18,7 +20,14 @@ double RangeGain(int captureRange) {
   return captureRange >= 1 && captureRange <= 5 ? kGains[captureRange - 1] : 1.0;
 }
 
-int Truncated(double value) { return static_cast<int>(std::trunc(value)); }
+// Toward zero, held to int's range: a reading far beyond it is as large as
+// an int can say, not a value that wrapped.
+int Truncated(double value) {
+  if (std::isnan(value)) return 0;
+  constexpr double kMin = std::numeric_limits<int>::min();
+  constexpr double kMax = std::numeric_limits<int>::max();
+  return static_cast<int>(std::clamp(std::trunc(value), kMin, kMax));
+}
 
 // Which formula an instrument's intensities follow, in the order the
 // firmware generations are told apart.

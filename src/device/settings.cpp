@@ -1,6 +1,7 @@
 #include "device/settings.hpp"
 
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "device/command.hpp"
@@ -16,14 +17,15 @@ long SettingTimeoutMs(const s_CommPort* port) {
   return static_cast<long>(16 * port->charTimeMs) + 20;
 }
 
-// Sends a query whose answer is one integer.
+// Sends a query whose answer is one integer; an answer that is none counts
+// as no answer.
 int QueryInteger(s_CommPort* port, const char* command, int* value) {
   t_comresponse response;
   const int result = CMD_SendCommand(port, command, SettingTimeoutMs(port), &response);
   if (result != 1) return result;
-  int parsed = 0;
-  if (std::sscanf(response.data.c_str(), "%d", &parsed) != 1) return 0;
-  *value = parsed;
+  const std::optional<int> parsed = SingleReading<int>(response.data);
+  if (!parsed) return 0;
+  *value = *parsed;
   return 1;
 }
 

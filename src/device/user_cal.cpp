@@ -1,13 +1,11 @@
 #include "device/user_cal.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 #include "device/command.hpp"
 #include "device/identify.hpp"
@@ -48,24 +46,6 @@ int ReadNumber(s_CommPort* port, const std::string& command, Number* output) {
   return 1;
 }
 
-constexpr std::string_view kBlanks = " \t\r\n";
-
-template <typename Number>
-std::optional<Number> NumberOf(std::string field) {
-  std::ranges::replace(field, ',', '.');
-  std::string_view text = field;
-  // from_chars takes a minus but no plus.
-  if (text.starts_with('+') && !text.substr(1).starts_with('-')) text.remove_prefix(1);
-  Number value{};
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  if constexpr (std::is_floating_point_v<Number>) {
-    if (!std::isfinite(value)) return std::nullopt;
-  }
-  return value;
-}
-
 // Always signed: "+0.000", "-0.250".
 std::string OffsetText(float value) { return WithDecimalPoint(StringPrintf("%+0.3f", value)); }
 
@@ -80,33 +60,6 @@ int SentAtLeast(s_CommPort* port, const std::string& command) {
 }
 
 }  // namespace
-
-template <typename Number>
-std::optional<Number> Reading::Next() {
-  const std::size_t start = std::min(rest_.find_first_not_of(kBlanks), rest_.size());
-  const std::size_t end = std::min(rest_.find_first_of(kBlanks, start), rest_.size());
-  const std::string_view field = rest_.substr(start, end - start);
-  rest_.remove_prefix(end);
-  if (field.empty()) return std::nullopt;
-  return NumberOf<Number>(std::string(field));
-}
-
-bool Reading::Done() const { return rest_.find_first_not_of(kBlanks) == std::string_view::npos; }
-
-template <typename Number>
-std::optional<Number> SingleReading(std::string_view answer) {
-  Reading reading(answer);
-  const std::optional<Number> value = reading.Next<Number>();
-  if (!reading.Done()) return std::nullopt;
-  return value;
-}
-
-template std::optional<int> Reading::Next<int>();
-template std::optional<unsigned> Reading::Next<unsigned>();
-template std::optional<float> Reading::Next<float>();
-template std::optional<double> Reading::Next<double>();
-template std::optional<int> SingleReading<int>(std::string_view);
-template std::optional<double> SingleReading<double>(std::string_view);
 
 int CMD_Get_xyOffsets(s_CommPort* port, int fiber, float* x, float* y) {
   const std::string number = FiberText(port, fiber);

@@ -8,27 +8,6 @@ namespace zeltocom {
 
 struct s_CommPort;
 
-// Numbers read field by field from an instrument's answer. A field is the
-// text between blanks (spaces, tabs, line breaks); it reads as a number only
-// whole, finite and within the type's range, with a point or a comma as the
-// decimal mark and an optional sign.
-class Reading {
- public:
-  explicit Reading(std::string_view answer) : rest_(answer) {}
-  // The next field; none when there is none or it does not read whole.
-  template <typename Number>
-  std::optional<Number> Next();
-  // Whether only blanks are left.
-  bool Done() const;
-
- private:
-  std::string_view rest_;
-};
-
-// An answer that is one number and nothing else.
-template <typename Number>
-std::optional<Number> SingleReading(std::string_view answer);
-
 // A fiber's user-calibration values in the instrument. Each writes to and
 // waits for whoever holds the line; the caller holds the port's line and has
 // loaded the device type (a Node numbers its fibers with three digits).
@@ -44,11 +23,11 @@ int CMD_Get_xyOffsets(s_CommPort* port, int fiber, float* x, float* y);
 int CMD_Set_xyOffsets(s_CommPort* port, int fiber, float x, float y, int setMode);
 
 int CMD_Get_WavelengthOffset(s_CommPort* port, int fiber, int* offset);
-// The command carries a sign and two digits.
-constexpr int kMaxWavelengthOffset = 99;
+// The command carries a sign and two or three digits.
+constexpr int kMaxWavelengthOffset = 999;
 
 // SET (any setMode but 0) or PUT, "WAVELENGTHOFFSET<fiber>+05". 1 or 0; an
-// offset beyond +-99 sends nothing and gives 0.
+// offset beyond +-999 sends nothing and gives 0.
 int CMD_Set_WavelengthOffset(s_CommPort* port, int fiber, int offset, int setMode);
 
 constexpr int kMinIntensityGain = 50;

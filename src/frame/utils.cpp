@@ -1,11 +1,14 @@
 #include "frame/utils.hpp"
 
+#include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <type_traits>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -191,6 +194,58 @@ std::string GetDateString() {
   const std::size_t n = std::strftime(buf, sizeof buf, "%d %B %Y", &local);
   return std::string(buf, n);
 }
+
+template <typename Number>
+std::optional<Number> WholeNumber(std::string_view field) {
+  std::string text(field);
+  std::ranges::replace(text, ',', '.');
+  std::string_view digits = text;
+  // from_chars takes a minus but no plus.
+  if (digits.starts_with('+') && !digits.substr(1).starts_with('-')) digits.remove_prefix(1);
+  Number value{};
+  const char* end = digits.data() + digits.size();
+  const auto [stop, error] = std::from_chars(digits.data(), end, value);
+  if (digits.empty() || error != std::errc() || stop != end) return std::nullopt;
+  if constexpr (std::is_floating_point_v<Number>) {
+    if (!std::isfinite(value)) return std::nullopt;
+  }
+  return value;
+}
+
+namespace {
+constexpr std::string_view kFieldBlanks = " \t\r\n";
+}  // namespace
+
+template <typename Number>
+std::optional<Number> Reading::Next() {
+  const std::size_t start = std::min(rest_.find_first_not_of(kFieldBlanks), rest_.size());
+  const std::size_t end = std::min(rest_.find_first_of(kFieldBlanks, start), rest_.size());
+  const std::string_view field = rest_.substr(start, end - start);
+  rest_.remove_prefix(end);
+  if (field.empty()) return std::nullopt;
+  return WholeNumber<Number>(field);
+}
+
+bool Reading::Done() const { return rest_.find_first_not_of(kFieldBlanks) == std::string_view::npos; }
+
+template <typename Number>
+std::optional<Number> SingleReading(std::string_view answer) {
+  Reading reading(answer);
+  const std::optional<Number> value = reading.Next<Number>();
+  if (!reading.Done()) return std::nullopt;
+  return value;
+}
+
+template std::optional<int> WholeNumber<int>(std::string_view);
+template std::optional<unsigned char> WholeNumber<unsigned char>(std::string_view);
+template std::optional<float> WholeNumber<float>(std::string_view);
+template std::optional<int> Reading::Next<int>();
+template std::optional<unsigned> Reading::Next<unsigned>();
+template std::optional<float> Reading::Next<float>();
+template std::optional<double> Reading::Next<double>();
+template std::optional<int> SingleReading<int>(std::string_view);
+template std::optional<float> SingleReading<float>(std::string_view);
+template std::optional<double> SingleReading<double>(std::string_view);
 
 std::string StringPrintf(const char* format, ...) {
   va_list args;

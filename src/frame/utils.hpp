@@ -46,6 +46,32 @@ constexpr std::size_t kMaxFileLineLength = 1023;
 // or is larger than 16 MiB.
 std::optional<std::string> ReadTextFile(const std::string& path);
 
+// `field` as a `Number` when the whole field is one: an optional sign, a
+// point or a comma as the decimal mark, within the type's range and, for a
+// floating type, finite. What instruments answer is read with this only.
+template <typename Number>
+std::optional<Number> WholeNumber(std::string_view field);
+
+// Numbers read field by field from an instrument's answer. A field is the
+// text between blanks (spaces, tabs, line breaks); it reads as a number only
+// as WholeNumber takes it.
+class Reading {
+ public:
+  explicit Reading(std::string_view answer) : rest_(answer) {}
+  // The next field; none when there is none or it does not read whole.
+  template <typename Number>
+  std::optional<Number> Next();
+  // Whether only blanks are left.
+  bool Done() const;
+
+ private:
+  std::string_view rest_;
+};
+
+// An answer that is one number and nothing else.
+template <typename Number>
+std::optional<Number> SingleReading(std::string_view answer);
+
 // printf-style formatting into a std::string.
 std::string StringPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

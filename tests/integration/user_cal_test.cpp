@@ -255,14 +255,15 @@ TEST_F(UserCalTest, WavelengthOffsetsTheCommandCannotCarrySendNothing) {
   };
   const std::vector<Row> rows = {
       {0, INT_MIN, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MIN - seen) +
-                           ") is outside -99 to 99"},
+                           ") is outside -999 to 999"},
       // The reading follows the offset stored.
-      {99, INT_MAX, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MAX - seen) +
-                            ") is outside -99 to 99"},
-      {-99, -1000, "2147483647", "0: The new wavelength offset (-2147484746) is outside -99 to 99"},
-      {-99, 560, "-2147483648", "0: The new wavelength offset (2147484109) is outside -99 to 99"},
-      {0, seen + 99, "", "1"},
-      {0, seen - 100, "", "0: The new wavelength offset (-100) is outside -99 to 99"},
+      {999, INT_MAX, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MAX - seen) +
+                             ") is outside -999 to 999"},
+      {-999, -1000, "2147483647",
+       "0: The new wavelength offset (-2147485646) is outside -999 to 999"},
+      {-999, 560, "-2147483648", "0: The new wavelength offset (2147483209) is outside -999 to 999"},
+      {0, seen + 999, "", "1"},
+      {0, seen - 1000, "", "0: The new wavelength offset (-1000) is outside -999 to 999"},
   };
   for (const Row& row : rows) {
     ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, row.offset, 1), 1) << LastError();
@@ -271,16 +272,16 @@ TEST_F(UserCalTest, WavelengthOffsetsTheCommandCannotCarrySendNothing) {
     EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, row.reference)), row.outcome)
         << row.reference;
     const bool written = row.outcome == "1";
-    EXPECT_EQ(Sent(port).back(), written ? "SETWAVELENGTHOFFSET01+99" : "GETWAVELENGTHOFFSET01");
+    EXPECT_EQ(Sent(port).back(), written ? "SETWAVELENGTHOFFSET01+999" : "GETWAVELENGTHOFFSET01");
   }
   port.clearLog();
-  for (int offset : {100, -100, INT_MIN, INT_MAX}) {
+  for (int offset : {1000, -1000, INT_MIN, INT_MAX}) {
     EXPECT_EQ(Outcome(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, offset, 0)),
-              "-1: Wavelength offset should be a value between -99 and 99");
+              "-1: Wavelength offset should be a value between -999 and 999");
   }
   EXPECT_EQ(Sent(port), std::vector<std::string>{});
-  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, -99, 0), 1) << LastError();
-  EXPECT_EQ(Sent(port), std::vector<std::string>{"PUTWAVELENGTHOFFSET01-99"});
+  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, -999, 0), 1) << LastError();
+  EXPECT_EQ(Sent(port), std::vector<std::string>{"PUTWAVELENGTHOFFSET01-999"});
 }
 
 // An answer that is no finite number of the reading's type fails the call;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "device/user_cal.hpp"
+#include "frame/utils.hpp"
 
 using namespace zeltocom;
 
