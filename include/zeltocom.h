@@ -278,7 +278,9 @@ ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int b
  * listed; -1 as for ZeltoCom_Binning_FindBin. */
 ZELTOCOM_API int ZeltoCom_Binning_CheckVECFile(const char* path, char* report, int reportSize);
 /* ---- Many ports at once ----
- * One worker thread per port; the call returns when every worker has ended.
+ * Worker threads take the ports one at a time, one thread per port up to 64
+ * (more ports wait their turn); the call returns when every worker has
+ * ended.
  * Arrays are the caller's, one entry per port, index i of each belonging to
  * the same port; results are in the caller's order. A negative count or a
  * missing array is refused (-1 and an error text). After a failure, the

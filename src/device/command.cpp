@@ -53,8 +53,15 @@ bool TookHolder(s_CommPort* master, std::string_view text) {
 // or `line` itself: what a line that streamed up to the moment it answered
 // leaves before the answer has no line end of its own.
 std::string_view SerialAtEnd(s_CommPort* master, std::string_view line) {
-  for (std::size_t start = 0; start < line.size(); ++start) {
-    if (InstrumentWithSerial(master, line.substr(start)) != nullptr) return line.substr(start);
+  std::vector<std::string> serials{std::string(master->serialNumber.view()),
+                                   std::string(master->removedHolder.view())};
+  for (const PortRef& chained : PortsList_All(&master->chain)) {
+    serials.emplace_back(chained->serialNumber.view());
+  }
+  for (const std::string& serial : serials) {
+    if (serial.empty() || serial.size() > line.size()) continue;
+    const std::string_view end = line.substr(line.size() - serial.size());
+    if (SameSerial(end, serial)) return end;
   }
   return line;
 }
