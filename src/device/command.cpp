@@ -7,6 +7,7 @@
 
 #include "device/bus.hpp"
 #include "device/trigger_report.hpp"
+#include "frame/clock.hpp"
 #include "frame/debug_log.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
@@ -166,11 +167,20 @@ bool MayBeReport(s_CommPort* master, const t_comresponse& response, long timeout
 
 // The answer to "GETSERIAL" never reads as a report: lines that do came
 // before it, and are set aside while the wait goes on.
+// Reports that keep coming do not keep the wait going: it is late once its
+// time-out has passed since the first of them.
 void SkipReports(s_CommPort* master, t_comresponse* response, long timeoutMs,
                  std::string_view marker) {
   std::string skipped;
+  const double giveUp = WallClockMs() + static_cast<double>(timeoutMs);
   while (MayBeReport(master, *response, timeoutMs, false, 0)) {
     skipped += response->data;
+    if (WallClockMs() > giveUp) {
+      response->data.clear();
+      response->elapsedMs = timeoutMs;
+      master->line->outOfStep = true;
+      break;
+    }
     RS232WaitForData(*master->line, response, timeoutMs, marker, false);
   }
   KeepReports(master, skipped);

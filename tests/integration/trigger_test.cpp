@@ -210,7 +210,10 @@ TEST_F(TriggerTest, EveryCallOnThePortEndsAListenerAtOnce) {
 // listener waiting: its reports are set aside as the port's last response,
 // never handed back as the answer to a command.
 TEST_F(TriggerTest, ReportsThatComeDuringAnExchangeAreNeverItsAnswer) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"));
+  // A line fast enough to carry a report every 37 ms and the host's exchanges.
+  zeltosim::LineOptions line = At(57600);
+  line.lineDelay = false;
+  zeltosim::SimPort& port = OpenPort(Analyser("ZA0001"), line);
   port.master().setFiber(1, zeltosim::Fiber{0.1, 0.2, 0.7, 800.0});
   ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 0), 1);
   ASSERT_EQ(Send(port, "GETRGBI01"), 1);
