@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include "device/bus.hpp"
 #include "device/trigger_report.hpp"
 #include "frame/clock.hpp"
 #include "frame/debug_log.hpp"
@@ -137,12 +136,19 @@ bool BringLineInStep(s_CommPort* master) {
   return true;
 }
 
-// Frees the line that a removed chained instrument still holds.
+// Frees the line that a removed chained instrument still holds. Its framing
+// went with its record: its answer is waited for up to the line end, any
+// 0x04 after it being no stray.
 void FreeLineOfRemovedHolder(s_CommPort* master, std::string_view command) {
   if (master->removedHolder.empty() || command == "BUSFREE") return;
   Trace(master->devicePath.view(), "freeing the line of a removed instrument");
   t_comresponse answer;
-  if (CMD_BusFree(master, &answer) != 1) throw LineError("Unable to free the bus");
+  const long timeout = static_cast<long>(16 * master->charTimeMs + 20);
+  if (CMD_Write(master, "BUSFREE") == 1) CMD_Wait(master, &answer, timeout, "\r\n", true);
+  if (CMD_CommandHeldBack(master) || OutcomeOf(answer, timeout) != WaitOutcome::Answered) {
+    throw LineError("Unable to free the bus");
+  }
+  master->SetBusOwner(master);
 }
 
 // The wait for the answer to a command that was held back: late at once.
