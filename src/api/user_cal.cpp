@@ -1,7 +1,6 @@
 // User calibration: a fiber's RGB matrix, xy offsets, wavelength offset,
 // intensity gain and absolute-intensity factor.
 #include <array>
-#include <charconv>
 #include <cmath>
 #include <initializer_list>
 #include <map>
@@ -116,24 +115,13 @@ std::map<int, RawRgb>* TableOf(char colour) {
   }
 }
 
-// A reading that is a plain number of digits and fits `Number`.
-template <typename Number>
-std::optional<Number> PlainNumber(const std::string& text) {
-  Number value = 0;
-  const char* end = text.data() + text.size();
-  if (text.empty() || !isInteger(text) || std::from_chars(text.data(), end, value).ptr != end) {
-    return std::nullopt;
-  }
-  return value;
-}
-
 // Only a command that gave 0 has failed in the RGB adjustment.
 int TakeRgbValues(s_CommPort* device, int fiber, char colour) {
   std::string intensity;
   if (Exchange(device, StringPrintf("GETINTENSITY%02d", fiber), 500, &intensity) == 0) {
     return Refused(device, kStepFailures[0]);
   }
-  const std::optional<unsigned> level = PlainNumber<unsigned>(intensity);
+  const std::optional<unsigned> level = SingleReading<unsigned>(intensity);
   if (!level) return Refused(device, "Wrong intensity reading");
   if (*level == 0) return Refused(device, "Under-range detected");
   std::string raw;

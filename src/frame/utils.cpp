@@ -244,6 +244,7 @@ template std::optional<unsigned> Reading::Next<unsigned>();
 template std::optional<float> Reading::Next<float>();
 template std::optional<double> Reading::Next<double>();
 template std::optional<int> SingleReading<int>(std::string_view);
+template std::optional<unsigned> SingleReading<unsigned>(std::string_view);
 template std::optional<float> SingleReading<float>(std::string_view);
 template std::optional<double> SingleReading<double>(std::string_view);
 
