@@ -309,13 +309,6 @@ std::optional<std::vector<tBinVector>> ReadBins(const std::string& file) {
   return std::move(vec.bins);
 }
 
-// `text` cut to what `size` bytes hold with the terminator.
-void CopyCut(char* buffer, int size, std::string_view text) {
-  const std::size_t n = std::min(text.size(), static_cast<std::size_t>(size) - 1);
-  std::copy_n(text.data(), n, buffer);
-  buffer[n] = '\0';
-}
-
 // One line per bin the established rule can misjudge: "NAME: risk; risk".
 std::string RiskReport(const std::vector<tBinVector>& bins, int& listed) {
   std::string report;

@@ -21,14 +21,19 @@ void CopyOut(char* buffer, std::string_view text) {
   buffer[text.size()] = '\0';
 }
 
+bool CopyCut(char* buffer, int size, std::string_view text) {
+  const bool whole = text.size() < static_cast<std::size_t>(size);
+  CopyOut(buffer, whole ? text : text.substr(0, static_cast<std::size_t>(size) - 1));
+  return whole;
+}
+
 bool CopyAnswer(char* buffer, std::string_view answer) {
   const int room = ResponseBufferSize;
-  if (room <= 0 || answer.size() < static_cast<std::size_t>(room)) {
+  if (room <= 0) {
     CopyOut(buffer, answer);
     return true;
   }
-  CopyOut(buffer, answer.substr(0, static_cast<std::size_t>(room) - 1));
-  return false;
+  return CopyCut(buffer, room, answer);
 }
 
 std::optional<HeldPort> Call::Hold(PortRef port, const char* notOpenText) {

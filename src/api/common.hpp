@@ -33,6 +33,10 @@ inline std::string_view Arg(const char* text) {
 // For texts of a fixed, documented size: paths, serial numbers, error texts.
 void CopyOut(char* buffer, std::string_view text);
 
+// Copies `text` into a host buffer of `size` (at least 1) bytes, cut to what
+// it holds with the terminator; false when it had to be cut.
+bool CopyCut(char* buffer, int size, std::string_view text);
+
 // Copies an instrument's answer into a host buffer, cut to the response
 // buffer size; false when it had to be cut.
 bool CopyAnswer(char* buffer, std::string_view answer);
