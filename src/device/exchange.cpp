@@ -104,9 +104,12 @@ t_comresponse WaitTraced(SerialLine& line, std::string_view serial, const End& e
     throw;
   }
   if (TraceOn()) {
+    const Outcome outcome = OutcomeOf(response, lateAfter);
+    // Nothing was owed: running out of time is no lateness.
+    const bool none = owed == Owed::Nothing && outcome == Outcome::Late;
     TraceLine(line.path, serial,
               "< " + EscapedBytes(response.data) + " (" + end.Describe() + ", " +
-                  NameOf(OutcomeOf(response, lateAfter)) + ", " + ElapsedSince(begin) + ")");
+                  (none ? "none came" : NameOf(outcome)) + ", " + ElapsedSince(begin) + ")");
   }
   return response;
 }
