@@ -48,7 +48,7 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   CMD_LoadSettings_Averages(device);
   CMD_LoadSettings_Exposure(device);
 
-  const FiberSettings& settings = *device->fiberSettingsCur;
+  const FiberSettings& settings = *device->settings.current;
   const TimeoutMs timeout =
       port->autoResponseTimeout
           ? CMD_GetCaptureTimeout(device->deviceType, pwm, range, pwmFrames, settings.factor,
@@ -60,7 +60,7 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
     return -1;
   }
   // A plain capture overwrites what a sequence capture left in the instrument.
-  device->captureState = 0;
+  device->capture.sequence = false;
 
   const Reply answer = Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeout);
   const std::string where = StringPrintf("in Device on %s with SN %s", device->devicePath.c_str(),
@@ -106,7 +106,7 @@ SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* devi
     return plan;
   }
 
-  const int cachedAverages = device->fiberSettingsCur->averages;
+  const int cachedAverages = device->settings.current->averages;
   const int averages = cachedAverages > 0 ? cachedAverages : 0;
   TimeoutMs t = 0;
   if (manualExposure == 1 && exposure > 0) {

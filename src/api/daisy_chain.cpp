@@ -119,7 +119,7 @@ struct ChainCapture {
 };
 
 TimeoutMs CaptureTimeoutOf(const ChainCapture& c, s_CommPort* device) {
-  const FiberSettings& settings = *device->fiberSettingsCur;
+  const FiberSettings& settings = *device->settings.current;
   return CMD_GetCaptureTimeout(device->deviceType, c.pwm, c.range, c.pwmFrames, settings.factor,
                                settings.averages);
 }
@@ -132,7 +132,7 @@ void LoadCaptureSettings(s_CommPort* device) {
 }
 
 bool CaptureSettingsKnown(const s_CommPort* device) {
-  const FiberSettings& settings = *device->fiberSettingsCur;
+  const FiberSettings& settings = *device->settings.current;
   return !device->hardwareDescriptor.empty() && !device->firmwareText.empty() &&
          settings.averages != -1 && settings.factor != -1;
 }
@@ -266,8 +266,8 @@ int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
     SetError(master, "Unable to send command");
     return -1;
   }
-  master->captureState = 0;
-  for (const PortRef& device : PortsList_All(&master->chain)) device->captureState = 0;
+  master->capture.sequence = false;
+  for (const PortRef& device : PortsList_All(&master->chain)) device->capture.sequence = false;
 
   const auto failed = [&](const char* text) {
     SetError(master, text);

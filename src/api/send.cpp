@@ -48,7 +48,7 @@ Reply WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::stri
   const bool eotMarker = Contains(marker, kEot);
   *timedOut = false;
   if (IsGetAll(upper) && !eotMarker) {
-    return Await(owner, End::Lines(owner->numFibers, marker).Trimmed(), timeout);
+    return Await(owner, End::Lines(owner->settings.numFibers, marker).Trimmed(), timeout);
   }
   if (IsPagedAnswer(upper) && !eotMarker) return Await(owner, End::Quiet(marker), timeout);
   if (Contains(upper, "BUSCE") && eotMarker && HasOldBusFirmware(owner)) {
@@ -67,16 +67,16 @@ Reply WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::stri
 // The settings entry of the owner's current adjustment set.
 FiberSettings& CurrentEntry(s_CommPort* owner) {
   CMD_LoadSettings_AdjustmentSet(owner);
-  return *owner->fiberSettingsCur;
+  return *owner->settings.current;
 }
 
 void SelectSetIfValid(s_CommPort* port, int set) {
-  if (set >= 0 && set < kAdjustmentSets) port->SelectAdjustmentSet(set);
+  if (set >= 0 && set < kAdjustmentSets) port->settings.SelectAdjustmentSet(set);
 }
 
 void FollowQuery(s_CommPort* owner, const std::string& upper, const std::string& answer) {
   if (Contains(upper, "NFIB")) {
-    owner->numFibers = ParseInt(answer);
+    owner->settings.numFibers = ParseInt(answer);
   } else if (Contains(upper, "VERSION")) {
     owner->SetFirmware(answer);
   } else if (Contains(upper, "HW")) {
@@ -93,9 +93,9 @@ void FollowQuery(s_CommPort* owner, const std::string& upper, const std::string&
 void FollowCapture(s_CommPort* owner, const std::string& upper) {
   if (upper.empty() || upper[0] != 'C') return;
   if (upper == "CS" || upper == "CAPTURESEQUENCE") {
-    owner->captureState = 1;
+    owner->capture.sequence = true;
   } else if (upper.size() <= 2 || Contains(upper, "PWM") || Contains(upper, "CAPTURE")) {
-    owner->captureState = 0;
+    owner->capture.sequence = false;
   }
 }
 

@@ -41,13 +41,13 @@ int OnSequencePort(const char* devPath, Body body) {
 }
 
 bool RequireSetUp(s_CommPort* device) {
-  if (device->sequenceSamples >= 0 && device->sequenceTimeout >= 0) return true;
+  if (device->sequence.samples >= 0 && device->sequence.timeoutMs >= 0) return true;
   SetError(device, kNotSetUp);
   return false;
 }
 
 bool RequireCaptured(s_CommPort* device) {
-  if (device->captureState == 1) return true;
+  if (device->capture.sequence) return true;
   SetError(device, kNotCaptured);
   return false;
 }
@@ -63,14 +63,14 @@ bool RequireBuffers(s_CommPort* device, std::initializer_list<const void*> buffe
 
 bool RequireFiber(s_CommPort* device, int fiber) {
   CMD_LoadSettings_NumFibers(device);
-  if (fiber >= 1 && fiber <= device->numFibers) return true;
+  if (fiber >= 1 && fiber <= device->settings.numFibers) return true;
   SetError(device, kFiberOutOfRange);
   return false;
 }
 
 // The samples a host passes in: as many as the sequence set up.
 std::span<const int> SamplesOf(const s_CommPort* device, const int* intensities) {
-  return {intensities, static_cast<std::size_t>(device->sequenceSamples)};
+  return {intensities, static_cast<std::size_t>(device->sequence.samples)};
 }
 
 // ---- Setup and capture ----------------------------------------------------
@@ -128,16 +128,16 @@ int SetUpSequence(s_CommPort* device, const SequenceSettings& s, int setMode) {
     if (result != 1) return result;
   }
   const int period = static_cast<int>(s.captureTime + s.timeBetweenCaptures);
-  device->sequenceSamples = s.sampleCount;
-  device->sequencePeriod = period;
-  device->sequenceTimeout = static_cast<int>(s.startDelay) + period * s.sampleCount + 500;
+  device->sequence.samples = s.sampleCount;
+  device->sequence.periodMs = period;
+  device->sequence.timeoutMs = static_cast<int>(s.startDelay) + period * s.sampleCount + 500;
   return 1;
 }
 
 // Runs the set-up burst; the instrument's closing answer stays in `answer`.
 int CaptureSequence(s_CommPort* device, int fiber, std::string* answer) {
   CMD_LoadSettings_NumFibers(device);
-  if (fiber < 0 || fiber > device->numFibers) {
+  if (fiber < 0 || fiber > device->settings.numFibers) {
     SetError(device, "Wrong Fiber number!");
     return -1;
   }
@@ -153,9 +153,9 @@ int CaptureSequence(s_CommPort* device, int fiber, std::string* answer) {
     }
   }
   if (result != 1) return result;
-  result = SendSequenceCommand(device, "CS", device->sequenceTimeout,
+  result = SendSequenceCommand(device, "CS", device->sequence.timeoutMs,
                                "Error detected while trying to perform a Sequence Capture", answer);
-  if (result == 1) device->captureState = 1;
+  if (result == 1) device->capture.sequence = true;
   return result;
 }
 
@@ -192,7 +192,7 @@ TimeoutMs ReadoutTimeoutMs(const s_CommPort* device, int charsPerLine, int sampl
 
 int DownloadSequence(s_CommPort* device, int fiber, const Readout& readout, Columns columns) {
   if (!RequireFiber(device, fiber) || !RequireSetUp(device) || !RequireCaptured(device)) return -1;
-  const int samples = device->sequenceSamples;
+  const int samples = device->sequence.samples;
   const TimeoutMs timeout = ReadoutTimeoutMs(device, readout.charsPerLine, samples);
   // Without 0x04 the readout has no end of its own: one line per sample.
   const std::string_view marker = device->eotFormat.view();
@@ -225,7 +225,7 @@ int ReadSequence(const char* devPath, int fiber, const Readout& readout, Columns
 IntensityScale ScaleOf(s_CommPort* device) {
   CMD_LoadSettings_IntensityMode(device);
   IntensityScale scale;
-  scale.logarithmic = device->fiberSettingsCur->intensityMode == IntensityMode::Logarithmic;
+  scale.logarithmic = device->settings.current->intensityMode == IntensityMode::Logarithmic;
   scale.toLinear = [device](int v) { return AnalyserIntensityLogToLin(device, v, 0, 0); };
   scale.toLogarithmic = [device](int v) { return AnalyserIntensityLinToLog(device, v, 0, 0); };
   return scale;
@@ -233,7 +233,7 @@ IntensityScale ScaleOf(s_CommPort* device) {
 
 // The stored thresholds, each one not fixed taken from the series.
 Thresholds PatternThresholds(s_CommPort* device, std::span<const int> samples) {
-  const Thresholds stored{device->patternThresholdLow, device->patternThresholdHigh};
+  const Thresholds stored{device->pattern.low, device->pattern.high};
   if (stored.low != -1 && stored.high != -1) return stored;
   const Thresholds automatic = AutomaticThresholds(samples, ScaleOf(device));
   return Thresholds{stored.low != -1 ? stored.low : automatic.low,
@@ -241,7 +241,7 @@ Thresholds PatternThresholds(s_CommPort* device, std::span<const int> samples) {
 }
 
 std::vector<Run> PatternOf(s_CommPort* device, std::span<const int> samples) {
-  return RunsOf(samples, device->sequencePeriod, PatternThresholds(device, samples));
+  return RunsOf(samples, device->sequence.periodMs, PatternThresholds(device, samples));
 }
 
 int GetPattern(s_CommPort* device, const int* intensities, int* count, int* durations,
@@ -267,7 +267,7 @@ int GetSweepingPattern(s_CommPort* device, int fiberCount, int mode, int* delays
   std::fill_n(durations, fiberCount, 0);
   std::fill_n(levels, fiberCount, 0);
 
-  std::vector<int> samples(static_cast<std::size_t>(device->sequenceSamples));
+  std::vector<int> samples(static_cast<std::size_t>(device->sequence.samples));
   std::optional<std::size_t> reference;
   for (int fiber = 1; fiber <= fiberCount; ++fiber) {
     // Unreadable lines leave their place: 0, not the last fibre's.
@@ -289,7 +289,7 @@ int GetSweepingPattern(s_CommPort* device, int fiberCount, int mode, int* delays
 // The blinking of a captured series, with the automatic thresholds whatever
 // the stored ones are.
 Blinking BlinkingOfSeries(s_CommPort* device, std::span<const int> samples) {
-  return BlinkingOf(samples, device->sequencePeriod,
+  return BlinkingOf(samples, device->sequence.periodMs,
                     AutomaticThresholds(samples, ScaleOf(device)));
 }
 
@@ -308,13 +308,13 @@ int GetFrequency(s_CommPort* device, const int* intensities, float* frequency, f
   return 0;
 }
 
-int SetThreshold(const char* devPath, int intensity, int s_CommPort::*threshold) {
+int SetThreshold(const char* devPath, int intensity, int PatternThresholds::*threshold) {
   return OnSequencePort(devPath, [&](s_CommPort* device) {
     if (intensity < -1 || intensity > 99999) {
       SetError(device, "Intensity value should be in the range [0, 99999] or -1 to disable (auto)");
       return -1;
     }
-    device->*threshold = intensity;
+    device->pattern.*threshold = intensity;
     return 1;
   });
 }
@@ -428,11 +428,11 @@ int ZeltoCom_Sequence_ReadWavelength(const char* devPath, int fiber, int* wavele
 }
 
 int ZeltoCom_Sequence_SetPatternThresholdHigh(const char* devPath, int intensity) {
-  return SetThreshold(devPath, intensity, &s_CommPort::patternThresholdHigh);
+  return SetThreshold(devPath, intensity, &PatternThresholds::high);
 }
 
 int ZeltoCom_Sequence_SetPatternThresholdLow(const char* devPath, int intensity) {
-  return SetThreshold(devPath, intensity, &s_CommPort::patternThresholdLow);
+  return SetThreshold(devPath, intensity, &PatternThresholds::low);
 }
 
 int ZeltoCom_Sequence_GetPattern(const char* devPath, const int* intensities, int* count,

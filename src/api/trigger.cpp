@@ -102,7 +102,7 @@ int Enable(const HeldPort& port, const TriggerSetup& setup) {
   // else; they must not be taken for answers.
   TriggerListener& trigger = port->trigger;
   CMD_LoadSettings_NumFibers(device);
-  trigger.reports = ReportsOf(type, device->numFibers, spectrometer);
+  trigger.reports = ReportsOf(type, device->settings.numFibers, spectrometer);
   // A refused delay is not an error: the instrument keeps its own.
   trigger.triggerPreDelay = SendDelay(device, form, "PREDELAY", setup.preDelay, spectrometer);
   trigger.triggerPostDelay = SendDelay(device, form, "POSTDELAY", setup.postDelay, spectrometer);
@@ -126,7 +126,7 @@ void ChooseMessageEnd(s_CommPort* device, TriggerListener& trigger) {
   CMD_LoadSettings_NumFibers(device);
   trigger.terminator = eot;
   trigger.dataExpected = true;
-  trigger.lineCount = std::max(device->numFibers, 0);
+  trigger.lineCount = std::max(device->settings.numFibers, 0);
 }
 
 int Listen(const HeldPort& port) {

@@ -36,9 +36,9 @@ int OnFiber(const char* devPath, int fiber, Body body) {
     if (!port) return -1;
     s_CommPort* device = port->owner();
     CMD_LoadSettings_NumFibers(device);
-    if (fiber < 1 || fiber > device->numFibers) {
+    if (fiber < 1 || fiber > device->settings.numFibers) {
       SetError(device,
-               StringPrintf("Fiber should be a value between 1 and %d", device->numFibers));
+               StringPrintf("Fiber should be a value between 1 and %d", device->settings.numFibers));
       return -1;
     }
     return body(*port, device);

@@ -92,7 +92,7 @@ int CMD_GetIntensityMode(s_CommPort* port, IntensityMode* mode) {
 const char* PwmCommand(int on) { return on != 0 ? "PUTPWM1" : "PUTPWM0"; }
 
 void CMD_LoadSettings_Exposure(s_CommPort* port) {
-  int& factor = port->fiberSettingsCur->factor;
+  int& factor = port->settings.current->factor;
   if (factor != -1) return;
   CMD_LoadSettings_HardwareType(port);
   if (IsSpectrometer(port)) {
@@ -103,7 +103,7 @@ void CMD_LoadSettings_Exposure(s_CommPort* port) {
 }
 
 void CMD_LoadSettings_Averages(s_CommPort* port) {
-  int& averages = port->fiberSettingsCur->averages;
+  int& averages = port->settings.current->averages;
   if (averages != -1) return;
   CMD_LoadSettings_HardwareType(port);
   if (AsksAverages(port->deviceType)) {
@@ -114,31 +114,30 @@ void CMD_LoadSettings_Averages(s_CommPort* port) {
 }
 
 void CMD_LoadSettings_NumFibers(s_CommPort* port) {
-  if (port->numFibers != -1) return;
+  if (port->settings.numFibers != -1) return;
   CMD_LoadSettings_HardwareType(port);
   if (IsSpectrometer(port)) {
-    port->numFibers = 1;
+    port->settings.numFibers = 1;
   } else {
-    LoadInteger(port, "GETNFIB", &port->numFibers);
+    LoadInteger(port, "GETNFIB", &port->settings.numFibers);
   }
 }
 
 int CMD_LoadSettings_AdjustmentSet(s_CommPort* port) {
-  if (port->adjustmentSet != -1) return 1;
+  if (port->settings.adjustmentSet != -1) return 1;
   CMD_LoadSettings_HardwareType(port);
   int set = 0;
   const int result = CMD_GetAdjustmentSet(port, &set);
   if (result == 1) {
     // An answer outside the instrument's sets would index past the cache.
     if (set < 0 || set >= kAdjustmentSets) return 0;
-    port->adjustmentSet = set;
-    port->fiberSettingsCur = &port->fiberSettings[static_cast<std::size_t>(set)];
+    port->settings.UseAdjustmentSet(set);
   }
   return result != 0 ? 1 : 0;
 }
 
 int CMD_LoadSettings_IntensityMode(s_CommPort* port) {
-  IntensityMode& intensityMode = port->fiberSettingsCur->intensityMode;
+  IntensityMode& intensityMode = port->settings.current->intensityMode;
   if (intensityMode != IntensityMode::Unknown) return 1;
   CMD_LoadSettings_HardwareType(port);
   IntensityMode mode = IntensityMode::Linear;

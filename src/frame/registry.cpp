@@ -68,10 +68,14 @@ int FirmwareNumberOf(std::string_view firmwareText) {
   return ParseInt(firmwareText);
 }
 
-void s_CommPort::SelectAdjustmentSet(int set) {
+void SettingsCache::UseAdjustmentSet(int set) {
   adjustmentSet = set;
-  fiberSettingsCur = &fiberSettings[static_cast<std::size_t>(set)];
-  *fiberSettingsCur = FiberSettings{};
+  current = &sets[static_cast<std::size_t>(set)];
+}
+
+void SettingsCache::SelectAdjustmentSet(int set) {
+  UseAdjustmentSet(set);
+  *current = FiberSettings{};
 }
 
 void s_CommPort::SetBusOwner(s_CommPort* owner) {
@@ -111,7 +115,6 @@ PortRef PortsList_Add(s_CommPorts* list, s_CommPort* parent, std::shared_ptr<Ser
     port->eotFormat.assign(eotFormat);
     port->baudrate = baudrate;
     port->charTimeMs = charTimeMs;
-    port->fiberSettingsCur = &port->fiberSettings[0];
     port->parent = parent;
     port->busOwner = parent == nullptr ? port.get() : nullptr;
     std::lock_guard lock(mtxOPL);

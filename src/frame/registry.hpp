@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "frame/clock.hpp"
 #include "frame/fixed_text.hpp"
 #include "frame/listener.hpp"
 #include "frame/serial_line.hpp"
@@ -30,6 +31,45 @@ struct FiberSettings {
 };
 
 constexpr int kAdjustmentSets = 99;
+
+// The settings cache of an instrument, kept by the device layer's loaders
+// and by the generic send, which follows the commands that change them.
+struct SettingsCache {
+  SettingsCache() = default;
+  SettingsCache(const SettingsCache&) = delete;  // `current` points into the object
+  SettingsCache& operator=(const SettingsCache&) = delete;
+
+  int numFibers = -1;
+  std::array<FiberSettings, kAdjustmentSets> sets{};
+  FiberSettings* current = &sets[0];
+  int adjustmentSet = -1;  // -1: not asked yet
+
+  // Makes `set` the current adjustment set, as the instrument told it.
+  void UseAdjustmentSet(int set);
+  // Makes `set` current and forgets what was cached for it: the instrument
+  // was told to switch.
+  void SelectAdjustmentSet(int set);
+};
+
+// What the last sequence set-up asked for; the sequence calls' own.
+struct SequenceSetup {
+  int samples = -1;  // -1: not set up
+  int periodMs = -1;
+  TimeoutMs timeoutMs = -1;
+};
+
+// The intensity thresholds that the pattern analysis uses instead of its
+// automatic ones; -1 when not set. The sequence calls' own.
+struct PatternThresholds {
+  int low = -1;
+  int high = -1;
+};
+
+// What the instrument's memory holds after the last capture; the capture
+// calls' own, read by the sequence readouts.
+struct LastCapture {
+  bool sequence = false;  // a sequence capture, not a plain one
+};
 
 // The longest device path a port record holds.
 constexpr std::size_t kMaxPathLength = 253;
@@ -102,16 +142,10 @@ struct s_CommPort {
   FixedText<10> eotFormat;  // end-of-response marker
   std::atomic<int> baudrate{0};
   double charTimeMs = 0.15;
-  int numFibers = -1;
-  std::array<FiberSettings, kAdjustmentSets> fiberSettings{};
-  FiberSettings* fiberSettingsCur = nullptr;
-  int adjustmentSet = -1;
-  int sequenceTimeout = -1;
-  int sequenceSamples = -1;
-  int sequencePeriod = -1;
-  int patternThresholdLow = -1;
-  int patternThresholdHigh = -1;
-  int captureState = 0;  // 1 after a sequence capture, 0 after any other capture
+  SettingsCache settings;
+  SequenceSetup sequence;
+  PatternThresholds pattern;
+  LastCapture capture;
   LastResponse lastResponse;
   FixedText<512> errorText;
   std::atomic<bool> autoResponseTimeout{true};
@@ -127,8 +161,6 @@ struct s_CommPort {
   // stopped before the members its thread uses go.
   TriggerListener trigger;
 
-  // Makes `set` the current adjustment set and forgets what was cached for it.
-  void SelectAdjustmentSet(int set);
   // Sets the firmware text and the number derived from it, always together.
   void SetFirmware(std::string_view text, std::size_t maxLength = 19);
   // The record of the physical port: the parent of a chained record, else itself.

@@ -135,7 +135,7 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
   // Any other manual flag, or no averages to size the wait, lets the instrument choose.
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 2, 2.5f), 1) << LastError();
   EXPECT_EQ(w.master().lastCaptureCommand(), "C");
-  Record(w)->fiberSettingsCur->averages = 0;
+  Record(w)->settings.current->averages = 0;
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 1, 20.0f), 1) << LastError();
   EXPECT_EQ(w.master().lastCaptureCommand(), "C");
 }
@@ -146,7 +146,7 @@ TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
   EXPECT_EQ(port.countReceived("PUTPWM1"), 1);
   EXPECT_EQ(port.master().settings().pwm, 1);
   // The switch is not a cached setting.
-  EXPECT_EQ(Record(port)->fiberSettingsCur->pwm, -1);
+  EXPECT_EQ(Record(port)->settings.current->pwm, -1);
 
   // Without the automatic time-out the spectrum is still taken.
   ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);

@@ -296,9 +296,9 @@ TEST_F(OpenTest, SilentInstrumentsGetDefaultsThatSizeATimeOut) {
   // The first time-out leaves the line out of step; the instrument does not
   // come back, so the next questions are held back as time-outs too.
   zeltocom::CMD_LoadSettings_NumFibers(port.get());
-  EXPECT_EQ(port->fiberSettingsCur->factor, 1);
-  EXPECT_EQ(port->numFibers, 1);
+  EXPECT_EQ(port->settings.current->factor, 1);
+  EXPECT_EQ(port->settings.numFibers, 1);
   EXPECT_EQ(zeltocom::CMD_LoadSettings_AdjustmentSet(port.get()), 1);
-  EXPECT_EQ(port->adjustmentSet, 0);
+  EXPECT_EQ(port->settings.adjustmentSet, 0);
   EXPECT_EQ(sim.countReceived("GETSERIAL"), 2);  // the opening's and one attempt
 }

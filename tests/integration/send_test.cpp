@@ -41,7 +41,7 @@ TEST_F(SendTest, CommandsAreSentAsTypedAndFailuresSayWhy) {
   ASSERT_EQ(Send(port, "getnfib"), 1) << LastError();
   EXPECT_STREQ(answer_, "3");
   EXPECT_EQ(port.lineLog().back().text, "getnfib");
-  EXPECT_EQ(Record(port)->numFibers, 3);
+  EXPECT_EQ(Record(port)->settings.numFibers, 3);
 
   EXPECT_EQ(Outcome(Send(port, "NOSUCHCOMMAND")), "0: Syntax error");
   EXPECT_EQ(PortError(port), "Syntax error");
@@ -67,7 +67,7 @@ TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
   EXPECT_EQ(port.countReceived("GETNFIB"), 1);
 
   // Fewer lines than fibres run into the time-out and are still returned.
-  Record(port)->numFibers = 4;
+  Record(port)->settings.numFibers = 4;
   ZeltoCom_SetResponseTimeout(400);
   start = Clock::now();
   EXPECT_EQ(Send(port, "GETXYALL"), 1);
@@ -80,19 +80,19 @@ TEST_F(SendTest, ALateAnswerTeachesTheCacheNothing) {
   zeltosim::SimPort& port = Open(PlainAnalyser(2));
   const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "GETFACTOR"), 1);
-  ASSERT_EQ(record->fiberSettingsCur->factor, 1);
+  ASSERT_EQ(record->settings.current->factor, 1);
   // A mirroring line answers "GETFACTORALL" with one line where two are
   // awaited: the answer comes back late.
   port.master().setFault(zeltosim::Fault::Echo);
-  record->numFibers = 2;
+  record->settings.numFibers = 2;
   EXPECT_EQ(Send(port, "GETFACTORALL"), 1);
   EXPECT_STREQ(answer_, "GETFACTORALL");
-  EXPECT_EQ(record->fiberSettingsCur->factor, 1);
+  EXPECT_EQ(record->settings.current->factor, 1);
   // The rest may still come, so the line is brought back in step before the
   // next command: a mirror never tells its serial number, and that command
   // is held back as a time-out...
   EXPECT_EQ(Outcome(Send(port, "GETFACTOR")), "0: Timeout");
-  EXPECT_EQ(record->fiberSettingsCur->factor, 1);
+  EXPECT_EQ(record->settings.current->factor, 1);
   // ...while an instrument does, and is asked.
   port.master().setFault(zeltosim::Fault::None);
   port.clearLog();
@@ -133,24 +133,24 @@ TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
   const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "SETFACTOR3"), 1);
   ASSERT_EQ(Send(port, "putaverage4"), 1);
-  EXPECT_EQ(record->adjustmentSet, 0);
-  EXPECT_EQ(record->fiberSettingsCur->factor, 3);
-  EXPECT_EQ(record->fiberSettingsCur->averages, 4);
+  EXPECT_EQ(record->settings.adjustmentSet, 0);
+  EXPECT_EQ(record->settings.current->factor, 3);
+  EXPECT_EQ(record->settings.current->averages, 4);
   ASSERT_EQ(Send(port, "SETLIN"), 1);
-  EXPECT_EQ(record->fiberSettingsCur->intensityMode, zeltocom::IntensityMode::Linear);
+  EXPECT_EQ(record->settings.current->intensityMode, zeltocom::IntensityMode::Linear);
 
   // Another adjustment set starts unknown; the old one keeps its values.
   ASSERT_EQ(Send(port, "SETCALIBRATION05"), 1);
-  EXPECT_EQ(record->adjustmentSet, 5);
-  EXPECT_EQ(record->fiberSettingsCur, &record->fiberSettings[5]);
-  EXPECT_EQ(record->fiberSettingsCur->factor, -1);
-  EXPECT_EQ(record->fiberSettings[0].factor, 3);
+  EXPECT_EQ(record->settings.adjustmentSet, 5);
+  EXPECT_EQ(record->settings.current, &record->settings.sets[5]);
+  EXPECT_EQ(record->settings.current->factor, -1);
+  EXPECT_EQ(record->settings.sets[0].factor, 3);
 
   ASSERT_EQ(Send(port, "GETFACTOR"), 1);
-  EXPECT_EQ(record->fiberSettingsCur->factor, 1);
+  EXPECT_EQ(record->settings.current->factor, 1);
   ASSERT_EQ(Send(port, "SETFACTOR7"), 1);
   ASSERT_EQ(Send(port, "RESETUSERCAL"), 1);
-  const zeltocom::FiberSettings& reset = *record->fiberSettingsCur;
+  const zeltocom::FiberSettings& reset = *record->settings.current;
   EXPECT_EQ(std::tie(reset.factor, reset.averages, reset.pwm, reset.intensityMode),
             std::make_tuple(1, 1, 0, zeltocom::IntensityMode::Logarithmic));
   EXPECT_FLOAT_EQ(reset.customTime, -1.0f);
@@ -168,9 +168,9 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   EXPECT_EQ(record->firmwareNumber, 190);
   // Microseconds on the wire, milliseconds in the cache.
   ASSERT_EQ(Send(port, "PUTCUSTOMTIME0002500"), 1);
-  EXPECT_FLOAT_EQ(record->fiberSettingsCur->customTime, 2.5f);
+  EXPECT_FLOAT_EQ(record->settings.current->customTime, 2.5f);
   ASSERT_EQ(Send(port, "PUTPWM1"), 1);
-  EXPECT_EQ(record->fiberSettingsCur->pwm, 1);
+  EXPECT_EQ(record->settings.current->pwm, 1);
 }
 
 TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
@@ -217,8 +217,8 @@ TEST_F(SendTest, BusCommandsHandTheLineOver) {
   // The chained instrument's settings are its own.
   EXPECT_EQ(Record(port)->busOwner->serialNumber.view(), "CHAIN01");
   ASSERT_EQ(Send(port, "GETNFIB"), 1);
-  EXPECT_EQ(Record(port)->busOwner->numFibers, 2);
-  EXPECT_EQ(Record(port)->numFibers, -1);
+  EXPECT_EQ(Record(port)->busOwner->settings.numFibers, 2);
+  EXPECT_EQ(Record(port)->settings.numFibers, -1);
 
   ASSERT_EQ(Send(port, "BUSFREE"), 1);
   ASSERT_EQ(Send(port, "GETSERIAL"), 1);

@@ -49,8 +49,8 @@ TEST_F(SequenceTest, SetupAndCaptureSendTheirCommands) {
   const char* p = Open();
   ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 100, 20, 30, 50, 1), 1);
   const zeltocom::PortRef record = Record(*port_);
-  EXPECT_EQ(record->sequencePeriod, 50);
-  EXPECT_EQ(record->sequenceTimeout, 3100);
+  EXPECT_EQ(record->sequence.periodMs, 50);
+  EXPECT_EQ(record->sequence.timeoutMs, 3100);
   ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 0, 0, 0, 1000, 0), 1);
   ASSERT_EQ(ZeltoCom_Sequence_Capture(p, 0), 1);
   ASSERT_EQ(ZeltoCom_Sequence_Setup(p, 0, 1, 1, 2, 0), 1);
@@ -63,13 +63,13 @@ TEST_F(SequenceTest, SetupAndCaptureSendTheirCommands) {
                 "PUTSEQUENCEMODE0", "CS", "PUTSEQUENCESTARTDELAY000", "PUTSEQUENCECAPTURE001",
                 "PUTSEQUENCEWAIT001", "PUTSEQUENCENUMBER002", "PUTSEQUENCEMODE1",
                 "PUTSEQUENCECHANNEL02", "CS"}));
-  EXPECT_EQ(record->sequenceSamples, 2);
+  EXPECT_EQ(record->sequence.samples, 2);
 
   // A refused command stops the set-up and keeps the last one.
   port_->master().setFault(zeltosim::Fault::SyntaxErrorAll);
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_Setup(p, 0, 5, 0, 9, 0)),
             "0: Unable to set Initial Capture delay");
-  EXPECT_EQ(record->sequenceSamples, 2);
+  EXPECT_EQ(record->sequence.samples, 2);
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_Capture(p, 1)), "0: Unable to set Sequence Mode");
 }
 
