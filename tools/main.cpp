@@ -83,7 +83,8 @@ int main(int argc, char** argv) {
     return kUsage;
   }
   const bool json = std::find(words.begin(), words.end(), "--json") != words.end();
-  ZeltoCom_SetResponseBufferSize(kAnswerRoom);
+  // No answer is cut: the library refuses longer ones itself.
+  ZeltoCom_SetResponseBufferSize(ZELTOCOM_ANSWER_SIZE);
   int status = kSuccess;
   try {
     status = Run(*command, words);
