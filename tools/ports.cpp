@@ -18,7 +18,8 @@ namespace cli {
 namespace {
 
 struct PathBuffers {
-  explicit PathBuffers(std::size_t count) : storage(count, std::vector<char>(ZELTOCOM_DEVICE_PATH_SIZE, '\0')) {
+  explicit PathBuffers(std::size_t count)
+      : storage(count, std::vector<char>(ZELTOCOM_DEVICE_PATH_SIZE, '\0')) {
     for (auto& buffer : storage) pointers.push_back(buffer.data());
   }
   std::vector<std::string> First(int count) const {
