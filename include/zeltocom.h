@@ -120,6 +120,14 @@ ZELTOCOM_API int ZeltoCom_CloseSN_Multi_Thread(int* result, const char* serialNu
 /* Writes the loaded library's version, "v" followed by its
  * ZELTOCOM_VERSION_STRING (at least 7 bytes). */
 ZELTOCOM_API void ZeltoCom_GetLibraryVersion(char* buffer);
+/* Writes a line for every command sent and every answer waited for (with a
+ * monotonic timestamp, the port path, the instrument's serial number, the
+ * bytes escaped, how the answer ended, its outcome and the time it took) to
+ * `destination`: "stderr", or a file path (appended to). Null or "" stops
+ * the trace. 1 on success; -1 when the file cannot be opened ("Unable to
+ * open trace file PATH"), the trace then going on as it was. The environment
+ * variable ZELTOCOM_TRACE names a destination when the library is loaded. */
+ZELTOCOM_API int ZeltoCom_SetTrace(const char* destination);
 /* Lists the machine's serial ports afresh (or the paths in the environment
  * variable ZELTOCOM_PORTS, separated by ';'); returns their number. */
 ZELTOCOM_API int ZeltoCom_EnumPorts(void);

@@ -4,7 +4,7 @@
 
 #include "api/capture.hpp"
 #include "device/capture_command.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
 #include "frame/errors.hpp"
@@ -25,19 +25,11 @@ bool ReportsCondition(const std::string& upper, std::initializer_list<const char
 
 // 1 when the answer came in time and was no syntax error; else the text for
 // the outcome is set and 0 returned.
-int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs,
-                const std::string& lateText, const std::string& syntaxText) {
-  switch (OutcomeOf(answer, timeoutMs)) {
-    case WaitOutcome::Late:
-      SetError(device, lateText);
-      return 0;
-    case WaitOutcome::SyntaxError:
-      SetError(device, syntaxText);
-      return 0;
-    case WaitOutcome::Answered:
-      break;
-  }
-  return 1;
+int CheckAnswer(s_CommPort* device, const Reply& answer, const std::string& lateText,
+                const std::string& syntaxText) {
+  if (answer.outcome == Outcome::Late) SetError(device, lateText);
+  if (answer.outcome == Outcome::SyntaxError) SetError(device, syntaxText);
+  return answer.answered() ? 1 : 0;
 }
 
 }  // namespace
@@ -57,30 +49,28 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   CMD_LoadSettings_Exposure(device);
 
   const FiberSettings& settings = *device->fiberSettingsCur;
-  const uint64_t timeout =
+  const TimeoutMs timeout =
       port->autoResponseTimeout
           ? CMD_GetCaptureTimeout(device->deviceType, pwm, range, pwmFrames, settings.factor,
                                   settings.averages)
-          : static_cast<uint64_t>(LA_ResponseTimeout.load());
+          : LA_ResponseTimeout.load();
 
-  if (CMD_Write(device, BuildCaptureCommand("C", pwm, range, pwmFrames)) != 1) {
+  if (!SendCommand(device, BuildCaptureCommand("C", pwm, range, pwmFrames))) {
     SetError(device, "Unable to send command");
     return -1;
   }
   // A plain capture overwrites what a sequence capture left in the instrument.
   device->captureState = 0;
 
-  t_comresponse answer;
-  const long timeoutMs = static_cast<long>(timeout);
-  CMD_Wait(device, &answer, timeoutMs, device->eotFormat.view(), true);
+  const Reply answer = Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeout);
   const std::string where = StringPrintf("in Device on %s with SN %s", device->devicePath.c_str(),
                                          device->serialNumber.c_str());
-  const std::string late = StringPrintf("Timeout (%lu ms) ",
-                                        static_cast<unsigned long>(answer.elapsedMs)) + where;
-  if (CheckAnswer(device, answer, timeoutMs, late, "Syntax error " + where) != 1) return 0;
-  if (answer.data.empty()) return 1;
-  if (ReportsCondition(strtoupper(answer.data), {"OVERRANGE", "UNDERRANGE", "STABLE"})) {
-    SetError(device, StringPrintf("%s condition detected", answer.data.c_str()));
+  const std::string late = StringPrintf("Timeout (%lld ms) ",
+                                        static_cast<long long>(answer.quietMs)) + where;
+  if (CheckAnswer(device, answer, late, "Syntax error " + where) != 1) return 0;
+  if (answer.text.empty()) return 1;
+  if (ReportsCondition(strtoupper(answer.text), {"OVERRANGE", "UNDERRANGE", "STABLE"})) {
+    SetError(device, StringPrintf("%s condition detected", answer.text.c_str()));
     return 0;
   }
   return 1;
@@ -93,7 +83,7 @@ namespace {
 // What a spectrometer call sends and how long it waits for the result.
 struct SpectrometerPlan {
   std::string command;
-  long timeoutMs = 0;
+  TimeoutMs timeoutMs = 0;
 };
 
 SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* device,
@@ -118,48 +108,47 @@ SpectrometerPlan PlanSpectrometer(const s_CommPort* port, const s_CommPort* devi
 
   const int cachedAverages = device->fiberSettingsCur->averages;
   const int averages = cachedAverages > 0 ? cachedAverages : 0;
-  unsigned long t = 0;
+  TimeoutMs t = 0;
   if (manualExposure == 1 && exposure > 0) {
-    t = static_cast<unsigned long>(static_cast<float>(averages) * (300.0f + exposure));
+    t = static_cast<TimeoutMs>(static_cast<float>(averages) * (300.0f + exposure));
     plan.command = manualCommand;
   }
   if (t == 0) {
-    t = static_cast<unsigned long>(maxExposure) * static_cast<unsigned long>(averages);
+    t = static_cast<TimeoutMs>(maxExposure) * averages;
     plan.command = automaticCommand;
   }
-  plan.timeoutMs = static_cast<long>(!dark && pwm != 0 ? 3 * t + 150 : t + 150);
+  plan.timeoutMs = !dark && pwm != 0 ? 3 * t + 150 : t + 150;
   return plan;
 }
 
 // 1 when the answer came in time and was no syntax error; else the
 // spectrometer's error text is set and 0 returned.
-int CheckAnswer(s_CommPort* device, const t_comresponse& answer, long timeoutMs) {
-  return CheckAnswer(device, answer, timeoutMs, "Timeout", "Syntax error");
+int CheckAnswer(s_CommPort* device, const Reply& answer) {
+  return CheckAnswer(device, answer, "Timeout", "Syntax error");
 }
 
 // Switches the PWM mode of a "-W2" instrument; 1, or the call's result.
 int SwitchPwm(s_CommPort* device, int pwm) {
-  if (CMD_Write(device, PwmCommand(pwm)) != 1) {
+  const Reply answer =
+      Exchange(device, PwmCommand(pwm), End::Marker(device->eotFormat.view()).Trimmed(), 120);
+  if (answer.outcome == Outcome::NotSent) {
     SetError(device, "Unable to set PWM mode");
     return -1;
   }
-  t_comresponse answer;
-  CMD_Wait(device, &answer, 120, device->eotFormat.view(), true);
-  return CheckAnswer(device, answer, 120);
+  return CheckAnswer(device, answer);
 }
 
-int FinishSpectrum(s_CommPort* device, long timeoutMs) {
-  t_comresponse answer;
-  CMD_Wait(device, &answer, timeoutMs, device->eotFormat.view(), true);
-  if (CheckAnswer(device, answer, timeoutMs) != 1) return 0;
-  if (answer.data.empty()) return 1;
-  const std::string upper = strtoupper(answer.data);
+int FinishSpectrum(s_CommPort* device, TimeoutMs timeoutMs) {
+  const Reply answer = Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeoutMs);
+  if (CheckAnswer(device, answer) != 1) return 0;
+  if (answer.text.empty()) return 1;
+  const std::string upper = strtoupper(answer.text);
   if (ReportsCondition(upper, {"OVERRANGE", "UNDERRANGE"})) {
-    SetError(device, StringPrintf("%s condition detected", answer.data.c_str()));
+    SetError(device, StringPrintf("%s condition detected", answer.text.c_str()));
     return 0;
   }
   if (ReportsCondition(upper, {"STABLE", "DARK"})) {
-    SetError(device, answer.data);
+    SetError(device, answer.text);
     return 0;
   }
   return 1;
@@ -168,20 +157,17 @@ int FinishSpectrum(s_CommPort* device, long timeoutMs) {
 // The instrument announces a dark acquisition before it reports its end;
 // one that does not is stopped. A result that came with the announcement
 // waits in the line's leftover for the second wait.
-int FinishDark(s_CommPort* device, long timeoutMs) {
-  t_comresponse answer;
-  CMD_WaitForStraggler(device, &answer, 1000, "Acquiring...\r\n");
-  TrimAnswerEnd(answer.data);
-  if (CheckAnswer(device, answer, timeoutMs) != 1) return 0;
-  if (!answer.data.empty() && !Contains(strtoupper(answer.data), "ACQUIRING...")) {
-    CMD_Write(device, "I");
-    t_comresponse ignored;
-    CMD_Wait(device, &ignored, 3000, device->eotFormat.view(), true);
+int FinishDark(s_CommPort* device, TimeoutMs timeoutMs) {
+  // The announcement is late only once the acquisition's own time is up.
+  const Reply announced =
+      AwaitStraggler(device, End::Marker("Acquiring...\r\n").Trimmed(), 1000, timeoutMs);
+  if (CheckAnswer(device, announced) != 1) return 0;
+  if (!announced.text.empty() && !Contains(strtoupper(announced.text), "ACQUIRING...")) {
+    Exchange(device, "I", End::Marker(device->eotFormat.view()).Trimmed(), 3000);
     SetError(device, "Dark Acquisition not detected");
     return 0;
   }
-  CMD_Wait(device, &answer, timeoutMs, device->eotFormat.view(), true);
-  return CheckAnswer(device, answer, timeoutMs);
+  return CheckAnswer(device, Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeoutMs));
 }
 
 bool ExposureAcceptable(float exposure, int maxExposure) {
@@ -240,7 +226,7 @@ int AcquireSpectrometer(const HeldPort& port, Acquisition kind, int pwm, int man
   }
   const SpectrometerPlan plan =
       PlanSpectrometer(port.get(), device, kind, pwm, manualExposure, exposure, maxExposure);
-  if (CMD_Write(device, plan.command) != 1) {
+  if (!SendCommand(device, plan.command)) {
     SetError(device, "Unable to send command");
     return -1;
   }

@@ -6,8 +6,7 @@
 
 #include "frame/errors.hpp"
 #include "frame/utils.hpp"
-#include "serial/baudrates.hpp"
-#include "serial/enumerate.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 namespace zeltocom {

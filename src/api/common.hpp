@@ -19,9 +19,6 @@ extern std::atomic<int> LA_ResponseTimeout;
 // (the initial value) means the answer's own length.
 extern std::atomic<int> ResponseBufferSize;
 
-// The longest serial number an instrument reports.
-constexpr std::size_t kMaxSerialLength = 14;
-
 constexpr const char* kNoBuffer = "No buffer given for the result";
 
 // A host's text argument; a null pointer reads as the empty text.

@@ -2,8 +2,6 @@
 // sends and captures through the master's line, and the last answer of a
 // port.
 #include <algorithm>
-#include <climits>
-#include <cmath>
 #include <string>
 #include <vector>
 
@@ -12,7 +10,7 @@
 #include "api/send.hpp"
 #include "device/bus.hpp"
 #include "device/capture_command.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
 #include "frame/clock.hpp"
@@ -27,11 +25,11 @@ namespace {
 
 // The time an instrument of the chain gets to answer a bus hand-over, and
 // the time of one completion query, from the line's character time.
-long FreeTimeMs(const s_CommPort* master) {
-  return static_cast<long>(5 * master->charTimeMs) * 5 + 50;
+TimeoutMs FreeTimeMs(const s_CommPort* master) {
+  return static_cast<TimeoutMs>(5 * master->charTimeMs) * 5 + 50;
 }
-long PollTimeMs(const s_CommPort* master) {
-  return static_cast<long>(5 * master->charTimeMs) * 5 + 20;
+TimeoutMs PollTimeMs(const s_CommPort* master) {
+  return static_cast<TimeoutMs>(5 * master->charTimeMs) * 5 + 20;
 }
 
 // The master at `devicePath`, held for the call, after the detection checks.
@@ -43,9 +41,8 @@ std::optional<HeldPort> HoldMaster(Call& call, const char* devicePath) {
 // One exchange of a bus command through `holder`, the instrument that answers
 // it; the library's picture of the line follows when it is answered, so that
 // the next hand-over starts from where the line really is.
-int BusExchange(s_CommPort* holder, const std::string& command, long timeoutMs) {
-  t_comresponse answer;
-  const int result = CMD_SendCommand(holder, command, static_cast<unsigned long>(timeoutMs), &answer);
+int BusExchange(s_CommPort* holder, const std::string& command, TimeoutMs timeoutMs) {
+  const int result = CMD_SendCommand(holder, command, timeoutMs);
   if (result != 1) return result;
   s_CommPort* master = holder->Master();
   if (command == "BUSFREE") {
@@ -57,7 +54,7 @@ int BusExchange(s_CommPort* holder, const std::string& command, long timeoutMs) 
 }
 
 // Gives the line back to the master; whoever holds it answers.
-int FreeBus(s_CommPort* master, long timeoutMs) {
+int FreeBus(s_CommPort* master, TimeoutMs timeoutMs) {
   return BusExchange(master->busOwner, "BUSFREE", timeoutMs);
 }
 
@@ -68,7 +65,7 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
     SetError(nullptr, "Device has already been added");
     return 0;
   }
-  const long freeTime = FreeTimeMs(master);
+  const TimeoutMs freeTime = FreeTimeMs(master);
   FreeBus(master, freeTime);
 
   // Whatever the answer, the line goes back to the master afterwards.
@@ -77,20 +74,18 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
     if (failure != nullptr) SetError(master, failure);
     return failure == nullptr ? 1 : 0;
   };
-  if (CMD_Write(master, "BUSGET" + serial) != 1) {
+  // Untrimmed: a 0x04 read with the line end tells the instrument's framing.
+  Reply answer = AskForLine(master, serial, End::Marker("\r\n"), Rounding::Up);
+  if (answer.outcome == Outcome::NotSent) {
     SetError(master, "Communication error");
     return 0;
   }
-  const long timeout = std::max(static_cast<long>(std::ceil(15 * master->charTimeMs)) + 20, 80L);
-  t_comresponse answer;
-  // Untrimmed: a 0x04 read with the line end tells the instrument's framing.
-  CMD_Wait(master, &answer, timeout, "\r\n", false);
-  const bool late = answer.elapsedMs >= timeout;
-  if (answer.syntaxError || (late && answer.data.empty())) return giveBack("Unable to get the bus");
+  const bool late = answer.outcome == Outcome::Late;
+  if (answer.syntaxError || (late && answer.text.empty())) return giveBack("Unable to get the bus");
 
-  const std::string eot = GetEOTformat(master, answer.data);
-  TrimAnswerEnd(answer.data);
-  if (answer.data != "OK") return giveBack("Communication error");
+  const std::string eot = GetEOTformat(master, answer.text);
+  TrimAnswerEnd(answer.text);
+  if (answer.text != "OK") return giveBack("Communication error");
   const PortRef added = PortsList_Add(&master->chain, master, master->line,
                                       master->devicePath.view(), serial, "", eot,
                                       master->baudrate, master->charTimeMs);
@@ -103,10 +98,10 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
 // Hands the master's line to the instrument with `serial`; 1, or the
 // hand-over's failure.
 int TakeBusFor(const HeldPort& port, const std::string& serial) {
-  t_comresponse answer;
+  Reply answer;
   const int taken = CMD_BusGet(port.get(), serial, &answer);
   // A refusal comes without a text of its own; the host still learns why.
-  if (taken == 0 && !answer.syntaxError && !answer.data.empty() && !Contains(answer.data, "OK")) {
+  if (taken == 0 && !answer.syntaxError && !answer.text.empty() && !Contains(answer.text, "OK")) {
     SetError(port.get(), "Device not found");
   }
   return taken;
@@ -119,16 +114,14 @@ struct ChainCapture {
   int pwm;
   int range;
   int pwmFrames;
-  long freeTime;
-  long pollTime;
+  TimeoutMs freeTime;
+  TimeoutMs pollTime;
 };
 
-long CaptureTimeoutOf(const ChainCapture& c, s_CommPort* device) {
+TimeoutMs CaptureTimeoutOf(const ChainCapture& c, s_CommPort* device) {
   const FiberSettings& settings = *device->fiberSettingsCur;
-  return static_cast<long>(std::min<uint64_t>(
-      CMD_GetCaptureTimeout(device->deviceType, c.pwm, c.range, c.pwmFrames, settings.factor,
-                            settings.averages),
-      static_cast<uint64_t>(LONG_MAX / 2)));
+  return CMD_GetCaptureTimeout(device->deviceType, c.pwm, c.range, c.pwmFrames, settings.factor,
+                               settings.averages);
 }
 
 void LoadCaptureSettings(s_CommPort* device) {
@@ -173,14 +166,14 @@ int LearnChained(const ChainCapture& c, s_CommPort* device, bool* used) {
 
 // The time the whole chain may take, with a margin that grows with the
 // chain; -1 and the error set when an instrument could not be asked.
-long GatherTimeout(const ChainCapture& c, int* failure) {
+TimeoutMs GatherTimeout(const ChainCapture& c, int* failure) {
   s_CommPort* master = c.master;
-  if (master->busState == 0 && FreeBus(master, c.freeTime) != 1) {
+  if (master->busOwner != master && FreeBus(master, c.freeTime) != 1) {
     SetError(master, "Unable to free the bus");
     *failure = 0;
     return -1;
   }
-  long t = 0;
+  TimeoutMs t = 0;
   CMD_LoadSettings_HardwareType(master);
   if (master->deviceType != DEVTYPE_SPECTROMETER) {
     LoadCaptureSettings(master);
@@ -206,29 +199,22 @@ enum class Poll { Capturing, Ended, NotSent, NoAnswer };
 // longer capturing. An instrument that is still capturing does not answer
 // at all, so silence owes nothing.
 Poll AskCaptureEnded(const ChainCapture& c, s_CommPort* device) {
-  if (CMD_Write(device, "BUSCE" + std::string(device->serialNumber.view())) != 1) {
+  if (!SendCommand(device, "BUSCE" + std::string(device->serialNumber.view()))) {
     return Poll::NotSent;
   }
-  if (CMD_CommandHeldBack(device)) return Poll::NoAnswer;
-  t_comresponse answer;
-  if (Contains(device->eotFormat.view(), "\x04") && HasOldBusFirmware(device)) {
-    CMD_WaitForStraggler(device, &answer, c.pollTime, "\r\n");
-    if (answer.elapsedMs >= c.pollTime && !answer.syntaxError) return Poll::Capturing;
-    if (!Contains(answer.data, "\x04")) {
-      // This firmware sends the 0x04 of its answer on its own.
-      t_comresponse lateEot;
-      CMD_WaitForStraggler(device, &lateEot, 20, "\x04");
-    }
-    return Poll::Ended;
-  }
-  CMD_WaitForStraggler(device, &answer, c.pollTime, device->eotFormat.view());
-  const bool capturing = answer.elapsedMs >= c.pollTime && !answer.syntaxError;
-  return capturing ? Poll::Capturing : Poll::Ended;
+  if (CommandHeldBack(device)) return Poll::NoAnswer;
+  const bool lateEot = Contains(device->eotFormat.view(), "\x04") && HasOldBusFirmware(device);
+  const Reply answer = AwaitStraggler(
+      device, End::Marker(lateEot ? std::string_view("\r\n") : device->eotFormat.view()),
+      c.pollTime);
+  if (answer.outcome == Outcome::Late && !answer.syntaxError) return Poll::Capturing;
+  if (lateEot) AwaitLateEot(device, answer, 20);
+  return Poll::Ended;
 }
 
 // Asks every instrument in turn until all report the end of their capture,
 // or `timeoutMs` pass without any of them finishing.
-int AwaitChainCaptures(const ChainCapture& c, long timeoutMs) {
+int AwaitChainCaptures(const ChainCapture& c, TimeoutMs timeoutMs) {
   std::vector<s_CommPort*> pending{c.master};
   for (const PortRef& device : PortsList_All(&c.master->chain)) pending.push_back(device.get());
   delayms(static_cast<int>(c.pollTime / 16));
@@ -267,15 +253,15 @@ int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
   s_CommPort* master = port.get();
   if (!LedCaptureArgumentsAccepted(master, pwm, range, pwmFrames)) return -1;
   const ChainCapture c{master, pwm, range, pwmFrames, FreeTimeMs(master), PollTimeMs(master)};
-  long t = LA_ResponseTimeout;
+  TimeoutMs t = LA_ResponseTimeout;
   if (master->autoResponseTimeout) {
     int failure = 0;
     t = GatherTimeout(c, &failure);
     if (t < 0) return failure;
   }
-  const long timeout = t + 150;
+  const TimeoutMs timeout = t + 150;
 
-  if (CMD_Write(master, BuildCaptureCommand("BUSC", pwm, range, pwmFrames)) != 1) {
+  if (!SendCommand(master, BuildCaptureCommand("BUSC", pwm, range, pwmFrames))) {
     FreeBus(master, c.freeTime);
     SetError(master, "Unable to send command");
     return -1;
@@ -288,13 +274,8 @@ int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
     FreeBus(master, c.freeTime);
     return 0;
   };
-  t_comresponse answer;
-  CMD_Wait(master, &answer, timeout, master->eotFormat.view(), true);
-  switch (OutcomeOf(answer, timeout)) {
-    case WaitOutcome::Late: return failed(answer.syntaxError ? "Syntax error" : "Timeout");
-    case WaitOutcome::SyntaxError: return failed("Syntax error");
-    case WaitOutcome::Answered: break;
-  }
+  const Reply answer = Await(master, End::Marker(master->eotFormat.view()).Trimmed(), timeout);
+  if (!answer.answered()) return failed(answer.syntaxError ? "Syntax error" : "Timeout");
   const int ended = AwaitChainCaptures(c, timeout);
   if (ended == 0) FreeBus(master, c.freeTime);
   return ended;

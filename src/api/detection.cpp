@@ -8,14 +8,12 @@
 
 #include "api/common.hpp"
 #include "api/fan_out.hpp"
-#include "api/handshake.hpp"
-#include "device/command.hpp"
+#include "device/handshake.hpp"
+#include "device/exchange.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/baudrates.hpp"
-#include "serial/driver.hpp"
-#include "serial/enumerate.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -25,7 +23,7 @@ namespace {
 // The room of a serial-number buffer of a detection.
 constexpr std::size_t kSerialBuffer = 25;
 // How long an instrument may take to tell its model during a detection.
-constexpr unsigned long kModelTimeoutMs = 180;
+constexpr TimeoutMs kModelTimeoutMs = 180;
 
 std::mutex filterMutex;
 std::vector<std::string> DetectionFilter;
@@ -82,10 +80,10 @@ std::vector<std::string> EntriesFor(const std::string& filter) {
 // The model of the instrument on the held port, as filters spell it; none
 // when it did not answer within the detection's time.
 std::optional<std::string> ModelOf(const HeldPort& port) {
-  t_comresponse answer;
+  std::string answer;
   if (CMD_SendCommand(port.owner(), "GETHW", kModelTimeoutMs, &answer) != 1) return std::nullopt;
-  trim(answer.data);
-  return strtoupper(answer.data);
+  trim(answer);
+  return strtoupper(answer);
 }
 
 // Whether the instrument just opened at `path` is one the filters take; its

@@ -10,8 +10,7 @@
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/baudrates.hpp"
-#include "serial/driver.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;

@@ -5,13 +5,11 @@
 #include <vector>
 
 #include "api/common.hpp"
-#include "api/handshake.hpp"
+#include "device/handshake.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/baudrates.hpp"
-#include "serial/driver.hpp"
-#include "serial/enumerate.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -21,7 +19,7 @@ namespace {
 // Registers the probed line as an open port; the line is the registry's then.
 bool Register(ProbedLine& probed, const std::string& path, const Identity& identity, int baud) {
   if (!PortsList_Add(&OpenedPorts, nullptr, probed.line, path, identity.serialNumber, "",
-                     identity.eotFormat, baud, CharTimeMs(baud), DeviceNumberOf(probed.line->fd))) {
+                     identity.eotFormat, baud, CharTimeMs(baud), DeviceNumberOfLine(*probed.line))) {
     return false;
   }
   probed.line.reset();
@@ -45,8 +43,8 @@ int ReportBusy() {
 
 int OpenAtFixedRate(const std::string& path, int baud) {
   ProbedLine line;
-  const int opened = RS232OpenPort(*line.line, path, baud);
-  if (opened == kPortBusy) return ReportBusy();
+  const int opened = OpenLine(*line.line, path, baud);
+  if (opened == kLineBusy) return ReportBusy();
   if (opened != 1) {
     SetError(nullptr, "Unable to open port");
     return 0;
@@ -98,7 +96,7 @@ bool FindBySerialNumber(const std::string& serial, const std::vector<int>& rates
 // Removes the held port from the registry, then closes its line.
 int CloseHeld(HeldPort& port) {
   PortsList_Del(&OpenedPorts, port.get());
-  RS232ClosePort(*port->line);
+  CloseLine(*port->line);
   return 1;
 }
 

@@ -7,7 +7,7 @@
 #include "frame/clock.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
-#include "serial/enumerate.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -71,7 +71,6 @@ int ZeltoCom_EnumPorts(void) {
     } else {
       while (FirstDetectionInProcess) {
         delayms(1);
-        DoEvents();
       }
     }
     return static_cast<int>(DetectedPorts().size());

@@ -3,14 +3,14 @@
 
 #include "api/send.hpp"
 #include "device/bus.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
 #include "frame/clock.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/baudrates.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -28,8 +28,8 @@ bool IsPagedAnswer(const std::string& upper) {
 
 constexpr const char* kAnswerCut = "Answer longer than the response buffer";
 
-int AnswerBusCommand(s_CommPort* owner, int result, const t_comresponse& answer, char* response) {
-  if (answer.data.empty() || CopyAnswer(response, answer.data)) return result;
+int AnswerBusCommand(s_CommPort* owner, int result, const Reply& answer, char* response) {
+  if (answer.text.empty() || CopyAnswer(response, answer.text)) return result;
   SetError(owner, kAnswerCut);
   return 0;
 }
@@ -40,29 +40,28 @@ std::string MarkerFor(const s_CommPort* owner, const std::string& upper) {
   return std::string(owner->eotFormat.view());
 }
 
-// Waits for the answer in the way this command needs. False when the plain
-// wait ran out (the caller reports the time-out).
-bool WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::string& marker,
-                   int entryTimeout, t_comresponse* answer) {
+// Waits for the answer in the way this command needs. A late answer of
+// several lines is still handed out; a late one-line answer is a time-out
+// (`*timedOut`).
+Reply WaitForAnswer(s_CommPort* owner, const std::string& upper, const std::string& marker,
+                    TimeoutMs timeout, bool* timedOut) {
   const bool eotMarker = Contains(marker, kEot);
-  const long timeout = LA_ResponseTimeout;
+  *timedOut = false;
   if (IsGetAll(upper) && !eotMarker) {
-    CMD_Wait(owner, answer, timeout, marker, true, true, owner->numFibers);
-  } else if (IsPagedAnswer(upper) && !eotMarker) {
-    CMD_Wait(owner, answer, timeout, marker, false, true, 0);
-  } else if (Contains(upper, "BUSCE") && eotMarker && HasOldBusFirmware(owner)) {
-    CMD_Wait(owner, answer, entryTimeout, "\r\n", false, false, 0);
-    if (!Contains(answer->data, kEot)) {
-      t_comresponse lateEot;
-      CMD_WaitForStraggler(owner, &lateEot, 1, kEot);
-    }
-  } else {
-    const bool keepLineEnds = IsPagedAnswer(upper) || upper == "GETPORTINFO" ||
-                              upper == "GETPORTDETAILS" || IsGetAll(upper);
-    CMD_Wait(owner, answer, timeout, marker, !keepLineEnds);
-    if (OutcomeOf(*answer, timeout) == WaitOutcome::Late) return false;
+    return Await(owner, End::Lines(owner->numFibers, marker).Trimmed(), timeout);
   }
-  return true;
+  if (IsPagedAnswer(upper) && !eotMarker) return Await(owner, End::Quiet(marker), timeout);
+  if (Contains(upper, "BUSCE") && eotMarker && HasOldBusFirmware(owner)) {
+    Reply answer = Await(owner, End::Marker("\r\n"), timeout);
+    AwaitLateEot(owner, answer, 1);
+    return answer;
+  }
+  const bool keepLineEnds = IsPagedAnswer(upper) || upper == "GETPORTINFO" ||
+                            upper == "GETPORTDETAILS" || IsGetAll(upper);
+  const End end = End::Marker(marker);
+  Reply answer = Await(owner, keepLineEnds ? end : end.Trimmed(), timeout);
+  *timedOut = answer.outcome == Outcome::Late;
+  return answer;
 }
 
 // The settings entry of the owner's current adjustment set.
@@ -115,16 +114,16 @@ void FollowSetting(s_CommPort* addressed, s_CommPort* owner, const std::string& 
   } else if (Contains(upper, "PWM")) {
     CurrentEntry(owner).pwm = ParseInt(upper);
   } else if (Contains(upper, "LOG")) {
-    CurrentEntry(owner).intensityMode = 1;
+    CurrentEntry(owner).intensityMode = IntensityMode::Logarithmic;
   } else if (Contains(upper, "LIN")) {
-    CurrentEntry(owner).intensityMode = 0;
+    CurrentEntry(owner).intensityMode = IntensityMode::Linear;
   } else if (Contains(upper, "RESETADJUSTMENT") || Contains(upper, "RESETUSERCAL")) {
     FiberSettings& entry = CurrentEntry(owner);
     entry.factor = 1;
     entry.averages = 1;
     entry.pwm = 0;
     entry.customTime = -1.0f;
-    entry.intensityMode = 1;
+    entry.intensityMode = IntensityMode::Logarithmic;
   } else if (Contains(upper, "CALIBRATION") || Contains(upper, "ADJUSTMENT")) {
     const int set = ParseInt(upper);
     SelectSetIfValid(owner, set);
@@ -179,12 +178,12 @@ int SetNonNegative(std::atomic<int>& setting, int value, const char* refusal) {
 namespace zeltocom {
 
 int Send(const HeldPort& port, const std::string& command, char* response) {
-  const int entryTimeout = LA_ResponseTimeout;
+  const TimeoutMs timeout = LA_ResponseTimeout;
   s_CommPort* addressed = port.get();
   s_CommPort* owner = port.owner();
   const std::string upper = strtoupper(command);
 
-  t_comresponse answer;
+  Reply answer;
   if (Contains(upper, "BUSFREE")) {
     return AnswerBusCommand(owner, CMD_BusFree(owner, &answer), answer, response);
   }
@@ -201,7 +200,7 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   // An unasked message that comes during the exchange stays the last
   // response, rather than the answer.
   const uint64_t unaskedMark = addressed->lastResponse.mark();
-  if (CMD_Write(owner, command) != 1) {
+  if (!SendCommand(owner, command)) {
     SetError(owner, "Unable to send command");
     return -1;
   }
@@ -209,9 +208,11 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   CopyAnswer(response, "");
 
   const std::string marker = MarkerFor(owner, upper);
-  if (!WaitForAnswer(owner, upper, marker, entryTimeout, &answer)) {
+  bool timedOut = false;
+  answer = WaitForAnswer(owner, upper, marker, timeout, &timedOut);
+  if (timedOut) {
     // The instrument may have switched before it could answer.
-    if (Contains(upper, "SETBAUD") && !CMD_CommandHeldBack(owner)) {
+    if (Contains(upper, "SETBAUD") && !CommandHeldBack(owner)) {
       ChangePortBaudrate(owner, upper);
     }
     SetError(owner, "Timeout");
@@ -224,21 +225,18 @@ int Send(const HeldPort& port, const std::string& command, char* response) {
   if (Contains(upper, "SETBAUD")) {
     ChangePortBaudrate(owner, upper);
     delayms(100);
-    t_comresponse settle;
-    CMD_WaitForStraggler(owner, &settle, 20, marker);
+    AwaitStraggler(owner, End::Marker(marker), 20);
   }
 
   // A late answer is still returned, but it may belong to an earlier
   // command, so it teaches the cache nothing.
-  if (OutcomeOf(answer, entryTimeout) == WaitOutcome::Answered) {
-    FollowCommand(addressed, owner, upper, answer.data);
-  }
+  if (answer.answered()) FollowCommand(addressed, owner, upper, answer.text);
   if (Contains(upper, "ABLEEOT")) owner->eotFormat.assign(marker);
-  CleanAnswer(answer.data);
+  CleanAnswer(answer.text);
   // The port's last answer, whichever instrument of its chain gave it.
-  if (addressed != owner) owner->lastResponse.Store(answer.data);
-  addressed->lastResponse.StoreAnswer(answer.data, unaskedMark);
-  if (!CopyAnswer(response, answer.data)) {
+  if (addressed != owner) owner->lastResponse.Store(answer.text);
+  addressed->lastResponse.StoreAnswer(answer.text, unaskedMark);
+  if (!CopyAnswer(response, answer.text)) {
     SetError(owner, kAnswerCut);
     return 0;
   }

@@ -12,7 +12,7 @@
 #include "api/common.hpp"
 #include "api/sequence_analysis.hpp"
 #include "api/sequence_lines.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/intensity_scale.hpp"
 #include "device/settings.hpp"
 #include "frame/errors.hpp"
@@ -27,7 +27,7 @@ namespace {
 constexpr const char* kNotSetUp = "Sequece has not been set up.";
 constexpr const char* kNotCaptured = "Sequece Capture has not been done yet.";
 constexpr const char* kFiberOutOfRange = "Fiber out of range";
-constexpr unsigned long kSettingTimeoutMs = 100;
+constexpr TimeoutMs kSettingTimeoutMs = 100;
 
 // Runs `body` on the instrument that holds the open port's line, with the
 // line held for the whole call.
@@ -98,16 +98,15 @@ bool SettingsAccepted(s_CommPort* device, const SequenceSettings& s) {
 }
 
 // One set-up command; its result, with `failure` as the error unless 1.
-int SendSequenceCommand(s_CommPort* device, const std::string& command, unsigned long timeoutMs,
-                        const char* failure, t_comresponse* answer) {
+int SendSequenceCommand(s_CommPort* device, const std::string& command, TimeoutMs timeoutMs,
+                        const char* failure, std::string* answer) {
   const int result = CMD_SendCommand(device, command, timeoutMs, answer);
   if (result != 1) SetError(device, failure);
   return result;
 }
 
 int SendSetting(s_CommPort* device, const std::string& command, const char* failure) {
-  t_comresponse answer;
-  return SendSequenceCommand(device, command, kSettingTimeoutMs, failure, &answer);
+  return SendSequenceCommand(device, command, kSettingTimeoutMs, failure, nullptr);
 }
 
 int SetUpSequence(s_CommPort* device, const SequenceSettings& s, int setMode) {
@@ -136,7 +135,7 @@ int SetUpSequence(s_CommPort* device, const SequenceSettings& s, int setMode) {
 }
 
 // Runs the set-up burst; the instrument's closing answer stays in `answer`.
-int CaptureSequence(s_CommPort* device, int fiber, t_comresponse* answer) {
+int CaptureSequence(s_CommPort* device, int fiber, std::string* answer) {
   CMD_LoadSettings_NumFibers(device);
   if (fiber < 0 || fiber > device->numFibers) {
     SetError(device, "Wrong Fiber number!");
@@ -154,7 +153,7 @@ int CaptureSequence(s_CommPort* device, int fiber, t_comresponse* answer) {
     }
   }
   if (result != 1) return result;
-  result = SendSequenceCommand(device, "CS", static_cast<unsigned long>(device->sequenceTimeout),
+  result = SendSequenceCommand(device, "CS", device->sequenceTimeout,
                                "Error detected while trying to perform a Sequence Capture", answer);
   if (result == 1) device->captureState = 1;
   return result;
@@ -186,31 +185,29 @@ bool RequireColumns(s_CommPort* device, Columns columns) {
 }
 
 // Room for every line at the line's speed, twice over.
-long ReadoutTimeoutMs(const s_CommPort* device, int charsPerLine, int samples) {
-  const long lineMs = static_cast<long>(std::ceil(charsPerLine * device->charTimeMs));
+TimeoutMs ReadoutTimeoutMs(const s_CommPort* device, int charsPerLine, int samples) {
+  const auto lineMs = static_cast<TimeoutMs>(std::ceil(charsPerLine * device->charTimeMs));
   return lineMs * samples * 2 + 20;
 }
 
 int DownloadSequence(s_CommPort* device, int fiber, const Readout& readout, Columns columns) {
   if (!RequireFiber(device, fiber) || !RequireSetUp(device) || !RequireCaptured(device)) return -1;
   const int samples = device->sequenceSamples;
-  const long timeout = ReadoutTimeoutMs(device, readout.charsPerLine, samples);
-  if (CMD_Write(device, StringPrintf("%s%02d", readout.command, fiber)) != 1) {
+  const TimeoutMs timeout = ReadoutTimeoutMs(device, readout.charsPerLine, samples);
+  // Without 0x04 the readout has no end of its own: one line per sample.
+  const std::string_view marker = device->eotFormat.view();
+  const End end = Contains(marker, "\x04") ? End::Marker(marker) : End::Lines(samples, marker);
+  const Reply answer =
+      Exchange(device, StringPrintf("%s%02d", readout.command, fiber), end.Trimmed(), timeout);
+  if (answer.outcome == Outcome::NotSent) {
     SetError(device, "Unable to send command");
     return -1;
   }
-  t_comresponse answer;
-  const std::string_view marker = device->eotFormat.view();
-  if (Contains(marker, "\x04")) {
-    CMD_Wait(device, &answer, timeout, marker, true);
-  } else {
-    CMD_Wait(device, &answer, timeout, marker, true, true, samples);
-  }
-  if (OutcomeOf(answer, timeout) != WaitOutcome::Answered) {
+  if (!answer.answered()) {
     SetError(device, "Unexpected error detected while trying to retrieve the test results");
     return 0;
   }
-  StoreSamples(answer.data, samples, std::span(columns.begin(), columns.end()));
+  StoreSamples(answer.text, samples, std::span(columns.begin(), columns.end()));
   return 1;
 }
 
@@ -228,7 +225,7 @@ int ReadSequence(const char* devPath, int fiber, const Readout& readout, Columns
 IntensityScale ScaleOf(s_CommPort* device) {
   CMD_LoadSettings_IntensityMode(device);
   IntensityScale scale;
-  scale.logarithmic = device->fiberSettingsCur->intensityMode == 1;
+  scale.logarithmic = device->fiberSettingsCur->intensityMode == IntensityMode::Logarithmic;
   scale.toLinear = [device](int v) { return AnalyserIntensityLogToLin(device, v, 0, 0); };
   scale.toLogarithmic = [device](int v) { return AnalyserIntensityLinToLog(device, v, 0, 0); };
   return scale;
@@ -355,13 +352,13 @@ int FindTestSettings(s_CommPort* device, int fiber, float minHz, float maxHz,
                                   trial.sampleCount};
   // The PUT form: a trial leaves the instrument's stored set-up alone.
   int result = SetUpSequence(device, settings, 0);
-  t_comresponse answer;
+  std::string answer;
   if (result == 1) result = CaptureSequence(device, fiber, &answer);
   std::vector<int> samples(static_cast<std::size_t>(trial.sampleCount));
   if (result == 1) result = DownloadSequence(device, fiber, kIntensity, {samples.data()});
   if (result != 1) return result;
 
-  if (Contains(strtoupper(answer.data), "UNDERRANGE") || SawNoLight(samples)) {
+  if (Contains(strtoupper(answer), "UNDERRANGE") || SawNoLight(samples)) {
     SetError(device, StringPrintf("The light on fiber %d is under range: nothing to measure",
                                   fiber));
     return 0;
@@ -400,8 +397,7 @@ int ZeltoCom_Sequence_Setup(const char* devPath, unsigned StartDelay, unsigned C
 
 int ZeltoCom_Sequence_Capture(const char* devPath, int fiber) {
   return OnSequencePort(devPath, [&](s_CommPort* device) {
-    t_comresponse answer;
-    return CaptureSequence(device, fiber, &answer);
+    return CaptureSequence(device, fiber, nullptr);
   });
 }
 

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "api/common.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/identify.hpp"
 #include "device/settings.hpp"
 #include "device/trigger_report.hpp"
@@ -15,7 +15,7 @@
 #include "frame/listener.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "serial/driver.hpp"
+#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -25,8 +25,8 @@ namespace {
 constexpr const char* kNotInUse = "The port is not in use";
 constexpr const char* kUnavailable =
     "External Trigger does not seem to be available in your device";
-constexpr unsigned long kSetupTimeoutMs = 300;
-constexpr unsigned long kQueryTimeoutMs = 150;
+constexpr TimeoutMs kSetupTimeoutMs = 300;
+constexpr TimeoutMs kQueryTimeoutMs = 150;
 
 constexpr std::array<std::string_view, 7> kOutputTypes = {"NONE", "HSI",    "XYI", "RGBI",
                                                           "CCTI", "ABSINT", "WSI"};
@@ -42,14 +42,9 @@ std::optional<HeldPort> HoldPort(Call& call, const char* devicePath) {
 }
 
 // One exchange; true when the instrument took the command.
-bool Accepted(s_CommPort* device, const std::string& command, unsigned long timeoutMs,
-              t_comresponse* answer) {
+bool Accepted(s_CommPort* device, const std::string& command, TimeoutMs timeoutMs,
+              std::string* answer = nullptr) {
   return CMD_SendCommand(device, command, timeoutMs, answer) == 1;
-}
-
-bool Accepted(s_CommPort* device, const std::string& command, unsigned long timeoutMs) {
-  t_comresponse answer;
-  return Accepted(device, command, timeoutMs, &answer);
 }
 
 int Fail(s_CommPort* port, const char* text, int result) {
@@ -123,9 +118,9 @@ void ChooseMessageEnd(s_CommPort* device, TriggerListener& trigger) {
   trigger.dataExpected = false;
   trigger.lineCount = 0;
   if (Contains(eot, "\x04")) return;
-  t_comresponse output;
+  std::string output;
   if (!Accepted(device, "GETEXTERNALOUTPUT", kQueryTimeoutMs, &output) ||
-      Contains(strtoupper(output.data), "NONE")) {
+      Contains(strtoupper(output), "NONE")) {
     return;
   }
   CMD_LoadSettings_NumFibers(device);
@@ -136,11 +131,11 @@ void ChooseMessageEnd(s_CommPort* device, TriggerListener& trigger) {
 
 int Listen(const HeldPort& port) {
   s_CommPort* device = port.owner();
-  t_comresponse capture;
+  std::string capture;
   if (!Accepted(device, "GETEXTERNALCAPTURE", kQueryTimeoutMs, &capture)) {
     return Fail(port.get(), kUnavailable, -1);
   }
-  if (capture.data == "00") return Fail(port.get(), "External Trigger is not enabled", 0);
+  if (capture == "00") return Fail(port.get(), "External Trigger is not enabled", 0);
 
   TriggerListener& trigger = port->trigger;
   ChooseMessageEnd(device, trigger);
@@ -155,18 +150,19 @@ int Listen(const HeldPort& port) {
 // call that takes its line, join this thread first.
 int AwaitTrigger(s_CommPort* port) {
   TriggerListener& trigger = port->trigger;
-  t_comresponse message;
-  const bool ended =
-      RS232WaitForExternalCapture(port->fd(), trigger.wakeFd(), &message, trigger.triggerAbort,
-                                  trigger.terminator, trigger.dataExpected, trigger.lineCount);
+  const End end = trigger.dataExpected ? End::Lines(trigger.lineCount, trigger.terminator)
+                                       : End::Marker(trigger.terminator);
+  Reply message;
+  const bool ended = AwaitTriggerMessage(*port->line, port->serialNumber.view(), trigger.wakeFd(),
+                                         trigger.triggerAbort, end, &message);
   // The instrument's last bytes may still be on their way.
   PauseMs(16);
   if (trigger.triggerAbort.exchange(false)) return TRIGGER_ABORTED;
   if (!ended && !message.syntaxError) {
-    SetError(port, message.data);
+    SetError(port, message.text);
     return TRIGGER_FAILED;
   }
-  port->lastResponse.Store(message.data);
+  port->lastResponse.Store(message.text);
   return ended ? TRIGGER_FINISHED : TRIGGER_FAILED;
 }
 
@@ -212,7 +208,7 @@ int ZeltoCom_ExternalTrigger_Abort(const char* devicePath) {
     // Taking the line ends the listener.
     const std::optional<HeldPort> port = HoldPort(call, devicePath);
     if (!port) return -1;
-    if ((*port)->trigger.triggerState != TRIGGER_IDLE) PurgePort(*(*port)->line);
+    if ((*port)->trigger.triggerState != TRIGGER_IDLE) DiscardInput(*(*port)->line);
     return 1;
   });
 }
@@ -231,8 +227,7 @@ int ZeltoCom_ExternalTrigger_isFinished(const char* devicePath) {
       case TRIGGER_FINISHED: {
         const std::optional<HeldPort> port = HoldPort(call, std::move(found));
         if (!port) return -1;
-        PurgePort(*(*port)->line);
-        DoEvents();
+        DiscardInput(*(*port)->line);
         return 1;
       }
       default: return 0;

@@ -10,7 +10,7 @@
 
 #include "api/capture.hpp"
 #include "api/common.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/identify.hpp"
 #include "device/intensity_scale.hpp"
 #include "device/settings.hpp"
@@ -43,15 +43,6 @@ int OnFiber(const char* devPath, int fiber, Body body) {
     }
     return body(*port, device);
   });
-}
-
-// A command of this family: 1 answered, 0 late or refused, -1 not written.
-int Exchange(s_CommPort* device, const std::string& command, unsigned long timeoutMs,
-             std::string* answer = nullptr) {
-  t_comresponse response;
-  const int result = CMD_SendCommand(device, command, timeoutMs, &response);
-  if (answer != nullptr) *answer = std::move(response.data);
-  return result;
 }
 
 int Refused(s_CommPort* device, const std::string& text) {
@@ -118,14 +109,14 @@ std::map<int, RawRgb>* TableOf(char colour) {
 // Only a command that gave 0 has failed in the RGB adjustment.
 int TakeRgbValues(s_CommPort* device, int fiber, char colour) {
   std::string intensity;
-  if (Exchange(device, StringPrintf("GETINTENSITY%02d", fiber), 500, &intensity) == 0) {
+  if (CMD_SendCommand(device, StringPrintf("GETINTENSITY%02d", fiber), 500, &intensity) == 0) {
     return Refused(device, kStepFailures[0]);
   }
   const std::optional<unsigned> level = SingleReading<unsigned>(intensity);
   if (!level) return Refused(device, "Wrong intensity reading");
   if (*level == 0) return Refused(device, "Under-range detected");
   std::string raw;
-  if (Exchange(device, StringPrintf("GETRGBEXT%02d", fiber), 500, &raw) == 0) {
+  if (CMD_SendCommand(device, StringPrintf("GETRGBEXT%02d", fiber), 500, &raw) == 0) {
     return Refused(device, kStepFailures[1]);
   }
   std::map<int, RawRgb>* table = TableOf(colour);
@@ -164,7 +155,7 @@ std::array<RawRgb, 3> RecordedValues(int fiber) {
 bool SentInOrder(s_CommPort* device, const std::array<std::string, 3>& commands,
                  unsigned long timeoutMs) {
   for (std::size_t i = 0; i < commands.size(); ++i) {
-    if (Exchange(device, commands[i], timeoutMs) == 0) {
+    if (CMD_SendCommand(device, commands[i], timeoutMs) == 0) {
       SetError(device, kStepFailures[i]);
       return false;
     }
@@ -193,15 +184,15 @@ int AdjustRgb(s_CommPort* device, int fiber, const std::array<TrueValues, 3>& tr
         StringPrintf("LEARN%sint%02d", name, fiber) + FormatExponential(truth[i].intensity)};
     if (!SentInOrder(device, learns, 10000)) return 0;
   }
-  if (Exchange(device, StringPrintf("SETRGBM%02d", fiber), 5000) == 0) {
+  if (CMD_SendCommand(device, StringPrintf("SETRGBM%02d", fiber), 5000) == 0) {
     return Refused(device, "Syntax error or timeout detected while calculating RGB matrix");
   }
   return 1;
 }
 
 int ResetRgb(s_CommPort* device, int fiber) {
-  if (Exchange(device, StringPrintf("RESETCALMODE%02d", fiber), 1200) == 0) return 0;
-  if (Exchange(device, StringPrintf("RESETRGBM%02d", fiber), 3000) == 0) return 0;
+  if (CMD_SendCommand(device, StringPrintf("RESETCALMODE%02d", fiber), 1200) == 0) return 0;
+  if (CMD_SendCommand(device, StringPrintf("RESETRGBM%02d", fiber), 3000) == 0) return 0;
   if (CMD_Set_AbsoluteIntensityFactor(device, fiber, 1.0, 1) != 1) {
     return Refused(device, "Unable to set Absolute Intensity factor");
   }
@@ -211,7 +202,7 @@ int ResetRgb(s_CommPort* device, int fiber) {
 // ---- Offsets, gain and factor ----
 
 constexpr int kSetForm = 1;  // stored in the instrument, not only in use
-constexpr unsigned long kReadingMs = 500;
+constexpr TimeoutMs kReadingMs = 500;
 
 constexpr const char* kXyOffsets = "xy offsets";
 constexpr const char* kWavelengthOffset = "Wavelength offset";
@@ -289,7 +280,7 @@ int Measure(const HeldPort& port, s_CommPort* device, const std::string& reading
     SetError(device, "Capture failed: " + GetPortErrorText(*device));
     return captured;
   }
-  if (Exchange(device, reading, kReadingMs, answer) != 1) return UnableTo(device, "read", what);
+  if (CMD_SendCommand(device, reading, kReadingMs, answer) != 1) return UnableTo(device, "read", what);
   return 1;
 }
 

@@ -1,8 +1,9 @@
 #include "device/identify.hpp"
 
 #include <cmath>
+#include <limits>
 
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
 
@@ -10,8 +11,8 @@ namespace zeltocom {
 
 namespace {
 
-long IdentifyTimeoutMs(const s_CommPort* port) {
-  return static_cast<long>(10 * port->charTimeMs) + 20;
+TimeoutMs IdentifyTimeoutMs(const s_CommPort* port) {
+  return static_cast<TimeoutMs>(10 * port->charTimeMs) + 20;
 }
 
 // One model code: "Zelto <n>-<suffix>", the number zero-padded to two
@@ -35,16 +36,16 @@ constexpr ModelCode kModelCodes[] = {
 }  // namespace
 
 int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text) {
-  t_comresponse response;
-  const int result = CMD_SendCommand(port, "GETHW", IdentifyTimeoutMs(port), &response);
-  if (result == 1) text = response.data;
+  std::string answer;
+  const int result = CMD_SendCommand(port, "GETHW", IdentifyTimeoutMs(port), &answer);
+  if (result == 1) text = answer;
   return result;
 }
 
 int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text) {
-  t_comresponse response;
-  const int result = CMD_SendCommand(port, "GETVERSION", IdentifyTimeoutMs(port), &response);
-  if (result == 1) text = response.data;
+  std::string answer;
+  const int result = CMD_SendCommand(port, "GETVERSION", IdentifyTimeoutMs(port), &answer);
+  if (result == 1) text = answer;
   return result;
 }
 
@@ -54,11 +55,9 @@ void CMD_GetFirmwareVersion(s_CommPort* port) {
 }
 
 void CMD_GetID(s_CommPort* port) {
-  t_comresponse response;
-  const long timeout = 2 * static_cast<long>(10 * port->charTimeMs) + 20;
-  if (CMD_SendCommand(port, "ID", timeout, &response) == 1) {
-    port->deviceIdText.assign(response.data);
-  }
+  std::string answer;
+  const TimeoutMs timeout = 2 * static_cast<TimeoutMs>(10 * port->charTimeMs) + 20;
+  if (CMD_SendCommand(port, "ID", timeout, &answer) == 1) port->deviceIdText.assign(answer);
 }
 
 int CMD_GetDeviceType(std::string_view descriptor) {
@@ -120,8 +119,8 @@ bool HasOldBusFirmware(const s_CommPort* port) {
          (text[0] == 'S' && port->firmwareNumber < 201);
 }
 
-uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
-                               int averages) {
+TimeoutMs CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
+                                int averages) {
   const bool slowFamily = deviceType == DEVTYPE_LOWLIGHT || deviceType == DEVTYPE_CLR;
   double base = 1250;
   if (deviceType == DEVTYPE_DISPLAY) base = 6500;
@@ -140,8 +139,10 @@ uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames
 
   if (t < 150) return 150;
   if (slowFamily && t < 300) return 300;
-  if (t >= 1.8e19) return UINT64_MAX;
-  return static_cast<uint64_t>(std::ceil(t));
+  // Far beyond any capture, and room left for the margins callers add.
+  constexpr TimeoutMs kLongest = std::numeric_limits<TimeoutMs>::max() / 2;
+  if (t >= static_cast<double>(kLongest)) return kLongest;
+  return static_cast<TimeoutMs>(std::ceil(t));
 }
 
 }  // namespace zeltocom

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "frame/clock.hpp"
+
 namespace zeltocom {
 
 struct s_CommPort;
@@ -46,7 +48,7 @@ int CMD_LoadSettings_FirmwareVersion(s_CommPort* port);
 bool HasOldBusFirmware(const s_CommPort* port);
 
 // How long a capture of this kind may take, in ms.
-uint64_t CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
-                               int averages);
+TimeoutMs CMD_GetCaptureTimeout(int deviceType, int pwm, int range, int pwmFrames, int exposure,
+                                int averages);
 
 }  // namespace zeltocom

@@ -59,7 +59,7 @@ int AnalyserIntensityLogToLin(s_CommPort* port, int value, int isPWM, int captur
   result = CMD_LoadSettings_FirmwareVersion(port);
   if (result != 1) return result;
   if (port->deviceIdText.empty()) CMD_GetID(port);
-  if (port->fiberSettingsCur->intensityMode == 0) return value;
+  if (port->fiberSettingsCur->intensityMode == IntensityMode::Linear) return value;
 
   const double v = value;
   const double x1 = (v + 285) / 25167;

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "device/identify.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
@@ -16,9 +16,9 @@ namespace zeltocom {
 
 namespace {
 
-constexpr unsigned long kReadMs = 300;
-constexpr unsigned long kOffsetWriteMs = 500;
-constexpr unsigned long kWriteMs = 300;
+constexpr TimeoutMs kReadMs = 300;
+constexpr TimeoutMs kOffsetWriteMs = 500;
+constexpr TimeoutMs kWriteMs = 300;
 
 std::string FiberText(const s_CommPort* port, int fiber) {
   return StringPrintf(port->deviceType == DEVTYPE_NODE ? "%03d" : "%02d", fiber);
@@ -29,10 +29,10 @@ std::string Form(bool set) { return set ? "SET" : "PUT"; }
 
 // The answer, when it came in time and was no refusal.
 std::optional<std::string> Ask(s_CommPort* port, const std::string& command,
-                               unsigned long timeoutMs) {
-  t_comresponse response;
-  if (CMD_SendCommand(port, command, timeoutMs, &response) != 1) return std::nullopt;
-  return std::move(response.data);
+                               TimeoutMs timeoutMs) {
+  std::string answer;
+  if (CMD_SendCommand(port, command, timeoutMs, &answer) != 1) return std::nullopt;
+  return answer;
 }
 
 // A getter's exchange: the answer's one number into `output`.
@@ -49,14 +49,13 @@ int ReadNumber(s_CommPort* port, const std::string& command, Number* output) {
 // Always signed: "+0.000", "-0.250".
 std::string OffsetText(float value) { return WithDecimalPoint(StringPrintf("%+0.3f", value)); }
 
-bool Written(s_CommPort* port, const std::string& command, unsigned long timeoutMs) {
+bool Written(s_CommPort* port, const std::string& command, TimeoutMs timeoutMs) {
   return Ask(port, command, timeoutMs).has_value();
 }
 
 // Only an exchange that gave 0 counts as failed here.
 int SentAtLeast(s_CommPort* port, const std::string& command) {
-  t_comresponse response;
-  return CMD_SendCommand(port, command, kWriteMs, &response) != 0 ? 1 : 0;
+  return CMD_SendCommand(port, command, kWriteMs) != 0 ? 1 : 0;
 }
 
 }  // namespace

@@ -1,6 +1,11 @@
 #pragma once
 
+#include <cstdint>
+
 namespace zeltocom {
+
+// Every time-out of the library, in milliseconds.
+using TimeoutMs = std::int64_t;
 
 // How the library waits for instruments. Blocking (the default): a waiting
 // thread sleeps in poll() and every time-out counts monotonic wall-clock
@@ -36,8 +41,5 @@ void delayms(int ms);
 // lives in wall-clock time, and a busy pause would cost one processor per
 // port and stretch with the number of ports that pause at once.
 void PauseMs(int ms);
-
-// Nothing to pump on this platform; kept so that waiting loops read alike.
-inline void DoEvents() {}
 
 }  // namespace zeltocom

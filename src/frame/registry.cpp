@@ -76,7 +76,6 @@ void s_CommPort::SelectAdjustmentSet(int set) {
 
 void s_CommPort::SetBusOwner(s_CommPort* owner) {
   busOwner = owner;
-  busState = owner == this ? 1 : 0;
   // Whoever the removed instrument was, it let go.
   if (owner == this) removedHolder.clear();
 }
@@ -164,7 +163,6 @@ bool PortsList_Del(s_CommPorts* list, const s_CommPort* port) {
   if (master != nullptr && master->busOwner == removed.get()) {
     // The instrument still holds the line; only the record goes.
     master->busOwner = master;
-    master->busState = 1;
     master->removedHolder.assign(removed->serialNumber.view());
   }
   return true;
@@ -203,10 +201,6 @@ void IDtoPortList_Clear() {
 
 std::optional<s_IDPort> IDtoPortList_GetPortByDeviceID(std::string_view deviceID) {
   return FindRow([&](const s_IDPort& row) { return row.deviceID == deviceID; });
-}
-
-std::optional<s_IDPort> IDtoPortList_GetByDevPath(std::string_view devicePath) {
-  return FindRow([&](const s_IDPort& row) { return row.devicePath == devicePath && !row.chained; });
 }
 
 std::vector<s_IDPort> IDtoPortList_All() {

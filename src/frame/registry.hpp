@@ -16,12 +16,15 @@
 
 namespace zeltocom {
 
+// The scale an instrument reports intensities in.
+enum class IntensityMode { Unknown = -1, Linear = 0, Logarithmic = 1 };
+
 // Settings of one adjustment set as last read from or written to the
 // instrument; -1 means not yet asked.
 struct FiberSettings {
   int factor = -1;
   int averages = -1;
-  int intensityMode = -1;  // 1 logarithmic, 0 linear
+  IntensityMode intensityMode = IntensityMode::Unknown;
   int pwm = -1;
   float customTime = -1.0f;
 };
@@ -30,6 +33,9 @@ constexpr int kAdjustmentSets = 99;
 
 // The longest device path a port record holds.
 constexpr std::size_t kMaxPathLength = 253;
+
+// The longest serial number an instrument reports.
+constexpr std::size_t kMaxSerialLength = 14;
 
 // The last answer of a port, as ZeltoCom_GetResponseByPort hands it out, or
 // the last message its instrument sent unasked. Under a lock of its own, so
@@ -112,7 +118,6 @@ struct s_CommPort {
   s_CommPorts chain;
   s_CommPort* parent = nullptr;
   s_CommPort* busOwner = nullptr;  // who holds this master's line now
-  int busState = 1;                // 1: the master holds its line
   // Of a master: the serial number of a chained instrument that was removed
   // while it held the line. It holds it still, so the line is freed before
   // the master's next exchange; empty when nothing is owed.
@@ -184,7 +189,6 @@ struct s_IDPort {
 void IDtoPortList_Add(const s_IDPort& row);
 void IDtoPortList_Clear();
 std::optional<s_IDPort> IDtoPortList_GetPortByDeviceID(std::string_view deviceID);
-std::optional<s_IDPort> IDtoPortList_GetByDevPath(std::string_view devicePath);
 // A copy of the whole table, in order.
 std::vector<s_IDPort> IDtoPortList_All();
 

@@ -2,9 +2,20 @@
 
 #include <atomic>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 
 namespace zeltocom {
+
+// A line that cannot carry an exchange any more: unplugged, sending without
+// pause, answering without end, closed by another thread, or out of step
+// for good. Thrown by the driver and the exchange; the call that was using
+// the line fails with its text.
+struct LineError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+inline constexpr const char* kClosedDuringExchange = "The port was closed during the exchange";
 
 // One serial line as the library drives it: its descriptor and what the
 // library knows about the bytes on it. Shared by a master's record and the
@@ -21,6 +32,7 @@ class SerialLine {
   SerialLine& operator=(const SerialLine&) = delete;
 
   int fd = -1;  // -1 once closed
+  std::string path;  // as the line was opened; for the trace
   // A wait ended before the answer it waited for: that answer may still
   // come, so the next command must first bring the line back in step.
   bool outOfStep = false;

@@ -87,6 +87,12 @@ int strcountchar(std::string_view text, char c) {
   return n;
 }
 
+void TrimAnswerEnd(std::string& text) {
+  while (!text.empty() && (text.back() == '\x04' || text.back() == '\n' || text.back() == '\r')) {
+    text.pop_back();
+  }
+}
+
 bool Contains(std::string_view text, std::string_view what) {
   return text.find(what) != std::string_view::npos;
 }
@@ -184,15 +190,6 @@ void FormatDecimal(std::string& text) {
 double RoundToDecimals(double value, int decimals) {
   const double f = std::pow(10.0, decimals);
   return std::floor(value * f + 0.5) / f;
-}
-
-std::string GetDateString() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char buf[50];
-  const std::size_t n = std::strftime(buf, sizeof buf, "%d %B %Y", &local);
-  return std::string(buf, n);
 }
 
 template <typename Number>

@@ -19,6 +19,9 @@ std::string strtoupper(std::string_view text);
 std::string strtolower(std::string_view text);
 int strcountchar(std::string_view text, char c);
 bool Contains(std::string_view text, std::string_view what);
+
+// Drops an answer's trailing 0x04, LF and CR.
+void TrimAnswerEnd(std::string& text);
 // The pieces between separators; empty pieces are dropped.
 std::vector<std::string> SplitNonEmpty(std::string_view text, char separator);
 
@@ -33,7 +36,6 @@ std::string GetParameter(std::string& line, int side);
 // Turns the decimal separators of a reply into the one the C locale reads.
 void FormatDecimal(std::string& text);
 double RoundToDecimals(double value, int decimals);
-std::string GetDateString();
 
 // The lines of a text without their line breaks (LF or CR LF); empty lines
 // are dropped.

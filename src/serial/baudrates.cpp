@@ -85,9 +85,9 @@ void ForgetBaudrates() {
 int ChangePortBaudrate(s_CommPort* port, std::string_view text) {
   port->baudrate = static_cast<int>(ParseLong(text));
   int& fd = port->line->fd;
-  if (RS232ChangeBaudrate1(fd, port->baudrate) == 0) return 0;
-  if (RS232ChangeBaudrate2(fd, port->baudrate) == 0) return 0;
-  if (RS232ChangeBaudrate3(fd) == 0) return 0;
+  if (SetRateByCustomDivisor(fd, port->baudrate) == 0) return 0;
+  if (SetArbitraryRate(fd, port->baudrate) == 0) return 0;
+  if (SetFallbackRate57600(fd) == 0) return 0;
   return -1;
 }
 

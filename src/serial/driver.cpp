@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "frame/clock.hpp"
+#include "frame/utils.hpp"
 #include "serial/baudrates.hpp"
 #include "serial/line_flags.hpp"
 #include "serial/termios2.hpp"
@@ -85,7 +86,7 @@ Way ConfigureStandardSpeed(int fd, int baud) {
 
 Way ConfigureCustomDivisor(int& fd, int baud) {
   termios t{};
-  if (RS232ChangeBaudrate1(fd, baud) != 0 || tcgetattr(fd, &t) != 0) return Way::Unavailable;
+  if (SetRateByCustomDivisor(fd, baud) != 0 || tcgetattr(fd, &t) != 0) return Way::Unavailable;
   SetInstrumentLineFlags(t, true);
   t.c_cc[VTIME] = 5;
   t.c_cc[VMIN] = 0;
@@ -98,7 +99,7 @@ Way ConfigureCustomDivisor(int& fd, int baud) {
 }
 
 Way ConfigureArbitraryRate(int& fd, int baud) {
-  if (RS232ChangeBaudrate2(fd, baud) != 0) return Way::Unavailable;
+  if (SetArbitraryRate(fd, baud) != 0) return Way::Unavailable;
   const int result = ApplyRawArbitraryRate(fd);
   if (result < 0) return Way::Unavailable;
   return result == 0 ? Way::Failed : Way::Applied;
@@ -106,7 +107,7 @@ Way ConfigureArbitraryRate(int& fd, int baud) {
 
 Way ConfigureFallback(int& fd) {
   termios t{};
-  if (RS232ChangeBaudrate3(fd) != 0 || tcgetattr(fd, &t) != 0) return Way::Failed;
+  if (SetFallbackRate57600(fd) != 0 || tcgetattr(fd, &t) != 0) return Way::Failed;
   SetInstrumentLineFlags(t, true);
   t.c_cc[VTIME] = 0;
   t.c_cc[VMIN] = 0;
@@ -285,7 +286,7 @@ int WaitSliceMs(double untilMs, double nowMs) {
 
 // What a wait is for.
 struct WaitPlan {
-  long timeoutMs;
+  TimeoutMs timeoutMs;
   std::string_view marker;
   bool multiLine;
   int lineCount;
@@ -305,7 +306,7 @@ std::size_t AnswerEnd(const AnswerScanner& scan, const std::string& text, const 
   return AnswerScanner::kNone;
 }
 
-int Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bool trim) {
+void Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bool trim) {
   const std::string_view marker = plan.marker.empty() ? std::string_view("\r\n") : plan.marker;
   AnswerScanner scan(marker, plan.multiLine ? plan.lineCount : 0);
   std::string& text = response->data;
@@ -386,12 +387,12 @@ int Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, boo
   }
   if (trim && !text.empty()) TrimAnswerEnd(text);
   response->elapsedMs = static_cast<int64_t>(elapsed);
-  return 1;
 }
 
 }  // namespace
 
 int RS232OpenPort(SerialLine& line, const std::string& path, int baud) {
+  line.path = path;
   line.fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (line.fd < 0) {
     const bool busy = errno == EBUSY;
@@ -413,7 +414,7 @@ int RS232OpenPort(SerialLine& line, const std::string& path, int baud) {
   return CloseAndFail(line);
 }
 
-int RS232ChangeBaudrate3(int& fd) {
+int SetFallbackRate57600(int& fd) {
   termios t{};
   if (tcgetattr(fd, &t) != 0) return -1;
   cfsetispeed(&t, B57600);
@@ -460,20 +461,14 @@ int RS232SendCommand(SerialLine& line, std::string_view command) {
   return 1;
 }
 
-void TrimAnswerEnd(std::string& text) {
-  while (!text.empty() && (text.back() == '\x04' || text.back() == '\n' || text.back() == '\r')) {
-    text.pop_back();
-  }
+void RS232WaitForData(SerialLine& line, t_comresponse* response, TimeoutMs timeoutMs,
+                      std::string_view marker, bool trim, bool multiLine, int lineCount) {
+  Collect(line, response, WaitPlan{timeoutMs, marker, multiLine, lineCount, true}, trim);
 }
 
-int RS232WaitForData(SerialLine& line, t_comresponse* response, long timeoutMs,
-                     std::string_view marker, bool trim, bool multiLine, int lineCount) {
-  return Collect(line, response, WaitPlan{timeoutMs, marker, multiLine, lineCount, true}, trim);
-}
-
-int RS232WaitForStraggler(SerialLine& line, t_comresponse* response, long timeoutMs,
-                          std::string_view marker) {
-  return Collect(line, response, WaitPlan{timeoutMs, marker, false, 0, false}, false);
+void RS232WaitForStraggler(SerialLine& line, t_comresponse* response, TimeoutMs timeoutMs,
+                           std::string_view marker) {
+  Collect(line, response, WaitPlan{timeoutMs, marker, false, 0, false}, false);
 }
 
 namespace {

@@ -6,26 +6,17 @@
 #include <string>
 #include <string_view>
 
+#include "frame/clock.hpp"
 #include "frame/serial_line.hpp"
 
 namespace zeltocom {
 
 // The outcome of one wait for an answer.
 struct t_comresponse {
-  int64_t elapsedMs = 0;  // since the last byte (or the start); >= the time-out means late
+  TimeoutMs elapsedMs = 0;  // since the last byte (or the start); >= the time-out means late
   std::string data;
   bool syntaxError = false;
 };
-
-// A line that cannot carry an exchange any more: unplugged, sending without
-// pause, answering without end, closed by another thread, or out of step
-// for good. Thrown by the driver and the command layer; the call that was
-// using the line fails with its text.
-struct LineError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-inline constexpr const char* kClosedDuringExchange = "The port was closed during the exchange";
 
 // The longest answer a wait takes in; a longer one ends it ("Answer too long").
 inline constexpr std::size_t kMaxAnswerBytes = std::size_t{1} << 20;
@@ -44,9 +35,9 @@ inline constexpr int kPortBusy = -1;
 // failure the descriptor is closed again.
 int RS232OpenPort(SerialLine& line, const std::string& path, int baud);
 // Custom divisor, arbitrary rate (termios2), and the fixed 57600 fallback: 0 or -1.
-int RS232ChangeBaudrate1(int& fd, int baud);
-int RS232ChangeBaudrate2(int& fd, int baud);
-int RS232ChangeBaudrate3(int& fd);
+int SetRateByCustomDivisor(int& fd, int baud);
+int SetArbitraryRate(int& fd, int baud);
+int SetFallbackRate57600(int& fd);
 
 // The device number of the character device at `path` (links followed), or
 // of an open descriptor; 0 when there is none.
@@ -71,16 +62,16 @@ int RS232SendCommand(SerialLine& line, std::string_view command);
 // leaves the line out of step (the answer may still come). However the
 // bytes come, a wait ends after its time-out plus twice the line time of
 // what it received plus a second, and never later than its time-out plus
-// kStreamAllowanceMs. Returns 1; throws LineError when the line is gone or
+// kStreamAllowanceMs. Throws LineError when the line is gone or
 // interrupted, or the answer grows beyond kMaxAnswerBytes.
-int RS232WaitForData(SerialLine& line, t_comresponse* response, long timeoutMs,
-                     std::string_view marker, bool trim, bool multiLine = false,
-                     int lineCount = 0);
+void RS232WaitForData(SerialLine& line, t_comresponse* response, TimeoutMs timeoutMs,
+                      std::string_view marker, bool trim, bool multiLine = false,
+                      int lineCount = 0);
 
 // A wait for bytes that may or may not come (a lone 0x04, the settling of a
 // line): no answer is owed, so running out of time leaves the line in step.
-int RS232WaitForStraggler(SerialLine& line, t_comresponse* response, long timeoutMs,
-                          std::string_view marker);
+void RS232WaitForStraggler(SerialLine& line, t_comresponse* response, TimeoutMs timeoutMs,
+                           std::string_view marker);
 
 // Waits for the message an instrument sends unasked once its trigger input
 // fired: as long as it takes for the first byte, then until `terminator`
@@ -97,11 +88,5 @@ void PurgePort(SerialLine& line);
 int RS232_FlushBuffers(SerialLine& line);
 // Discards both queues, gives up the exclusive access and closes.
 int RS232ClosePort(SerialLine& line);
-// Serial drivers here need no event character; kept for instruments that end
-// their answers with 0x04.
-inline void RS232EnableEventChar(SerialLine&) {}
-
-// Drops trailing 0x04, LF and CR.
-void TrimAnswerEnd(std::string& text);
 
 }  // namespace zeltocom

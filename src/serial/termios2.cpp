@@ -24,7 +24,7 @@ void MakeRaw(struct termios2& t) {
 
 }  // namespace
 
-int RS232ChangeBaudrate1(int& fd, int baud) {
+int SetRateByCustomDivisor(int& fd, int baud) {
   if (baud <= 0) return -1;
   struct serial_struct serial {};
   if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return -1;
@@ -42,7 +42,7 @@ int RS232ChangeBaudrate1(int& fd, int baud) {
   return ioctl(fd, TCSETS2, &t) == 0 ? 0 : -1;
 }
 
-int RS232ChangeBaudrate2(int& fd, int baud) {
+int SetArbitraryRate(int& fd, int baud) {
   struct termios2 t {};
   if (ioctl(fd, TCGETS2, &t) != 0) return -1;
   t.c_cflag = (t.c_cflag & ~(CBAUD | CIBAUD)) | BOTHER;

@@ -4,7 +4,7 @@
 // header clashes with <termios.h>; kept behind plain ints.
 namespace zeltocom {
 
-// Configures the line raw with the rate set by RS232ChangeBaudrate2 left in
+// Configures the line raw with the rate set by SetArbitraryRate left in
 // place: 1 applied, 0 applying failed, -1 the settings could not be read.
 int ApplyRawArbitraryRate(int fd);
 

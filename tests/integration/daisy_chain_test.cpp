@@ -76,7 +76,7 @@ TEST_F(DaisyChainTest, AMasterThatRefusesOrIgnoresBusCommandsCannotLendItsLine) 
   EXPECT_EQ(SendTo("CHAIN01", "GETSERIAL"), "failed: Syntax error or Timeout in BUSGET");
   EXPECT_EQ(PortError(Port()), "Syntax error or Timeout in BUSGET");
   EXPECT_EQ(ChainLength(), 0);
-  EXPECT_EQ(Record(Port())->busState, 1);
+  EXPECT_EQ(Record(Port())->busOwner, Record(Port()).get());
 }
 
 TEST_F(DaisyChainTest, SendsLearnAndReachTheAddressedInstrumentInEitherFraming) {

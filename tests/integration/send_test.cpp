@@ -137,7 +137,7 @@ TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
   EXPECT_EQ(record->fiberSettingsCur->factor, 3);
   EXPECT_EQ(record->fiberSettingsCur->averages, 4);
   ASSERT_EQ(Send(port, "SETLIN"), 1);
-  EXPECT_EQ(record->fiberSettingsCur->intensityMode, 0);
+  EXPECT_EQ(record->fiberSettingsCur->intensityMode, zeltocom::IntensityMode::Linear);
 
   // Another adjustment set starts unknown; the old one keeps its values.
   ASSERT_EQ(Send(port, "SETCALIBRATION05"), 1);
@@ -152,7 +152,7 @@ TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
   ASSERT_EQ(Send(port, "RESETUSERCAL"), 1);
   const zeltocom::FiberSettings& reset = *record->fiberSettingsCur;
   EXPECT_EQ(std::tie(reset.factor, reset.averages, reset.pwm, reset.intensityMode),
-            std::make_tuple(1, 1, 0, 1));
+            std::make_tuple(1, 1, 0, zeltocom::IntensityMode::Logarithmic));
   EXPECT_FLOAT_EQ(reset.customTime, -1.0f);
 }
 

@@ -26,7 +26,7 @@ struct Generation {
 // Every record answers from its cache, so no instrument is needed.
 void Describe(s_CommPort& port, const Generation& g) {
   port.fiberSettingsCur = &port.fiberSettings[0];
-  port.fiberSettingsCur->intensityMode = 1;
+  port.fiberSettingsCur->intensityMode = IntensityMode::Logarithmic;
   SetHardwareDescriptor(&port, g.model);
   port.deviceIdText.assign(g.id);
   port.SetFirmware(g.firmware);
@@ -66,7 +66,7 @@ TEST(IntensityScale, WorkedValueAndLinearMode) {
   EXPECT_EQ(AnalyserIntensityLogToLin(&port, INT_MAX, 0, 0), INT_MAX);
   EXPECT_EQ(AnalyserIntensityLinToLog(&port, INT_MIN, 0, 0), 0);
   // A linear instrument's values are linear already; the way back still converts.
-  port.fiberSettingsCur->intensityMode = 0;
+  port.fiberSettingsCur->intensityMode = IntensityMode::Linear;
   EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20814, 0, 0), 20814);
   EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, 0, 0), 16196);
 }

@@ -67,7 +67,6 @@ TEST(Registry, DeletingAChainedHolderLeavesTheLineToBeFreed) {
   PortRef first = AddPort(&master->chain, "/dev/a", "C1", "", master.get());
   AddPort(&master->chain, "/dev/a", "C2", "", master.get());
   master->busOwner = first.get();
-  master->busState = 0;
   PortsList_DelBySerialNumber(&list, "C1");  // not in this list: nothing happens
   EXPECT_EQ(PortsList_Count(&list), 1);
   PortsList_DelByIndex(&master->chain, 0);

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "api/common.hpp"
-#include "serial/driver.hpp"
+#include "device/lines.hpp"
+#include "frame/registry.hpp"
 
 namespace zeltocom {
 
@@ -63,8 +63,8 @@ template <typename Accept, typename Use>
 Probe ProbeRates(const std::string& path, const std::vector<int>& rates, Accept accept, Use use) {
   for (int baud : rates) {
     ProbedLine line;
-    const int opened = RS232OpenPort(*line.line, path, baud);
-    if (opened == kPortBusy) return Probe::Busy;
+    const int opened = OpenLine(*line.line, path, baud);
+    if (opened == kLineBusy) return Probe::Busy;
     if (opened != 1) continue;
     const std::optional<Identity> identity = Handshake(*line.line, baud);
     if (!identity || !accept(*identity)) continue;

@@ -1,16 +1,17 @@
 // The handshake that tells an instrument on a freshly opened line, shared by
 // opening and by connection checks.
-#include "api/handshake.hpp"
+#include "device/handshake.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 
 #include "device/bus.hpp"
-#include "device/command.hpp"
+#include "device/exchange.hpp"
 #include "frame/clock.hpp"
 #include "frame/utils.hpp"
 #include "serial/baudrates.hpp"
+#include "serial/driver.hpp"
 
 namespace zeltocom {
 
@@ -20,8 +21,8 @@ namespace {
 struct HandshakeTiming {
   double charTimeMs;
   int wakeUpPauseMs;
-  long busFreeTimeoutMs;
-  long serialTimeoutMs;
+  TimeoutMs busFreeTimeoutMs;
+  TimeoutMs serialTimeoutMs;
 };
 
 HandshakeTiming TimingFor(int baud) {
@@ -31,8 +32,8 @@ HandshakeTiming TimingFor(int baud) {
   const bool raised = 11000.0 / baud < 0.15;
   timing.wakeUpPauseMs =
       raised ? 25 : std::max(12, static_cast<int>(std::ceil(30 * t)) + 20);
-  timing.busFreeTimeoutMs = 2 * static_cast<long>(std::ceil(16 * t)) + 20;
-  timing.serialTimeoutMs = (5 * static_cast<long>(std::ceil(7 * t)) + 5) * 4;
+  timing.busFreeTimeoutMs = 2 * static_cast<TimeoutMs>(std::ceil(16 * t)) + 20;
+  timing.serialTimeoutMs = (5 * static_cast<TimeoutMs>(std::ceil(7 * t)) + 5) * 4;
   return timing;
 }
 
@@ -69,24 +70,23 @@ PathClaim::~PathClaim() {
 // echoes it is a loop-back, not an instrument.
 std::optional<Identity> Handshake(SerialLine& line, int baud) {
   const HandshakeTiming timing = TimingFor(baud);
-  RS232SendCommand(line, "\r\n\r\n");
+  SendOnLine(line, {}, "\r\n\r\n");
   PauseMs(timing.wakeUpPauseMs);
 
-  RS232SendCommand(line, "BUSFREE");
-  t_comresponse reply;
-  RS232WaitForData(line, &reply, timing.busFreeTimeoutMs, "\r\n", false);
-  if (!reply.syntaxError && (reply.data.empty() || Contains(reply.data, "BUSFREE"))) {
+  SendOnLine(line, {}, "BUSFREE");
+  const Reply freed = AwaitOnLine(line, {}, End::Marker("\r\n"), timing.busFreeTimeoutMs);
+  if (!freed.syntaxError && (freed.text.empty() || Contains(freed.text, "BUSFREE"))) {
     return std::nullopt;
   }
 
   Identity identity;
-  identity.eotFormat = GetEOTformat(line, timing.charTimeMs, reply.data);
-  if (Contains(identity.eotFormat, "\x04")) RS232EnableEventChar(line);
+  identity.eotFormat = GetEOTformat(line, timing.charTimeMs, freed.text);
 
-  if (RS232SendCommand(line, "GETSERIAL") != 1) return std::nullopt;
-  RS232WaitForData(line, &reply, timing.serialTimeoutMs, identity.eotFormat, true);
-  if (OutcomeOf(reply, timing.serialTimeoutMs) != WaitOutcome::Answered) return std::nullopt;
-  identity.serialNumber = reply.data.substr(0, kMaxSerialLength);
+  if (!SendOnLine(line, {}, "GETSERIAL")) return std::nullopt;
+  const Reply serial =
+      AwaitOnLine(line, {}, End::Marker(identity.eotFormat).Trimmed(), timing.serialTimeoutMs);
+  if (!serial.answered()) return std::nullopt;
+  identity.serialNumber = serial.text.substr(0, kMaxSerialLength);
   return identity;
 }
 
