@@ -9,10 +9,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -384,6 +386,45 @@ TEST(ToolInstruments, SendPrintsAnswersAndStopsAtAFailure) {
   const Outcome shell = Tool({"shell", port.path()}, ports, "GETSERIAL\n\nquit\nGETHW\n");
   EXPECT_EQ(shell.status, 0) << shell.err;
   EXPECT_EQ(shell.out, "ZT000001\n");
+}
+
+TEST(ToolInstruments, TraceShowsTheCommandsOfOneRunWhereAsked) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const std::string file = ::testing::TempDir() + "tool_trace.txt";
+  std::remove(file.c_str());
+  const auto read = [](const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const std::string exchange = "GETNFIB";  // sent by this run alone, not by the open
+
+  const Outcome toFile = Tool({"--trace", file, "send", port.path(), exchange}, ports);
+  EXPECT_EQ(toFile.status, 0) << toFile.err;
+  EXPECT_EQ(toFile.out, "2\n");
+  EXPECT_EQ(toFile.err, "");
+  EXPECT_NE(read(file).find(exchange), std::string::npos) << read(file);
+  EXPECT_NE(read(file).find(port.path()), std::string::npos) << read(file);
+
+  const std::vector<std::vector<std::string>> toStderr = {
+      {"--trace", "send", port.path(), exchange},
+      {"--trace=stderr", "send", port.path(), exchange}};
+  for (const std::vector<std::string>& args : toStderr) {
+    const Outcome run = Tool(args, ports);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "2\n") << args[0];
+    EXPECT_NE(run.err.find(exchange), std::string::npos) << args[0] << ":\n" << run.err;
+  }
+  EXPECT_EQ(Tool({"send", port.path(), exchange}, ports).err, "");
+
+  const std::string nowhere = ::testing::TempDir() + "no-such-directory/trace.txt";
+  const Outcome unwritable = Tool({"--trace", nowhere, "send", port.path(), exchange}, ports);
+  EXPECT_EQ(unwritable.status, 2);
+  EXPECT_NE(unwritable.err.find(nowhere), std::string::npos) << unwritable.err;
+  EXPECT_EQ(unwritable.out, "");
+  const Outcome late = Tool({"send", port.path(), exchange, "--trace"}, ports);
+  EXPECT_EQ(late.status, 2);
+  EXPECT_NE(late.err.find("before the command"), std::string::npos) << late.err;
 }
 
 TEST(ToolInstruments, SilentOrHeldInstrumentIsStatus1WithTheLibrarysText) {
