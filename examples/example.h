@@ -11,7 +11,7 @@
 #define EXAMPLE_MAX_PORTS 64
 #define EXAMPLE_ANSWER_BYTES 4096
 
-typedef char example_path[256];
+typedef char example_path[ZELTOCOM_DEVICE_PATH_SIZE];
 
 /* The ports are the paths given (`count` of them), or without any those of
  * ZELTOCOM_PORTS ("path1;path2"). Either way ZELTOCOM_PORTS ends up naming
@@ -45,7 +45,7 @@ static inline int example_ports(int count, char** given, example_path* paths) {
 /* Prints what failed and why; returns whether `result` was a success. */
 static inline int example_check(int result, const char* what) {
   if (result != 1) {
-    char why[512];
+    char why[ZELTOCOM_ERROR_TEXT_SIZE];
     fprintf(stderr, "%s: %d, %s\n", what, result, ZeltoCom_GetError_Description(why));
   }
   return result == 1;

@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
   printf("ZeltoCom %s\n", version);
 
   if (!example_check(ZeltoCom_Open(port, 0), "ZeltoCom_Open")) return 1;
-  char serial[64] = "";
+  char serial[ZELTOCOM_SERIAL_NUMBER_SIZE] = "";
   char type[16] = "";
   ZeltoCom_GetSNByPort(serial, port);
   ZeltoCom_GetDeviceType(port, type);

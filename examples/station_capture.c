@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
 
   printf("%-14s %-12s %-7s %-16s %s\n", "port", "serial", "result", "x y (fibre 1)", "intensity");
   for (int i = 0; i < n; ++i) {
-    char serial[64] = "";
+    char serial[ZELTOCOM_SERIAL_NUMBER_SIZE] = "";
     char xy[EXAMPLE_ANSWER_BYTES] = "";
     char intensity[EXAMPLE_ANSWER_BYTES] = "";
     ZeltoCom_GetSNByPort(serial, paths[i]);

@@ -55,6 +55,19 @@
 
 #include "zeltocom_version.h"
 
+/* Buffer sizes in bytes, terminating NUL included: enough for anything the
+ * library writes into such a buffer. */
+/* An error text. */
+#define ZELTOCOM_ERROR_TEXT_SIZE 512
+/* A device path: no port with a path longer than 253 characters opens. */
+#define ZELTOCOM_DEVICE_PATH_SIZE 254
+/* A serial number: at most 14 characters. */
+#define ZELTOCOM_SERIAL_NUMBER_SIZE 15
+/* The longest answer the library returns (a longer one fails with "Answer
+ * too long"), and a buffer that holds any answer. */
+#define ZELTOCOM_MAX_ANSWER_LENGTH 1048576
+#define ZELTOCOM_ANSWER_SIZE (ZELTOCOM_MAX_ANSWER_LENGTH + 1)
+
 #if defined(__GNUC__)
 #define ZELTOCOM_API __attribute__((visibility("default")))
 #else

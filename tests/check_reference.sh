@@ -2,6 +2,7 @@
 # The reference keeps up with the interface: every function the library
 # exports has its heading there, every function the header declares its
 # signature exactly as declared, and no heading names a function that is gone.
+# The Python package's prototypes and sizes agree with the header.
 set -eu
 library=$1
 header=$2
@@ -48,5 +49,13 @@ for name in $headings; do
     failed=1
   fi
 done
+
+# The Python package restates the header: its ctypes prototypes and sizes.
+python=${PYTHON:-python3}
+if command -v "$python" >/dev/null 2>&1; then
+  "$python" "$(dirname "$0")/../python/check_header.py" "$header" || failed=1
+else
+  echo "no $python: the Python package's prototypes and sizes are not checked"
+fi
 [ "$failed" -eq 0 ] || exit 1
 echo "$(echo "$declared" | wc -l) functions in the reference, each with its signature"

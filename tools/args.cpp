@@ -46,6 +46,9 @@ Args::Args(const Command& command, const std::vector<std::string>& words) : comm
     const std::size_t equals = word.find('=');
     const std::string name = word.substr(0, equals);
     const Option* option = Find(name);
+    if (name == "--trace") {
+      UsageError("--trace goes before the command: zeltocom --trace " + command.name + " ...");
+    }
     if (option == nullptr) UsageError("unknown option " + name);
     std::string value;
     if (option->value.empty()) {

@@ -1,5 +1,7 @@
-// zeltocom capture, zeltocom chain: LED captures and every fibre's readings.
+// zeltocom capture, zeltocom chain: LED captures and every fiber's readings.
 #include <algorithm>
+#include <cctype>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -11,38 +13,42 @@
 namespace cli {
 namespace {
 
-// What is read of each fibre, and the names of the numbers each answer holds.
+// What is read of each fiber, and the names of the numbers each answer holds.
 struct Reading {
   std::string command;
   std::vector<std::string> fields;
 };
 
+// The list the Python package reads too (python/zeltocom/capture_readings.txt).
 const std::vector<Reading>& Readings() {
   static const std::vector<Reading> readings = {
-      {"GETxyI", {"x", "y", "intensity"}},
-      {"GETWAVELENGTH", {"wavelength"}},
-      {"GETCCT", {"cct"}},
-      {"GETRGBI", {"red", "green", "blue"}},
+#include "capture_readings.inc"
   };
   return readings;
 }
 
-std::vector<Column> ReadingColumns(Column first) {
-  return {first,
-          {"fibre", "FIBRE"},
-          {"x", "X"},
-          {"y", "Y"},
-          {"intensity", "INTENSITY"},
-          {"wavelength", "NM"},
-          {"cct", "CCT"},
-          {"red", "R"},
-          {"green", "G"},
-          {"blue", "B"}};
+// A reading's heading: its name in capitals, or the short one a narrow
+// column needs.
+std::string Heading(const std::string& field) {
+  static const std::map<std::string, std::string> shortened = {
+      {"wavelength", "NM"}, {"red", "R"}, {"green", "G"}, {"blue", "B"}};
+  if (const auto found = shortened.find(field); found != shortened.end()) return found->second;
+  std::string heading = field;
+  for (char& c : heading) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return heading;
 }
 
-// One fibre's readings from the answers to Readings(), in their order.
-Json FibreReadings(int fibre, const std::vector<Answer>& answers) {
-  Json row = Json::MakeObject().Set("fibre", fibre);
+std::vector<Column> ReadingColumns(Column first) {
+  std::vector<Column> columns = {first, {"fiber", "FIBER"}};
+  for (const Reading& reading : Readings()) {
+    for (const std::string& field : reading.fields) columns.push_back({field, Heading(field)});
+  }
+  return columns;
+}
+
+// One fiber's readings from the answers to Readings(), in their order.
+Json FiberReadings(int fiber, const std::vector<Answer>& answers) {
+  Json row = Json::MakeObject().Set("fiber", fiber);
   std::string errors;
   for (std::size_t r = 0; r < Readings().size(); ++r) {
     const Answer& answer = answers[r];
@@ -57,13 +63,13 @@ Json FibreReadings(int fibre, const std::vector<Answer>& answers) {
   return row;
 }
 
-// The rows of one instrument's fibres, from `first` on; each goes into the
+// The rows of one instrument's fibers, from `first` on; each goes into the
 // table too, under `key` = `name`. A failed reading makes `status` a failure.
-Json FibreRows(const std::vector<std::vector<Answer>>& answers, int first, Table& table,
+Json FiberRows(const std::vector<std::vector<Answer>>& answers, int first, Table& table,
                const std::string& key, const std::string& name, int& status) {
   Json rows = Json::MakeArray();
   for (std::size_t f = 0; f < answers.size(); ++f) {
-    Json row = FibreReadings(first + static_cast<int>(f), answers[f]);
+    Json row = FiberReadings(first + static_cast<int>(f), answers[f]);
     if (!row.Get("error").IsNull()) status = kFailure;
     rows.Push(row);
     table.Add(row.Set(key, name));
@@ -74,44 +80,44 @@ Json FibreRows(const std::vector<std::vector<Answer>>& answers, int first, Table
 struct CaptureSettings {
   int pwm;
   int range;
-  std::pair<long, long> fibres;  // {0, 0}: all of each instrument's
+  std::pair<long, long> fibers;  // {0, 0}: all of each instrument's
 };
 
 CaptureSettings Settings(const Args& args) {
   CaptureSettings settings{
       args.Has("--pwm") ? 1 : 0, static_cast<int>(args.Whole("--range", 0, 0, 6)), {0, 0}};
-  if (args.Has("--fibers")) settings.fibres = ParseSpan(args.Value("--fibers"), "--fibers", 1, 99);
+  if (args.Has("--fibers")) settings.fibers = ParseSpan(args.Value("--fibers"), "--fibers", 1, 99);
   return settings;
 }
 
-int FibreCount(const Answer& answer, const std::string& where) {
+int FiberCount(const Answer& answer, const std::string& where) {
   return static_cast<int>(std::strtol(Expect(answer, where + ": GETNFIB").c_str(), nullptr, 10));
 }
 
-// The fibres to read of an instrument with `count` of them.
-std::pair<int, int> FibresToRead(const CaptureSettings& settings, int count,
+// The fibers to read of an instrument with `count` of them.
+std::pair<int, int> FibersToRead(const CaptureSettings& settings, int count,
                                  const std::string& where) {
-  if (settings.fibres.first == 0) return {1, count};
-  if (settings.fibres.second > count) {
-    UsageError("--fibers: " + where + " has " + std::to_string(count) + " fibres");
+  if (settings.fibers.first == 0) return {1, count};
+  if (settings.fibers.second > count) {
+    UsageError("--fibers: " + where + " has " + std::to_string(count) + " fibers");
   }
-  return {static_cast<int>(settings.fibres.first), static_cast<int>(settings.fibres.second)};
+  return {static_cast<int>(settings.fibers.first), static_cast<int>(settings.fibers.second)};
 }
 
-// Each reading of each fibre is asked of all ports that captured at once:
-// answers[port][fibre - first fibre][reading].
+// Each reading of each fiber is asked of all ports that captured at once:
+// answers[port][fiber - first fiber][reading].
 std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
-    const std::vector<std::string>& paths, const std::vector<std::pair<int, int>>& fibres,
+    const std::vector<std::string>& paths, const std::vector<std::pair<int, int>>& fibers,
     const std::vector<int>& captured) {
-  Progress progress("reading the fibres");
+  Progress progress("reading the fibers");
   std::vector<std::vector<std::vector<Answer>>> answers(paths.size());
-  int lastFibre = 0;
-  for (const auto& span : fibres) lastFibre = std::max(lastFibre, span.second);
-  for (int fibre = 1; fibre <= lastFibre; ++fibre) {
+  int lastFiber = 0;
+  for (const auto& span : fibers) lastFiber = std::max(lastFiber, span.second);
+  for (int fiber = 1; fiber <= lastFiber; ++fiber) {
     std::vector<std::size_t> asked;
     std::vector<std::string> askedPaths;
     for (std::size_t i = 0; i < paths.size(); ++i) {
-      if (captured[i] == 1 && fibre >= fibres[i].first && fibre <= fibres[i].second) {
+      if (captured[i] == 1 && fiber >= fibers[i].first && fiber <= fibers[i].second) {
         asked.push_back(i);
         askedPaths.push_back(paths[i]);
       }
@@ -119,7 +125,7 @@ std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
     if (asked.empty()) continue;
     for (const std::size_t i : asked) answers[i].emplace_back();
     for (const Reading& reading : Readings()) {
-      const std::vector<Answer> got = SendToEach(askedPaths, FibreCommand(reading.command, fibre));
+      const std::vector<Answer> got = SendToEach(askedPaths, FiberCommand(reading.command, fiber));
       for (std::size_t k = 0; k < asked.size(); ++k) answers[asked[k]].back().push_back(got[k]);
     }
   }
@@ -134,9 +140,9 @@ int RunCapture(const Args& args) {
   }
   OpenPorts(paths, args.Baud());
   const std::vector<Answer> counts = SendToEach(paths, "GETNFIB");
-  std::vector<std::pair<int, int>> fibres;
+  std::vector<std::pair<int, int>> fibers;
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    fibres.push_back(FibresToRead(settings, FibreCount(counts[i], paths[i]), paths[i]));
+    fibers.push_back(FibersToRead(settings, FiberCount(counts[i], paths[i]), paths[i]));
   }
 
   // The open ports are exactly ours, in our order.
@@ -146,7 +152,7 @@ int RunCapture(const Args& args) {
     ZeltoCom_CaptureFromAll(results.data(), settings.pwm, settings.range, 0);
   }
 
-  const auto answers = ReadAtOnce(paths, fibres, results);
+  const auto answers = ReadAtOnce(paths, fibers, results);
 
   int status = kSuccess;
   Json ports = Json::MakeArray();
@@ -159,24 +165,24 @@ int RunCapture(const Args& args) {
       std::fprintf(stderr, "zeltocom capture: %s: %s\n", paths[i].c_str(), error.c_str());
       status = kFailure;
     }
-    port.Set("fibres", FibreRows(answers[i], fibres[i].first, table, "port", paths[i], status));
+    port.Set("fibers", FiberRows(answers[i], fibers[i].first, table, "port", paths[i], status));
     ports.Push(port);
   }
   PrintResult(args.json(), Json::MakeObject().Set("ports", ports), table);
   return status;
 }
 
-// The first fibre read of a chained instrument, and each fibre's answers.
+// The first fiber read of a chained instrument, and each fiber's answers.
 std::pair<int, std::vector<std::vector<Answer>>> ReadChained(const std::string& path,
                                                              const std::string& serial,
                                                              const CaptureSettings& settings) {
-  const int count = FibreCount(ChainSend(path, serial, "GETNFIB"), serial);
-  const auto [first, last] = FibresToRead(settings, count, serial);
+  const int count = FiberCount(ChainSend(path, serial, "GETNFIB"), serial);
+  const auto [first, last] = FibersToRead(settings, count, serial);
   std::vector<std::vector<Answer>> answers;
-  for (int fibre = first; fibre <= last; ++fibre) {
-    std::vector<Answer>& fibreAnswers = answers.emplace_back();
+  for (int fiber = first; fiber <= last; ++fiber) {
+    std::vector<Answer>& fiberAnswers = answers.emplace_back();
     for (const Reading& reading : Readings()) {
-      fibreAnswers.push_back(ChainSend(path, serial, FibreCommand(reading.command, fibre)));
+      fiberAnswers.push_back(ChainSend(path, serial, FiberCommand(reading.command, fiber)));
     }
   }
   return {first, answers};
@@ -214,9 +220,9 @@ int RunChain(const Args& args) {
   Json instruments = Json::MakeArray();
   Table table(ReadingColumns({"serial", "SERIAL"}));
   for (std::size_t i = 0; i < serials.size(); ++i) {
-    const auto& [first, fibres] = answers[i];
-    Json rows = FibreRows(fibres, first, table, "serial", serials[i], status);
-    instruments.Push(Json::MakeObject().Set("serial", serials[i]).Set("fibres", rows));
+    const auto& [first, fibers] = answers[i];
+    Json rows = FiberRows(fibers, first, table, "serial", serials[i], status);
+    instruments.Push(Json::MakeObject().Set("serial", serials[i]).Set("fibers", rows));
   }
   PrintResult(args.json(), Json::MakeObject().Set("port", path).Set("instruments", instruments),
               table);
@@ -224,7 +230,7 @@ int RunChain(const Args& args) {
 }
 
 Option FibersOption() {
-  return {"--fibers", "A-B", "read only fibres A to B (or one fibre A); default all"};
+  return {"--fibers", "A-B", "read only fibers A to B (or one fiber A); default all"};
 }
 
 }  // namespace
@@ -236,7 +242,7 @@ Command CaptureCommand() {
           -1,
           "capture on several ports at once, print the readings",
           "Opens the LED analysers on the PORTs, captures on all of them at once and\n"
-          "prints each fibre's readings: chromaticity x and y, intensity, dominant\n"
+          "prints each fiber's readings: chromaticity x and y, intensity, dominant\n"
           "wavelength (nm), colour temperature (K) and the red, green and blue shares.",
           {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
           RunCapture};

@@ -10,10 +10,9 @@
 namespace cli {
 namespace {
 
-// One answer buffer per thread that sends; the library never writes more
-// than kAnswerRoom bytes into it (main sets the limit).
+// One answer buffer per thread that sends, with room for any answer.
 char* AnswerBuffer() {
-  thread_local std::unique_ptr<char[]> buffer(new char[kAnswerRoom]);
+  thread_local std::unique_ptr<char[]> buffer(new char[ZELTOCOM_ANSWER_SIZE]);
   buffer[0] = '\0';
   return buffer.get();
 }
@@ -37,12 +36,12 @@ std::vector<const char*> Pointers(const std::vector<std::string>& texts) {
 }  // namespace
 
 std::string LastError() {
-  char text[512] = "";
+  char text[ZELTOCOM_ERROR_TEXT_SIZE] = "";
   return ZeltoCom_GetError_Description(text);
 }
 
 std::string PortError(const std::string& path) {
-  char text[512] = "";
+  char text[ZELTOCOM_ERROR_TEXT_SIZE] = "";
   return ZeltoCom_GetError_DescriptionByPort(path.c_str(), text);
 }
 
@@ -97,7 +96,7 @@ std::vector<Answer> SendToEach(const std::vector<std::string>& paths, const std:
   std::vector<std::unique_ptr<char[]>> buffers;
   std::vector<char*> responses;
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    buffers.emplace_back(new char[kAnswerRoom]);
+    buffers.emplace_back(new char[ZELTOCOM_ANSWER_SIZE]);
     buffers.back()[0] = '\0';
     responses.push_back(buffers.back().get());
   }
@@ -119,13 +118,13 @@ std::string Expect(const Answer& answer, const std::string& where) {
 }
 
 std::string SerialOf(const std::string& path) {
-  char serial[64] = "";
+  char serial[ZELTOCOM_SERIAL_NUMBER_SIZE] = "";
   return ZeltoCom_GetSNByPort(serial, path.c_str()) == 1 ? serial : "";
 }
 
-std::string FibreCommand(const std::string& name, int fibre) {
+std::string FiberCommand(const std::string& name, int fiber) {
   char number[16];
-  std::snprintf(number, sizeof number, "%02d", fibre);
+  std::snprintf(number, sizeof number, "%02d", fiber);
   return name + number;
 }
 

@@ -7,9 +7,6 @@
 
 namespace cli {
 
-// Room for any answer: the library refuses answers beyond 1 MiB.
-inline constexpr int kAnswerRoom = (1 << 20) + 1;
-
 struct Answer {
   int result = 0;     // the library's 1, 0 or -1
   std::string text;   // the answer, when result is 1
@@ -40,6 +37,6 @@ std::string Expect(const Answer& answer, const std::string& where);
 std::string SerialOf(const std::string& path);
 
 // "GETxyI" and 3 make "GETxyI03".
-std::string FibreCommand(const std::string& name, int fibre);
+std::string FiberCommand(const std::string& name, int fiber);
 
 }  // namespace cli

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <optional>
 
 #include "commands.hpp"
 #include "library.hpp"
@@ -23,7 +24,7 @@ std::string Overview() {
   char version[32] = "";
   ZeltoCom_GetLibraryVersion(version);
   std::string text =
-      "Usage: zeltocom COMMAND [ARGUMENTS] [--json]\n\n"
+      "Usage: zeltocom [--trace [DESTINATION]] COMMAND [ARGUMENTS] [--json]\n\n"
       "Drives LED analysers and spectrometers through ZeltoCom " +
       std::string(version) +
       ".\n"
@@ -35,6 +36,9 @@ std::string Overview() {
     text += usage + command.brief + "\n";
   }
   return text +
+         "\n--trace [DESTINATION] writes the library's wire trace of the command (every\n"
+         "command sent, every answer received) to DESTINATION: a file, or stderr (the\n"
+         "default).\n"
          "\n'zeltocom COMMAND --help' tells more. Exit status: 0 success, 1 an instrument\n"
          "failure or time-out, 2 bad usage.\n";
 }
@@ -55,6 +59,30 @@ int Run(const Command& command, const std::vector<std::string>& words) {
   return command.run(args);
 }
 
+// The options before the command; `next` is then the command's place.
+struct GlobalOptions {
+  std::optional<std::string> trace;  // where the wire trace goes
+  int next = 1;
+};
+
+GlobalOptions ReadGlobalOptions(int argc, char** argv) {
+  GlobalOptions options;
+  for (; options.next < argc; ++options.next) {
+    const std::string word = argv[options.next];
+    if (word.rfind("--trace=", 0) == 0) {
+      options.trace = word.substr(8);
+    } else if (word == "--trace") {
+      // The destination is optional: a command's name or an option is none.
+      const bool given = options.next + 1 < argc && argv[options.next + 1][0] != '-' &&
+                         Find(argv[options.next + 1]) == nullptr;
+      options.trace = given ? argv[++options.next] : "stderr";
+    } else {
+      break;
+    }
+  }
+  return options;
+}
+
 // The error on stderr; with --json the JSON on stdout carries it too.
 int Report(const std::string& name, const Stop& stop, bool json) {
   std::fprintf(stderr, "zeltocom %s: %s\n", name.c_str(), stop.text.c_str());
@@ -70,8 +98,9 @@ int Report(const std::string& name, const Stop& stop, bool json) {
 
 int main(int argc, char** argv) {
   using namespace cli;
-  const std::vector<std::string> words(argv + std::min(argc, 2), argv + argc);
-  const std::string name = argc >= 2 ? argv[1] : "";
+  const GlobalOptions global = ReadGlobalOptions(argc, argv);
+  const std::vector<std::string> words(argv + std::min(argc, global.next + 1), argv + argc);
+  const std::string name = global.next < argc ? argv[global.next] : "";
   if (name == "--help" || name == "-h" || name == "help") {
     std::fputs(Overview().c_str(), stdout);
     return kSuccess;
@@ -83,7 +112,11 @@ int main(int argc, char** argv) {
     return kUsage;
   }
   const bool json = std::find(words.begin(), words.end(), "--json") != words.end();
-  ZeltoCom_SetResponseBufferSize(kAnswerRoom);
+  // No answer is cut: the library refuses longer ones itself.
+  ZeltoCom_SetResponseBufferSize(ZELTOCOM_ANSWER_SIZE);
+  if (global.trace && ZeltoCom_SetTrace(global.trace->c_str()) != 1) {
+    return Report(name, Stop{kUsage, "--trace: " + LastError()}, json);
+  }
   int status = kSuccess;
   try {
     status = Run(*command, words);
@@ -93,5 +126,7 @@ int main(int argc, char** argv) {
     status = Report(name, Stop{kFailure, error.what()}, json);
   }
   ZeltoCom_CloseAll();
+  // The closes are traced too; then the trace file is complete.
+  if (global.trace) ZeltoCom_SetTrace(nullptr);
   return status;
 }

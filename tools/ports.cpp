@@ -17,11 +17,9 @@
 namespace cli {
 namespace {
 
-// Room the library's port lists need per path.
-constexpr std::size_t kPathRoom = 256;
-
 struct PathBuffers {
-  explicit PathBuffers(std::size_t count) : storage(count, std::vector<char>(kPathRoom, '\0')) {
+  explicit PathBuffers(std::size_t count)
+      : storage(count, std::vector<char>(ZELTOCOM_DEVICE_PATH_SIZE, '\0')) {
     for (auto& buffer : storage) pointers.push_back(buffer.data());
   }
   std::vector<std::string> First(int count) const {

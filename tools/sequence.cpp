@@ -1,4 +1,4 @@
-// zeltocom sequence: a burst of captures on one fibre, its pattern and blinking.
+// zeltocom sequence: a burst of captures on one fiber, its pattern and blinking.
 #include <algorithm>
 #include <cstdio>
 
@@ -71,13 +71,13 @@ void Plot(const std::vector<int>& samples, double periodMs) {
 int RunSequence(const Args& args) {
   const std::string& path = args.operands().front();
   if (!args.Has("--fiber")) UsageError("--fiber N is needed");
-  const int fibre = static_cast<int>(args.Whole("--fiber", 1, 1, 99));
+  const int fiber = static_cast<int>(args.Whole("--fiber", 1, 1, 99));
   std::pair<float, float> find{0, 0};
   SequenceSettings settings = GivenSettings(args, find);
   OpenPort(path, args.Baud());
   if (args.Has("--find")) {
     Progress progress("finding the settings");
-    Require(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fibre, find.first, find.second,
+    Require(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fiber, find.first, find.second,
                                                &settings.captureTime, &settings.pause,
                                                &settings.samples),
             path);
@@ -87,11 +87,11 @@ int RunSequence(const Args& args) {
           path);
   {
     Progress progress("sequence of " + std::to_string(settings.samples) + " captures");
-    Require(ZeltoCom_Sequence_Capture(path.c_str(), fibre), path);
+    Require(ZeltoCom_Sequence_Capture(path.c_str(), fiber), path);
   }
   const std::size_t count = static_cast<std::size_t>(settings.samples);
   std::vector<int> intensities(count, 0);
-  Require(ZeltoCom_Sequence_ReadIntensity(path.c_str(), fibre, intensities.data()), path);
+  Require(ZeltoCom_Sequence_ReadIntensity(path.c_str(), fiber, intensities.data()), path);
   int runs = 0;
   std::vector<int> durations(count, 0);
   std::vector<int> levels(count, 0);
@@ -100,7 +100,7 @@ int RunSequence(const Args& args) {
           path);
 
   Json document = Json::MakeObject().Set("port", path).Set("serial", SerialOf(path));
-  document.Set("fibre", fibre)
+  document.Set("fiber", fiber)
       .Set("start_delay_ms", settings.startDelay)
       .Set("capture_time_ms", settings.captureTime)
       .Set("pause_ms", settings.pause)
@@ -134,8 +134,8 @@ int RunSequence(const Args& args) {
     PrintJson(document.Set("intensities", samples));
     return kSuccess;
   }
-  std::printf("%d captures of %u ms, %u ms apart, after %u ms, on fibre %d of %s\n\n",
-              settings.samples, settings.captureTime, settings.pause, settings.startDelay, fibre,
+  std::printf("%d captures of %u ms, %u ms apart, after %u ms, on fiber %d of %s\n\n",
+              settings.samples, settings.captureTime, settings.pause, settings.startDelay, fiber,
               path.c_str());
   table.Print();
   if (blinking) {
@@ -154,14 +154,14 @@ Command SequenceCommand() {
           "PORT",
           1,
           1,
-          "a sequence on one fibre: pattern, frequency, duty cycle",
-          "Runs a sequence (a burst of equally spaced captures) on one fibre of the\n"
+          "a sequence on one fiber: pattern, frequency, duty cycle",
+          "Runs a sequence (a burst of equally spaced captures) on one fiber of the\n"
           "analyser on PORT, reads its intensities and prints their pattern: the lit\n"
           "and dark runs with their start, duration and level. --frequency adds the\n"
           "blinking frequency and duty cycle; --find lets the instrument choose the\n"
           "settings for a light blinking between MIN and MAX Hz (at most 125). On a\n"
           "terminal, a plot of the intensities over time follows.",
-          {{"--fiber", "N", "the fibre (needed)"},
+          {{"--fiber", "N", "the fiber (needed)"},
            {"--frequency", "", "also measure the blinking frequency and duty cycle"},
            {"--samples", "N", "captures, 1 to 9999 (default 200)"},
            {"--capture-time", "MS", "each capture's time, 0 to 999 (default 10)"},

@@ -29,7 +29,7 @@ class InstrumentTest(unittest.TestCase):
         with self.assertRaises(ZeltoComError):
             analyser.send("GETSERIAL")
 
-    def test_capture_reads_every_fibre(self) -> None:
+    def test_capture_reads_every_fiber(self) -> None:
         with Instrument(self.analyser) as analyser:
             readings = analyser.capture(range=2)
             self.assertEqual([r.fiber for r in readings], [1, 2, 3])
@@ -63,7 +63,7 @@ class InstrumentTest(unittest.TestCase):
             self.assertIsNone(analyser.trigger_wait(timeout=0.1))
             self.sim.fire(1)
             report = analyser.trigger_wait(timeout=10)
-            self.assertEqual(len(report.split()), 3 * 3)  # x y I per fibre
+            self.assertEqual(len(report.split()), 3 * 3)  # x y I per fiber
             analyser.trigger_listen()
             analyser.trigger_abort()
             self.assertEqual(analyser.trigger_state(), TriggerState.ENDED)
@@ -96,7 +96,7 @@ class StationTest(unittest.TestCase):
             self.assertEqual(station.send("GETSERIAL"), ["ZS000001", "ZS000002", "ZS000003"])
             readings = station.capture()
             self.assertEqual(list(readings), self.sim.paths)
-            self.assertTrue(all(len(fibres) == 2 for fibres in readings.values()))
+            self.assertTrue(all(len(fibers) == 2 for fibers in readings.values()))
         self.assertEqual(zeltocom.opened_ports(), [])
 
     def test_a_failing_port_is_named(self) -> None:

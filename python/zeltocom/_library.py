@@ -10,6 +10,7 @@ import threading
 from pathlib import Path
 from typing import Iterable, Iterator, Optional, Sequence, Union
 
+from ._sizes import ANSWER_SIZE, ERROR_TEXT_SIZE
 from ._version import __version__
 
 PathLike = Union[str, "os.PathLike[str]"]
@@ -17,12 +18,6 @@ PathLike = Union[str, "os.PathLike[str]"]
 # The SONAME's major version this package speaks to.
 LIBRARY_MAJOR = int(__version__.split(".")[0])
 
-# The library never hands over an answer longer than 1 MiB ("Answer too
-# long"), so a buffer of that size plus its terminator always holds one.
-ANSWER_BYTES = (1 << 20) + 1
-ERROR_BYTES = 512
-PATH_BYTES = 256
-SERIAL_BYTES = 32
 # The library fills per-open-port arrays without telling their count first;
 # no station has this many ports.
 MANY_PORTS = 4096
@@ -157,7 +152,7 @@ def decode(data: bytes) -> str:
 
 
 def error_text(port: Optional[str] = None) -> str:
-    buffer = ctypes.create_string_buffer(ERROR_BYTES)
+    buffer = ctypes.create_string_buffer(ERROR_TEXT_SIZE)
     if port is None:
         lib().ZeltoCom_GetError_Description(buffer)
     else:
@@ -181,7 +176,7 @@ def answer_buffers(count: int) -> tuple[list[ctypes.Array[ctypes.c_char]],
                                         ctypes.Array[ctypes.c_void_p]]:
     """Buffers for `count` answers and the array of pointers to them; keep
     the buffers alive while the array is in use."""
-    buffers = [ctypes.create_string_buffer(ANSWER_BYTES) for _ in range(count)]
+    buffers = [ctypes.create_string_buffer(ANSWER_SIZE) for _ in range(count)]
     pointers = (ctypes.c_void_p * max(count, 1))(*[ctypes.addressof(b) for b in buffers])
     return buffers, pointers
 

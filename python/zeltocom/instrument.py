@@ -7,9 +7,9 @@ import time
 from types import TracebackType
 from typing import Optional, Sequence, Type
 
-from ._library import (ANSWER_BYTES, MAX_SAMPLES, SERIAL_BYTES, PathLike, ZeltoComError, check,
-                       decode, encode, int_array, lib)
-from .readings import Blinking, Reading, Run, SequenceSettings, TriggerState, read_fibres
+from ._library import MAX_SAMPLES, PathLike, ZeltoComError, check, decode, encode, int_array, lib
+from ._sizes import ANSWER_SIZE, SERIAL_NUMBER_SIZE
+from .readings import Blinking, Reading, Run, SequenceSettings, TriggerState, read_fibers
 
 
 class Instrument:
@@ -48,7 +48,7 @@ class Instrument:
 
     @property
     def serial_number(self) -> str:
-        buffer = ctypes.create_string_buffer(SERIAL_BYTES)
+        buffer = ctypes.create_string_buffer(SERIAL_NUMBER_SIZE)
         self._check(lib().ZeltoCom_GetSNByPort(buffer, self._path), "ZeltoCom_GetSNByPort")
         return decode(buffer.value)
 
@@ -71,7 +71,7 @@ class Instrument:
     def send(self, command: str, serial: Optional[str] = None) -> str:
         """The answer to `command`, from the port's instrument or from the
         chained instrument with `serial`."""
-        answer = ctypes.create_string_buffer(ANSWER_BYTES)
+        answer = ctypes.create_string_buffer(ANSWER_SIZE)
         text = encode(command, "command")
         if serial is None:
             self._check(lib().ZeltoCom_Send(self._path, text, answer), "ZeltoCom_Send")
@@ -83,14 +83,14 @@ class Instrument:
         return decode(answer.value)
 
     def readings(self, serial: Optional[str] = None) -> list[Reading]:
-        """Every fibre's values from the last capture, without capturing."""
+        """Every fiber's values from the last capture, without capturing."""
         def ask(ports: Sequence[str], command: str) -> list[str]:
             return [self.send(command, serial) for _ in ports]
-        return read_fibres([self.path], ask)[self.path]
+        return read_fibers([self.path], ask)[self.path]
 
     def capture(self, range: int = 0, pwm: bool = False, frames: int = 0) -> list[Reading]:
         """An LED capture (`range` 0 automatic, or 1 to 6; `frames` of a PWM
-        capture, 0 the default) and every fibre's values."""
+        capture, 0 the default) and every fiber's values."""
         self._check(lib().ZeltoCom_Capture(self._path, int(pwm), range, frames), "ZeltoCom_Capture")
         return self.readings()
 
@@ -165,7 +165,7 @@ class Instrument:
             raise ZeltoComError("The trigger listener was ended before a report came", state,
                                 self.path)
         self._check(int(state), "ZeltoCom_ExternalTrigger_isFinished")
-        answer = ctypes.create_string_buffer(ANSWER_BYTES)
+        answer = ctypes.create_string_buffer(ANSWER_SIZE)
         self._check(lib().ZeltoCom_GetResponseByPort(self._path, answer),
                     "ZeltoCom_GetResponseByPort")
         return decode(answer.value)
@@ -187,7 +187,7 @@ class Instrument:
         self._samples = sample_count
 
     def sequence_capture(self, fiber: int = 0) -> None:
-        """Runs the sequence on one fibre, or on all with 0."""
+        """Runs the sequence on one fiber, or on all with 0."""
         self._check(lib().ZeltoCom_Sequence_Capture(self._path, fiber), "ZeltoCom_Sequence_Capture")
 
     def _sample_count(self) -> int:

@@ -2,20 +2,32 @@
 
 from __future__ import annotations
 
+import warnings
 from dataclasses import dataclass
 from enum import IntEnum
-from typing import Any, Callable, Mapping, Sequence
+from importlib import resources
+from typing import Any, Callable, Mapping, Sequence, get_type_hints
 
 from ._library import ZeltoComError
 
-# The commands that read one fibre after a capture ("%02d": the fibre).
-READ_COMMANDS = ("GETRGBI%02d", "GETxy%02d", "GETINTENSITY%02d", "GETCCT%02d",
-                 "GETWAVELENGTH%02d")
+
+def _readouts(text: str) -> tuple[tuple[str, tuple[str, ...]], ...]:
+    """The readout commands of a capture_readings.txt and the names of the
+    numbers each answer holds, in their order."""
+    lines = [line.split() for line in text.splitlines()]
+    return tuple((words[0], tuple(words[1:])) for words in lines if words and words[0][0] != "#")
+
+
+# What is read of each fiber after a capture, shared with the zeltocom tool.
+READOUTS = _readouts(resources.files(__package__).joinpath("capture_readings.txt")
+                     .read_text(encoding="ascii"))
+# The same commands for one fiber ("%02d": the fiber).
+READ_COMMANDS = tuple(command + "%02d" for command, _ in READOUTS)
 
 
 @dataclass(frozen=True)
 class Reading:
-    """One fibre's values after an LED capture."""
+    """One fiber's values after an LED capture."""
     fiber: int
     red: int
     green: int
@@ -28,32 +40,28 @@ class Reading:
 
     @classmethod
     def parse(cls, fiber: int, answers: Mapping[str, str]) -> "Reading":
-        """From the answers to READ_COMMANDS, keyed by command."""
-        def numbers(command: str, kind: Callable[[str], Any], count: int) -> list[Any]:
+        """From the answers to READ_COMMANDS, keyed by command; each number
+        of the type its field declares."""
+        kinds: dict[str, Callable[[str], Any]] = get_type_hints(cls)
+        values: dict[str, Any] = {}
+        for command, (_, names) in zip(READ_COMMANDS, READOUTS):
             words = answers[command].split()
             try:
-                values = [kind(word) for word in words[:count]]
+                values.update((name, kinds[name](word)) for name, word in zip(names, words))
             except ValueError:
-                values = []
-            if len(values) < count:
+                words = []
+            if len(words) < len(names):
                 raise ZeltoComError(f"Unexpected answer to {command % fiber}: {answers[command]!r}")
-            return values
-
-        red, green, blue = numbers(READ_COMMANDS[0], int, 3)
-        x, y = numbers(READ_COMMANDS[1], float, 2)
-        (intensity,) = numbers(READ_COMMANDS[2], int, 1)
-        (cct,) = numbers(READ_COMMANDS[3], int, 1)
-        (wavelength,) = numbers(READ_COMMANDS[4], int, 1)
-        return cls(fiber, red, green, blue, intensity, x, y, cct, wavelength)
+        return cls(fiber=fiber, **values)
 
 
 # Sends one command to each of the given ports; the answers in their order.
 AskMany = Callable[[Sequence[str], str], Sequence[str]]
 
 
-def read_fibres(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:
-    """Every fibre's reading on each port, each command asked of all ports
-    at once: "GETNFIB", then READ_COMMANDS per fibre."""
+def read_fibers(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:
+    """Every fiber's reading on each port, each command asked of all ports
+    at once: "GETNFIB", then READ_COMMANDS per fiber."""
     counts = []
     for port, answer in zip(ports, ask(ports, "GETNFIB")):
         try:
@@ -68,6 +76,12 @@ def read_fibres(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:
             mine = {command: answers[command][i] for command in READ_COMMANDS}
             readings[port].append(Reading.parse(fiber, mine))
     return readings
+
+
+def read_fibres(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:
+    """Deprecated spelling of read_fibers."""
+    warnings.warn("read_fibres is read_fibers now", DeprecationWarning, stacklevel=2)
+    return read_fibers(ports, ask)
 
 
 @dataclass(frozen=True)

@@ -6,9 +6,10 @@ import ctypes
 from types import TracebackType
 from typing import Iterable, Optional, Sequence, Type
 
-from ._library import (MANY_PORTS, PATH_BYTES, PathLike, ZeltoComError, answer_buffers, check,
-                       decode, encode, error_text, int_array, lib, split, text_array)
-from .readings import Reading, read_fibres
+from ._library import (MANY_PORTS, PathLike, ZeltoComError, answer_buffers, check, decode, encode,
+                       error_text, int_array, lib, split, text_array)
+from ._sizes import DEVICE_PATH_SIZE
+from .readings import Reading, read_fibers
 
 
 def version() -> str:
@@ -24,14 +25,14 @@ def ports() -> list[str]:
     if count <= 0:
         return []
     # Room for more ports than were just counted, should some appear meanwhile.
-    buffer = ctypes.create_string_buffer(PATH_BYTES * (2 * count + 16))
+    buffer = ctypes.create_string_buffer(DEVICE_PATH_SIZE * (2 * count + 16))
     lib().ZeltoCom_ListPortsDetectedTxt(buffer, b";")
     return split(decode(buffer.value))
 
 
 def opened_ports() -> list[str]:
     """The ports this process has open, in the library's order."""
-    buffer = ctypes.create_string_buffer(PATH_BYTES * MANY_PORTS)
+    buffer = ctypes.create_string_buffer(DEVICE_PATH_SIZE * MANY_PORTS)
     lib().ZeltoCom_GetOpenedPortsS(buffer, ord(";"))
     return split(decode(buffer.value))
 
@@ -44,7 +45,7 @@ def detect(filters: Iterable[str] = (), baud: int = 0) -> list[str]:
     if isinstance(filters, str):
         filters = [filters]
     count = max(lib().ZeltoCom_EnumPorts(), 0)
-    buffer = ctypes.create_string_buffer(PATH_BYTES * (2 * count + 16))
+    buffer = ctypes.create_string_buffer(DEVICE_PATH_SIZE * (2 * count + 16))
     lib().ZeltoCom_ClearDetectionFilters()
     try:
         for word in filters:
@@ -113,10 +114,10 @@ class Station:
     def capture(self, range: int = 0, pwm: bool = False,
                 frames: int = 0) -> dict[str, list[Reading]]:
         """An LED capture on every open port of the process at once (the
-        library's capture of all), then each station port's fibre readings,
+        library's capture of all), then each station port's fiber readings,
         read from all ports at once."""
         opened = opened_ports()
         results = int_array(size=MANY_PORTS)
         result = lib().ZeltoCom_CaptureFromAll(results, int(pwm), range, frames)
         self._raise_first_failure(result, results, opened, "ZeltoCom_CaptureFromAll")
-        return read_fibres(self.paths, lambda paths, command: self.send(command, paths))
+        return read_fibers(self.paths, lambda paths, command: self.send(command, paths))

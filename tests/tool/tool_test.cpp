@@ -9,12 +9,15 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -188,10 +191,10 @@ class FlatJson {
   std::map<std::string, std::string> values_;
 };
 
-zeltosim::Config Analyser(const std::string& serial, int fibres = 2) {
+zeltosim::Config Analyser(const std::string& serial, int fibers = 2) {
   zeltosim::Config config;
   config.serial = serial;
-  config.fibers.resize(static_cast<std::size_t>(fibres));
+  config.fibers.resize(static_cast<std::size_t>(fibers));
   return config;
 }
 
@@ -385,6 +388,45 @@ TEST(ToolInstruments, SendPrintsAnswersAndStopsAtAFailure) {
   EXPECT_EQ(shell.out, "ZT000001\n");
 }
 
+TEST(ToolInstruments, TraceShowsTheCommandsOfOneRunWhereAsked) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const std::string file = ::testing::TempDir() + "tool_trace.txt";
+  std::remove(file.c_str());
+  const auto read = [](const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const std::string exchange = "GETNFIB";  // sent by this run alone, not by the open
+
+  const Outcome toFile = Tool({"--trace", file, "send", port.path(), exchange}, ports);
+  EXPECT_EQ(toFile.status, 0) << toFile.err;
+  EXPECT_EQ(toFile.out, "2\n");
+  EXPECT_EQ(toFile.err, "");
+  EXPECT_NE(read(file).find(exchange), std::string::npos) << read(file);
+  EXPECT_NE(read(file).find(port.path()), std::string::npos) << read(file);
+
+  const std::vector<std::vector<std::string>> toStderr = {
+      {"--trace", "send", port.path(), exchange},
+      {"--trace=stderr", "send", port.path(), exchange}};
+  for (const std::vector<std::string>& args : toStderr) {
+    const Outcome run = Tool(args, ports);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "2\n") << args[0];
+    EXPECT_NE(run.err.find(exchange), std::string::npos) << args[0] << ":\n" << run.err;
+  }
+  EXPECT_EQ(Tool({"send", port.path(), exchange}, ports).err, "");
+
+  const std::string nowhere = ::testing::TempDir() + "no-such-directory/trace.txt";
+  const Outcome unwritable = Tool({"--trace", nowhere, "send", port.path(), exchange}, ports);
+  EXPECT_EQ(unwritable.status, 2);
+  EXPECT_NE(unwritable.err.find(nowhere), std::string::npos) << unwritable.err;
+  EXPECT_EQ(unwritable.out, "");
+  const Outcome late = Tool({"send", port.path(), exchange, "--trace"}, ports);
+  EXPECT_EQ(late.status, 2);
+  EXPECT_NE(late.err.find("before the command"), std::string::npos) << late.err;
+}
+
 TEST(ToolInstruments, SilentOrHeldInstrumentIsStatus1WithTheLibrarysText) {
   zeltosim::Config silent = Analyser("ZT000001");
   silent.fault = zeltosim::Fault::Silent;
@@ -422,10 +464,26 @@ TEST(ToolInstruments, CaptureReadsEveryPortAndNamesTheOneThatFailed) {
   ASSERT_EQ(run.status, 0) << run.err;
   const FlatJson json(run.out);
   ASSERT_TRUE(json.valid()) << run.out;
-  EXPECT_EQ(json["/ports/0/fibres/2/fibre"], "3");
+  EXPECT_EQ(json["/ports/0/fibers/2/fiber"], "3");
   EXPECT_EQ(json["/ports/1/serial"], "ZT000002");
-  EXPECT_FALSE(json.has("/ports/1/fibres/2/fibre"));
-  EXPECT_NEAR(std::stod(json["/ports/1/fibres/1/x"]), 0.33, 0.05);
+  EXPECT_FALSE(json.has("/ports/1/fibers/2/fiber"));
+  EXPECT_NEAR(std::stod(json["/ports/1/fibers/1/x"]), 0.33, 0.05);
+  // Every reading of the list shared with the Python package, as a number.
+  std::ifstream list(ZELTOCOM_CAPTURE_READINGS);
+  int names = 0;
+  for (std::string line; std::getline(list, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream words(line);
+    std::string name;
+    words >> name;  // the command
+    while (words >> name) {
+      ++names;
+      const std::string value = json["/ports/1/fibers/1/" + name];
+      EXPECT_TRUE(std::regex_match(value, std::regex(R"(-?[0-9]+(\.[0-9]+)?)")))
+          << name << ": " << value;
+    }
+  }
+  EXPECT_GE(names, 8);
 
   const Outcome mixed =
       Tool({"capture", first.path(), spectrometer.path(), "--fibers", "1"}, ports);
@@ -443,8 +501,8 @@ TEST(ToolInstruments, ChainReadsEveryInstrument) {
   ASSERT_TRUE(json.valid()) << run.out;
   EXPECT_EQ(json["/instruments/0/serial"], "ZT000001");
   EXPECT_EQ(json["/instruments/1/serial"], "ZT000002");
-  EXPECT_EQ(json["/instruments/1/fibres/0/fibre"], "1");
-  EXPECT_FALSE(json.has("/instruments/1/fibres/1/fibre"));
+  EXPECT_EQ(json["/instruments/1/fibers/0/fiber"], "1");
+  EXPECT_FALSE(json.has("/instruments/1/fibers/1/fiber"));
 }
 
 TEST(ToolInstruments, SequenceMeasuresABlinkingLight) {
@@ -460,6 +518,7 @@ TEST(ToolInstruments, SequenceMeasuresABlinkingLight) {
   EXPECT_NEAR(std::stod(json["/duty_cycle_percent"]), 50.0, 5.0);
   EXPECT_TRUE(json.has("/intensities/119"));
   EXPECT_EQ(json["/pattern/0/start_ms"], "0");
+  EXPECT_EQ(json["/fiber"], "1");
 }
 
 }  // namespace

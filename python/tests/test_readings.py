@@ -1,0 +1,45 @@
+import unittest
+from dataclasses import fields
+
+from zeltocom import Reading, ZeltoComError
+from zeltocom import readings
+
+
+class ReadingsListTest(unittest.TestCase):
+    def test_the_shared_list_reads_every_field_of_a_reading_once(self) -> None:
+        names = [name for _, names in readings.READOUTS for name in names]
+        read = sorted(f.name for f in fields(Reading) if f.name != "fiber")
+        self.assertEqual(sorted(names), read)
+        self.assertEqual(readings.READ_COMMANDS[0] % 7, readings.READOUTS[0][0] + "07")
+
+    def test_list_lines_skip_comments_and_blanks(self) -> None:
+        self.assertEqual(readings._readouts("# a comment\n\nGETxyI x y intensity\n  GETCCT\tcct\n"),
+                         (("GETxyI", ("x", "y", "intensity")), ("GETCCT", ("cct",))))
+
+    def test_answers_become_numbers_of_each_fields_type(self) -> None:
+        good = {"GETxyI%02d": "0.3288 0.4232 16411", "GETWAVELENGTH%02d": "549",
+                "GETCCT%02d": "5614 0.0012", "GETRGBI%02d": " 77 128  51 16411"}
+        self.assertEqual(Reading.parse(2, good),
+                         Reading(fiber=2, red=77, green=128, blue=51, intensity=16411, x=0.3288,
+                                 y=0.4232, cct=5614, wavelength=549))
+        for command, answer in [("GETxyI%02d", "0.3288 0.4232"), ("GETCCT%02d", ""),
+                                ("GETRGBI%02d", "77 x 51"), ("GETWAVELENGTH%02d", "549.5")]:
+            with self.subTest(command=command, answer=answer):
+                with self.assertRaises(ZeltoComError) as caught:
+                    Reading.parse(2, {**good, command: answer})
+                self.assertIn(command % 2, caught.exception.text)
+
+    def test_the_old_spelling_still_reads_with_a_warning(self) -> None:
+        def ask(ports: object, command: str) -> list[str]:
+            answers = {"GETNFIB": "1", "GETxyI01": "0.1 0.2 3", "GETWAVELENGTH01": "4",
+                       "GETCCT01": "5", "GETRGBI01": "6 7 8 3"}
+            return [answers[command]]
+
+        with self.assertWarns(DeprecationWarning):
+            found = readings.read_fibres(["/dev/pts/9"], ask)
+        self.assertEqual(found, readings.read_fibers(["/dev/pts/9"], ask))
+        self.assertEqual(found["/dev/pts/9"][0].cct, 5)
+
+
+if __name__ == "__main__":
+    unittest.main()
