@@ -3,11 +3,13 @@
 #include <string>
 #include <string_view>
 
+#include "zeltocom.h"
+
 namespace zeltocom {
 
 struct s_CommPort;
 
-constexpr std::size_t kErrorTextSize = 512;
+constexpr std::size_t kErrorTextSize = ZELTOCOM_ERROR_TEXT_SIZE;
 
 // Stores `text` as the last error of `port` (when given) and of the library.
 // Error texts are read and written under one lock, so any thread may set or

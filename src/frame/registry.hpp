@@ -14,6 +14,7 @@
 #include "frame/fixed_text.hpp"
 #include "frame/listener.hpp"
 #include "frame/serial_line.hpp"
+#include "zeltocom.h"
 
 namespace zeltocom {
 
@@ -72,10 +73,10 @@ struct LastCapture {
 };
 
 // The longest device path a port record holds.
-constexpr std::size_t kMaxPathLength = 253;
+constexpr std::size_t kMaxPathLength = ZELTOCOM_DEVICE_PATH_SIZE - 1;
 
 // The longest serial number an instrument reports.
-constexpr std::size_t kMaxSerialLength = 14;
+constexpr std::size_t kMaxSerialLength = ZELTOCOM_SERIAL_NUMBER_SIZE - 1;
 
 // The last answer of a port, as ZeltoCom_GetResponseByPort hands it out, or
 // the last message its instrument sent unasked. Under a lock of its own, so
@@ -129,12 +130,12 @@ struct s_CommPorts {
 struct s_CommPort {
   // The master's line, shared by the instruments chained behind it.
   std::shared_ptr<SerialLine> line;
-  FixedText<254> devicePath;
+  FixedText<ZELTOCOM_DEVICE_PATH_SIZE> devicePath;
   // The device behind the path (0 unknown), so that one device opened under
   // two names is told.
   std::uint64_t deviceNumber = 0;
   FixedText<20> deviceIdText;
-  FixedText<15> serialNumber;
+  FixedText<ZELTOCOM_SERIAL_NUMBER_SIZE> serialNumber;
   FixedText<27> hardwareDescriptor;  // empty: not asked yet
   int deviceType = 0;
   FixedText<20> firmwareText;
@@ -147,7 +148,7 @@ struct s_CommPort {
   PatternThresholds pattern;
   LastCapture capture;
   LastResponse lastResponse;
-  FixedText<512> errorText;
+  FixedText<ZELTOCOM_ERROR_TEXT_SIZE> errorText;
   std::atomic<bool> autoResponseTimeout{true};
   s_CommPorts chain;
   s_CommPort* parent = nullptr;
@@ -155,7 +156,7 @@ struct s_CommPort {
   // Of a master: the serial number of a chained instrument that was removed
   // while it held the line. It holds it still, so the line is freed before
   // the master's next exchange; empty when nothing is owed.
-  FixedText<15> removedHolder;
+  FixedText<ZELTOCOM_SERIAL_NUMBER_SIZE> removedHolder;
   std::mutex lineMutex;            // of a master: one exchange at a time
   // Of a master: waits for the trigger's message. Last, so that it is
   // stopped before the members its thread uses go.
@@ -210,7 +211,7 @@ void PortsList_Swap(s_CommPorts* list, const s_CommPort* a, const s_CommPort* b)
 
 // One device of a project file: the ID a host addresses it by.
 struct s_IDPort {
-  FixedText<254> devicePath;
+  FixedText<ZELTOCOM_DEVICE_PATH_SIZE> devicePath;
   FixedText<50> deviceID;
   FixedText<16> serialNumber;
   int64_t baudrate = 0;

@@ -8,6 +8,7 @@
 
 #include "frame/clock.hpp"
 #include "frame/serial_line.hpp"
+#include "zeltocom.h"
 
 namespace zeltocom {
 
@@ -19,7 +20,7 @@ struct t_comresponse {
 };
 
 // The longest answer a wait takes in; a longer one ends it ("Answer too long").
-inline constexpr std::size_t kMaxAnswerBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kMaxAnswerBytes = ZELTOCOM_MAX_ANSWER_LENGTH;
 
 // How much longer than its time-out a wait may take at the most while bytes
 // keep coming, however fast; tests and benchmarks may shorten it.
