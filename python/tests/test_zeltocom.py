@@ -1,3 +1,5 @@
+import os
+import tempfile
 import unittest
 
 import zeltocom
@@ -55,6 +57,23 @@ class InstrumentTest(unittest.TestCase):
             spectrometer.spectrometer_capture(exposure=20)
             with self.assertRaises(ZeltoComError):
                 analyser.send("GET\0SERIAL")
+
+    def test_trace_shows_each_command_and_answer(self) -> None:
+        with tempfile.TemporaryDirectory() as folder:
+            trace = os.path.join(folder, "station.trace")
+            zeltocom.set_trace(trace)
+            try:
+                with Instrument(self.analyser) as analyser:
+                    analyser.send("GETNFIB")
+            finally:
+                zeltocom.set_trace(None)
+            with open(trace, encoding="ascii") as lines:
+                text = lines.read()
+            self.assertIn(f"{self.analyser} ZA000001 > GETNFIB\\r\\n", text)
+            self.assertIn(f"{self.analyser} ZA000001 < 3", text)
+            with self.assertRaises(ZeltoComError) as caught:
+                zeltocom.set_trace(os.path.join(folder, "missing", "trace"))
+            self.assertTrue(caught.exception.text.startswith("Unable to open trace file"))
 
     def test_trigger_report_arrives_when_fired(self) -> None:
         with Instrument(self.analyser) as analyser:

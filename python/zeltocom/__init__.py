@@ -10,9 +10,9 @@ or on the system's library path).
 from ._library import ZeltoComError
 from .instrument import Instrument
 from .readings import Blinking, Reading, Run, SequenceSettings, TriggerState
-from .station import Station, detect, opened_ports, ports, version
+from .station import Station, detect, opened_ports, ports, set_trace, version
 
 __all__ = [
     "Blinking", "Instrument", "Reading", "Run", "SequenceSettings", "Station", "TriggerState",
-    "ZeltoComError", "detect", "opened_ports", "ports", "version",
+    "ZeltoComError", "detect", "opened_ports", "ports", "set_trace", "version",
 ]

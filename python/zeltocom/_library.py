@@ -35,6 +35,7 @@ _PROTOTYPES: dict[str, tuple[object, list[object]]] = {
     "ZeltoCom_GetError_Description": (_s, [_s]),
     "ZeltoCom_GetError_DescriptionByPort": (_s, [_s, _s]),
     "ZeltoCom_GetLibraryVersion": (None, [_s]),
+    "ZeltoCom_SetTrace": (_i, [_s]),
     "ZeltoCom_EnumPorts": (_i, []),
     "ZeltoCom_ListPortsDetectedTxt": (_i, [_s, _s]),
     "ZeltoCom_GetOpenedPortsS": (_i, [_s, _i]),

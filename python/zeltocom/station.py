@@ -13,10 +13,18 @@ from .readings import Reading, read_fibers
 
 
 def version() -> str:
-    """The library's version, "v3.0.0" say."""
+    """The library's version, "v3.1.0" say."""
     buffer = ctypes.create_string_buffer(32)
     lib().ZeltoCom_GetLibraryVersion(buffer)
     return decode(buffer.value)
+
+
+def set_trace(destination: Optional[PathLike]) -> None:
+    """Sends the library's wire trace (every command and answer of every
+    port) to `destination`: "stderr" or a file path (appended to); None or
+    "" stops it."""
+    target = None if destination is None else encode(str(destination), "trace destination")
+    check(lib().ZeltoCom_SetTrace(target), "ZeltoCom_SetTrace")
 
 
 def ports() -> list[str]:
