@@ -289,8 +289,9 @@ void CheckWait(const Wait& wait, const Outcome& out, std::string_view stream, st
     return;
   }
   Require(out.answer.size() <= kMaxAnswerBytes);
-  // Only a quiet line may end such a wait in time.
-  if (wait.kind != EndKind::Quiet) Require(out.elapsedMs >= wait.timeoutMs && out.outOfStep);
+  // Only a quiet line may end such a wait in time, after 200 ms of quiet.
+  if (out.outOfStep) Require(out.elapsedMs >= wait.timeoutMs);
+  else Require(wait.kind == EndKind::Quiet && out.wallMs >= 200);
 }
 
 void Run(const Script& script) {
