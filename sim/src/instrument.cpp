@@ -57,8 +57,9 @@ Reply SayOnce(const Instrument::State& st, std::vector<std::string> lines) {
 
 Reply SyntaxError(const Instrument::State& st) { return SayOnce(st, {"SYNTAX ERROR"}); }
 
-Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& normal) {
-  std::lock_guard lock(st.mutex);
+namespace {
+
+Reply Planned(Instrument::State& st, const std::string& line, const Behaviour& normal) {
   st.received.push_back(line);
   Reply reply;
   switch (st.config.fault) {
@@ -89,6 +90,15 @@ Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& n
   int lead = st.config.answerDelayMs;
   if (st.config.fault == Fault::Slow) lead += st.config.slowDelayMs;
   if (!reply.messages.empty()) reply.messages.front().delayMs += lead;
+  return reply;
+}
+
+}  // namespace
+
+Reply Respond(Instrument::State& st, const std::string& line, const Behaviour& normal) {
+  std::lock_guard lock(st.mutex);
+  Reply reply = Planned(st, line, normal);
+  reply.from = st.config.serial;
   return reply;
 }
 

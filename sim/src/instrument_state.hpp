@@ -31,6 +31,7 @@ struct Reply {
   int newBaud = 0;         // > 0: the line switches to this rate after the messages
   int byteIntervalMs = 0;  // > 0: the bytes go out one at a time, this far apart
   bool endless = false;    // digits follow until the instrument's fault changes
+  std::string from;        // serial number of the instrument that answers
 };
 
 inline constexpr int kAdjustmentSets = 99;

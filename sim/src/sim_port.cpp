@@ -16,6 +16,8 @@
 #include <optional>
 #include <random>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -31,11 +33,36 @@ using State = Instrument::State;
 using detail::Reply;
 
 constexpr size_t kMaxLine = 512;  // a real instrument's buffer is far smaller
+constexpr size_t kTracedBytes = 200;  // of a longer answer, a trace shows the start
 constexpr int kPollMs = 50;       // how long an error state on the pty is waited out
 constexpr auto kWriteGiveUp = std::chrono::milliseconds(200);
 // How long bytes written to the pty may take at most to be readable by the
 // host, generously.
 constexpr auto kChatterDelivered = std::chrono::milliseconds(5);
+
+// Bytes as one line of text: printable ASCII as it is, the rest escaped; a
+// long burst is cut, with its length.
+std::string Escaped(std::string_view bytes) {
+  std::string text;
+  for (const char c : bytes.substr(0, kTracedBytes)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\r') {
+      text += "\\r";
+    } else if (c == '\n') {
+      text += "\\n";
+    } else if (c == '\\') {
+      text += "\\\\";
+    } else if (byte >= 0x20 && byte < 0x7F) {
+      text += c;
+    } else {
+      char hex[5];
+      std::snprintf(hex, sizeof hex, "\\x%02x", byte);
+      text += hex;
+    }
+  }
+  if (bytes.size() > kTracedBytes) text += "... (" + std::to_string(bytes.size()) + " bytes)";
+  return text;
+}
 
 LineOptions Checked(LineOptions line) {
   if (line.baud <= 0) throw std::invalid_argument("baud rate must be positive");
@@ -95,7 +122,11 @@ struct SimPort::Impl {
   bool takeTriggerPulse();
   void fireTrigger();
   void feed(const char* bytes, size_t count);
-  void handle(const std::string& text);
+  void handle(const std::string& text, const std::string& bytes);
+  std::string holderSerial() const;
+  void trace(const std::string& serial, const char* direction, const std::string& what) const;
+  bool answer(const std::string& serial, const std::string& bytes, int rate,
+              int byteIntervalMs = 0);
   Reply route(const std::string& text);
   Reply bus(const std::string& text, const std::string& upper);
   Reply busFree(const std::string& text);
@@ -141,7 +172,8 @@ struct SimPort::Impl {
   Clock::time_point nextChatter{};
   std::deque<std::pair<int, Clock::time_point>> sentChatter;  // the last ones, in order
   std::string partial;
-  std::deque<std::string> ready;
+  std::string partialBytes;  // as they came, line end included; for the trace
+  std::deque<std::pair<std::string, std::string>> ready;  // each line's text and bytes
   std::minstd_rand random{0x5eed};
 
   std::thread thread;  // last: starts after, and stops before, everything above
@@ -179,10 +211,10 @@ void SimPort::Impl::run() {
       readInput();
       continue;
     }
-    const std::string text = std::move(ready.front());
+    const auto [text, bytes] = std::move(ready.front());
     ready.pop_front();
     try {
-      handle(text);
+      handle(text, bytes);
     } catch (const std::exception& e) {
       std::fprintf(stderr, "zeltosim: line \"%s\" on %s: %s\n", text.c_str(), pty.path().c_str(),
                    e.what());
@@ -232,7 +264,7 @@ int SimPort::Impl::holderChatterMs() const {
 // A line nobody asked for.
 void SimPort::Impl::chatter() {
   const int n = ++chatterCount;
-  transmit("DATA " + std::to_string(n) + "\r\n", currentBaud());
+  answer(holderSerial(), "DATA " + std::to_string(n) + "\r\n", currentBaud());
   sentChatter.emplace_back(n, Clock::now());
   if (sentChatter.size() > 64) sentChatter.pop_front();
   nextChatter = Clock::now() + std::chrono::milliseconds(holderChatterMs());
@@ -261,35 +293,44 @@ void SimPort::Impl::fireTrigger() {
   {
     std::lock_guard lock(st.mutex);
     reply = detail::TriggerFired(st);
+    reply.from = st.config.serial;
   }
   deliver(reply);
 }
 
+// Empty lines go through too, so that the trace shows every byte; they are
+// not commands.
 void SimPort::Impl::feed(const char* bytes, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     const char c = bytes[i];
+    if (partialBytes.size() < kMaxLine) partialBytes.push_back(c);
     if (c == '\n') {
-      if (!partial.empty()) ready.push_back(std::move(partial));
+      ready.emplace_back(std::move(partial), std::move(partialBytes));
       partial.clear();
+      partialBytes.clear();
     } else if (c != '\r' && partial.size() < kMaxLine) {
       partial.push_back(c);
     }
   }
 }
 
-void SimPort::Impl::handle(const std::string& text) {
+void SimPort::Impl::handle(const std::string& text, const std::string& bytes) {
   const int speed = detail::ReadLineSpeed(pty.master());
-  bool understood = false;
+  const bool understood = speed == currentBaud();
+  if (options.trace) {
+    const std::string rate = speed > 0 ? std::to_string(speed) + " baud" : "an unknown rate";
+    trace(holderSerial(), "<-", Escaped(bytes) + (understood ? "" : " (at " + rate + ")"));
+  }
+  if (text.empty()) return;
   {
     std::lock_guard lock(mutex);
-    understood = speed == baud;
     log.push_back(ReceivedLine{text, speed < 0 ? 0 : speed, understood,
                                chatterBefore(Clock::now())});
   }
   if (understood) {
     deliver(route(text));
   } else if (options.wrongSpeed == WrongSpeed::Garbage) {
-    transmit(noise(), currentBaud());
+    answer(holderSerial(), noise(), currentBaud());
   }
   // A chattering instrument is quiet while it answers.
   nextChatter = Clock::now() + std::chrono::milliseconds(holderChatterMs());
@@ -420,7 +461,7 @@ void SimPort::Impl::deliver(const Reply& reply) {
   std::string pending;
   for (const detail::Message& message : reply.messages) {
     if (message.delayMs > 0) {
-      if (!pending.empty() && !transmit(pending, rate, reply.byteIntervalMs)) return;
+      if (!pending.empty() && !answer(reply.from, pending, rate, reply.byteIntervalMs)) return;
       pending.clear();
       if (!sleepFor(message.delayMs)) return;
     }
@@ -430,8 +471,26 @@ void SimPort::Impl::deliver(const Reply& reply) {
   // A new rate takes effect as the last answer goes out, so a host that has
   // read that answer already finds the instrument at the new rate.
   if (reply.newBaud > 0) setBaud(reply.newBaud);
-  if (!pending.empty() && !transmit(pending, rate, reply.byteIntervalMs)) return;
-  if (reply.endless) babble(holderFault());
+  if (!pending.empty() && !answer(reply.from, pending, rate, reply.byteIntervalMs)) return;
+  if (!reply.endless) return;
+  trace(reply.from, "->", "0123456789... without end");
+  babble(holderFault());
+}
+
+std::string SimPort::Impl::holderSerial() const {
+  std::lock_guard lock(mutex);
+  return members[holder].state->config.serial;  // never changes
+}
+
+void SimPort::Impl::trace(const std::string& serial, const char* direction,
+                          const std::string& what) const {
+  if (options.trace) options.trace(serial + " " + direction + " " + what);
+}
+
+bool SimPort::Impl::answer(const std::string& serial, const std::string& bytes, int rate,
+                           int byteIntervalMs) {
+  if (options.trace) trace(serial, "->", Escaped(bytes));
+  return transmit(bytes, rate, byteIntervalMs);
 }
 
 // Digits without a line end until the fault changes: a babble as fast as
@@ -549,10 +608,7 @@ Instrument& SimPort::chain(Config chained) {
 
 int SimPort::baud() const { return impl_->currentBaud(); }
 
-std::string SimPort::busHolder() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->members[impl_->holder].state->config.serial;
-}
+std::string SimPort::busHolder() const { return impl_->holderSerial(); }
 
 std::vector<ReceivedLine> SimPort::lineLog() const {
   std::lock_guard lock(impl_->mutex);

@@ -26,6 +26,9 @@ void PrintInstrument(const std::string& serial, int baud, const std::string& pat
   std::printf("\n");
 }
 
+// One call per line, so that the lines of several ports never mix.
+void PrintTrace(const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); }
+
 using Ports = std::vector<std::unique_ptr<SimPort>>;
 
 // Fires the trigger input of port `number` (1 is the first), of all with 0.
@@ -95,7 +98,9 @@ int Run(const zeltosim::tool::Options& options) {
   Ports ports;
   std::vector<const SimPort*> all;
   for (const auto& setup : options.ports) {
-    auto port = std::make_unique<SimPort>(setup.master, setup.line);
+    zeltosim::LineOptions line = setup.line;
+    if (options.verbose) line.trace = PrintTrace;
+    auto port = std::make_unique<SimPort>(setup.master, line);
     PrintInstrument(port->master().serial(), port->baud(), port->path(), "");
     for (const auto& lit : setup.lights) port->master().setLight(lit.fibre - 1, lit.light);
     for (const auto& chained : setup.chained) {

@@ -31,6 +31,11 @@ whose trigger is off ignores the pulse.
   --station N        makes the last --port (or a default one) a station of N
                      such ports, 1..64; every serial of port n gets n appended
                      two digits wide (ZS000001 becomes ZS00000101, ...)
+  --verbose          prints on standard error, one line each, what every
+                     instrument receives and sends: its serial number, <- or
+                     ->, and the bytes, \r, \n, \\ and bytes outside printable
+                     ASCII escaped (\x04); a line at another rate than the
+                     instrument's is marked with that rate
   --help             this text
 
 SETTINGS is a comma-separated list of key=value pairs (may be empty):
@@ -250,6 +255,8 @@ Options ParseOptions(const std::vector<std::string>& args) {
     }
     if (arg == "--help" || arg == "-h") {
       options.help = true;
+    } else if (arg == "--verbose" || arg == "-v") {
+      options.verbose = true;
     } else if (arg == "--port") {
       PortSetup setup;
       setup.master = InstrumentFrom(value, ++number, &setup.line);

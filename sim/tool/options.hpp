@@ -24,6 +24,7 @@ struct PortSetup {
 
 struct Options {
   bool help = false;
+  bool verbose = false;  // every instrument's traffic on standard error
   std::vector<PortSetup> ports;
 };
 

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -104,6 +105,12 @@ struct LineOptions {
   int baud = 57600;                          // the instrument's own rate
   WrongSpeed wrongSpeed = WrongSpeed::Silent;
   bool lineDelay = false;  // pace output at 11 bits per character
+  // Gets a line for each line the port receives and each burst its
+  // instruments send: "<serial> <- <bytes>" and "<serial> -> <bytes>", the
+  // bytes outside printable ASCII escaped (\r, \n, \xNN, and \\). Called
+  // from the port's thread, so a sink shared by ports must take its own
+  // lock. None when empty.
+  std::function<void(const std::string&)> trace;
 };
 
 // One line as it arrived on the wire.
