@@ -247,9 +247,13 @@ class AnswerScanner {
       if (++lineFeeds_ == lineCount_) linesEnd_ = i + 1;
     }
     if (markerEnd_ == kNone) markerEnd_ = EndSince(text, marker_, newFrom);
+    // Refusals count once more than 13 bytes came: a text that held one
+    // before then is looked at whole the first time.
     if (text.size() > 13 && syntaxErrorEnd_ == kNone) {
-      syntaxErrorEnd_ = std::min(EndSince(text, syntaxError1_, newFrom),
-                                 EndSince(text, syntaxError2_, newFrom));
+      const std::size_t from = refusalsLooked_ ? newFrom : 0;
+      syntaxErrorEnd_ = std::min(EndSince(text, syntaxError1_, from),
+                                 EndSince(text, syntaxError2_, from));
+      refusalsLooked_ = true;
     }
   }
   bool markerSeen() const { return markerEnd_ != kNone; }
@@ -277,6 +281,7 @@ class AnswerScanner {
   std::size_t syntaxErrorEnd_ = kNone;
   std::size_t linesEnd_ = kNone;
   int lineFeeds_ = 0;
+  bool refusalsLooked_ = false;
 };
 
 int WaitSliceMs(double untilMs, double nowMs) {

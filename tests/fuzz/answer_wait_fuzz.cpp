@@ -82,8 +82,6 @@ Wait DecodeWait(std::uint8_t b) {
   static constexpr std::array<long, 4> kTimeoutsMs = {1, 2, 4, 10};
   Wait wait{static_cast<EndKind>(b & 3), std::string(kMarkers[(b >> 2) & 3]), ((b >> 4) & 3) + 1,
             kTimeoutsMs[b >> 6]};
-  // A lone 0x04 ends only the one-line waits for stragglers.
-  if (wait.kind != EndKind::Marker && wait.marker == "\x04") wait.marker = "\r\n\x04";
   // Long enough for 200 ms of quiet to end the wait first; rare, as slow.
   if (wait.kind == EndKind::Quiet && (b & 0xF0) == 0xF0) wait.timeoutMs = 400;
   return wait;

@@ -110,7 +110,7 @@ struct LineOptions {
   // bytes outside printable ASCII escaped (\r, \n, \xNN, and \\). Called
   // from the port's thread, so a sink shared by ports must take its own
   // lock. None when empty.
-  std::function<void(const std::string&)> trace;
+  std::function<void(const std::string&)> trace = nullptr;
 };
 
 // One line as it arrived on the wire.
