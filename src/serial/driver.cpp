@@ -300,13 +300,14 @@ struct WaitPlan {
 
 // Where the answer in `text` ends, when the wait has seen its end; `quiet`
 // says how long the line has been silent. A one-line answer ends at its
-// first marker, a refusal included; a longer one at a refusal anywhere.
+// first marker, a refusal included; a longer one at its last line or at a
+// refusal before it, whichever comes first, however the reads were split.
 std::size_t AnswerEnd(const AnswerScanner& scan, const std::string& text, const WaitPlan& plan,
                       double quiet) {
   if (text.empty()) return AnswerScanner::kNone;
   if (!plan.multiLine) return scan.markerEnd();
+  if (plan.lineCount > 0) return std::min(scan.syntaxErrorEnd(), scan.linesEnd());
   if (scan.syntaxErrorEnd() != AnswerScanner::kNone) return scan.syntaxErrorEnd();
-  if (plan.lineCount > 0) return scan.linesEnd();
   if (plan.lineCount == 0 && quiet > 200) return text.size();
   return AnswerScanner::kNone;
 }

@@ -230,10 +230,10 @@ struct Expected {
   bool refusal = false;
 };
 
-// A one-line answer ends at its first marker; a longer one at a refusal
-// anywhere, else at its line count. An end counts once the read that
-// completes it is in (a refusal only in more than 13 bytes), and the wait
-// stops at the first read that shows one.
+// A one-line answer ends at its first marker; a longer one at its line
+// count or a refusal, whichever ends first among what the wait has seen.
+// An end counts once the read that completes it is in (a refusal only in
+// more than 13 bytes), and the wait stops at the first read that shows one.
 Expected ExpectedEnd(const Wait& wait, std::string_view consumed, std::size_t from,
                      std::size_t firstLook, const std::vector<std::size_t>& readEnds) {
   const std::string marker = wait.marker.empty() ? "\r\n" : wait.marker;
@@ -254,8 +254,12 @@ Expected ExpectedEnd(const Wait& wait, std::string_view consumed, std::size_t fr
   const std::size_t lines =
       wait.kind == EndKind::Lines ? NthLineEnd(consumed, wait.lineCount) : kNone;
   const std::size_t linesSeen = seenAt(lines, 1);
-  if (refusalSeen <= linesSeen) return {refusalSeen, from + refusal, refusalSeen != kNone};
-  return {linesSeen, from + lines, false};
+  const std::size_t stopRead = std::min(refusalSeen, linesSeen);
+  if (stopRead == kNone) return {};
+  // Of the ends that read shows, the first.
+  const std::size_t end = std::min(refusalSeen <= stopRead ? refusal : kNone,
+                                   linesSeen <= stopRead ? lines : kNone);
+  return {stopRead, from + end, refusalSeen <= stopRead && refusal <= end};
 }
 
 // Checks one wait that took `consumed` (its answer and leftover) from
