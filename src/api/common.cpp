@@ -11,7 +11,7 @@
 
 namespace zeltocom {
 
-std::atomic<int> LA_ResponseTimeout{2500};
+std::atomic<TimeoutMs> LA_ResponseTimeout{2500};
 std::atomic<int> ResponseBufferSize{0};
 
 void CopyOut(char* buffer, std::string_view text) {

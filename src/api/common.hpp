@@ -13,7 +13,7 @@
 namespace zeltocom {
 
 // The library-wide response time-out in ms of every plain send.
-extern std::atomic<int> LA_ResponseTimeout;
+extern std::atomic<TimeoutMs> LA_ResponseTimeout;
 
 // The room of the hosts' answer buffers in bytes, terminator included; 0
 // (the initial value) means the answer's own length.

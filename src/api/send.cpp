@@ -164,7 +164,8 @@ int SendTo(Call& call, PortRef port, const char* notOpenText, const char* comman
 }
 
 // Stores a library-wide setting: 1, or -1 for a negative value.
-int SetNonNegative(std::atomic<int>& setting, int value, const char* refusal) {
+template <typename Setting>
+int SetNonNegative(std::atomic<Setting>& setting, int value, const char* refusal) {
   if (value < 0) {
     SetError(nullptr, refusal);
     return -1;

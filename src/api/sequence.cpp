@@ -130,7 +130,7 @@ int SetUpSequence(s_CommPort* device, const SequenceSettings& s, int setMode) {
   const int period = static_cast<int>(s.captureTime + s.timeBetweenCaptures);
   device->sequence.samples = s.sampleCount;
   device->sequence.periodMs = period;
-  device->sequence.timeoutMs = static_cast<int>(s.startDelay) + period * s.sampleCount + 500;
+  device->sequence.timeoutMs = static_cast<TimeoutMs>(s.startDelay) + TimeoutMs{period} * s.sampleCount + 500;
   return 1;
 }
 

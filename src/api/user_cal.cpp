@@ -153,7 +153,7 @@ std::array<RawRgb, 3> RecordedValues(int fiber) {
 // Sends the commands in order; the first that gives 0 fails with the text
 // of its place.
 bool SentInOrder(s_CommPort* device, const std::array<std::string, 3>& commands,
-                 unsigned long timeoutMs) {
+                 TimeoutMs timeoutMs) {
   for (std::size_t i = 0; i < commands.size(); ++i) {
     if (CMD_SendCommand(device, commands[i], timeoutMs) == 0) {
       SetError(device, kStepFailures[i]);

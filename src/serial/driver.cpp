@@ -392,7 +392,7 @@ void Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bo
     line.outOfStep = true;
   }
   if (trim && !text.empty()) TrimAnswerEnd(text);
-  response->elapsedMs = static_cast<int64_t>(elapsed);
+  response->elapsedMs = static_cast<TimeoutMs>(elapsed);
 }
 
 }  // namespace
@@ -541,7 +541,7 @@ bool WaitForTriggerMessage(int fd, int wakeFd, t_comresponse* response,
     if (TriggerMessageEnded(scan, dataExpected, lineCount)) break;
     if (abortFlag) return false;
   }
-  response->elapsedMs = static_cast<int64_t>(WallClockMs() - lastByte);
+  response->elapsedMs = static_cast<TimeoutMs>(WallClockMs() - lastByte);
   TrimAnswerEnd(text);
   return true;
 }
