@@ -201,7 +201,7 @@ VecFile ReadVecFile(std::string_view text) {
       ReadVertices(line, bin);
     } else {
       bin.name = line.substr(0, eq);
-      ReadVertices(std::string_view(line).substr(eq + 1), bin);
+      ReadVertices(std::string_view{line}.substr(eq + 1), bin);
     }
   }
   if (file.bins.empty()) {

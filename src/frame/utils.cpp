@@ -43,30 +43,28 @@ long ParseLong(std::string_view text) {
 
 float ParseDecimal(std::string_view text) {
   std::string digits;
-  int pointAt = -1;
+  std::optional<std::size_t> pointAt;
   for (char c : text) {
     if (c >= '0' && c <= '9') {
       digits += c;
     } else if (c == '.') {
-      pointAt = static_cast<int>(digits.size());
+      pointAt = digits.size();
     }
   }
-  const int p = pointAt >= 0 ? pointAt : static_cast<int>(digits.size());
+  const double wholeDigits = static_cast<double>(pointAt.value_or(digits.size()));
   float value = 0.0f;
-  for (int i = 0; i < static_cast<int>(digits.size()); ++i) {
+  for (std::size_t i = 0; i < digits.size(); ++i) {
     // A zero adds nothing, and past 308 places its power is infinite and
     // the product not a number.
     if (digits[i] == '0') continue;
-    value += static_cast<float>((digits[i] - '0') * std::pow(10.0, p - 1 - i));
+    const double place = wholeDigits - 1 - static_cast<double>(i);
+    value += static_cast<float>((digits[i] - '0') * std::pow(10.0, place));
   }
   return value;
 }
 
 bool isInteger(std::string_view text) {
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
+  return std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
 }
 
 std::string strtoupper(std::string_view text) {

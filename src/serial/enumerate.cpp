@@ -85,10 +85,7 @@ void SetDetectedPorts(std::vector<std::string> ports) {
 
 bool isDevicePathAvailable(const std::string& path) {
   std::lock_guard lock(portsMutex);
-  for (const std::string& p : portslist) {
-    if (p == path) return true;
-  }
-  return false;
+  return std::ranges::find(portslist, path) != portslist.end();
 }
 
 std::string get_driver(const std::string& ttyPath) {

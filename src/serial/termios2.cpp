@@ -13,13 +13,23 @@ namespace {
 
 // What cfmakeraw does, for the kernel's structure.
 void MakeRaw(struct termios2& t) {
-  t.c_iflag &= ~(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
-  t.c_oflag &= ~OPOST;
-  t.c_lflag &= ~(ECHO | ECHONL | ICANON | ISIG | IEXTEN);
-  t.c_cflag &= ~(CSIZE | PARENB);
+  t.c_iflag &= ~tcflag_t{IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON};
+  t.c_oflag &= ~tcflag_t{OPOST};
+  t.c_lflag &= ~tcflag_t{ECHO | ECHONL | ICANON | ISIG | IEXTEN};
+  t.c_cflag &= ~tcflag_t{CSIZE | PARENB};
   t.c_cflag |= CS8;
   t.c_cc[VMIN] = 1;
   t.c_cc[VTIME] = 0;
+}
+
+// serial_struct keeps its flags in an int; the kernel's flag bits are
+// unsigned.
+int WithFlags(int flags, unsigned clear, unsigned set) {
+  return static_cast<int>((static_cast<unsigned>(flags) & ~clear) | set);
+}
+
+void SetSpeedBits(struct termios2& t, tcflag_t speed) {
+  t.c_cflag = (t.c_cflag & ~tcflag_t{CBAUD | CIBAUD}) | speed;
 }
 
 }  // namespace
@@ -28,7 +38,7 @@ int SetRateByCustomDivisor(int& fd, int baud) {
   if (baud <= 0) return -1;
   struct serial_struct serial {};
   if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return -1;
-  serial.flags = (serial.flags & ~ASYNC_SPD_MASK) | ASYNC_SPD_CUST;
+  serial.flags = WithFlags(serial.flags, ASYNC_SPD_MASK, ASYNC_SPD_CUST);
   serial.custom_divisor = (serial.baud_base + baud / 2) / baud;
   if (serial.custom_divisor < 1) serial.custom_divisor = 1;
   if (ioctl(fd, TIOCSSERIAL, &serial) != 0) return -1;
@@ -36,7 +46,7 @@ int SetRateByCustomDivisor(int& fd, int baud) {
   // B38400 is the code that the driver maps to the custom divisor.
   struct termios2 t {};
   if (ioctl(fd, TCGETS2, &t) != 0) return -1;
-  t.c_cflag = (t.c_cflag & ~(CBAUD | CIBAUD)) | B38400;
+  SetSpeedBits(t, B38400);
   t.c_ispeed = 38400;
   t.c_ospeed = 38400;
   return ioctl(fd, TCSETS2, &t) == 0 ? 0 : -1;
@@ -45,7 +55,7 @@ int SetRateByCustomDivisor(int& fd, int baud) {
 int SetArbitraryRate(int& fd, int baud) {
   struct termios2 t {};
   if (ioctl(fd, TCGETS2, &t) != 0) return -1;
-  t.c_cflag = (t.c_cflag & ~(CBAUD | CIBAUD)) | BOTHER;
+  SetSpeedBits(t, BOTHER);
   t.c_ispeed = static_cast<speed_t>(baud);
   t.c_ospeed = static_cast<speed_t>(baud);
   return ioctl(fd, TCSETS2, &t) == 0 ? 0 : -1;
@@ -65,7 +75,7 @@ int ApplyRawArbitraryRate(int fd) {
 void SetLowLatency(int fd) {
   struct serial_struct serial {};
   if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return;
-  serial.flags |= ASYNC_LOW_LATENCY;
+  serial.flags = WithFlags(serial.flags, 0, ASYNC_LOW_LATENCY);
   ioctl(fd, TIOCSSERIAL, &serial);
 }
 
