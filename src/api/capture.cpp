@@ -17,10 +17,7 @@ using namespace zeltocom;
 namespace {
 
 bool ReportsCondition(const std::string& upper, std::initializer_list<const char*> words) {
-  for (const char* word : words) {
-    if (Contains(upper, word)) return true;
-  }
-  return false;
+  return std::ranges::any_of(words, [&](const char* word) { return Contains(upper, word); });
 }
 
 // 1 when the answer came in time and was no syntax error; else the text for

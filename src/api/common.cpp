@@ -4,9 +4,9 @@
 
 #include <cstring>
 
+#include "device/lines.hpp"
 #include "frame/errors.hpp"
 #include "frame/utils.hpp"
-#include "device/lines.hpp"
 #include "zeltocom.h"
 
 namespace zeltocom {

@@ -8,12 +8,12 @@
 
 #include "api/common.hpp"
 #include "api/fan_out.hpp"
-#include "device/handshake.hpp"
 #include "device/exchange.hpp"
+#include "device/handshake.hpp"
+#include "device/lines.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -103,10 +103,7 @@ bool PassesFilters(const std::string& path, std::string& serial) {
 // port again, whatever happens on the way.
 int DetectOne(const std::string& path, int baudrate, std::string& serial) {
   if (ZeltoCom_Open(path.c_str(), baudrate) != 1) return 0;
-  struct CloseAgain {
-    const std::string& path;
-    ~CloseAgain() { ZeltoCom_Close(path.c_str()); }
-  } closeAgain{path};
+  const OnScopeExit closeAgain([&] { ZeltoCom_Close(path.c_str()); });
   return PassesFilters(path, serial) ? 1 : 0;
 }
 
@@ -194,6 +191,23 @@ std::string ProbeForSerialNumbers(const std::string& path, const std::vector<std
   return answered;
 }
 
+// Probes every enumerated port at once for the `sought` serial numbers and
+// fills the places of `found` still empty whose serial number answered.
+void ProbeForSought(const std::vector<std::string>& serials, const std::vector<std::string>& sought,
+                    std::vector<std::string>& found) {
+  const std::vector<std::string> paths = DetectedPorts();
+  std::vector<std::string> answers(paths.size());
+  FanOut(paths.size(),
+         [&](std::size_t p) { answers[p] = ProbeForSerialNumbers(paths[p], sought); });
+  for (std::size_t i = 0; i < serials.size(); ++i) {
+    if (!found[i].empty() || serials[i].empty()) continue;
+    const std::string wanted = strtoupper(serials[i]);
+    for (std::size_t p = 0; p < paths.size() && found[i].empty(); ++p) {
+      if (!answers[p].empty() && Contains(answers[p], wanted)) found[i] = paths[p];
+    }
+  }
+}
+
 // Finds the port of each serial number: from the open ports without any
 // traffic, else by probing every other enumerated port at once. `found[i]`
 // is the path of serials[i], or empty. The number found, or -1.
@@ -218,19 +232,7 @@ int FindConnected(const std::vector<std::string>& serials, std::vector<std::stri
     SetError(nullptr, "No serial numbers given");
     return -1;
   }
-  if (!sought.empty()) {
-    const std::vector<std::string> paths = DetectedPorts();
-    std::vector<std::string> answers(paths.size());
-    FanOut(paths.size(),
-           [&](std::size_t p) { answers[p] = ProbeForSerialNumbers(paths[p], sought); });
-    for (std::size_t i = 0; i < serials.size(); ++i) {
-      if (!found[i].empty() || serials[i].empty()) continue;
-      const std::string wanted = strtoupper(serials[i]);
-      for (std::size_t p = 0; p < paths.size() && found[i].empty(); ++p) {
-        if (!answers[p].empty() && Contains(answers[p], wanted)) found[i] = paths[p];
-      }
-    }
-  }
+  if (!sought.empty()) ProbeForSought(serials, sought, found);
   const auto n = std::ranges::count_if(found, [](const std::string& f) { return !f.empty(); });
   if (n == 0) SetError(nullptr, "Unable to find device");
   return static_cast<int>(n);
@@ -341,6 +343,7 @@ int ZeltoCom_AreConnected(char** portsOut, const char* const* serialNumbers, int
   return Guarded(-1, [&] {
     if (!ArraysGiven(nSerials, {portsOut, serialNumbers})) return -1;
     std::vector<std::string> serials;
+    serials.reserve(static_cast<std::size_t>(nSerials));
     for (int i = 0; i < nSerials; ++i) serials.emplace_back(Arg(serialNumbers[i]));
     for (int i = 0; i < nSerials; ++i) CopyOut(portsOut[i], "");
     std::vector<std::string> found;
@@ -359,6 +362,7 @@ int ZeltoCom_Isconnected_thread(char** portsOut, const char* devicePath,
     if (!BaudrateAccepted(baudrate)) return -1;
     const std::string path(Arg(devicePath));
     std::vector<std::string> sought;
+    sought.reserve(static_cast<std::size_t>(nSerials));
     for (int i = 0; i < nSerials; ++i) sought.push_back(strtoupper(Arg(serialNumbers[i])));
     // An open port's instrument is known already; probing it would disturb it.
     const PortRef open = PortsList_GetByDevPath(path);

@@ -149,13 +149,9 @@ inline bool ArraysGiven(int count, std::initializer_list<const void*> arrays) {
     return false;
   }
   if (count == 0) return true;
-  for (const void* array : arrays) {
-    if (array == nullptr) {
-      SetError(nullptr, "No array given");
-      return false;
-    }
-  }
-  return true;
+  if (std::ranges::all_of(arrays, [](const void* array) { return array != nullptr; })) return true;
+  SetError(nullptr, "No array given");
+  return false;
 }
 
 }  // namespace zeltocom

@@ -7,10 +7,10 @@
 #include "api/common.hpp"
 #include "api/fan_out.hpp"
 #include "device/identify.hpp"
+#include "device/lines.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -108,7 +108,7 @@ bool EnoughPortsOpen(int nPorts) {
 
 // One send of a parallel send: to `path`, or, when it is empty, to nobody
 // (the slot keeps -1).
-struct Exchange {
+struct PortCommand {
   std::string path;
   std::string command;
   char* response = nullptr;
@@ -116,21 +116,21 @@ struct Exchange {
 
 // Runs the exchanges at once and sums their results up; a failed call
 // reports the text of its first port with the call's result.
-int SendAll(int* results, const std::vector<Exchange>& exchanges) {
+int SendAll(int* results, const std::vector<PortCommand>& exchanges) {
   const std::size_t n = exchanges.size();
   for (std::size_t i = 0; i < n; ++i) results[i] = -1;
   const std::vector<std::string> texts = FanOutWhere(
       n, [&](std::size_t i) { return !exchanges[i].path.empty(); },
       [&](std::size_t i) {
-        const Exchange& e = exchanges[i];
+        const PortCommand& e = exchanges[i];
         ZeltoCom_Send_Multi_Thread(&results[i], e.path.c_str(), e.command.c_str(), e.response);
       },
       "The device path is not in use");
   return WorstResultKeepingText(std::span<const int>(results, n), texts);
 }
 
-std::vector<Exchange> ToAllOpen(const char* command, char* const* responses) {
-  std::vector<Exchange> exchanges;
+std::vector<PortCommand> ToAllOpen(const char* command, char* const* responses) {
+  std::vector<PortCommand> exchanges;
   for (const PortRef& port : PortsList_All(&OpenedPorts)) {
     char* response = responses != nullptr ? responses[exchanges.size()] : nullptr;
     exchanges.push_back({std::string(port->devicePath.view()), std::string(Arg(command)), response});
@@ -202,10 +202,10 @@ int ZeltoCom_OpenSN_Multi(int* returnValues, const char* const* serialNumbers, i
     std::vector<std::vector<char>> buffers(static_cast<std::size_t>(nPorts),
                                            std::vector<char>(kPathBuffer, '\0'));
     std::vector<char*> found;
+    found.reserve(buffers.size());
     for (std::vector<char>& buffer : buffers) found.push_back(buffer.data());
     ZeltoCom_AreConnected(found.data(), serialNumbers, nPorts, baudrate);
-    std::vector<std::string> paths;
-    for (const char* path : found) paths.emplace_back(path);
+    const std::vector<std::string> paths(found.begin(), found.end());
     return OpenAll(returnValues, paths, baudrate, "Unable to find device");
   });
 }
@@ -229,7 +229,8 @@ int ZeltoCom_Send_Multi(int* returnValues, const char* const* devicePaths, int n
   return Guarded(-1, [&] {
     if (!ArraysGiven(nPorts, {returnValues, devicePaths, commands, responses})) return -1;
     if (!EnoughPortsOpen(nPorts)) return -1;
-    std::vector<Exchange> exchanges;
+    std::vector<PortCommand> exchanges;
+    exchanges.reserve(static_cast<std::size_t>(nPorts));
     for (int i = 0; i < nPorts; ++i) {
       exchanges.push_back({std::string(Arg(devicePaths[i])), std::string(Arg(commands[i])),
                            responses[i]});
@@ -243,7 +244,8 @@ int ZeltoCom_SendSN_Multi(int* returnValues, const char* const* serialNumbers, i
   return Guarded(-1, [&] {
     if (!ArraysGiven(nPorts, {returnValues, serialNumbers, commands, responses})) return -1;
     if (!EnoughPortsOpen(nPorts)) return -1;
-    std::vector<Exchange> exchanges;
+    std::vector<PortCommand> exchanges;
+    exchanges.reserve(static_cast<std::size_t>(nPorts));
     for (int i = 0; i < nPorts; ++i) {
       const PortRef port = PortsList_GetBySerialNumber(&OpenedPorts, Arg(serialNumbers[i]));
       const std::string path = port ? std::string(port->devicePath.view()) : std::string();
@@ -265,7 +267,7 @@ int ZeltoCom_Send_Multi_NR(int* returnValues, const char* devicePathList, int nP
       return -1;
     }
     if (!EnoughPortsOpen(nPorts)) return -1;
-    std::vector<Exchange> exchanges;
+    std::vector<PortCommand> exchanges;
     for (std::size_t i = 0; i < wanted; ++i) exchanges.push_back({paths[i], commands[i], nullptr});
     return SendAll(returnValues, exchanges);
   });

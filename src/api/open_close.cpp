@@ -6,10 +6,10 @@
 
 #include "api/common.hpp"
 #include "device/handshake.hpp"
+#include "device/lines.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -80,17 +80,17 @@ bool FindBySerialNumber(const std::string& serial, const std::vector<int>& rates
                         const std::string& rememberedPath) {
   const std::string wanted = strtoupper(serial);
   const auto matches = [&](const Identity& id) { return strtoupper(id.serialNumber) == wanted; };
-  for (const std::string& path : CandidatePaths(rememberedPath)) {
+  const auto opensThere = [&](const std::string& path) {
     // An open port's instrument is known already; probing it would disturb it.
     const PathClaim claim(path);
-    if (!claim.held() || PortsList_GetByDevPath(path) || OpenUnderAnotherName(path)) continue;
+    if (!claim.held() || PortsList_GetByDevPath(path) || OpenUnderAnotherName(path)) return false;
     try {
-      if (OpenFirstAccepted(path, rates, matches) == Probe::Accepted) return true;
+      return OpenFirstAccepted(path, rates, matches) == Probe::Accepted;
     } catch (const LineError&) {
-      // A line that is gone or babbling holds no instrument to find.
+      return false;  // a line that is gone or babbling holds no instrument to find
     }
-  }
-  return false;
+  };
+  return std::ranges::any_of(CandidatePaths(rememberedPath), opensThere);
 }
 
 // Removes the held port from the registry, then closes its line.

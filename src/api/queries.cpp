@@ -4,10 +4,11 @@
 
 #include "api/common.hpp"
 #include "device/identify.hpp"
+#include "device/lines.hpp"
 #include "frame/clock.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
-#include "device/lines.hpp"
+#include "frame/utils.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;
@@ -63,9 +64,7 @@ int ZeltoCom_EnumPorts(void) {
   return Guarded(0, [] {
     if (!FirstDetectionInProcess.exchange(true)) {
       // Other callers wait for the flag, so it is lowered whatever happens.
-      struct Lower {
-        ~Lower() { FirstDetectionInProcess = false; }
-      } lower;
+      const OnScopeExit lower([] { FirstDetectionInProcess = false; });
       SetDetectedPorts(EnumSerialPorts());
       FirstDetectionDone = true;
     } else {

@@ -5,12 +5,12 @@
 #include "device/bus.hpp"
 #include "device/exchange.hpp"
 #include "device/identify.hpp"
+#include "device/lines.hpp"
 #include "device/settings.hpp"
 #include "frame/clock.hpp"
 #include "frame/errors.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;

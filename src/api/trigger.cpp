@@ -8,6 +8,7 @@
 #include "api/common.hpp"
 #include "device/exchange.hpp"
 #include "device/identify.hpp"
+#include "device/lines.hpp"
 #include "device/settings.hpp"
 #include "device/trigger_report.hpp"
 #include "frame/clock.hpp"
@@ -15,7 +16,6 @@
 #include "frame/listener.hpp"
 #include "frame/registry.hpp"
 #include "frame/utils.hpp"
-#include "device/lines.hpp"
 #include "zeltocom.h"
 
 using namespace zeltocom;

@@ -1,5 +1,6 @@
 // User calibration: a fiber's RGB matrix, xy offsets, wavelength offset,
 // intensity gain and absolute-intensity factor.
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <initializer_list>
@@ -51,23 +52,17 @@ int Refused(s_CommPort* device, const std::string& text) {
 }
 
 bool OutputsGiven(s_CommPort* device, std::initializer_list<const void*> outputs) {
-  for (const void* output : outputs) {
-    if (output == nullptr) {
-      SetError(device, kNoBuffer);
-      return false;
-    }
+  if (std::ranges::all_of(outputs, [](const void* output) { return output != nullptr; })) {
+    return true;
   }
-  return true;
+  SetError(device, kNoBuffer);
+  return false;
 }
 
 bool AllFinite(s_CommPort* device, std::initializer_list<double> values) {
-  for (double value : values) {
-    if (!std::isfinite(value)) {
-      SetError(device, "Calibration values must be finite numbers");
-      return false;
-    }
-  }
-  return true;
+  if (std::ranges::all_of(values, [](double value) { return std::isfinite(value); })) return true;
+  SetError(device, "Calibration values must be finite numbers");
+  return false;
 }
 
 // ---- RGB adjustment ----

@@ -71,7 +71,7 @@ bool WriteTraced(SerialLine& line, std::string_view serial, std::string_view com
   if (TraceOn()) {
     if (line.dropped.size() > droppedBefore) {
       Note(line, serial,
-           "thrown away before the command: " + ClippedForTrace(std::string_view(line.dropped).substr(droppedBefore)));
+           "thrown away before the command: " + ClippedForTrace(std::string_view{line.dropped}.substr(droppedBefore)));
     }
     TraceLine(line.path, serial,
               "> " + EscapedBytes(command) + "\\r\\n" + (written == 1 ? "" : " (not written)"));

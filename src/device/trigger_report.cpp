@@ -1,5 +1,6 @@
 #include "device/trigger_report.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <utility>
@@ -47,10 +48,7 @@ bool IsReportLine(const UnaskedReports& reports, std::string_view line) {
   if (reports.fields == 0) return line == "OK";
   const std::vector<std::string> tokens = SplitNonEmpty(line, ' ');
   if (static_cast<int>(tokens.size()) != reports.fields) return false;
-  for (const std::string& token : tokens) {
-    if (!IsNumber(token)) return false;
-  }
-  return true;
+  return std::ranges::all_of(tokens, [](const std::string& token) { return IsNumber(token); });
 }
 
 std::vector<std::string> PlainLines(std::string_view text) {

@@ -109,10 +109,10 @@ std::string WithDecimalPoint(std::string text) {
 }
 
 std::string FormatExponential(double value) {
-  const std::string text = WithDecimalPoint(StringPrintf("%0.5E", value));
+  std::string text = WithDecimalPoint(StringPrintf("%0.5E", value));
   const std::size_t e = text.find('E');
   if (e == std::string::npos) return text;  // not a number, or infinite
-  std::string_view exponent = std::string_view(text).substr(e + 1);
+  std::string_view exponent = std::string_view{text}.substr(e + 1);
   char sign = '+';
   if (!exponent.empty() && (exponent.front() == '+' || exponent.front() == '-')) {
     sign = exponent.front();

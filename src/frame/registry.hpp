@@ -37,12 +37,16 @@ constexpr int kAdjustmentSets = 99;
 // and by the generic send, which follows the commands that change them.
 struct SettingsCache {
   SettingsCache() = default;
-  SettingsCache(const SettingsCache&) = delete;  // `current` points into the object
+  ~SettingsCache() = default;
+  // `current` points into the object.
+  SettingsCache(const SettingsCache&) = delete;
   SettingsCache& operator=(const SettingsCache&) = delete;
+  SettingsCache(SettingsCache&&) = delete;
+  SettingsCache& operator=(SettingsCache&&) = delete;
 
   int numFibers = -1;
   std::array<FiberSettings, kAdjustmentSets> sets{};
-  FiberSettings* current = &sets[0];
+  FiberSettings* current = sets.data();
   int adjustmentSet = -1;  // -1: not asked yet
 
   // Makes `set` the current adjustment set, as the instrument told it.

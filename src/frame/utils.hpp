@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zeltocom {
@@ -19,6 +20,21 @@ std::string strtoupper(std::string_view text);
 std::string strtolower(std::string_view text);
 int strcountchar(std::string_view text, char c);
 bool Contains(std::string_view text, std::string_view what);
+
+// Runs `action` when the scope ends, however it ends.
+template <typename Action>
+class OnScopeExit {
+ public:
+  explicit OnScopeExit(Action action) : action_(std::move(action)) {}
+  ~OnScopeExit() { action_(); }
+  OnScopeExit(const OnScopeExit&) = delete;
+  OnScopeExit& operator=(const OnScopeExit&) = delete;
+  OnScopeExit(OnScopeExit&&) = delete;
+  OnScopeExit& operator=(OnScopeExit&&) = delete;
+
+ private:
+  Action action_;
+};
 
 // Drops an answer's trailing 0x04, LF and CR.
 void TrimAnswerEnd(std::string& text);

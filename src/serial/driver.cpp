@@ -73,8 +73,8 @@ Way ConfigureStandardSpeed(int fd, int baud) {
   termios t{};
   if (tcgetattr(fd, &t) != 0) return Way::Unavailable;
   t.c_cflag = StandardSpeedCode(baud) | CS8 | CREAD | CLOCAL;
-  t.c_iflag &= ~(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
-  t.c_oflag &= ~OPOST;
+  t.c_iflag &= ~tcflag_t{IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON};
+  t.c_oflag &= ~tcflag_t{OPOST};
   t.c_lflag = 0;
   t.c_cc[VTIME] = 5;
   t.c_cc[VMIN] = 1;
@@ -172,7 +172,7 @@ std::size_t ReadLine(SerialLine& line, char* buffer, std::size_t size, int waitM
 
 // Reads are large, so that a flood is taken at the line's full speed; the
 // buffer is per thread, as host threads may have small stacks.
-constexpr std::size_t kReadSize = 64 * 1024;
+constexpr std::size_t kReadSize = std::size_t{64} * 1024;
 char* ReadBuffer() {
   thread_local std::unique_ptr<char[]> buffer(new char[kReadSize]);
   return buffer.get();
@@ -188,7 +188,7 @@ constexpr double kDropLimitMs = 1000;
 
 // Keeps the tail of what was thrown away: enough for any unasked message.
 void KeepDropped(SerialLine& line, std::string_view bytes) {
-  constexpr std::size_t kKept = 64 * 1024;
+  constexpr std::size_t kKept = std::size_t{64} * 1024;
   line.dropped.append(bytes);
   if (line.dropped.size() > kKept) line.dropped.erase(0, line.dropped.size() - kKept);
 }
@@ -312,6 +312,36 @@ std::size_t AnswerEnd(const AnswerScanner& scan, const std::string& text, const 
   return AnswerScanner::kNone;
 }
 
+// Adds `n` bytes just read to the answer; LineError when it grows too long.
+void TakeIn(SerialLine& line, std::string& text, AnswerScanner& scan, const char* bytes,
+            std::size_t n) {
+  const std::size_t newFrom = text.size();
+  text.append(bytes, n);
+  if (text.size() > kMaxAnswerBytes) {
+    line.outOfStep = true;
+    throw LineError("Answer too long");
+  }
+  scan.Scan(text, newFrom);
+}
+
+// Ends the answer where its end was found, leaving what came after it for
+// the next wait; without an end, an owed answer leaves the line out of step.
+void CloseAnswer(SerialLine& line, t_comresponse* response, const AnswerScanner& scan,
+                 std::size_t end, const WaitPlan& plan, double lastByteWall) {
+  std::string& text = response->data;
+  if (end == AnswerScanner::kNone) {
+    if (plan.answerOwed) line.outOfStep = true;
+    return;
+  }
+  response->syntaxError = scan.syntaxErrorEnd() <= end;
+  if (end >= text.size()) return;
+  line.leftover = text.substr(end);
+  // A lone 0x04 after a line end closes the message just read; anything
+  // else is the start of the next one.
+  if (line.leftover != "\x04") line.lastStrayMs = lastByteWall;
+  text.resize(end);
+}
+
 void Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bool trim) {
   const std::string_view marker = plan.marker.empty() ? std::string_view("\r\n") : plan.marker;
   AnswerScanner scan(marker, plan.multiLine ? plan.lineCount : 0);
@@ -349,24 +379,20 @@ void Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bo
       if (late) break;
       late = true;  // one more look at the line after the time-out
     }
+    // Busy waits only look; blocking ones sleep until the time-out, the
+    // bound or the quiet that would end the answer.
     int waitMs = 0;
     if (blocking && !late) {
-      double until = std::min(lastByte + timeout, wallBegin + capMs());
       const bool quietEnds =
           !text.empty() && (scan.markerSeen() || plan.multiLine) && plan.lineCount == 0;
-      if (quietEnds) until = std::min(until, lastByte + 200);
+      const double until = std::min({lastByte + timeout, wallBegin + capMs(),
+                                     quietEnds ? lastByte + 200 : lastByte + timeout});
       waitMs = WaitSliceMs(until, wallNow);
     }
     const std::size_t n = ReadLine(line, buffer, kReadSize, waitMs);
     const double now = ClockMs();
     if (n > 0) {
-      const std::size_t newFrom = text.size();
-      text.append(buffer, n);
-      if (text.size() > kMaxAnswerBytes) {
-        line.outOfStep = true;
-        throw LineError("Answer too long");
-      }
-      scan.Scan(text, newFrom);
+      TakeIn(line, text, scan, buffer, n);
       lastByte = now;
       lastByteWall = WallClockMs();
       late = false;
@@ -379,19 +405,8 @@ void Collect(SerialLine& line, t_comresponse* response, const WaitPlan& plan, bo
     end = AnswerEnd(scan, text, plan, elapsed);
   }
 
-  if (end != AnswerScanner::kNone) {
-    response->syntaxError = scan.syntaxErrorEnd() <= end;
-    if (end < text.size()) {
-      line.leftover = text.substr(end);
-      // A lone 0x04 after a line end closes the message just read; anything
-      // else is the start of the next one.
-      if (line.leftover != "\x04") line.lastStrayMs = lastByteWall;
-      text.resize(end);
-    }
-  } else if (plan.answerOwed) {
-    line.outOfStep = true;
-  }
-  if (trim && !text.empty()) TrimAnswerEnd(text);
+  CloseAnswer(line, response, scan, end, plan, lastByteWall);
+  if (trim) TrimAnswerEnd(text);
   response->elapsedMs = static_cast<TimeoutMs>(elapsed);
 }
 
@@ -497,6 +512,28 @@ int QuietLeftMs(double lastByte) {
   return static_cast<int>(std::max(0.0, std::ceil(lastByte + kTriggerQuietMs - WallClockMs())));
 }
 
+// After a look that read nothing: true once the message that began has been
+// followed by quiet long enough, seen on two looks in a row.
+bool TriggerQuietEnds(bool begun, double lastByte, bool& quietSeen) {
+  if (!begun || WallClockMs() - lastByte < kTriggerQuietMs) return false;
+  if (quietSeen) return true;
+  quietSeen = true;
+  return false;
+}
+
+// Adds bytes of the trigger's message; true when they end it (a refusal
+// ends it too).
+bool TriggerBytesEnd(t_comresponse* response, AnswerScanner& scan, const char* bytes,
+                     std::size_t n, bool dataExpected, int lineCount) {
+  std::string& text = response->data;
+  const std::size_t newFrom = text.size();
+  text.append(bytes, n);
+  if (text.size() > kMaxAnswerBytes) throw LineError("Answer too long");
+  scan.Scan(text, newFrom);
+  response->syntaxError = scan.syntaxError();
+  return response->syntaxError || TriggerMessageEnded(scan, dataExpected, lineCount);
+}
+
 bool WaitForTriggerMessage(int fd, int wakeFd, t_comresponse* response,
                            const std::atomic<bool>& abortFlag, std::string_view terminator,
                            bool dataExpected, int lineCount) {
@@ -506,7 +543,6 @@ bool WaitForTriggerMessage(int fd, int wakeFd, t_comresponse* response,
   response->elapsedMs = 0;
   response->syntaxError = false;
   double lastByte = 0;
-  // The quiet counts once it is seen on two looks in a row.
   bool quietSeen = false;
   char chunk[256];
   for (;;) {
@@ -519,26 +555,14 @@ bool WaitForTriggerMessage(int fd, int wakeFd, t_comresponse* response,
       if (abortFlag) return false;
       continue;
     }
-    const double now = WallClockMs();
     if (in.bytes == 0) {
-      if (!text.empty() && now - lastByte >= kTriggerQuietMs) {
-        if (quietSeen) break;
-        quietSeen = true;
-      }
+      if (TriggerQuietEnds(!text.empty(), lastByte, quietSeen)) break;
       if (abortFlag) return false;
       continue;
     }
-    const std::size_t newFrom = text.size();
-    text.append(chunk, in.bytes);
-    if (text.size() > kMaxAnswerBytes) throw LineError("Answer too long");
-    scan.Scan(text, newFrom);
-    lastByte = now;
+    lastByte = WallClockMs();
     quietSeen = false;
-    if (scan.syntaxError()) {
-      response->syntaxError = true;
-      break;
-    }
-    if (TriggerMessageEnded(scan, dataExpected, lineCount)) break;
+    if (TriggerBytesEnd(response, scan, chunk, in.bytes, dataExpected, lineCount)) break;
     if (abortFlag) return false;
   }
   response->elapsedMs = static_cast<TimeoutMs>(WallClockMs() - lastByte);

@@ -7,10 +7,11 @@ namespace zeltocom {
 // The 8N1 line without flow control that the instruments use.
 template <typename Termios>
 void SetInstrumentLineFlags(Termios& t, bool clearSpeedBit) {
-  t.c_iflag &= ~(IXON | IXOFF | IXANY);
+  using Flags = decltype(t.c_iflag);
+  t.c_iflag &= ~Flags{IXON | IXOFF | IXANY};
   t.c_oflag = 0;
   t.c_lflag = 0;
-  t.c_cflag &= ~(CRTSCTS | PARENB | CSTOPB | CSIZE);
+  t.c_cflag &= ~Flags{CRTSCTS | PARENB | CSTOPB | CSIZE};
   if (clearSpeedBit) t.c_cflag &= ~0x2u;
   t.c_cflag |= CS8 | CREAD | CLOCAL;
 }
