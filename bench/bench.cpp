@@ -190,8 +190,9 @@ void MeasureIntake() {
   port.master().setFault(zeltosim::Fault::None);
   ZeltoCom_CloseAll();
   const double libraryMBs = static_cast<double>(kBytes) / 1e6 / seconds;
-  std::printf("  intake of a 1 MiB answer      raw pty %.2f MB/s, library %.2f MB/s  (x%.2f; %d, \"%s\")\n",
-              rawMBs, libraryMBs, libraryMBs / rawMBs, result, LastError().c_str());
+  std::printf(
+      "  intake of a 1 MiB answer      raw pty %.2f MB/s, library %.2f MB/s  (x%.2f; %d, \"%s\")\n",
+      rawMBs, libraryMBs, libraryMBs / rawMBs, result, LastError().c_str());
 }
 
 // Stale bytes thrown away before a command, against a raw read loop taking
@@ -224,8 +225,7 @@ void MeasureDiscard() {
   const int second = ZeltoCom_Send(port.path().c_str(), "GETSERIAL", answer);
   const double seconds = MsSince(start) / 1000.0;
   ZeltoCom_CloseAll();
-  const double libraryMBs =
-      static_cast<double>(kFlood - (std::size_t{1} << 20)) / 1e6 / seconds;
+  const double libraryMBs = static_cast<double>(kFlood - (std::size_t{1} << 20)) / 1e6 / seconds;
   std::printf("  stale bytes thrown away       raw pty %.2f MB/s, library %.2f MB/s  (x%.2f; "
               "first %d, then %d \"%s\")\n",
               rawMBs, libraryMBs, libraryMBs / rawMBs, first, second, answer);
@@ -280,13 +280,14 @@ std::vector<WaitFigures> WaitAtOnce(int ports) {
   for (int i = 0; i < ports; ++i) {
     char serial[16];
     std::snprintf(serial, sizeof serial, "ZW%06d", i + 1);
-    sims.push_back(std::make_unique<zeltosim::SimPort>(Instrument(serial),
-                                                       zeltosim::LineOptions{921600}));
+    sims.push_back(
+        std::make_unique<zeltosim::SimPort>(Instrument(serial), zeltosim::LineOptions{921600}));
     published.push_back(sims.back().get());
   }
   Publish(published);
   for (const auto& sim : sims) {
-    if (ZeltoCom_Open(sim->path().c_str(), 921600) != 1) std::printf("open: %s\n", LastError().c_str());
+    if (ZeltoCom_Open(sim->path().c_str(), 921600) != 1)
+      std::printf("open: %s\n", LastError().c_str());
     sim->master().setFault(zeltosim::Fault::Silent);
   }
   ZeltoCom_SetResponseTimeout(500);
@@ -334,8 +335,8 @@ void MeasureStarvedWait() {
   }
   ZeltoCom_CloseAll();
   ZeltoCom_SetResponseTimeout(2500);
-  std::printf("  1000 ms time-out beside 4 busy processes: %.0f ms (x%.2f; result %d)\n",
-              wallMs, wallMs / 1000.0, result);
+  std::printf("  1000 ms time-out beside 4 busy processes: %.0f ms (x%.2f; result %d)\n", wallMs,
+              wallMs / 1000.0, result);
 }
 
 void MeasureWaits() {
@@ -355,14 +356,15 @@ void MeasureWaits() {
     const double wallMean = wallSum / ports;
     std::printf("  500 ms time-out, %d port%s     wall %.0f ms mean, %.0f ms max (x%.2f of 500); "
                 "CPU per waiting port %.0f ms (%.0f%% of a core)\n",
-                ports, ports == 1 ? " " : "s", wallMean, wallMax, wallMean / 500.0,
-                cpuSum / ports, 100.0 * cpuSum / wallSum);
+                ports, ports == 1 ? " " : "s", wallMean, wallMax, wallMean / 500.0, cpuSum / ports,
+                100.0 * cpuSum / wallSum);
   }
 }
 
 int OpenDescriptors() {
   int n = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    ++n;
   return n;
 }
 
@@ -386,7 +388,8 @@ void Soak(int cycles) {
   const auto start = Clock::now();
   int failures = 0;
   for (int i = 1; i <= cycles; ++i) {
-    if (ZeltoCom_Open(port.path().c_str(), 921600) != 1 || ZeltoCom_Close(port.path().c_str()) != 1) {
+    if (ZeltoCom_Open(port.path().c_str(), 921600) != 1 ||
+        ZeltoCom_Close(port.path().c_str()) != 1) {
       ++failures;
     }
     // The simulator logs every line it receives; that is not the library's.

@@ -58,8 +58,8 @@ struct Station {
   explicit Station(int n, bool eot = false) {
     std::vector<const zeltosim::SimPort*> published;
     for (int i = 0; i < n; ++i) {
-      ports.push_back(std::make_unique<zeltosim::SimPort>(Analyser(i + 1, eot),
-                                                          zeltosim::LineOptions{kBaud}));
+      ports.push_back(
+          std::make_unique<zeltosim::SimPort>(Analyser(i + 1, eot), zeltosim::LineOptions{kBaud}));
       published.push_back(ports.back().get());
       paths.push_back(ports.back()->path().c_str());
     }

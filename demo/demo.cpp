@@ -3,10 +3,10 @@
 // The simulator starts three instruments on pseudo-terminals; from then on
 // the demo talks to them only through the library's C interface, as a test
 // station would talk to real ones.
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -171,9 +171,9 @@ void ShowSequence(zeltosim::SimPort& port) {
   unsigned captureTime = 0;
   unsigned pause = 0;
   int samples = 0;
-  if (!Check(ZeltoCom_Sequence_FindTestSettings(path, 1, 4.0f, 10.0f, &captureTime, &pause,
-                                                &samples),
-             "ZeltoCom_Sequence_FindTestSettings(4-10 Hz)")) {
+  if (!Check(
+          ZeltoCom_Sequence_FindTestSettings(path, 1, 4.0f, 10.0f, &captureTime, &pause, &samples),
+          "ZeltoCom_Sequence_FindTestSettings(4-10 Hz)")) {
     return;
   }
   std::printf("  settings found: %d captures of %u ms, %u ms apart\n", samples, captureTime, pause);

@@ -200,8 +200,8 @@ ZELTOCOM_API int ZeltoCom_Capture(const char* devicePath, int pwm, int range, in
 /* Spectrometer capture. `manualExposure` 1 uses `exposure` (ms; at most 4000
  * on "-W2" models, 15000 on others), else the instrument chooses. `pwm`
  * switches the PWM mode of "-W2" models. Results as ZeltoCom_Capture. */
-ZELTOCOM_API int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm,
-                                              int manualExposure, float exposure);
+ZELTOCOM_API int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm, int manualExposure,
+                                              float exposure);
 /* Dark reference of a spectrometer; arguments and results as above. */
 ZELTOCOM_API int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int manualExposure,
                                            float exposure);
@@ -286,8 +286,8 @@ ZELTOCOM_API int ZeltoCom_Binning_GetBinFromVECFile(const char* path, char* binN
  * name is cut to `binNameSize` - 1 characters. 1 found; 0 in no bin; -1 bad
  * path, no buffer or `binNameSize` below 1, x or y not finite, unreadable or
  * malformed file. */
-ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int binNameSize,
-                                          float x, float y);
+ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int binNameSize, float x,
+                                          float y);
 /* Lists in `report` the bins of the file whose shape lets the rule of
  * ZeltoCom_Binning_GetBinFromVECFile misjudge some of their points, one line
  * each, "NAME: reason; reason", lines joined by '\n' and the whole cut to
@@ -345,7 +345,8 @@ ZELTOCOM_API int ZeltoCom_Open_Multi(int* returnValues, const char* const* devic
 ZELTOCOM_API int ZeltoCom_OpenSN_Multi(int* returnValues, const char* const* serialNumbers,
                                        int nPorts, int baudrate);
 /* Closes the listed ports at once: 1 all closed, 0 if any was not open. */
-ZELTOCOM_API int ZeltoCom_Close_Multi(int* returnValues, const char* const* devicePaths, int nPorts);
+ZELTOCOM_API int ZeltoCom_Close_Multi(int* returnValues, const char* const* devicePaths,
+                                      int nPorts);
 /* The same by serial number. */
 ZELTOCOM_API int ZeltoCom_CloseSN_Multi(int* returnValues, const char* const* serialNumbers,
                                         int nPorts);
@@ -372,8 +373,8 @@ ZELTOCOM_API int ZeltoCom_SendToAll(int* returnValues, const char* command, char
 /* The same without response buffers: answers are kept per port only. */
 ZELTOCOM_API int ZeltoCom_SendToAll_NR(int* returnValues, const char* command);
 /* Thread body of ZeltoCom_SendToAll: as ZeltoCom_Send_Multi_Thread. */
-ZELTOCOM_API int ZeltoCom_SendToAll_Thread(int* result, const char* devicePath,
-                                           const char* command, char* response);
+ZELTOCOM_API int ZeltoCom_SendToAll_Thread(int* result, const char* devicePath, const char* command,
+                                           char* response);
 
 /* Captures on every open port at once, one result per open port. 1 all
  * captured; -1 any port's -1 or a missing array; else 0 (also "No ports
@@ -519,8 +520,8 @@ ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fi
  * the message with ZeltoCom_GetResponseByPort. Any other call that uses the
  * port (ZeltoCom_ExternalTrigger_Abort, a send, a close, ...) ends a running
  * listener within 200 ms. Once enabled, reports that come while the host
- * talks to the instrument are never taken for answers. `setMode` 1 selects the instrument's SET commands
- * (kept), any other value its PUT commands (until the next reset). */
+ * talks to the instrument are never taken for answers. `setMode` 1 selects the instrument's SET
+ * commands (kept), any other value its PUT commands (until the next reset). */
 
 /* Configures the trigger: `captureRange` 0 (automatic) to 5, `isPWM` 1 for
  * a PWM capture, `outputType` one of "NONE", "HSI", "XYI", "RGBI", "CCTI",
@@ -601,9 +602,8 @@ ZELTOCOM_API int ZeltoCom_Sequence_GetPattern(const char* devPath, const int* in
 /* Reads fibers 1 to fiberCount and reduces each one's pattern to a delay, a
  * duration and a level (mode 1: from its first runs; else from the first
  * fiber's first run above 0), one entry per fiber. */
-ZELTOCOM_API int ZeltoCom_Sequence_GetSweepingPattern(const char* devPath, int fiberCount,
-                                                      int mode, int* delays, int* durations,
-                                                      int* levels);
+ZELTOCOM_API int ZeltoCom_Sequence_GetSweepingPattern(const char* devPath, int fiberCount, int mode,
+                                                      int* delays, int* durations, int* levels);
 /* Blinking frequency (Hz) and duty cycle (%) of SampleCount intensities, and
  * the number of complete lit runs; 0 (outputs 0) when no blinking is found. */
 ZELTOCOM_API int ZeltoCom_Sequence_GetFrequency(const char* devPath, const int* intensities,

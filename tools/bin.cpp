@@ -66,7 +66,8 @@ std::string RiskReport(const std::string& file, int& listed) {
     listed = ZeltoCom_Binning_CheckVECFile(file.c_str(), report.data(), static_cast<int>(room));
     if (listed == -1) UsageError(file + ": " + LastError());
     const std::size_t length = std::strlen(report.data());
-    if (length + 1 < room || room > (std::size_t{1} << 28)) return std::string(report.data(), length);
+    if (length + 1 < room || room > (std::size_t{1} << 28))
+      return std::string(report.data(), length);
   }
 }
 

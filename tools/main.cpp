@@ -35,12 +35,11 @@ std::string Overview() {
     usage.resize(std::max<std::size_t>(usage.size() + 2, 26), ' ');
     text += usage + command.brief + "\n";
   }
-  return text +
-         "\n--trace [DESTINATION] writes the library's wire trace of the command (every\n"
-         "command sent, every answer received) to DESTINATION: a file, or stderr (the\n"
-         "default).\n"
-         "\n'zeltocom COMMAND --help' tells more. Exit status: 0 success, 1 an instrument\n"
-         "failure or time-out, 2 bad usage.\n";
+  return text + "\n--trace [DESTINATION] writes the library's wire trace of the command (every\n"
+                "command sent, every answer received) to DESTINATION: a file, or stderr (the\n"
+                "default).\n"
+                "\n'zeltocom COMMAND --help' tells more. Exit status: 0 success, 1 an instrument\n"
+                "failure or time-out, 2 bad usage.\n";
 }
 
 const Command* Find(const std::string& name) {

@@ -37,9 +37,9 @@ struct PathBuffers {
 // it opens; any other lock (POSIX or open-file-description record locks, a
 // shared flock) is some other program's.
 struct Holders {
-  bool zeltocom = false;   // the exclusive flock of a ZeltoCom host
-  long pid = 0;            // its process, when this namespace sees it
-  bool other = false;      // any other lock
+  bool zeltocom = false;  // the exclusive flock of a ZeltoCom host
+  long pid = 0;           // its process, when this namespace sees it
+  bool other = false;     // any other lock
 };
 
 Holders HoldersOf(const std::string& path) {

@@ -228,9 +228,7 @@ std::optional<Reply> MatrixCommand(State& st, std::string_view upper) {
       if (!MatrixComputable(cal)) return SyntaxError(st);
       cal.rgbMatrix = true;
       break;
-    case 1:
-      cal.rgbMatrix = false;
-      break;
+    case 1: cal.rgbMatrix = false; break;
     default:  // leaves calibration mode: what was put and learned is gone
       cal.rgbRaw = {};
       cal.rgbLearned = {};
@@ -255,13 +253,26 @@ std::optional<Reply> ExecuteCalibration(Instrument::State& st, std::string_view 
 
 const std::vector<std::string_view>& CalibrationUsage() {
   static const std::vector<std::string_view> usage = {
-      "GETXOFFSET<nn>", "SETXOFFSET<nn><+d.ddd>", "PUTXOFFSET<nn><+d.ddd>",
-      "GETYOFFSET<nn>", "SETYOFFSET<nn><+d.ddd>", "PUTYOFFSET<nn><+d.ddd>",
-      "GETWAVELENGTHOFFSET<nn>", "SETWAVELENGTHOFFSET<nn><+dd>", "PUTWAVELENGTHOFFSET<nn><+dd>",
-      "GETINTGAIN<nn>", "SETINTGAIN<nn><050-150>", "PUTINTGAIN<nn><050-150>",
-      "GETABSINTMULT<nn>", "SETABSINTMULT<nn><d.dddddE+dd>", "PUTABSINTMULT<nn><d.dddddE+dd>",
-      "PUT<RED|GREEN|BLUE><R|G|B><nn><ddddddd>", "LEARN<RED|GREEN|BLUE><x|y><nn><d.dddd>",
-      "LEARN<RED|GREEN|BLUE>int<nn><d.dddddE+dd>", "SETRGBM<nn>", "RESETRGBM<nn>",
+      "GETXOFFSET<nn>",
+      "SETXOFFSET<nn><+d.ddd>",
+      "PUTXOFFSET<nn><+d.ddd>",
+      "GETYOFFSET<nn>",
+      "SETYOFFSET<nn><+d.ddd>",
+      "PUTYOFFSET<nn><+d.ddd>",
+      "GETWAVELENGTHOFFSET<nn>",
+      "SETWAVELENGTHOFFSET<nn><+dd>",
+      "PUTWAVELENGTHOFFSET<nn><+dd>",
+      "GETINTGAIN<nn>",
+      "SETINTGAIN<nn><050-150>",
+      "PUTINTGAIN<nn><050-150>",
+      "GETABSINTMULT<nn>",
+      "SETABSINTMULT<nn><d.dddddE+dd>",
+      "PUTABSINTMULT<nn><d.dddddE+dd>",
+      "PUT<RED|GREEN|BLUE><R|G|B><nn><ddddddd>",
+      "LEARN<RED|GREEN|BLUE><x|y><nn><d.dddd>",
+      "LEARN<RED|GREEN|BLUE>int<nn><d.dddddE+dd>",
+      "SETRGBM<nn>",
+      "RESETRGBM<nn>",
       "RESETCALMODE<nn>",
   };
   return usage;

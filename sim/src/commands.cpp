@@ -172,15 +172,16 @@ Reply ResetAdjustment(const Call& c) {
 Reply GetStatus(const Call& c) {
   const State& st = c.st;
   const Settings& s = st.sets[static_cast<size_t>(st.currentSet)];
-  return SayOnce(st, {
-                         "Model: " + st.config.hardware,
-                         "Serial: " + st.config.serial,
-                         "Firmware: " + st.config.firmware,
-                         "Adjustment set: " + TwoDigits(st.currentSet),
-                         "Factor: " + std::to_string(s.factor),
-                         "Averages: " + std::to_string(s.averages),
-                         std::string("Intensity mode: ") + (s.logarithmic ? "Logarithmic" : "Linear"),
-                     });
+  return SayOnce(st,
+                 {
+                     "Model: " + st.config.hardware,
+                     "Serial: " + st.config.serial,
+                     "Firmware: " + st.config.firmware,
+                     "Adjustment set: " + TwoDigits(st.currentSet),
+                     "Factor: " + std::to_string(s.factor),
+                     "Averages: " + std::to_string(s.averages),
+                     std::string("Intensity mode: ") + (s.logarithmic ? "Logarithmic" : "Linear"),
+                 });
 }
 
 Reply GetInfo(const Call& c) {
@@ -201,9 +202,9 @@ Reply Help(const Call& c);  // lists the table below
 // ---- LED analyser captures and readings ---------------------------------------------
 
 struct LedCapture {
-  int range = 0;     // 0 = automatic
+  int range = 0;  // 0 = automatic
   bool pwm = false;
-  int frames = -1;   // -1 = the instrument's default
+  int frames = -1;  // -1 = the instrument's default
 };
 
 // "", "<r>", "<r>PWM", "<r>PWM<ff>", "PWM", "PWM<ff>"
@@ -277,8 +278,8 @@ Reply Readings(const Call& c, FiberText text) {
     for (size_t i = 0; i < st.captured.size(); ++i) lines.push_back(seen(i));
     return SayOnce(st, std::move(lines));
   }
-  const auto n = c.arg.size() == 2 ? Number(c.arg, 2, 1, static_cast<long>(st.captured.size()))
-                                   : std::nullopt;
+  const auto n =
+      c.arg.size() == 2 ? Number(c.arg, 2, 1, static_cast<long>(st.captured.size())) : std::nullopt;
   if (!n) return SyntaxError(st);
   return SayOnce(st, {seen(static_cast<size_t>(*n - 1))});
 }
@@ -376,7 +377,8 @@ Reply SetExternalCapture(const Call& c) {
 
 Reply GetExternalCapture(const Call& c) {
   const TriggerSetup& t = c.st.trigger;
-  return SayOnce(c.st, {t.enabled ? std::to_string(t.pwm ? 1 : 0) + std::to_string(t.range) : "00"});
+  return SayOnce(c.st,
+                 {t.enabled ? std::to_string(t.pwm ? 1 : 0) + std::to_string(t.range) : "00"});
 }
 
 Reply SetExternalOutput(const Call& c) {
@@ -455,7 +457,9 @@ Reply SequenceCaptureTime(const Call& c) {
   return SequenceSetting(c.st, &SequenceSetup::captureMs, c.arg);
 }
 Reply SequenceWait(const Call& c) { return SequenceSetting(c.st, &SequenceSetup::waitMs, c.arg); }
-Reply SequenceNumber(const Call& c) { return SequenceSetting(c.st, &SequenceSetup::samples, c.arg); }
+Reply SequenceNumber(const Call& c) {
+  return SequenceSetting(c.st, &SequenceSetup::samples, c.arg);
+}
 Reply SequenceModeCommand(const Call& c) { return SequenceMode(c.st, c.arg); }
 Reply SequenceChannelCommand(const Call& c) { return SequenceChannel(c.st, c.arg); }
 Reply SequenceCaptureCommand(const Call& c) { return SequenceCapture(c.st); }
@@ -619,11 +623,8 @@ int CaptureMs(const Instrument::State& st, double ms) {
 Reply CaptureEndAnswer(Instrument::State& st) {
   Reply reply;
   switch (st.config.busCapture) {
-    case BusCapture::NeverDone:
-      return reply;
-    case BusCapture::SyntaxError:
-      reply = SyntaxError(st);
-      break;
+    case BusCapture::NeverDone: return reply;
+    case BusCapture::SyntaxError: reply = SyntaxError(st); break;
     case BusCapture::Normal:
       if (std::chrono::steady_clock::now() < st.captureEnds) return reply;
       reply = Ok(st);
@@ -647,7 +648,8 @@ Reply TriggerFired(Instrument::State& st) {
     const bool logarithmic = st.current().logarithmic;
     if (t.output != "NONE") {
       for (size_t i = 0; i < st.captured.size(); ++i) {
-        lines.push_back(TriggerReading(t.output, Seen{st.captured[i], st.calibration[i], logarithmic}));
+        lines.push_back(
+            TriggerReading(t.output, Seen{st.captured[i], st.calibration[i], logarithmic}));
       }
     }
   }

@@ -63,28 +63,21 @@ Reply Planned(Instrument::State& st, const std::string& line, const Behaviour& n
   st.received.push_back(line);
   Reply reply;
   switch (st.config.fault) {
-    case Fault::Silent:
-      return reply;
+    case Fault::Silent: return reply;
     case Fault::Echo:
       // An echoing line driver knows nothing of end-of-transmission bytes.
       reply.messages.push_back(Message{0, {line}, false});
       break;
-    case Fault::SyntaxErrorAll:
-      reply = SyntaxError(st);
-      break;
+    case Fault::SyntaxErrorAll: reply = SyntaxError(st); break;
     case Fault::Babble:
-    case Fault::Stream:
-      reply.endless = true;
-      return reply;
+    case Fault::Stream: reply.endless = true; return reply;
     case Fault::Huge:
       reply.messages.push_back(Say(st, {std::string(st.config.hugeAnswerBytes, '7')}));
       return reply;
     case Fault::None:
     case Fault::Slow:
     case Fault::Trickle:
-    case Fault::Chatter:
-      reply = normal(st);
-      break;
+    case Fault::Chatter: reply = normal(st); break;
   }
   if (st.config.fault == Fault::Trickle) reply.byteIntervalMs = st.config.trickleMs;
   int lead = st.config.answerDelayMs;

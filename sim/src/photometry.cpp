@@ -72,7 +72,9 @@ int ReportedIntensity(const Seen& s) {
 std::string RgbiText(const Seen& s) {
   const Rgb c = ColourOf(s.light);
   const double sum = c.sum();
-  auto share = [sum](double v) { return sum > 0.0 ? static_cast<int>(std::lround(255.0 * v / sum)) : 0; };
+  auto share = [sum](double v) {
+    return sum > 0.0 ? static_cast<int>(std::lround(255.0 * v / sum)) : 0;
+  };
   return Format("%d %d %d %d", share(c.r), share(c.g), share(c.b), ReportedIntensity(s));
 }
 
@@ -105,8 +107,15 @@ std::string WavelengthText(const Seen& s) {
   const HueSat hs = HueSatOf(ColourOf(s.light));
   if (hs.saturation <= 0.0) return "0";
   static constexpr std::array<std::array<double, 2>, 9> kHueToNm = {{
-      {0, 625}, {30, 600}, {60, 578}, {90, 560}, {120, 530},
-      {180, 490}, {240, 465}, {270, 450}, {360, 625},
+      {0, 625},
+      {30, 600},
+      {60, 578},
+      {90, 560},
+      {120, 530},
+      {180, 490},
+      {240, 465},
+      {270, 450},
+      {360, 625},
   }};
   double nm = 625;
   for (size_t i = 1; i < kHueToNm.size(); ++i) {

@@ -12,9 +12,9 @@ namespace zeltosim::detail {
 
 // What a fibre's readings depend on.
 struct Seen {
-  const Fiber& light;         // as the last capture took it
+  const Fiber& light;  // as the last capture took it
   const UserCalibration& cal;
-  bool logarithmic;           // the intensity scale
+  bool logarithmic;  // the intensity scale
 };
 
 // Intensity in the instrument's scale, gain applied: linear as it is, or

@@ -27,7 +27,8 @@ Light Light::Steady(double intensity) {
 
 Light Light::Blinking(double hz, double dutyPercent, double on, double off) {
   CheckIntensities(on, off);
-  if (!(hz > 0.0) || !std::isfinite(hz)) throw std::invalid_argument("blinking needs a frequency > 0");
+  if (!(hz > 0.0) || !std::isfinite(hz))
+    throw std::invalid_argument("blinking needs a frequency > 0");
   if (!(dutyPercent >= 0.0 && dutyPercent <= 100.0))
     throw std::invalid_argument("a duty cycle is 0 to 100 %");
   const double period = 1000.0 / hz;
@@ -210,7 +211,8 @@ Reply SequenceCapture(State& st) {
     return SyntaxError(st);
   memory.samples.assign(fibres, {});
   for (size_t i = 0; i < fibres; ++i) {
-    if (!s.oneChannel || i + 1 == static_cast<size_t>(s.channel)) memory.samples[i] = SamplesOf(st, i);
+    if (!s.oneChannel || i + 1 == static_cast<size_t>(s.channel))
+      memory.samples[i] = SamplesOf(st, i);
   }
   memory.current = true;
   const double ms = s.startDelayMs + static_cast<double>(s.samples) * (s.captureMs + s.waitMs);

@@ -32,7 +32,7 @@ struct SequenceMemory {
   SequenceSetup setup;
   std::vector<std::optional<Light>> lights;  // per fibre; none: the Fiber's steady intensity
   std::vector<std::vector<Fiber>> samples;   // per fibre; empty when not captured
-  bool current = false;  // the readings answer from here, not from the last "C"
+  bool current = false;                      // the readings answer from here, not from the last "C"
 };
 
 // The readings a sequence answers, one line per sample.

@@ -2,8 +2,8 @@
 // line speed, routes each line to the instrument that holds the bus, and puts
 // the answers on the wire with their delays and pacing.
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,9 +32,9 @@ using Clock = std::chrono::steady_clock;
 using State = Instrument::State;
 using detail::Reply;
 
-constexpr size_t kMaxLine = 512;  // a real instrument's buffer is far smaller
+constexpr size_t kMaxLine = 512;      // a real instrument's buffer is far smaller
 constexpr size_t kTracedBytes = 200;  // of a longer answer, a trace shows the start
-constexpr int kPollMs = 50;       // how long an error state on the pty is waited out
+constexpr int kPollMs = 50;           // how long an error state on the pty is waited out
 constexpr auto kWriteGiveUp = std::chrono::milliseconds(200);
 // How long bytes written to the pty may take at most to be readable by the
 // host, generously.
@@ -105,7 +105,9 @@ struct SimPort::Impl {
   explicit Impl(LineOptions line) : options(Checked(line)), baud(options.baud) {}
   ~Impl() { stop(); }
 
-  void start() { thread = std::thread([this] { run(); }); }
+  void start() {
+    thread = std::thread([this] { run(); });
+  }
   void stop();
   void run();
 
@@ -324,8 +326,8 @@ void SimPort::Impl::handle(const std::string& text, const std::string& bytes) {
   if (text.empty()) return;
   {
     std::lock_guard lock(mutex);
-    log.push_back(ReceivedLine{text, speed < 0 ? 0 : speed, understood,
-                               chatterBefore(Clock::now())});
+    log.push_back(
+        ReceivedLine{text, speed < 0 ? 0 : speed, understood, chatterBefore(Clock::now())});
   }
   if (understood) {
     deliver(route(text));
@@ -553,7 +555,8 @@ bool SimPort::Impl::transmitPaced(const std::string& bytes, int rate) {
       sent = upTo;
       continue;
     }
-    const auto next = start + std::chrono::duration_cast<Clock::duration>(charTime * double(sent + 1));
+    const auto next =
+        start + std::chrono::duration_cast<Clock::duration>(charTime * double(sent + 1));
     if (!sleepUntil(next)) return false;
   }
   return true;

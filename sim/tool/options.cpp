@@ -1,7 +1,7 @@
 #include "options.hpp"
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,7 +10,8 @@
 
 namespace zeltosim::tool {
 
-const char* const kUsage = R"(Usage: zeltosim [--port SETTINGS [--chain SETTINGS]... [--station N]]...
+const char* const kUsage =
+    R"(Usage: zeltosim [--port SETTINGS [--chain SETTINGS]... [--station N]]...
 
 Plays LED analysers and spectrometers on pseudo-terminals. Prints one line per
 instrument (serial, rate, slave path), then ZELTOCOM_PORTS=<path>;<path>...,
@@ -138,7 +139,8 @@ FibreLight BlinkFrom(const std::string& value, int fibres) {
   if (!(hz > 0.0) || duty < 0.0 || duty > 100.0)
     Bad("--blink " + value + ": expected HZ above 0 and DUTY from 0 to 100");
   FibreLight light;
-  light.fibre = static_cast<int>(Integer("--blink fibre", value.substr(0, first), 1, std::max(fibres, 1)));
+  light.fibre =
+      static_cast<int>(Integer("--blink fibre", value.substr(0, first), 1, std::max(fibres, 1)));
   light.light = Light::Blinking(hz, duty);
   return light;
 }
@@ -155,12 +157,14 @@ bool SetInstrumentKey(Config& c, const std::string& key, const std::string& valu
   else if (key == "firmware") c.firmware = value;
   else if (key == "id") c.id = value;
   else if (key == "eot") c.eot = Flag(key, value);
-  else if (key == "fibers") c.fibers.assign(static_cast<size_t>(Integer(key, value, 0, 99)), Fiber{});
+  else if (key == "fibers")
+    c.fibers.assign(static_cast<size_t>(Integer(key, value, 0, 99)), Fiber{});
   else if (key == "fault") c.fault = FaultNamed(value);
   else if (key == "slowdelay") c.slowDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "trickle") c.trickleMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "chatter") c.chatterMs = static_cast<int>(Integer(key, value, 1, 600000));
-  else if (key == "huge") c.hugeAnswerBytes = static_cast<std::size_t>(Integer(key, value, 1, 1L << 30));
+  else if (key == "huge")
+    c.hugeAnswerBytes = static_cast<std::size_t>(Integer(key, value, 1, 1L << 30));
   else if (key == "unpadded") c.unpaddedReadouts = Flag(key, value);
   else if (key == "answerdelay") c.answerDelayMs = static_cast<int>(Integer(key, value, 0, 600000));
   else if (key == "timescale") c.captureTimeScale = Scale(value);

@@ -161,7 +161,8 @@ int SignChanges(const std::vector<int>& steps) {
   std::vector<int> signs;
   std::ranges::copy_if(steps, std::back_inserter(signs), [](int s) { return s != 0; });
   int changes = 0;
-  for (std::size_t i = 0; i < signs.size(); ++i) changes += signs[i] != signs[(i + 1) % signs.size()];
+  for (std::size_t i = 0; i < signs.size(); ++i)
+    changes += signs[i] != signs[(i + 1) % signs.size()];
   return changes;
 }
 
@@ -224,9 +225,8 @@ bool CheckSegmentsIntersect(float x1, float y1, float x2, float y2, float x3, fl
 
 const tBinVector* FindBinByOneCrossing(const std::vector<tBinVector>& bins, float x, float y) {
   // Exactly one crossing, not an odd number.
-  const auto found = std::ranges::find_if(bins, [&](const tBinVector& bin) {
-    return CrossingsOf(bin, x, y) == 1;
-  });
+  const auto found = std::ranges::find_if(
+      bins, [&](const tBinVector& bin) { return CrossingsOf(bin, x, y) == 1; });
   return found != bins.end() ? &*found : nullptr;
 }
 
@@ -256,7 +256,8 @@ std::vector<std::string> OneCrossingRisks(const tBinVector& bin) {
   if (!HasArea(corners)) return {"no area (its corners lie on one line)"};
   std::vector<std::string> risks;
   // A vertical edge never counts.
-  if (HasSteepEdge(corners)) risks.emplace_back("an edge parallel or nearly parallel to the y axis");
+  if (HasSteepEdge(corners))
+    risks.emplace_back("an edge parallel or nearly parallel to the y axis");
   // A ray can leave a concave bin three times.
   if (!IsConvex(corners)) risks.emplace_back("not convex");
   // The ray from the origin has no direction.

@@ -46,11 +46,10 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   CMD_LoadSettings_Exposure(device);
 
   const FiberSettings& settings = *device->settings.current;
-  const TimeoutMs timeout =
-      port->autoResponseTimeout
-          ? CMD_GetCaptureTimeout(device->deviceType, pwm, range, pwmFrames, settings.factor,
-                                  settings.averages)
-          : LA_ResponseTimeout.load();
+  const TimeoutMs timeout = port->autoResponseTimeout
+                                ? CMD_GetCaptureTimeout(device->deviceType, pwm, range, pwmFrames,
+                                                        settings.factor, settings.averages)
+                                : LA_ResponseTimeout.load();
 
   if (!SendCommand(device, BuildCaptureCommand("C", pwm, range, pwmFrames))) {
     SetError(device, "Unable to send command");
@@ -62,8 +61,8 @@ int CaptureLed(const HeldPort& port, int pwm, int range, int pwmFrames) {
   const Reply answer = Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeout);
   const std::string where = StringPrintf("in Device on %s with SN %s", device->devicePath.c_str(),
                                          device->serialNumber.c_str());
-  const std::string late = StringPrintf("Timeout (%lld ms) ",
-                                        static_cast<long long>(answer.quietMs)) + where;
+  const std::string late =
+      StringPrintf("Timeout (%lld ms) ", static_cast<long long>(answer.quietMs)) + where;
   if (CheckAnswer(device, answer, late, "Syntax error " + where) != 1) return 0;
   if (answer.text.empty()) return 1;
   if (ReportsCondition(strtoupper(answer.text), {"OVERRANGE", "UNDERRANGE", "STABLE"})) {
@@ -164,7 +163,8 @@ int FinishDark(s_CommPort* device, TimeoutMs timeoutMs) {
     SetError(device, "Dark Acquisition not detected");
     return 0;
   }
-  return CheckAnswer(device, Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeoutMs));
+  return CheckAnswer(device,
+                     Await(device, End::Marker(device->eotFormat.view()).Trimmed(), timeoutMs));
 }
 
 bool ExposureAcceptable(float exposure, int maxExposure) {
@@ -237,7 +237,7 @@ extern "C" {
 
 int ZeltoCom_Capture(const char* devicePath, int pwm, int range, int pwmFrames) {
   return OnOpenPort(devicePath,
-                      [&](const HeldPort& port) { return CaptureLed(port, pwm, range, pwmFrames); });
+                    [&](const HeldPort& port) { return CaptureLed(port, pwm, range, pwmFrames); });
 }
 
 int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm, int manualExposure,
@@ -247,8 +247,7 @@ int ZeltoCom_SpectrometerCapture(const char* devicePath, int pwm, int manualExpo
   });
 }
 
-int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int manualExposure,
-                              float exposure) {
+int ZeltoCom_SpectrometerDark(const char* devicePath, int pwm, int manualExposure, float exposure) {
   return OnOpenPort(devicePath, [&](const HeldPort& port) {
     return AcquireSpectrometer(port, Acquisition::Dark, pwm, manualExposure, exposure);
   });

@@ -86,9 +86,9 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
   const std::string eot = GetEOTformat(master, answer.text);
   TrimAnswerEnd(answer.text);
   if (answer.text != "OK") return giveBack("Communication error");
-  const PortRef added = PortsList_Add(&master->chain, master, master->line,
-                                      master->devicePath.view(), serial, "", eot,
-                                      master->baudrate, master->charTimeMs);
+  const PortRef added =
+      PortsList_Add(&master->chain, master, master->line, master->devicePath.view(), serial, "",
+                    eot, master->baudrate, master->charTimeMs);
   if (!added) return giveBack("Communication error");
   // The chained instrument answered the hand-over, so it holds the line now.
   master->SetBusOwner(added.get());
@@ -365,8 +365,7 @@ int ZeltoCom_DaisyChain_SpectrometerCapture(const char* devicePath, const char* 
 
 int ZeltoCom_DaisyChain_SpectrometerDark(const char* devicePath, const char* serialNumber, int pwm,
                                          int manualExposure, float exposure) {
-  return AcquireChained(devicePath, serialNumber, Acquisition::Dark, pwm, manualExposure,
-                        exposure);
+  return AcquireChained(devicePath, serialNumber, Acquisition::Dark, pwm, manualExposure, exposure);
 }
 
 // Reads the last response without taking the line: a trigger listener on

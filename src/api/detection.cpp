@@ -115,8 +115,7 @@ struct Detected {
 
 // Detects on every enumerated port at once; none after a failed check (the
 // call's result then in `refused`).
-std::optional<std::vector<std::pair<std::string, Detected>>> DetectAll(int baudrate,
-                                                                       int& refused) {
+std::optional<std::vector<std::pair<std::string, Detected>>> DetectAll(int baudrate, int& refused) {
   refused = 0;
   if (!DetectionCheck()) return std::nullopt;
   if (!BaudrateAccepted(baudrate)) {
@@ -258,17 +257,18 @@ extern "C" {
 int ZeltoCom_Detect_Thread(int* result, const char* devicePath, int baudrate, char* serialNumber) {
   CopyOut(serialNumber, "");
   return StoreResult(result, Guarded(0, [&] {
-    std::string serial;
-    const int detected = DetectOne(std::string(Arg(devicePath)), baudrate, serial);
-    if (detected == 1) CopyOut(serialNumber, serial.substr(0, kSerialBuffer - 1));
-    return detected;
-  }));
+                       std::string serial;
+                       const int detected =
+                           DetectOne(std::string(Arg(devicePath)), baudrate, serial);
+                       if (detected == 1)
+                         CopyOut(serialNumber, serial.substr(0, kSerialBuffer - 1));
+                       return detected;
+                     }));
 }
 
 int ZeltoCom_Detect(char** detectedPorts, int baudrate) {
-  return DetectInto(detectedPorts, baudrate, [](const std::string& path, const Detected&) {
-    return path;
-  });
+  return DetectInto(detectedPorts, baudrate,
+                    [](const std::string& path, const Detected&) { return path; });
 }
 
 int ZeltoCom_DetectS(char* detectedPortsText, char separator, int baudrate) {
@@ -289,9 +289,8 @@ int ZeltoCom_DetectS(char* detectedPortsText, char separator, int baudrate) {
 }
 
 int ZeltoCom_DetectSN(char** detectedSerialNumbers, int baudrate) {
-  return DetectInto(detectedSerialNumbers, baudrate, [](const std::string&, const Detected& found) {
-    return found.serial;
-  });
+  return DetectInto(detectedSerialNumbers, baudrate,
+                    [](const std::string&, const Detected& found) { return found.serial; });
 }
 
 void ZeltoCom_AddDetectionFilter(const char* filter) {
@@ -390,8 +389,7 @@ int ZeltoCom_IsConnected(char* portOut, const char* serialNumber, int baudrate) 
   });
 }
 
-int ZeltoCom_AreConnectedS(char* portsOut, const char* serialNumbers, int separator,
-                           int baudrate) {
+int ZeltoCom_AreConnectedS(char* portsOut, const char* serialNumbers, int separator, int baudrate) {
   return Guarded(-1, [&] {
     if (!BufferGiven(portsOut)) return -1;
     CopyOut(portsOut, "");

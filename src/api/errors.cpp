@@ -1,6 +1,6 @@
 // Error texts.
-#include "api/common.hpp"
 #include "frame/errors.hpp"
+#include "api/common.hpp"
 #include "frame/registry.hpp"
 #include "zeltocom.h"
 
@@ -23,9 +23,8 @@ char* ZeltoCom_GetError_Description(char* buffer) {
 }
 
 char* ZeltoCom_GetError_DescriptionByPort(const char* devicePath, char* buffer) {
-  return Guarded<char*>(nullptr, [&] {
-    return CopyError(buffer, PortsList_GetByDevPath(Arg(devicePath)));
-  });
+  return Guarded<char*>(nullptr,
+                        [&] { return CopyError(buffer, PortsList_GetByDevPath(Arg(devicePath))); });
 }
 
 char* ZeltoCom_GetError_DescriptionBySN(const char* serialNumber, char* buffer) {

@@ -93,7 +93,8 @@ std::vector<std::string> FanOutWhere(std::size_t n, Needed needed, Work work,
 // Runs `work(i)` for every i below `n`; returns each slot's last error text.
 template <typename Work>
 std::vector<std::string> FanOut(std::size_t n, Work work) {
-  return FanOutWhere(n, [](std::size_t) { return true; }, std::move(work), "");
+  return FanOutWhere(
+      n, [](std::size_t) { return true; }, std::move(work), "");
 }
 
 // -1 wherever it stands, else 0 if any, else 1.

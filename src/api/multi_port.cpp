@@ -83,7 +83,7 @@ int OpenAll(int* results, const std::vector<std::string>& paths, int baudrate,
 }
 
 int CloseListed(int* results, const std::vector<std::string>& names,
-             int (*close)(int*, const char*)) {
+                int (*close)(int*, const char*)) {
   FanOut(names.size(), [&](std::size_t i) { close(&results[i], names[i].c_str()); });
   return WorstResult(std::span<const int>(results, names.size())) == 1 ? 1 : 0;
 }
@@ -133,7 +133,8 @@ std::vector<PortCommand> ToAllOpen(const char* command, char* const* responses) 
   std::vector<PortCommand> exchanges;
   for (const PortRef& port : PortsList_All(&OpenedPorts)) {
     char* response = responses != nullptr ? responses[exchanges.size()] : nullptr;
-    exchanges.push_back({std::string(port->devicePath.view()), std::string(Arg(command)), response});
+    exchanges.push_back(
+        {std::string(port->devicePath.view()), std::string(Arg(command)), response});
   }
   return exchanges;
 }
@@ -232,8 +233,8 @@ int ZeltoCom_Send_Multi(int* returnValues, const char* const* devicePaths, int n
     std::vector<PortCommand> exchanges;
     exchanges.reserve(static_cast<std::size_t>(nPorts));
     for (int i = 0; i < nPorts; ++i) {
-      exchanges.push_back({std::string(Arg(devicePaths[i])), std::string(Arg(commands[i])),
-                           responses[i]});
+      exchanges.push_back(
+          {std::string(Arg(devicePaths[i])), std::string(Arg(commands[i])), responses[i]});
     }
     return SendAll(returnValues, exchanges);
   });

@@ -19,7 +19,8 @@ namespace {
 // Registers the probed line as an open port; the line is the registry's then.
 bool Register(ProbedLine& probed, const std::string& path, const Identity& identity, int baud) {
   if (!PortsList_Add(&OpenedPorts, nullptr, probed.line, path, identity.serialNumber, "",
-                     identity.eotFormat, baud, CharTimeMs(baud), DeviceNumberOfLine(*probed.line))) {
+                     identity.eotFormat, baud, CharTimeMs(baud),
+                     DeviceNumberOfLine(*probed.line))) {
     return false;
   }
   probed.line.reset();

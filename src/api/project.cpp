@@ -55,7 +55,8 @@ const char* SectionError(const s_IDPort& row, const Claimed& claimed) {
   if (row.devicePath.empty()) return "Syntax Error. Port not set.";
   if (row.deviceID.empty()) return "Syntax Error. ID not set.";
   if (row.serialNumber.empty()) return "Syntax Error. SN not set.";
-  if (claimed.ids.contains(std::string(row.deviceID.view()))) return "This ID has already been added";
+  if (claimed.ids.contains(std::string(row.deviceID.view())))
+    return "This ID has already been added";
   const bool hasMaster = claimed.masterPaths.contains(std::string(row.devicePath.view()));
   if (!row.chained && hasMaster) return "Master has been previously added for this port";
   if (row.chained && !hasMaster) return "No Bus Master has been previously added for this port";

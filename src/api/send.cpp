@@ -155,8 +155,7 @@ void CleanAnswer(std::string& answer) {
   TrimAnswerEnd(answer);
 }
 
-int SendTo(Call& call, PortRef port, const char* notOpenText, const char* command,
-           char* response) {
+int SendTo(Call& call, PortRef port, const char* notOpenText, const char* command, char* response) {
   if (!CommandGiven(command)) return -1;
   const std::optional<HeldPort> held = call.Hold(std::move(port), notOpenText);
   if (!held) return -1;

@@ -130,7 +130,8 @@ int SetUpSequence(s_CommPort* device, const SequenceSettings& s, int setMode) {
   const int period = static_cast<int>(s.captureTime + s.timeBetweenCaptures);
   device->sequence.samples = s.sampleCount;
   device->sequence.periodMs = period;
-  device->sequence.timeoutMs = static_cast<TimeoutMs>(s.startDelay) + TimeoutMs{period} * s.sampleCount + 500;
+  device->sequence.timeoutMs =
+      static_cast<TimeoutMs>(s.startDelay) + TimeoutMs{period} * s.sampleCount + 500;
   return 1;
 }
 
@@ -278,7 +279,8 @@ int GetSweepingPattern(s_CommPort* device, int fiberCount, int mode, int* delays
     // Until a fibre shows a run above 0 there is no reference to follow.
     if (mode != 1 && !reference) reference = ReferenceRun(runs);
     if (mode != 1 && !reference) continue;
-    const SweepEntry entry = mode == 1 ? SweepFromStart(runs) : SweepFromReference(runs, *reference);
+    const SweepEntry entry =
+        mode == 1 ? SweepFromStart(runs) : SweepFromReference(runs, *reference);
     delays[fiber - 1] = entry.delay;
     durations[fiber - 1] = entry.duration;
     levels[fiber - 1] = entry.level;
@@ -341,8 +343,8 @@ bool SawNoLight(std::span<const int> samples) {
   return std::ranges::all_of(samples, [](int s) { return s <= 0; });
 }
 
-int FindTestSettings(s_CommPort* device, int fiber, float minHz, float maxHz,
-                     unsigned* captureTime, unsigned* timeBetweenCaptures, int* sampleCount) {
+int FindTestSettings(s_CommPort* device, int fiber, float minHz, float maxHz, unsigned* captureTime,
+                     unsigned* timeBetweenCaptures, int* sampleCount) {
   if (!RequireBuffers(device, {captureTime, timeBetweenCaptures, sampleCount}) ||
       !RequireFiber(device, fiber) || !FrequencyRangeAccepted(device, minHz, maxHz)) {
     return -1;
@@ -359,17 +361,17 @@ int FindTestSettings(s_CommPort* device, int fiber, float minHz, float maxHz,
   if (result != 1) return result;
 
   if (Contains(strtoupper(answer), "UNDERRANGE") || SawNoLight(samples)) {
-    SetError(device, StringPrintf("The light on fiber %d is under range: nothing to measure",
-                                  fiber));
+    SetError(device,
+             StringPrintf("The light on fiber %d is under range: nothing to measure", fiber));
     return 0;
   }
   const Blinking blinking = BlinkingOfSeries(device, samples);
-  const std::string range = StringPrintf("%g to %g Hz", static_cast<double>(minHz),
-                                         static_cast<double>(maxHz));
+  const std::string range =
+      StringPrintf("%g to %g Hz", static_cast<double>(minHz), static_cast<double>(maxHz));
   if (!blinking.found) {
     SetError(device, StringPrintf("No blinking found on fiber %d in %d ms of samples, looking for "
-                                  "%s", fiber, trial.sampleCount * trial.captureTimeMs,
-                                  range.c_str()));
+                                  "%s",
+                                  fiber, trial.sampleCount * trial.captureTimeMs, range.c_str()));
     return 0;
   }
   if (!WithinResolution(blinking.frequency, minHz, maxHz, trial.captureTimeMs)) {
@@ -396,9 +398,8 @@ int ZeltoCom_Sequence_Setup(const char* devPath, unsigned StartDelay, unsigned C
 }
 
 int ZeltoCom_Sequence_Capture(const char* devPath, int fiber) {
-  return OnSequencePort(devPath, [&](s_CommPort* device) {
-    return CaptureSequence(device, fiber, nullptr);
-  });
+  return OnSequencePort(
+      devPath, [&](s_CommPort* device) { return CaptureSequence(device, fiber, nullptr); });
 }
 
 int ZeltoCom_Sequence_ReadIntensity(const char* devPath, int fiber, int* intensity) {
@@ -442,8 +443,8 @@ int ZeltoCom_Sequence_GetPattern(const char* devPath, const int* intensities, in
   });
 }
 
-int ZeltoCom_Sequence_GetSweepingPattern(const char* devPath, int fiberCount, int mode,
-                                         int* delays, int* durations, int* levels) {
+int ZeltoCom_Sequence_GetSweepingPattern(const char* devPath, int fiberCount, int mode, int* delays,
+                                         int* durations, int* levels) {
   return OnSequencePort(devPath, [&](s_CommPort* device) {
     return GetSweepingPattern(device, fiberCount, mode, delays, durations, levels);
   });

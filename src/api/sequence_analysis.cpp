@@ -15,8 +15,8 @@ namespace {
 constexpr int64_t kNoStep = 99999;
 
 int ToInt(int64_t value) {
-  return static_cast<int>(std::clamp<int64_t>(value, std::numeric_limits<int>::min(),
-                                              std::numeric_limits<int>::max()));
+  return static_cast<int>(
+      std::clamp<int64_t>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 int64_t Share(double fraction, int64_t range) {
@@ -146,8 +146,8 @@ SweepEntry SweepFromReference(const std::vector<Run>& runs, std::size_t referenc
   const auto at = [&](std::size_t i) { return RunAt(runs, i); };
   const Run& run = at(reference);
   // Deliberately the level, not the lit state: a dark run above 0 counts as lit.
-  if (run.level > 0) return SweepEntry{at(reference + 1).durationMs, run.durationMs,
-                                       at(reference + 1).level};
+  if (run.level > 0)
+    return SweepEntry{at(reference + 1).durationMs, run.durationMs, at(reference + 1).level};
   return SweepEntry{run.durationMs, 0, 0};
 }
 
@@ -157,8 +157,8 @@ std::optional<TrialSettings> TrialFor(double minHz, double maxHz) {
   constexpr double kLongestCaptureMs = 999;
   constexpr double kMostSamples = 9999;
   if (!(minHz > 0) || !(maxHz >= minHz)) return std::nullopt;
-  const double captureMs = std::min(std::floor(1000 / (kSamplesPerFastCycle * maxHz)),
-                                    kLongestCaptureMs);
+  const double captureMs =
+      std::min(std::floor(1000 / (kSamplesPerFastCycle * maxHz)), kLongestCaptureMs);
   if (!(captureMs >= 1)) return std::nullopt;
   const double samples = std::ceil(kSlowCycles * 1000 / (minHz * captureMs));
   if (!(samples <= kMostSamples)) return std::nullopt;

@@ -38,8 +38,8 @@ int OnFiber(const char* devPath, int fiber, Body body) {
     s_CommPort* device = port->owner();
     CMD_LoadSettings_NumFibers(device);
     if (fiber < 1 || fiber > device->settings.numFibers) {
-      SetError(device,
-               StringPrintf("Fiber should be a value between 1 and %d", device->settings.numFibers));
+      SetError(device, StringPrintf("Fiber should be a value between 1 and %d",
+                                    device->settings.numFibers));
       return -1;
     }
     return body(*port, device);
@@ -208,7 +208,9 @@ int UnableTo(s_CommPort* device, const char* step, const char* what) {
   return Refused(device, StringPrintf("Unable to %s %s", step, what));
 }
 
-int WrongReading(s_CommPort* device) { return Refused(device, "Wrong reading from the instrument"); }
+int WrongReading(s_CommPort* device) {
+  return Refused(device, "Wrong reading from the instrument");
+}
 
 // A getter's result as the family reports it: 1 read, else 0 with why.
 int ReadResult(s_CommPort* device, int read, const char* what) {
@@ -218,8 +220,8 @@ int ReadResult(s_CommPort* device, int read, const char* what) {
 
 // A getter's body: `read` fills `output` only from an answer.
 template <typename Value>
-int ReadValue(const char* devPath, int fiber, Value* output,
-              int (*read)(s_CommPort*, int, Value*), const char* what) {
+int ReadValue(const char* devPath, int fiber, Value* output, int (*read)(s_CommPort*, int, Value*),
+              const char* what) {
   return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
     if (!OutputsGiven(device, {output})) return -1;
     return ReadResult(device, read(device, fiber, output), what);
@@ -268,14 +270,15 @@ int WriteAbsIntFactor(s_CommPort* device, int fiber, double factor, int setMode)
 
 // What the fiber sees now: an LED capture with automatic range, then
 // `reading`'s answer. 1, or the failure with its text set.
-int Measure(const HeldPort& port, s_CommPort* device, const std::string& reading,
-            const char* what, std::string* answer) {
+int Measure(const HeldPort& port, s_CommPort* device, const std::string& reading, const char* what,
+            std::string* answer) {
   const int captured = CaptureLed(port, 0, 0, 0);
   if (captured != 1) {
     SetError(device, "Capture failed: " + GetPortErrorText(*device));
     return captured;
   }
-  if (CMD_SendCommand(device, reading, kReadingMs, answer) != 1) return UnableTo(device, "read", what);
+  if (CMD_SendCommand(device, reading, kReadingMs, answer) != 1)
+    return UnableTo(device, "read", what);
   return 1;
 }
 
@@ -345,8 +348,8 @@ int AdjustIntensityGain(const HeldPort& port, s_CommPort* device, int fiber, int
 int AdjustAbsIntFactor(const HeldPort& port, s_CommPort* device, int fiber, double reference) {
   if (!AllFinite(device, {reference})) return -1;
   std::string answer;
-  const int measured = Measure(port, device, StringPrintf("GETABSINT%02d", fiber),
-                               "absolute intensity", &answer);
+  const int measured =
+      Measure(port, device, StringPrintf("GETABSINT%02d", fiber), "absolute intensity", &answer);
   if (measured != 1) return measured;
   const std::optional<double> absolute = SingleReading<double>(answer);
   if (!absolute) return WrongReading(device);
@@ -432,8 +435,7 @@ int ZeltoCom_UserCal_GetWavelengthOffset(const char* devPath, int fiber, int* of
   return ReadValue(devPath, fiber, offset, CMD_Get_WavelengthOffset, kWavelengthOffset);
 }
 
-int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset,
-                                         int setMode) {
+int ZeltoCom_UserCal_SetWavelengthOffset(const char* devPath, int fiber, int offset, int setMode) {
   return OnFiber(devPath, fiber, [&](const HeldPort&, s_CommPort* device) {
     return WriteWavelengthOffset(device, fiber, offset, setMode);
   });

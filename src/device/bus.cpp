@@ -17,7 +17,8 @@ constexpr std::string_view kEotMarker = "\r\n\x04";
 // Only an attempt: the refusal is what the caller reports.
 void FreeLineAfterRefusal(s_CommPort* port) {
   try {
-    const Reply freed = Exchange(port, "BUSFREE", End::Marker(port->eotFormat.view()).Trimmed(), 80);
+    const Reply freed =
+        Exchange(port, "BUSFREE", End::Marker(port->eotFormat.view()).Trimmed(), 80);
     if (freed.answered()) port->Master()->SetBusOwner(port->Master());
   } catch (const LineError&) {
   }
@@ -107,9 +108,9 @@ int CMD_BusGet(s_CommPort* port, std::string_view serialNumber, Reply* reply) {
   }
   if (serial != master->serialNumber.view()) {
     const std::string eot = GetEOTformat(master, reply->text);
-    const PortRef added = PortsList_Add(&master->chain, master, master->line,
-                                        master->devicePath.view(), serial, "", eot,
-                                        master->baudrate, master->charTimeMs);
+    const PortRef added =
+        PortsList_Add(&master->chain, master, master->line, master->devicePath.view(), serial, "",
+                      eot, master->baudrate, master->charTimeMs);
     if (!added) {
       FreeLineAfterRefusal(port);
       return 0;

@@ -48,7 +48,8 @@ std::string ElapsedSince(double beginMs) {
 std::string ClippedForTrace(std::string_view bytes) {
   constexpr std::size_t kShown = 256;
   if (bytes.size() <= kShown) return EscapedBytes(bytes);
-  return StringPrintf("(%zu bytes) ...", bytes.size()) + EscapedBytes(bytes.substr(bytes.size() - kShown));
+  return StringPrintf("(%zu bytes) ...", bytes.size()) +
+         EscapedBytes(bytes.substr(bytes.size() - kShown));
 }
 
 void Note(const SerialLine& line, std::string_view serial, std::string_view text) {
@@ -71,7 +72,8 @@ bool WriteTraced(SerialLine& line, std::string_view serial, std::string_view com
   if (TraceOn()) {
     if (line.dropped.size() > droppedBefore) {
       Note(line, serial,
-           "thrown away before the command: " + ClippedForTrace(std::string_view{line.dropped}.substr(droppedBefore)));
+           "thrown away before the command: " +
+               ClippedForTrace(std::string_view{line.dropped}.substr(droppedBefore)));
     }
     TraceLine(line.path, serial,
               "> " + EscapedBytes(command) + "\\r\\n" + (written == 1 ? "" : " (not written)"));
@@ -98,8 +100,9 @@ t_comresponse WaitTraced(SerialLine& line, std::string_view serial, const End& e
     }
   } catch (const LineError& e) {
     if (TraceOn()) {
-      TraceLine(line.path, serial,
-                "< (" + end.Describe() + ", line lost: " + e.what() + ", " + ElapsedSince(begin) + ")");
+      TraceLine(
+          line.path, serial,
+          "< (" + end.Describe() + ", line lost: " + e.what() + ", " + ElapsedSince(begin) + ")");
     }
     throw;
   }
@@ -458,8 +461,8 @@ bool AwaitTriggerMessage(const SerialLine& line, std::string_view serial, int wa
                   outcome + ", " + ElapsedSince(begin) + ")");
   }
   *message = Reply{};
-  message->outcome = ended ? (response.syntaxError ? Outcome::SyntaxError : Outcome::Answered)
-                           : Outcome::Late;
+  message->outcome =
+      ended ? (response.syntaxError ? Outcome::SyntaxError : Outcome::Answered) : Outcome::Late;
   message->syntaxError = response.syntaxError;
   message->text = std::move(response.data);
   return ended;

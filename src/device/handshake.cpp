@@ -30,8 +30,7 @@ HandshakeTiming TimingFor(int baud) {
   HandshakeTiming timing{};
   timing.charTimeMs = t;
   const bool raised = 11000.0 / baud < 0.15;
-  timing.wakeUpPauseMs =
-      raised ? 25 : std::max(12, static_cast<int>(std::ceil(30 * t)) + 20);
+  timing.wakeUpPauseMs = raised ? 25 : std::max(12, static_cast<int>(std::ceil(30 * t)) + 20);
   timing.busFreeTimeoutMs = 2 * static_cast<TimeoutMs>(std::ceil(16 * t)) + 20;
   timing.serialTimeoutMs = (5 * static_cast<TimeoutMs>(std::ceil(7 * t)) + 5) * 4;
   return timing;

@@ -74,8 +74,6 @@ Probe ProbeRates(const std::string& path, const std::vector<int>& rates, Accept 
 }
 
 // What a rate search asks of an instrument: a serial number worth the name.
-inline bool HasSerialNumber(const Identity& identity) {
-  return identity.serialNumber.size() > 3;
-}
+inline bool HasSerialNumber(const Identity& identity) { return identity.serialNumber.size() > 3; }
 
 }  // namespace zeltocom

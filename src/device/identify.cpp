@@ -24,12 +24,12 @@ struct ModelCode {
 };
 
 constexpr ModelCode kModelCodes[] = {
-    {false, "P", DEVTYPE_ICT},         {true, "P", DEVTYPE_ICT},
-    {false, "T", DEVTYPE_FUNCTIONAL},  {true, "T", DEVTYPE_FUNCTIONAL},
-    {false, "PX", DEVTYPE_IR},         {true, "PX", DEVTYPE_IR},
-    {true, "M", DEVTYPE_LOWLIGHT},     {true, "N", DEVTYPE_FUNCTIONAL},
-    {true, "V", DEVTYPE_DISPLAY},      {true, "PN", DEVTYPE_ICT},
-    {true, "TN", DEVTYPE_FUNCTIONAL},  {true, "W", DEVTYPE_SPECTROMETER},
+    {false, "P", DEVTYPE_ICT},          {true, "P", DEVTYPE_ICT},
+    {false, "T", DEVTYPE_FUNCTIONAL},   {true, "T", DEVTYPE_FUNCTIONAL},
+    {false, "PX", DEVTYPE_IR},          {true, "PX", DEVTYPE_IR},
+    {true, "M", DEVTYPE_LOWLIGHT},      {true, "N", DEVTYPE_FUNCTIONAL},
+    {true, "V", DEVTYPE_DISPLAY},       {true, "PN", DEVTYPE_ICT},
+    {true, "TN", DEVTYPE_FUNCTIONAL},   {true, "W", DEVTYPE_SPECTROMETER},
     {true, "W2", DEVTYPE_SPECTROMETER}, {true, "CLR", DEVTYPE_CLR},
 };
 

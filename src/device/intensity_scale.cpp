@@ -42,8 +42,8 @@ Scale ScaleOf(const s_CommPort* port, int isPWM) {
   if (Contains(model, "Zelto 2-") || Contains(model, "Zelto 3-")) return Scale::Zelto23;
   if (port->deviceType == DEVTYPE_NODE) return Scale::Standard;
   const bool flashFirmware = fw.starts_with("F");
-  const bool older = (!flashFirmware && !(n >= 116 && fw.starts_with("I"))) ||
-                     (flashFirmware && n < 113);
+  const bool older =
+      (!flashFirmware && !(n >= 116 && fw.starts_with("I"))) || (flashFirmware && n < 113);
   if (older && !fw.starts_with("BF") && !fw.starts_with("BI")) return Scale::Older;
   if (n < 125 && !Contains(port->eotFormat.view(), "\x04") && isPWM != 0) {
     return Scale::PwmBeforeEot;
@@ -65,10 +65,8 @@ int AnalyserIntensityLogToLin(s_CommPort* port, int value, int isPWM, int captur
   const double x1 = (v + 285) / 25167;
   const double x2 = (v + 5) / 26283;
   switch (ScaleOf(port, isPWM)) {
-    case Scale::Modern:
-      return Truncated((std::exp(v / 20814) - 1) * 1000);
-    case Scale::Zelto23:
-      return Truncated((std::exp((v + 1285) / 25167) - 1) * 1600);
+    case Scale::Modern: return Truncated((std::exp(v / 20814) - 1) * 1000);
+    case Scale::Zelto23: return Truncated((std::exp((v + 1285) / 25167) - 1) * 1600);
     case Scale::Older:
       if (captureRange == 0) {
         return Truncated((std::exp((v + 331572) / 24000) / 1000000 - 1) * 50000 / 25);
@@ -79,8 +77,7 @@ int AnalyserIntensityLogToLin(s_CommPort* port, int value, int isPWM, int captur
         return Truncated((std::exp(x1) - 1) * 1600 * 8 * RangeGain(captureRange) / 25);
       }
       return Truncated((std::exp(x2) - 1) * 100000 * 7 * 32 / 25);
-    case Scale::Standard:
-      break;
+    case Scale::Standard: break;
   }
   if (captureRange != 0) return Truncated((std::exp(x1) - 1) * 1600);
   return Truncated((std::exp(x2) - 1) * 100000 / 25);
@@ -89,10 +86,8 @@ int AnalyserIntensityLogToLin(s_CommPort* port, int value, int isPWM, int captur
 int AnalyserIntensityLinToLog(s_CommPort* port, int value, int isPWM, int captureRange) {
   const double y = value;
   switch (ScaleOf(port, isPWM)) {
-    case Scale::Modern:
-      return Truncated(std::log10(y / 1000 + 1) * 20814);
-    case Scale::Zelto23:
-      return Truncated(std::log10(y / 1600 + 1) * 25167 - 1285);
+    case Scale::Modern: return Truncated(std::log10(y / 1000 + 1) * 20814);
+    case Scale::Zelto23: return Truncated(std::log10(y / 1600 + 1) * 25167 - 1285);
     case Scale::Older:
       if (captureRange == 0) {
         return Truncated(std::log10((25 * y / 50000 + 1) * 1000000) * 24000 - 331572);
@@ -104,8 +99,7 @@ int AnalyserIntensityLinToLog(s_CommPort* port, int value, int isPWM, int captur
                          285);
       }
       return Truncated(std::log10(25 * y / 22400000 + 1) * 26283 - 5);
-    case Scale::Standard:
-      break;
+    case Scale::Standard: break;
   }
   if (captureRange != 0) return Truncated(std::log10(y / 1600 + 1) * 25167 - 285);
   return Truncated(std::log10(25 * y / 100000 + 1) * 26283 - 5);

@@ -4,7 +4,6 @@
 
 namespace zeltocom {
 
-
 int OpenLine(SerialLine& line, const std::string& path, int baud) {
   const int opened = RS232OpenPort(line, path, baud);
   return opened == kPortBusy ? kLineBusy : opened;

@@ -28,8 +28,7 @@ std::string FiberText(const s_CommPort* port, int fiber) {
 std::string Form(bool set) { return set ? "SET" : "PUT"; }
 
 // The answer, when it came in time and was no refusal.
-std::optional<std::string> Ask(s_CommPort* port, const std::string& command,
-                               TimeoutMs timeoutMs) {
+std::optional<std::string> Ask(s_CommPort* port, const std::string& command, TimeoutMs timeoutMs) {
   std::string answer;
   if (CMD_SendCommand(port, command, timeoutMs, &answer) != 1) return std::nullopt;
   return answer;
@@ -90,8 +89,8 @@ int CMD_Get_IntensityGain(s_CommPort* port, int fiber, int* gain) {
 
 int CMD_Set_IntensityGain(s_CommPort* port, int fiber, int gain, int setMode) {
   if (gain < kMinIntensityGain || gain > kMaxIntensityGain) return 0;
-  return SentAtLeast(port, Form(setMode == 1) + "INTGAIN" + FiberText(port, fiber) +
-                               StringPrintf("%03d", gain));
+  return SentAtLeast(
+      port, Form(setMode == 1) + "INTGAIN" + FiberText(port, fiber) + StringPrintf("%03d", gain));
 }
 
 int CMD_Get_AbsoluteIntensityFactor(s_CommPort* port, int fiber, double* factor) {
@@ -99,8 +98,8 @@ int CMD_Get_AbsoluteIntensityFactor(s_CommPort* port, int fiber, double* factor)
 }
 
 int CMD_Set_AbsoluteIntensityFactor(s_CommPort* port, int fiber, double factor, int setMode) {
-  return SentAtLeast(port, Form(setMode == 1) + "ABSINTMULT" + FiberText(port, fiber) +
-                               FormatExponential(factor));
+  return SentAtLeast(
+      port, Form(setMode == 1) + "ABSINTMULT" + FiberText(port, fiber) + FormatExponential(factor));
 }
 
 std::string WithDecimalPoint(std::string text) {

@@ -10,11 +10,11 @@ namespace zeltocom {
 
 // The states of a port's trigger listener.
 enum eTriggerState {
-  TRIGGER_IDLE = 0,       // never listened
+  TRIGGER_IDLE = 0,  // never listened
   TRIGGER_LISTENING = 1,
   TRIGGER_ABORTED = 2,
   TRIGGER_FAILED = 3,
-  TRIGGER_FINISHED = 4,   // a message is in the port's last answer
+  TRIGGER_FINISHED = 4,  // a message is in the port's last answer
 };
 
 // What an instrument sends unasked when its trigger input fires, as this

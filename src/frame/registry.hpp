@@ -161,7 +161,7 @@ struct s_CommPort {
   // while it held the line. It holds it still, so the line is freed before
   // the master's next exchange; empty when nothing is owed.
   FixedText<ZELTOCOM_SERIAL_NUMBER_SIZE> removedHolder;
-  std::mutex lineMutex;            // of a master: one exchange at a time
+  std::mutex lineMutex;  // of a master: one exchange at a time
   // Of a master: waits for the trigger's message. Last, so that it is
   // stopped before the members its thread uses go.
   TriggerListener trigger;

@@ -31,7 +31,7 @@ class SerialLine {
   SerialLine(const SerialLine&) = delete;
   SerialLine& operator=(const SerialLine&) = delete;
 
-  int fd = -1;  // -1 once closed
+  int fd = -1;       // -1 once closed
   std::string path;  // as the line was opened; for the trace
   // A wait ended before the answer it waited for: that answer may still
   // come, so the next command must first bring the line back in step.

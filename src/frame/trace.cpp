@@ -48,11 +48,10 @@ bool SetTraceDestination(std::string_view destination) {
 
 void TraceLine(std::string_view path, std::string_view serial, std::string_view text) {
   if (!TraceOn()) return;
-  const std::string line = StringPrintf("%.6f %.*s %.*s %.*s\n", WallClockMs() / 1000.0,
-                                        static_cast<int>(path.size()), path.data(),
-                                        static_cast<int>(serial.empty() ? 1 : serial.size()),
-                                        serial.empty() ? "-" : serial.data(),
-                                        static_cast<int>(text.size()), text.data());
+  const std::string line = StringPrintf(
+      "%.6f %.*s %.*s %.*s\n", WallClockMs() / 1000.0, static_cast<int>(path.size()), path.data(),
+      static_cast<int>(serial.empty() ? 1 : serial.size()), serial.empty() ? "-" : serial.data(),
+      static_cast<int>(text.size()), text.data());
   std::lock_guard lock(mtxTrace);
   if (traceFile == nullptr) return;
   std::fputs(line.c_str(), traceFile);

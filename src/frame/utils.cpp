@@ -221,7 +221,9 @@ std::optional<Number> Reading::Next() {
   return WholeNumber<Number>(field);
 }
 
-bool Reading::Done() const { return rest_.find_first_not_of(kFieldBlanks) == std::string_view::npos; }
+bool Reading::Done() const {
+  return rest_.find_first_not_of(kFieldBlanks) == std::string_view::npos;
+}
 
 template <typename Number>
 std::optional<Number> SingleReading(std::string_view answer) {

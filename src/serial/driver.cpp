@@ -13,8 +13,8 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -251,8 +251,8 @@ class AnswerScanner {
     // before then is looked at whole the first time.
     if (text.size() > 13 && syntaxErrorEnd_ == kNone) {
       const std::size_t from = refusalsLooked_ ? newFrom : 0;
-      syntaxErrorEnd_ = std::min(EndSince(text, syntaxError1_, from),
-                                 EndSince(text, syntaxError2_, from));
+      syntaxErrorEnd_ =
+          std::min(EndSince(text, syntaxError1_, from), EndSince(text, syntaxError2_, from));
       refusalsLooked_ = true;
     }
   }
@@ -523,8 +523,8 @@ bool TriggerQuietEnds(bool begun, double lastByte, bool& quietSeen) {
 
 // Adds bytes of the trigger's message; true when they end it (a refusal
 // ends it too).
-bool TriggerBytesEnd(t_comresponse* response, AnswerScanner& scan, const char* bytes,
-                     std::size_t n, bool dataExpected, int lineCount) {
+bool TriggerBytesEnd(t_comresponse* response, AnswerScanner& scan, const char* bytes, std::size_t n,
+                     bool dataExpected, int lineCount) {
   std::string& text = response->data;
   const std::size_t newFrom = text.size();
   text.append(bytes, n);

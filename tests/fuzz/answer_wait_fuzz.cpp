@@ -257,8 +257,8 @@ Expected ExpectedEnd(const Wait& wait, std::string_view consumed, std::size_t fr
   const std::size_t stopRead = std::min(refusalSeen, linesSeen);
   if (stopRead == kNone) return {};
   // Of the ends that read shows, the first.
-  const std::size_t end = std::min(refusalSeen <= stopRead ? refusal : kNone,
-                                   linesSeen <= stopRead ? lines : kNone);
+  const std::size_t end =
+      std::min(refusalSeen <= stopRead ? refusal : kNone, linesSeen <= stopRead ? lines : kNone);
   return {stopRead, from + end, refusalSeen <= stopRead && refusal <= end};
 }
 

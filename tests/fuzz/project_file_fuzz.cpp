@@ -12,7 +12,8 @@
 using namespace zeltocom;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const ProjectFile file = ReadProjectFile(std::string_view(reinterpret_cast<const char*>(data), size));
+  const ProjectFile file =
+      ReadProjectFile(std::string_view(reinterpret_cast<const char*>(data), size));
   Require(file.error.empty() == (file.result == 1));
   Require(file.result == 1 || file.result == 0 || file.result == -1);
   std::set<std::string> ids;

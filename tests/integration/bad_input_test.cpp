@@ -17,7 +17,9 @@ struct BadCall {
 };
 
 // One row of the table: the call as written, then the results that count as its failure.
+// clang-format off
 #define BAD_CALL(call, ...) BadCall{#call, [=] { return call; }, {__VA_ARGS__}}
+// clang-format on
 
 class BadInputTest : public SimBench {
  protected:
@@ -141,12 +143,12 @@ class BadInputTest : public SimBench {
     // A closed port may be opened again and is still available.
     if (name != closed_.c_str()) {
       calls.insert(calls.end(), {
-          BAD_CALL(ZeltoCom_Open(name, 57600), 0, -1),
-          BAD_CALL(ZeltoCom_IsPortAvailable(name), 0),
-          BAD_CALL(ZeltoCom_Open_Multi_Thread(nullptr, name, 0), 0, -1),
-          BAD_CALL(ZeltoCom_Open_Multi(ints, &name, 1, 0), 0, -1),
-          BAD_CALL(ZeltoCom_Detect_Thread(nullptr, name, 0, buf), 0),
-      });
+                                    BAD_CALL(ZeltoCom_Open(name, 57600), 0, -1),
+                                    BAD_CALL(ZeltoCom_IsPortAvailable(name), 0),
+                                    BAD_CALL(ZeltoCom_Open_Multi_Thread(nullptr, name, 0), 0, -1),
+                                    BAD_CALL(ZeltoCom_Open_Multi(ints, &name, 1, 0), 0, -1),
+                                    BAD_CALL(ZeltoCom_Detect_Thread(nullptr, name, 0, buf), 0),
+                                });
     }
     if (name == nullptr || name[0] == '\0' || std::string(name) == long_) {
       calls.push_back(BAD_CALL(ZeltoCom_Send(open, name, buf), 0, -1));

@@ -53,4 +53,5 @@ class SimBench : public ::testing::Test {
 };
 
 zeltosim::Config Analyser(const std::string& serial, int fibers = 2);
-zeltosim::Config Spectrometer(const std::string& serial, const std::string& hardware = "Zelto 01-W2");
+zeltosim::Config Spectrometer(const std::string& serial,
+                              const std::string& hardware = "Zelto 01-W2");

@@ -24,8 +24,8 @@ TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
     EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 1, 5, frames), 1) << LastError();
   }
   EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 7), 1) << LastError();
-  EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETHW", "GETCALIBRATION", "GETFACTOR",
-                                                  "C5PWM03", "C5PWM", "C"}));
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETHW", "GETCALIBRATION", "GETFACTOR", "C5PWM03",
+                                                  "C5PWM", "C"}));
 }
 
 TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
@@ -116,8 +116,8 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
   fast.captureTimeScale = 0.01;
   zeltosim::SimPort& w2 = Open(fast);
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 2.5f), 1) << LastError();
-  EXPECT_EQ(Sent(w2), (std::vector<std::string>{"GETHW", "GETADJUSTMENT", "GETAVERAGE", "PUTPWM0",
-                                                "C2500"}));
+  EXPECT_EQ(Sent(w2),
+            (std::vector<std::string>{"GETHW", "GETADJUSTMENT", "GETAVERAGE", "PUTPWM0", "C2500"}));
   EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.5f)),
             "-1: Exposure value out of limits");
   EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, -1.0f), -1);
@@ -163,9 +163,9 @@ TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
 
 TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
   zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
-  for (const auto& [condition, error] :
-       {std::pair{"NOT STABLE", "NOT STABLE"}, {"DARK TOO HIGH", "DARK TOO HIGH"},
-        {"Overrange", "Overrange condition detected"}}) {
+  for (const auto& [condition, error] : {std::pair{"NOT STABLE", "NOT STABLE"},
+                                         {"DARK TOO HIGH", "DARK TOO HIGH"},
+                                         {"Overrange", "Overrange condition detected"}}) {
     port.master().setCaptureCondition(condition);
     EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0) << condition;
     EXPECT_EQ(LastError(), error);

@@ -153,8 +153,8 @@ TEST_F(DaisyChainTest, RemovingTheHolderFreesTheLineBeforeTheMastersNextExchange
   for (const bool clear : {false, true}) {
     ASSERT_EQ(SendTo("CHAIN01", "GETSERIAL"), "CHAIN01");
     Port().clearLog();
-    ASSERT_EQ(clear ? ZeltoCom_DaisyChain_Clear(Path())
-                    : ZeltoCom_DaisyChain_Del(Path(), "CHAIN01"), 1);
+    ASSERT_EQ(
+        clear ? ZeltoCom_DaisyChain_Clear(Path()) : ZeltoCom_DaisyChain_Del(Path(), "CHAIN01"), 1);
     EXPECT_TRUE(Sent(Port()).empty());
     EXPECT_EQ(Port().busHolder(), "CHAIN01");
     ASSERT_EQ(Send(Port(), "GETSERIAL"), 1) << LastError();
@@ -168,10 +168,9 @@ TEST_F(DaisyChainTest, RemovingTheHolderFreesTheLineBeforeTheMastersNextExchange
 TEST_F(DaisyChainTest, AChainedSpectrometerIsCapturedWithItsOwnSettings) {
   EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "SPEC01", 0, 1, 20.0f), 1)
       << LastError();
-  EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerDark(Path(), "SPEC01", 0, 1, 20.0f), 1)
-      << LastError();
+  EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerDark(Path(), "SPEC01", 0, 1, 20.0f), 1) << LastError();
   EXPECT_EQ(spectrometer_->captures(), 2);
-  EXPECT_EQ(Port().busHolder(), "SPEC01");  // the line stays with it
+  EXPECT_EQ(Port().busHolder(), "SPEC01");                   // the line stays with it
   EXPECT_EQ(Record(Port())->hardwareDescriptor.view(), "");  // the master was not asked
 
   EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "CHAIN01", 0, 0, 0)),
@@ -211,8 +210,8 @@ TEST_F(ChainCaptureTest, OneBroadcastThenEachInstrumentIsAskedUntilDone) {
   const Lines bus = BusLines(Sent(Port()));
   // The chained analysers are asked for their settings once, each behind a
   // hand-over; the spectrometer is asked what it is and left out.
-  const Lines learning = {"BUSGETCHAIN01", "BUSFREE", "BUSGETCHAIN02", "BUSFREE",
-                          "BUSGETSPEC01",  "BUSFREE"};
+  const Lines learning = {"BUSGETCHAIN01", "BUSFREE",      "BUSGETCHAIN02",
+                          "BUSFREE",       "BUSGETSPEC01", "BUSFREE"};
   ASSERT_GE(bus.size(), learning.size() + 5);
   EXPECT_EQ(Lines(bus.begin(), bus.begin() + 6), learning);
   EXPECT_EQ(bus[6], "BUSC3");

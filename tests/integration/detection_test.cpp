@@ -42,8 +42,7 @@ class DetectionTest : public SimBench {
 // `delay`, for the time the detection allows.
 class SlowModel {
  public:
-  explicit SlowModel(std::chrono::milliseconds delay)
-      : thread_([this, delay] { Answer(delay); }) {}
+  explicit SlowModel(std::chrono::milliseconds delay) : thread_([this, delay] { Answer(delay); }) {}
   ~SlowModel() {
     stop_ = true;
     thread_.join();

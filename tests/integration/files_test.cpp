@@ -50,7 +50,8 @@ TEST_F(FilesTest, APointIsInTheFirstBinWhoseEdgesItsRayCrossesExactlyOnce) {
   // Unnamed bins are numbered by their place among the bins: a diamond closed
   // by repeating its first vertex, and a triangle around everything. HOOK is
   // a U whose right arm lies three crossings from the origin; SQ a square.
-  const std::string bins = Write("bins.VEC",
+  const std::string bins = Write(
+      "bins.VEC",
       "0.3,0.2;0.4,0.3;0.3,0.4;0.2,0.3;0.3,0.2\r\n"
       "0.1\n"
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
@@ -83,7 +84,8 @@ TEST_F(FilesTest, BinFilePathsAndContents) {
 // corners. The columns: FindBin's answer, then the established one where it
 // differs ("-" none).
 TEST_F(FilesTest, FindBinHoldsEveryPointOfItsPolygonAndOnlyThose) {
-  const std::string bins = Write("exact.vec",
+  const std::string bins = Write(
+      "exact.vec",
       "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
       // A U whose right arm lies three crossings from the origin.
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
@@ -160,7 +162,8 @@ TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
 }
 
 TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
-  const std::string bins = Write("check.vec",
+  const std::string bins = Write(
+      "check.vec",
       "DIAMOND=0.3,0.2;0.4,0.3;0.3,0.4;0.2,0.3;0.3,0.2\n"
       "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
@@ -170,12 +173,11 @@ TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
       "0.2,0.8;0.25,0.85;0.3,0.8\n");
   char report[512];
   EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, sizeof report), 5) << LastError();
-  EXPECT_STREQ(report,
-               "SQ: an edge parallel or nearly parallel to the y axis\n"
-               "HOOK: not convex\n"
-               "STAR: not convex\n"
-               "CORNER: holds the origin\n"
-               "LINE: no area (its corners lie on one line)");
+  EXPECT_STREQ(report, "SQ: an edge parallel or nearly parallel to the y axis\n"
+                       "HOOK: not convex\n"
+                       "STAR: not convex\n"
+                       "CORNER: holds the origin\n"
+                       "LINE: no area (its corners lie on one line)");
   EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 8), 5);
   EXPECT_STREQ(report, "SQ: an ");
   EXPECT_EQ(Outcome(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 0)),
@@ -199,7 +201,8 @@ TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
        "Master has been previously added for this port"},
       {Section("PORT=/dev/a\nID=B\nSERIALNUMBER=S2\nROLE=Daisy_Chain\n") + master,
        "No Bus Master has been previously added for this port"},
-      {"# " + std::string(1100, '#') + "\n" + master, "Syntax Error. Line longer than 1023 characters."},
+      {"# " + std::string(1100, '#') + "\n" + master,
+       "Syntax Error. Line longer than 1023 characters."},
       {master + "[DEVICE]\nPORT=/dev/b\n", "Missing[END]"},
   };
   for (const auto& [text, error] : cases) {

@@ -59,10 +59,9 @@ TEST_F(SequenceTest, SetupAndCaptureSendTheirCommands) {
             (std::vector<std::string>{
                 "SETSEQUENCESTARTDELAY100", "SETSEQUENCECAPTURE020", "SETSEQUENCEWAIT030",
                 "SETSEQUENCENUMBER050", "PUTSEQUENCESTARTDELAY000", "PUTSEQUENCECAPTURE000",
-                "PUTSEQUENCEWAIT000", "PUTSEQUENCENUMBER1000", "GETNFIB",
-                "PUTSEQUENCEMODE0", "CS", "PUTSEQUENCESTARTDELAY000", "PUTSEQUENCECAPTURE001",
-                "PUTSEQUENCEWAIT001", "PUTSEQUENCENUMBER002", "PUTSEQUENCEMODE1",
-                "PUTSEQUENCECHANNEL02", "CS"}));
+                "PUTSEQUENCEWAIT000", "PUTSEQUENCENUMBER1000", "GETNFIB", "PUTSEQUENCEMODE0", "CS",
+                "PUTSEQUENCESTARTDELAY000", "PUTSEQUENCECAPTURE001", "PUTSEQUENCEWAIT001",
+                "PUTSEQUENCENUMBER002", "PUTSEQUENCEMODE1", "PUTSEQUENCECHANNEL02", "CS"}));
   EXPECT_EQ(record->sequence.samples, 2);
 
   // A refused command stops the set-up and keeps the last one.
@@ -79,7 +78,8 @@ TEST_F(SequenceTest, RefusedArgumentsAndOrderSendNothing) {
   const std::vector<Refusal> refusals = {
       {"capture before set-up", [](const char* d) { return ZeltoCom_Sequence_Capture(d, 1); },
        "-1: Sequece has not been set up."},
-      {"readout before set-up", [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, values); },
+      {"readout before set-up",
+       [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, values); },
        "-1: Sequece has not been set up."},
       {"start delay", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 1000, 0, 0, 1, 0); },
        "-1: Parameter StartDelay is out of range [0, 999]ms"},
@@ -89,9 +89,11 @@ TEST_F(SequenceTest, RefusedArgumentsAndOrderSendNothing) {
        "-1: Parameter TimeBetweenCaptures is out of range [0, 999]ms"},
       {"no samples", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 0, 0, 0, 0); },
        "-1: Parameter SampleCount is out of range [1, 9999]"},
-      {"too many samples", [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 0, 0, 10000, 0); },
+      {"too many samples",
+       [](const char* d) { return ZeltoCom_Sequence_Setup(d, 0, 0, 0, 10000, 0); },
        "-1: Parameter SampleCount is out of range [1, 9999]"},
-      {"threshold", [](const char* d) { return ZeltoCom_Sequence_SetPatternThresholdHigh(d, 100000); },
+      {"threshold",
+       [](const char* d) { return ZeltoCom_Sequence_SetPatternThresholdHigh(d, 100000); },
        "-1: Intensity value should be in the range [0, 99999] or -1 to disable (auto)"},
       {"threshold", [](const char* d) { return ZeltoCom_Sequence_SetPatternThresholdLow(d, -2); },
        "-1: Intensity value should be in the range [0, 99999] or -1 to disable (auto)"},
@@ -107,9 +109,11 @@ TEST_F(SequenceTest, RefusedArgumentsAndOrderSendNothing) {
        "-1: Wrong Fiber number!"},
       {"capture of fiber -1", [](const char* d) { return ZeltoCom_Sequence_Capture(d, -1); },
        "-1: Wrong Fiber number!"},
-      {"readout of fiber 0", [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 0, values); },
+      {"readout of fiber 0",
+       [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 0, values); },
        "-1: Fiber out of range"},
-      {"readout before capture", [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, values); },
+      {"readout before capture",
+       [&](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, values); },
        "-1: Sequece Capture has not been done yet."},
       {"no array", [](const char* d) { return ZeltoCom_Sequence_ReadIntensity(d, 1, nullptr); },
        "-1: No buffer given for the result"},
@@ -125,7 +129,8 @@ TEST_F(SequenceTest, EachReadoutParsesItsColumns) {
   std::vector<float> x(3), y(3), hue(3), other(3);
   std::vector<unsigned char> r(3), g(3), b(3);
   ASSERT_EQ(ZeltoCom_Sequence_ReadRGBI(p, 1, r.data(), g.data(), b.data(), intensity.data()), 1);
-  EXPECT_EQ(std::vector<int>({r[2], g[2], b[2], intensity[2]}), (std::vector<int>{77, 128, 51, 1200}));
+  EXPECT_EQ(std::vector<int>({r[2], g[2], b[2], intensity[2]}),
+            (std::vector<int>{77, 128, 51, 1200}));
   ASSERT_EQ(ZeltoCom_Sequence_ReadxyI(p, 1, x.data(), y.data(), second.data()), 1);
   EXPECT_FLOAT_EQ(x[0], 0.3288f);
   EXPECT_FLOAT_EQ(y[0], 0.4232f);
@@ -194,14 +199,16 @@ TEST_F(SequenceTest, PatternsOfARunningLight) {
   const std::vector<int> first = Intensities(1, 8);
   int count = 0;
   std::vector<int> durations(8), levels(8);
-  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()),
+            1);
   ASSERT_EQ(count, 4);
   EXPECT_EQ(durations, (std::vector<int>{20, 20, 20, 20, 0, 0, 0, 0}));
   EXPECT_EQ(levels, (std::vector<int>{1200, 0, 1200, 0, 0, 0, 0, 0}));
 
   // A fixed high threshold above every sample leaves one dark run.
   ASSERT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, 5000), 1);
-  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()), 1);
+  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()),
+            1);
   EXPECT_EQ(count, 1);
   EXPECT_EQ(durations[0], 80);
   ASSERT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, -1), 1);
@@ -252,19 +259,22 @@ TEST_F(SequenceTest, FindTestSettingsMeasuresTheLightItIsGiven) {
 
   // Too fast for the range: what was measured is named.
   port_->master().setLight(0, zeltosim::Light::Blinking(200, 50));
-  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 50, 100, &captureTime, &wait, &samples)),
-            "0: Measured 200.00 Hz on fiber 1, outside 50 to 100 Hz");
+  EXPECT_EQ(
+      Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 50, 100, &captureTime, &wait, &samples)),
+      "0: Measured 200.00 Hz on fiber 1, outside 50 to 100 Hz");
 
   zeltosim::Fiber dim;
   dim.force = zeltosim::Range::UnderRange;
   port_->master().setFiber(0, dim);
-  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 100, 125, &captureTime, &wait, &samples)),
-            "0: The light on fiber 1 is under range: nothing to measure");
+  EXPECT_EQ(
+      Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 100, 125, &captureTime, &wait, &samples)),
+      "0: The light on fiber 1 is under range: nothing to measure");
 
   port_->clearLog();
-  EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 150, 250, &captureTime, &wait, &samples)),
-            "-1: No sequence resolves 150 to 250 Hz: it takes 8 samples (of at least 1 ms) per cycle "
-            "of the fastest light, so at most 125 Hz, and 4 cycles of the slowest within 9999 samples");
+  EXPECT_EQ(
+      Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 150, 250, &captureTime, &wait, &samples)),
+      "-1: No sequence resolves 150 to 250 Hz: it takes 8 samples (of at least 1 ms) per cycle "
+      "of the fastest light, so at most 125 Hz, and 4 cycles of the slowest within 9999 samples");
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 3, 1, 2, &captureTime, &wait, &samples)),
             "-1: Fiber out of range");
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_FindTestSettings(p, 1, 1, 2, nullptr, &wait, &samples)),

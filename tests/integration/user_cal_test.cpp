@@ -51,28 +51,48 @@ TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
     int result;
   };
   const std::vector<Row> rows = {
-      {[&] { return ZeltoCom_UserCal_SetxyOffsets(a, 2, 0.0f, -0.25f, 2); }, &analyser,
-       {"SETXOFFSET02+0.000", "SETYOFFSET02-0.250"}, 1},
-      {[&] { return ZeltoCom_UserCal_SetxyOffsets(a, 1, 0.5f, 0.0f, 0); }, &analyser,
-       {"PUTXOFFSET01+0.500", "PUTYOFFSET01+0.000"}, 1},
-      {[&] { return ZeltoCom_UserCal_SetWavelengthOffset(a, 1, -3, 0); }, &analyser,
-       {"PUTWAVELENGTHOFFSET01-03"}, 1},
-      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 50, 1); }, &analyser,
-       {"SETINTGAIN02050"}, 1},
-      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 120, 2); }, &analyser,
-       {"PUTINTGAIN02120"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetxyOffsets(a, 2, 0.0f, -0.25f, 2); },
+       &analyser,
+       {"SETXOFFSET02+0.000", "SETYOFFSET02-0.250"},
+       1},
+      {[&] { return ZeltoCom_UserCal_SetxyOffsets(a, 1, 0.5f, 0.0f, 0); },
+       &analyser,
+       {"PUTXOFFSET01+0.500", "PUTYOFFSET01+0.000"},
+       1},
+      {[&] { return ZeltoCom_UserCal_SetWavelengthOffset(a, 1, -3, 0); },
+       &analyser,
+       {"PUTWAVELENGTHOFFSET01-03"},
+       1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 50, 1); },
+       &analyser,
+       {"SETINTGAIN02050"},
+       1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 120, 2); },
+       &analyser,
+       {"PUTINTGAIN02120"},
+       1},
       {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 49, 1); }, &analyser, {}, -1},
       {[&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 151, 1); }, &analyser, {}, -1},
-      {[&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1.5, 1); }, &analyser,
-       {"SETABSINTMULT011.50000E+00"}, 1},
-      {[&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1e-100, 2); }, &analyser,
-       {"PUTABSINTMULT011.00000E-00"}, 1},
-      {[&] { return ZeltoCom_UserCal_SetIntensityGain(n, 2, 100, 1); }, &node,
-       {"SETINTGAIN002100"}, 1},
-      {[&] { return ZeltoCom_UserCal_GetxyOffsets(n, 1, &x, &y); }, &node,
-       {"GETXOFFSET001", "GETYOFFSET001"}, 1},
-      {[&] { return ZeltoCom_UserCal_GetAbsIntFactor(n, 2, &factor); }, &node,
-       {"GETABSINTMULT002"}, 1},
+      {[&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1.5, 1); },
+       &analyser,
+       {"SETABSINTMULT011.50000E+00"},
+       1},
+      {[&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1e-100, 2); },
+       &analyser,
+       {"PUTABSINTMULT011.00000E-00"},
+       1},
+      {[&] { return ZeltoCom_UserCal_SetIntensityGain(n, 2, 100, 1); },
+       &node,
+       {"SETINTGAIN002100"},
+       1},
+      {[&] { return ZeltoCom_UserCal_GetxyOffsets(n, 1, &x, &y); },
+       &node,
+       {"GETXOFFSET001", "GETYOFFSET001"},
+       1},
+      {[&] { return ZeltoCom_UserCal_GetAbsIntFactor(n, 2, &factor); },
+       &node,
+       {"GETABSINTMULT002"},
+       1},
   };
   for (std::size_t i = 0; i < rows.size(); ++i) {
     rows[i].port->clearLog();
@@ -218,15 +238,14 @@ TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
                                        0.06f, 50.0),
             1)
       << LastError();
-  EXPECT_EQ(Sent(port),
-            (std::vector<std::string>{
-                "PUTREDR250100000", "PUTREDG250000000", "PUTREDB250000000",
-                "PUTGREENR250005000", "PUTGREENG250040000", "PUTGREENB250000000",
-                "PUTBLUER250000000", "PUTBLUEG250002000", "PUTBLUEB250018000",
-                "LEARNREDx250.6400", "LEARNREDy250.3300", "LEARNREDint251.23450E+03",
-                "LEARNGREENx250.3000", "LEARNGREENy250.6000", "LEARNGREENint251.00000E+02",
-                "LEARNBLUEx250.1500", "LEARNBLUEy250.0600", "LEARNBLUEint255.00000E+01",
-                "SETRGBM25"}));
+  EXPECT_EQ(
+      Sent(port),
+      (std::vector<std::string>{
+          "PUTREDR250100000", "PUTREDG250000000", "PUTREDB250000000", "PUTGREENR250005000",
+          "PUTGREENG250040000", "PUTGREENB250000000", "PUTBLUER250000000", "PUTBLUEG250002000",
+          "PUTBLUEB250018000", "LEARNREDx250.6400", "LEARNREDy250.3300", "LEARNREDint251.23450E+03",
+          "LEARNGREENx250.3000", "LEARNGREENy250.6000", "LEARNGREENint251.00000E+02",
+          "LEARNBLUEx250.1500", "LEARNBLUEy250.0600", "LEARNBLUEint255.00000E+01", "SETRGBM25"}));
   EXPECT_TRUE(Cal(port, 25).rgbMatrix);
 
   ASSERT_EQ(ZeltoCom_UserCal_SetAbsIntFactor(p, 25, 2.0, 0), 1);
@@ -248,20 +267,23 @@ TEST_F(UserCalTest, WavelengthOffsetsTheCommandCannotCarrySendNothing) {
   const int seen = std::atoi(Reading(port, "GETWAVELENGTH01").c_str());
   ASSERT_GT(seen, 380);
   struct Row {
-    int offset;         // stored before the adjustment
+    int offset;  // stored before the adjustment
     int reference;
     const char* reading;  // the instrument's wavelength, "" for its own
     std::string outcome;
   };
   const std::vector<Row> rows = {
-      {0, INT_MIN, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MIN - seen) +
-                           ") is outside -999 to 999"},
+      {0, INT_MIN, "",
+       "0: The new wavelength offset (" + std::to_string(0LL + INT_MIN - seen) +
+           ") is outside -999 to 999"},
       // The reading follows the offset stored.
-      {999, INT_MAX, "", "0: The new wavelength offset (" + std::to_string(0LL + INT_MAX - seen) +
-                             ") is outside -999 to 999"},
+      {999, INT_MAX, "",
+       "0: The new wavelength offset (" + std::to_string(0LL + INT_MAX - seen) +
+           ") is outside -999 to 999"},
       {-999, -1000, "2147483647",
        "0: The new wavelength offset (-2147485646) is outside -999 to 999"},
-      {-999, 560, "-2147483648", "0: The new wavelength offset (2147483209) is outside -999 to 999"},
+      {-999, 560, "-2147483648",
+       "0: The new wavelength offset (2147483209) is outside -999 to 999"},
       {0, seen + 999, "", "1"},
       {0, seen - 1000, "", "0: The new wavelength offset (-1000) is outside -999 to 999"},
   };
@@ -311,13 +333,14 @@ TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
       {"GETABSINTMULT01", "inf", mult, kWrong},
       {"GETXOFFSET01", "1E39", xy, kWrong},
       {"GETYOFFSET01", "-inf", xy, kWrong},
-      {"GETWAVELENGTH01", "nan",
-       [&] { return ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, 560); }, kWrong},
+      {"GETWAVELENGTH01", "nan", [&] { return ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, 560); },
+       kWrong},
       {"GETXYI01", "nan 0.4232 16411",
        [&] { return ZeltoCom_UserCal_AdjustxyOffsets(p, 1, 0.33f, 0.41f); }, kWrong},
       {"GETINTENSITY01", "99999999999",
        [&] { return ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500); }, kWrong},
-      {"GETABSINT01", "inf", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); }, kWrong},
+      {"GETABSINT01", "inf", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); },
+       kWrong},
       {"GETABSINT01", "1E-300", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); },
        "0: The new absolute intensity factor (3e+300) is outside 1E-99 to 1E+99"},
   };

@@ -14,7 +14,8 @@ using namespace testlines;
 // The host's end of a simulated port, at the instrument's default rate.
 class Host {
  public:
-  explicit Host(const std::string& path) : fd_(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK)) {
+  explicit Host(const std::string& path)
+      : fd_(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK)) {
     termios raw{};
     if (fd_ < 0 || ::tcgetattr(fd_, &raw) != 0) throw std::runtime_error("cannot open " + path);
     ::cfmakeraw(&raw);

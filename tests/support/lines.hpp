@@ -26,7 +26,8 @@ inline std::string ReadFrom(int fd, std::chrono::milliseconds limit, const std::
   std::string got;
   const auto deadline = Clock::now() + limit;
   while (end.empty() || !got.ends_with(end)) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) break;
     pollfd p{fd, POLLIN, 0};
     if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;

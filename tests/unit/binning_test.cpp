@@ -12,7 +12,9 @@ namespace {
 
 const std::string kSteep = "an edge parallel or nearly parallel to the y axis";
 
-tBinVector Bin(std::vector<float> x, std::vector<float> y) { return {"B", std::move(x), std::move(y)}; }
+tBinVector Bin(std::vector<float> x, std::vector<float> y) {
+  return {"B", std::move(x), std::move(y)};
+}
 
 // Convex and clear of the origin.
 tBinVector RandomConvexBin(std::mt19937& random) {

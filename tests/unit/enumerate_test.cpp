@@ -160,4 +160,3 @@ TEST(Enumeration, SetButEmptyVariableNamesNoPort) {
   unsetenv("ZELTOCOM_PORTS");
   EXPECT_FALSE(PortsNamedByEnvironment().has_value());
 }
-

@@ -69,10 +69,10 @@ TEST(FanOut, EachSlotKeepsItsOwnErrorText) {
       "skipped");
   ASSERT_EQ(texts.size(), kSlots);
   for (std::size_t i = 0; i < kSlots; ++i) {
-    const std::string expected = !needed(i)     ? "skipped"
-                                 : i % 3 == 0   ? "set by " + std::to_string(i)
-                                 : i % 3 == 1   ? "thrown by " + std::to_string(i)
-                                                : "";
+    const std::string expected = !needed(i)   ? "skipped"
+                                 : i % 3 == 0 ? "set by " + std::to_string(i)
+                                 : i % 3 == 1 ? "thrown by " + std::to_string(i)
+                                              : "";
     EXPECT_EQ(texts[i], expected) << "slot " << i;
   }
 }

@@ -12,10 +12,10 @@ using namespace zeltocom;
 // What reads whole as a number of each type, and what does not.
 TEST(SingleReading, TakesOnlyWholeFiniteNumbersOfTheType) {
   const std::pair<const char*, std::optional<int>> integers[] = {
-      {"42", 42},          {" -7\r\n", -7},   {"+5", 5},        {"2147483647", 2147483647},
-      {"2147483648", {}},  {"-2147483649", {}}, {"+-5", {}},    {"++5", {}},
-      {"5.0", {}},         {"1e3", {}},       {"0x10", {}},     {"12abc", {}},
-      {"", {}},            {" ", {}},         {"5 6", {}},      {"nan", {}},
+      {"42", 42},         {" -7\r\n", -7},     {"+5", 5},    {"2147483647", 2147483647},
+      {"2147483648", {}}, {"-2147483649", {}}, {"+-5", {}},  {"++5", {}},
+      {"5.0", {}},        {"1e3", {}},         {"0x10", {}}, {"12abc", {}},
+      {"", {}},           {" ", {}},           {"5 6", {}},  {"nan", {}},
   };
   for (const auto& [text, value] : integers) {
     EXPECT_EQ(SingleReading<int>(text), value) << '"' << text << '"';

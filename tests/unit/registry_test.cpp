@@ -9,8 +9,8 @@ using namespace zeltocom;
 
 namespace {
 
-PortRef AddPort(s_CommPorts* list, const char* path, const char* serial,
-                const char* firmware = "", s_CommPort* parent = nullptr) {
+PortRef AddPort(s_CommPorts* list, const char* path, const char* serial, const char* firmware = "",
+                s_CommPort* parent = nullptr) {
   std::shared_ptr<SerialLine> line =
       parent != nullptr ? parent->line : std::make_shared<SerialLine>();
   PortRef port = PortsList_Add(list, parent, line, path, serial, firmware, "\r\n", 57600, 0.19);
@@ -95,5 +95,6 @@ TEST(ErrorTexts, PerPortAndLibraryWide) {
   SetError(PortsList_GetByIndex(&OpenedPorts, 0).get(), std::string(600, 'e'));
   EXPECT_EQ(std::string(ZeltoCom_GetError_Description(buffer)).size(), 511u);
   EXPECT_EQ(std::string(ZeltoCom_GetError_DescriptionByPort("/dev/a", buffer)).size(), 511u);
-  while (PortRef first = PortsList_GetByIndex(&OpenedPorts, 0)) PortsList_Del(&OpenedPorts, first.get());
+  while (PortRef first = PortsList_GetByIndex(&OpenedPorts, 0))
+    PortsList_Del(&OpenedPorts, first.get());
 }

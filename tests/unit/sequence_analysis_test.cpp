@@ -33,14 +33,12 @@ TEST(PatternAnalysis, RunsOfARisingAndFallingSeries) {
   EXPECT_EQ(t.high, 85);
   EXPECT_EQ(Runs(samples, 10), (std::vector<std::pair<int, int>>{{20, 0}, {20, 100}, {10, 0}}));
   // Starting lit; levels are the maximum of lit and the minimum of dark runs.
-  EXPECT_EQ(Runs({90, 100, 50, 0, 10, 0}, 1),
-            (std::vector<std::pair<int, int>>{{3, 100}, {3, 0}}));
+  EXPECT_EQ(Runs({90, 100, 50, 0, 10, 0}, 1), (std::vector<std::pair<int, int>>{{3, 100}, {3, 0}}));
 }
 
 TEST(PatternAnalysis, AConstantSeriesIsOneRun) {
   for (const int level : {0, 7, 5000}) {
-    EXPECT_EQ(Runs(std::vector<int>(6, level), 10),
-              (std::vector<std::pair<int, int>>{{60, level}}))
+    EXPECT_EQ(Runs(std::vector<int>(6, level), 10), (std::vector<std::pair<int, int>>{{60, level}}))
         << level;
     EXPECT_FALSE(BlinkingIn(std::vector<int>(6, level), 10).found) << level;
   }
@@ -103,8 +101,8 @@ TEST(TrialSettings, EightSamplesPerFastCycleAndFourSlowCycles) {
   EXPECT_EQ(fiveHz->sampleCount, 167);
   EXPECT_EQ(TrialFor(125, 125)->captureTimeMs, 1);
   EXPECT_EQ(TrialFor(0.01, 0.01)->captureTimeMs, 999);
-  for (const auto& [min, max] : std::vector<std::pair<double, double>>{
-           {150, 250}, {0.1, 100}, {0, 10}, {10, 5}, {-1, 10}}) {
+  for (const auto& [min, max] :
+       std::vector<std::pair<double, double>>{{150, 250}, {0.1, 100}, {0, 10}, {10, 5}, {-1, 10}}) {
     EXPECT_FALSE(TrialFor(min, max)) << min << " to " << max;
   }
   // One sample per cycle either way still counts.

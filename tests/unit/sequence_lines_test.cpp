@@ -14,7 +14,8 @@ namespace {
 
 std::string Shown(const std::vector<SampleColumn>& columns) {
   std::ostringstream text;
-  for (const SampleColumn& column : columns) std::visit([&](auto* a) { text << ' ' << +*a; }, column);
+  for (const SampleColumn& column : columns)
+    std::visit([&](auto* a) { text << ' ' << +*a; }, column);
   return text.str().substr(1);
 }
 

@@ -72,8 +72,7 @@ struct Light {
   static Light Blinking(double hz, double dutyPercent, double on = 1200.0, double off = 0.0);
   // Place `place` (0-based) of `places` fibres lit one after the other for
   // `dwellMs` each, round after round.
-  static Light Running(int place, int places, double dwellMs, double on = 1200.0,
-                       double off = 0.0);
+  static Light Running(int place, int places, double dwellMs, double on = 1200.0, double off = 0.0);
 };
 
 struct Config {
@@ -81,28 +80,28 @@ struct Config {
   std::string hardware = "Zelto 05-P";  // "GETHW"; "-W" / "-W2" makes a spectrometer
   std::string firmware = "F2.20";       // "GETVERSION"
   std::string id = "05F";               // "ID"
-  bool eot = false;             // end answers with CR LF 0x04 instead of CR LF
-  bool knowsBus = true;         // false: BUSFREE, BUSGET, BUSC, BUSCE are syntax errors
+  bool eot = false;                     // end answers with CR LF 0x04 instead of CR LF
+  bool knowsBus = true;                 // false: BUSFREE, BUSGET, BUSC, BUSCE are syntax errors
   bool hasIntensityModeCommand = true;  // false: the mode shows only in GETSTATUS
-  bool darkAnnounces = true;    // CAPTUREDARK answers "Acquiring..." before the result
+  bool darkAnnounces = true;            // CAPTUREDARK answers "Acquiring..." before the result
   Fault fault = Fault::None;
-  int slowDelayMs = 3000;       // answer delay of Fault::Slow
-  int trickleMs = 1500;         // time between the bytes of Fault::Trickle
+  int slowDelayMs = 3000;         // answer delay of Fault::Slow
+  int trickleMs = 1500;           // time between the bytes of Fault::Trickle
   bool unpaddedReadouts = false;  // sequence readouts send bare values, not right-aligned
                                   // in their lines' width
-  int answerDelayMs = 0;        // extra delay before every answer
-  int chatterMs = 10;           // time between the lines of Fault::Chatter
+  int answerDelayMs = 0;          // extra delay before every answer
+  int chatterMs = 10;             // time between the lines of Fault::Chatter
   std::size_t hugeAnswerBytes = std::size_t{2} << 20;  // length of Fault::Huge's answers
-  double captureTimeScale = 1.0;  // multiplies the time a capture takes
-  int captureMs = -1;             // >= 0: every capture takes exactly this long
+  double captureTimeScale = 1.0;                       // multiplies the time a capture takes
+  int captureMs = -1;  // >= 0: every capture takes exactly this long
   BusCapture busCapture = BusCapture::Normal;
-  std::string captureCondition;   // spectrometer: answer captures with this text instead of "OK"
+  std::string captureCondition;  // spectrometer: answer captures with this text instead of "OK"
   std::vector<Fiber> fibers = {Fiber{}, Fiber{}};  // LED analysers; spectrometers ignore it
 };
 
 // The serial line of a SimPort.
 struct LineOptions {
-  int baud = 57600;                          // the instrument's own rate
+  int baud = 57600;  // the instrument's own rate
   WrongSpeed wrongSpeed = WrongSpeed::Silent;
   bool lineDelay = false;  // pace output at 11 bits per character
   // Gets a line for each line the port receives and each burst its
@@ -115,8 +114,8 @@ struct LineOptions {
 
 // One line as it arrived on the wire.
 struct ReceivedLine {
-  std::string text;   // as sent, letter case kept, without CR LF
-  int lineBaud = 0;   // the speed the host had configured when it arrived
+  std::string text;         // as sent, letter case kept, without CR LF
+  int lineBaud = 0;         // the speed the host had configured when it arrived
   bool understood = false;  // the speed matched and an instrument handled it
   // Fault::Chatter: the number of the last "DATA <n>" line that the host
   // could read before it wrote this line (sent a few milliseconds before
