@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
   const int captured = ZeltoCom_CaptureFromAll(results, 0, 0, 0);
   example_check(captured, "ZeltoCom_CaptureFromAll");
 
-  printf("%-14s %-12s %-7s %-16s %s\n", "port", "serial", "result", "x y (fibre 1)", "intensity");
+  printf("%-14s %-12s %-7s %-16s %s\n", "port", "serial", "result", "x y (fiber 1)", "intensity");
   for (int i = 0; i < n; ++i) {
     char serial[ZELTOCOM_SERIAL_NUMBER_SIZE] = "";
     char xy[EXAMPLE_ANSWER_BYTES] = "";

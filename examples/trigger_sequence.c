@@ -1,5 +1,5 @@
 /* Waits for a pulse on an analyser's external trigger input and shows the
- * readings it sent, then runs a sequence of captures on fibre 1 and
+ * readings it sent, then runs a sequence of captures on fiber 1 and
  * measures how its light blinks.
  *
  *   trigger_sequence [PORT]
@@ -14,7 +14,7 @@
 #define SAMPLES 200
 
 static void await_trigger(const char* port) {
-  /* XYI: one "x y I" line per fibre; PUT form (0), kept until power-off. */
+  /* XYI: one "x y I" line per fiber; PUT form (0), kept until power-off. */
   if (!example_check(ZeltoCom_ExternalTrigger_Enable(port, 0, 0, "XYI", 0, 0, 0),
                      "ZeltoCom_ExternalTrigger_Enable") ||
       !example_check(ZeltoCom_ExternalTrigger_Listen(port), "ZeltoCom_ExternalTrigger_Listen")) {
@@ -29,7 +29,7 @@ static void await_trigger(const char* port) {
   }
   char readings[EXAMPLE_ANSWER_BYTES] = "";
   if (state == 1 && ZeltoCom_GetResponseByPort(port, readings) == 1) {
-    printf("triggered; x y I per fibre:\n%s\n", readings);
+    printf("triggered; x y I per fiber:\n%s\n", readings);
   } else if (state == 0) {
     printf("no pulse came\n");
     ZeltoCom_ExternalTrigger_Abort(port);
@@ -54,7 +54,7 @@ static void measure_blinking(const char* port) {
   int levels[SAMPLES];
   if (example_check(ZeltoCom_Sequence_GetPattern(port, intensities, &runs, durations, levels),
                     "ZeltoCom_Sequence_GetPattern")) {
-    printf("fibre 1 over %d ms: %d runs (ms at level)", SAMPLES * 10, runs);
+    printf("fiber 1 over %d ms: %d runs (ms at level)", SAMPLES * 10, runs);
     for (int i = 0; i < runs && i < 12; ++i) printf(" %d@%d", durations[i], levels[i]);
     printf("%s\n", runs > 12 ? " ..." : "");
   }

@@ -26,8 +26,8 @@ whose trigger is off ignores the pulse.
 
   --port SETTINGS    an instrument on a new pseudo-terminal
   --chain SETTINGS   an instrument daisy-chained behind the last --port
-  --blink FIBRE:HZ:DUTY   the last --port's instrument sees a light blinking
-                     at HZ with DUTY % lit on fibre FIBRE (1-based) during
+  --blink FIBER:HZ:DUTY   the last --port's instrument sees a light blinking
+                     at HZ with DUTY % lit on fiber FIBER (1-based) during
                      sequences ("CS"), e.g. --blink 1:5:50
   --station N        makes the last --port (or a default one) a station of N
                      such ports, 1..64; every serial of port n gets n appended
@@ -44,11 +44,11 @@ SETTINGS is a comma-separated list of key=value pairs (may be empty):
   hw=TEXT            hardware descriptor (default "Zelto 05-P"; "-W" in it
                      makes a spectrometer, "-W2" one that counts in us,
                      "Zelto Node" a Node, whose user-calibration values
-                     number fibres with three digits)
+                     number fibers with three digits)
   firmware=TEXT      firmware text (default F2.20)
   id=TEXT            id text (default 05F)
   eot=0|1            end answers with 0x04 (default 0)
-  fibers=N           number of fibres of an analyser, 0..99 (default 2)
+  fibers=N           number of fibers of an analyser, 0..99 (default 2)
   fault=none|silent|echo|slow|syntax|trickle|babble|stream|huge|chatter
   slowdelay=MS       answer delay of fault=slow (default 3000)
   trickle=MS         time between the bytes of fault=trickle (default 1500)
@@ -126,7 +126,7 @@ double Scale(const std::string& value) {
 FibreLight BlinkFrom(const std::string& value, int fibres) {
   const size_t first = value.find(':');
   const size_t second = first == std::string::npos ? first : value.find(':', first + 1);
-  if (second == std::string::npos) Bad("--blink " + value + ": expected FIBRE:HZ:DUTY");
+  if (second == std::string::npos) Bad("--blink " + value + ": expected FIBER:HZ:DUTY");
   const auto number = [&](const std::string& text) {
     char* end = nullptr;
     const double x = std::strtod(text.c_str(), &end);
@@ -140,7 +140,7 @@ FibreLight BlinkFrom(const std::string& value, int fibres) {
     Bad("--blink " + value + ": expected HZ above 0 and DUTY from 0 to 100");
   FibreLight light;
   light.fibre =
-      static_cast<int>(Integer("--blink fibre", value.substr(0, first), 1, std::max(fibres, 1)));
+      static_cast<int>(Integer("--blink fiber", value.substr(0, first), 1, std::max(fibres, 1)));
   light.light = Light::Blinking(hz, duty);
   return light;
 }
@@ -253,7 +253,7 @@ Options ParseOptions(const std::vector<std::string>& args) {
     } else if (arg == "--port" || arg == "--chain" || arg == "--station" || arg == "--blink") {
       if (i + 1 >= args.size())
         Bad(arg == "--station" ? "--station needs its number of ports"
-            : arg == "--blink" ? "--blink needs FIBRE:HZ:DUTY"
+            : arg == "--blink" ? "--blink needs FIBER:HZ:DUTY"
                                : arg + " needs its settings (use \"\" for the defaults)");
       value = args[++i];
     }

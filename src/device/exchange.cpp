@@ -259,10 +259,13 @@ void FreeLineOfRemovedHolder(s_CommPort* master, std::string_view command) {
   master->SetBusOwner(master);
 }
 
-// The wait for the answer to a command that was held back: late at once.
-Reply AsHeldBack(const SerialLine& line, std::string_view serial) {
+// The wait for the answer to a command that was held back: late at once,
+// as though the line had been quiet for the whole time-out.
+Reply AsHeldBack(const SerialLine& line, std::string_view serial, TimeoutMs timeout) {
   Note(line, serial, "no wait: the command was held back");
-  return Reply{};
+  Reply reply;
+  reply.quietMs = timeout;
+  return reply;
 }
 
 // Whether an answer may be a trigger report that came first: it reads as
@@ -398,7 +401,7 @@ Reply Await(s_CommPort* port, const End& end, TimeoutMs timeout) {
   s_CommPort* master = port->Master();
   SerialLine& line = *master->line;
   const std::string_view serial = port->serialNumber.view();
-  if (line.commandHeldBack) return AsHeldBack(line, serial);
+  if (line.commandHeldBack) return AsHeldBack(line, serial, timeout);
   t_comresponse response = WaitTraced(line, serial, end, timeout, Owed::Answer, timeout);
   const bool asksSerial = AsksSerial(line.lastCommand);
   if (MayBeReport(master, response, timeout, end)) {
@@ -418,7 +421,7 @@ Reply Await(s_CommPort* port, const End& end, TimeoutMs timeout) {
 Reply AwaitStraggler(s_CommPort* port, const End& end, TimeoutMs timeout,
                      std::optional<TimeoutMs> lateAfter) {
   SerialLine& line = *port->Master()->line;
-  if (line.commandHeldBack) return AsHeldBack(line, port->serialNumber.view());
+  if (line.commandHeldBack) return AsHeldBack(line, port->serialNumber.view(), timeout);
   return AwaitStragglerOnLine(line, port->serialNumber.view(), end, timeout, lateAfter);
 }
 
