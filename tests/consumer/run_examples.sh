@@ -2,7 +2,8 @@
 # The examples against a simulated station of two analysers, as the README
 # runs them: each ends well, the station capture reads both ports, and the
 # trigger example reports the pulse fired while it waits and measures the
-# light that blinks at 5 Hz.
+# light that blinks at 5 Hz; the bins example tells where the one-crossing
+# rule errs and bins the chromaticity a simulated fibre measures.
 #   run_examples.sh ZELTOSIM EXAMPLES_DIRECTORY
 set -eu
 sim=$1
@@ -36,3 +37,7 @@ wait $example
 cat "$work/trigger"
 grep -q '^triggered' "$work/trigger"
 grep -q '^blinking at 5.00 Hz' "$work/trigger"
+
+"$dir/example_bins" | tee "$work/bins"
+grep -q '^0.2850  0.2600  R2 *(R1)$' "$work/bins"
+grep -A1 '^measured on' "$work/bins" | grep -q '^0.3288  0.4232  A1$'
