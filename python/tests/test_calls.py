@@ -9,13 +9,15 @@ import logging
 import math
 import os
 import pkgutil
+import sys
 import tempfile
 import unittest
 from fractions import Fraction
 from typing import Iterator, Optional
+from unittest import mock
 
 import zeltocom
-from zeltocom import Instrument, Project, Samples, Station, ZeltoComError
+from zeltocom import Instrument, Project, Samples, Station, ZeltoComError, readings
 from zeltocom._library import real, whole
 
 from .simulator import Simulator
@@ -147,7 +149,8 @@ class AnalyserTest(SimulatedTest):
             calibration.adjust_rgb(1, red=(0.69, 0.30, 100), green=(0.17, 0.70, 300.0),
                                    blue=(0.14, 0.05, Fraction(50)))
             calibration.reset_rgb(1)
-            with self.raises("The colour must be one letter", "ZeltoCom_UserCal_TakeRGBCurrentValues"):
+            with self.raises("The colour must be one letter",
+                             "ZeltoCom_UserCal_TakeRGBCurrentValues"):
                 calibration.take_rgb(1, "RG")
             with self.raises("The green y must be a finite number", "ZeltoCom_UserCal_AdjustRGB"):
                 calibration.adjust_rgb(1, (0, 0, 1), (0, math.nan, 1), (0, 0, 1))
@@ -215,8 +218,8 @@ class AnalyserTest(SimulatedTest):
         debug = [r.getMessage() for r in logged.records if r.levelno == logging.DEBUG]
         warning = [r.getMessage() for r in logged.records if r.levelno == logging.WARNING]
         self.assertEqual(len(debug), 2)
-        self.assertTrue(debug[0].startswith(f"ZeltoCom_Send('{self.paths[0]}', 'GETSERIAL', <out>)"
-                                            " = 1 in "), debug[0])
+        self.assertTrue(debug[0].startswith(
+            f"ZeltoCom_Send('{self.paths[0]}', 'GETSERIAL', <buffer>) = 1 in "), debug[0])
         self.assertEqual(warning, [f"ZeltoCom_Send on {self.paths[0]}: Syntax error"])
 
 
@@ -331,7 +334,9 @@ class NumbersTest(unittest.TestCase):
                 self.assertEqual(caught.exception.call, "f")
 
     def test_finite_numbers_of_every_kind(self) -> None:
-        accepted = [1, 0.5, Fraction(1, 4)] + ([numpy.float32(0.5), numpy.int16(2)] if numpy else [])
+        accepted = [1, 0.5, Fraction(1, 4)]
+        if numpy is not None:
+            accepted += [numpy.float32(0.5), numpy.int16(2)]
         for value in accepted:
             with self.subTest(value=value):
                 self.assertEqual(real(value, "x"), float(value))
@@ -339,6 +344,14 @@ class NumbersTest(unittest.TestCase):
             with self.subTest(value=value):
                 with self.assertRaises(ZeltoComError):
                     real(value, "x")
+
+
+    def test_numpy_arrays_are_refused_clearly_without_numpy(self) -> None:
+        with mock.patch.dict(sys.modules, {"numpy": None}):
+            with self.assertRaises(ZeltoComError) as caught:
+                readings.numpy_module("ZeltoCom_Sequence_ReadxyI")
+        self.assertEqual(str(caught.exception), "ZeltoCom_Sequence_ReadxyI: as_numpy needs numpy "
+                                                "(Debian: python3-numpy)")
 
 
 class DocstringTest(unittest.TestCase):

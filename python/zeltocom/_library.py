@@ -306,7 +306,7 @@ def _shown(argument: object) -> str:
         return repr(argument.value)
     if isinstance(argument, (int, float)) or argument is None:
         return repr(argument)
-    return "<out>"  # a buffer or a pointer the library writes into
+    return "<buffer>"  # an array, or a pointer the library writes through
 
 
 def run(name: str, *arguments: object, port: Optional[str] = None,

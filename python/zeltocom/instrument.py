@@ -7,8 +7,8 @@ import time
 from types import TracebackType
 from typing import Any, Optional, Sequence, Type
 
-from ._library import (INT_MAX, INT_MIN, MAX_SAMPLES, UINT_MAX, PathLike, call, decode, encode,
-                       fail, int_array, real, whole)
+from ._library import (INT_MAX, INT_MIN, MAX_SAMPLES, UINT_MAX, PathLike, ZeltoComError, call,
+                       decode, encode, fail, int_array, real, whole)
 from ._sizes import ANSWER_SIZE, DEVICE_PATH_SIZE, SERIAL_NUMBER_SIZE
 from .calibration import UserCalibration
 from .readings import (Blinking, Column, Reading, Run, Samples, SequenceSettings, TriggerState,
@@ -25,7 +25,8 @@ def port_of_serial(serial: str) -> str:
 
 def capture_arguments(range: object, pwm: object, frames: object, name: str) -> tuple[int, ...]:
     """The pwm, range and frames arguments of an LED capture, as ints."""
-    return (int(bool(pwm)), whole(range, "range", call=name), whole(frames, "frame count", call=name))
+    return (int(bool(pwm)), whole(range, "range", call=name),
+            whole(frames, "frame count", call=name))
 
 
 # The sequence readouts besides the intensities: the call and its columns'
@@ -240,8 +241,8 @@ class Instrument:
             self._trigger_output = self.send("GETEXTERNALOUTPUT").strip().upper()
         try:
             return parse_report(self._trigger_output, report)
-        except Exception as error:
-            raise fail(getattr(error, "text", str(error)), "trigger_wait", self.path) from None
+        except ZeltoComError as error:
+            raise fail(error.text, "Instrument.trigger_wait", self.path) from None
 
     def trigger_report(self, timeout: Optional[float] = None,
                        poll: float = 0.01) -> Optional[str]:

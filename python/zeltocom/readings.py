@@ -9,7 +9,7 @@ from enum import IntEnum
 from importlib import resources
 from typing import Any, Callable, Mapping, Optional, Sequence, get_args, get_type_hints
 
-from ._library import ZeltoComError
+from ._library import ZeltoComError, fail
 
 
 def _readouts(text: str) -> tuple[tuple[str, tuple[str, ...]], ...]:
@@ -117,14 +117,17 @@ def read_fibers(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:
         try:
             counts.append(int(answer))
         except ValueError:
-            raise ZeltoComError(f"Unexpected answer to GETNFIB: {answer!r}", port=port) from None
+            raise fail(f"Unexpected answer to GETNFIB: {answer!r}", port=port) from None
     readings: dict[str, list[Reading]] = {port: [] for port in ports}
     for fiber in range(1, max(counts, default=0) + 1):
         having = [port for port, count in zip(ports, counts) if count >= fiber]
         answers = {command: ask(having, command % fiber) for command in READ_COMMANDS}
         for i, port in enumerate(having):
             mine = {command: answers[command][i] for command in READ_COMMANDS}
-            readings[port].append(Reading.parse(fiber, mine))
+            try:
+                readings[port].append(Reading.parse(fiber, mine))
+            except ZeltoComError as error:
+                raise fail(error.text, port=port) from None
     return readings
 
 
@@ -164,7 +167,7 @@ def numpy_module(call: Optional[str] = None) -> Any:
     try:
         import numpy
     except ImportError:
-        raise ZeltoComError("as_numpy needs numpy (Debian: python3-numpy)", call=call) from None
+        raise fail("as_numpy needs numpy (Debian: python3-numpy)", call) from None
     return numpy
 
 
