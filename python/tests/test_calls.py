@@ -340,7 +340,7 @@ class NumbersTest(unittest.TestCase):
         for value in accepted:
             with self.subTest(value=value):
                 self.assertEqual(real(value, "x"), float(value))
-        for value in ["0.5", math.inf, -math.inf, math.nan, None, 1j]:
+        for value in ["0.5", math.inf, -math.inf, math.nan, None, 1j, 10**400]:
             with self.subTest(value=value):
                 with self.assertRaises(ZeltoComError):
                     real(value, "x")

@@ -258,9 +258,13 @@ def whole(value: object, what: str, low: int = INT_MIN, high: int = INT_MAX,
 
 def real(value: object, what: str, call: Optional[str] = None) -> float:
     """`value` as a finite float: an int, a float, or a numpy number."""
-    if not isinstance(value, numbers.Real) or not math.isfinite(float(value)):
+    try:
+        number = float(value) if isinstance(value, numbers.Real) else math.nan
+    except OverflowError:
+        number = math.inf
+    if not math.isfinite(number):
         raise fail(f"The {what} must be a finite number, not {value!r}", call)
-    return float(value)
+    return number
 
 
 # ---- calls ----
