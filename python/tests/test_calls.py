@@ -3,6 +3,7 @@ number, time-outs, user calibration, sequence readouts, project and bin
 files, stations, logging, the numbers it takes, and its docstrings."""
 
 import contextlib
+import functools
 import importlib
 import inspect
 import logging
@@ -316,35 +317,27 @@ class StationTest(SimulatedTest):
 
 
 class NumbersTest(unittest.TestCase):
-    def test_whole_numbers_of_every_kind(self) -> None:
-        accepted = [3, True, 3.0, Fraction(6, 2)]
+    def test_numbers_of_every_kind_and_clear_refusals(self) -> None:
+        accepted = [3, 3.0, Fraction(6, 2)]
         if numpy is not None:
             accepted += [numpy.int64(3), numpy.uint8(3), numpy.float32(3.0)]
         for value in accepted:
             with self.subTest(value=value):
-                self.assertEqual(whole(value, "count"), int(value))
-        refused = [(2.5, "a whole number, not 2.5"), ("3", "a whole number, not '3'"),
-                   (None, "a whole number"), (math.nan, "a whole number"),
-                   (2**31, "between 0 and 2147483647, not 2147483648"), (-1, "between 0 and")]
-        for value, text in refused:
+                self.assertEqual((whole(value, "count"), real(value, "count")), (3, 3.0))
+        whole_count = functools.partial(whole, what="count", low=0, call="f")
+        real_count = functools.partial(real, what="count", call="f")
+        refused = [(whole_count, 2.5, "a whole number, not 2.5"),
+                   (whole_count, "3", "a whole number"), (whole_count, math.nan, "a whole number"),
+                   (whole_count, -1, "between 0 and"),
+                   (whole_count, 2**31, "between 0 and 2147483647, not 2147483648"),
+                   (real_count, "0.5", "a finite number"), (real_count, -math.inf, "a finite"),
+                   (real_count, 10**400, "a finite number"), (real_count, 1j, "a finite number")]
+        for check, value, text in refused:
             with self.subTest(value=value):
                 with self.assertRaises(ZeltoComError) as caught:
-                    whole(value, "count", low=0, call="f")
+                    check(value)
                 self.assertIn(f"The count must be {text}", caught.exception.text)
                 self.assertEqual(caught.exception.call, "f")
-
-    def test_finite_numbers_of_every_kind(self) -> None:
-        accepted = [1, 0.5, Fraction(1, 4)]
-        if numpy is not None:
-            accepted += [numpy.float32(0.5), numpy.int16(2)]
-        for value in accepted:
-            with self.subTest(value=value):
-                self.assertEqual(real(value, "x"), float(value))
-        for value in ["0.5", math.inf, -math.inf, math.nan, None, 1j, 10**400]:
-            with self.subTest(value=value):
-                with self.assertRaises(ZeltoComError):
-                    real(value, "x")
-
 
     def test_numpy_arrays_are_refused_clearly_without_numpy(self) -> None:
         with mock.patch.dict(sys.modules, {"numpy": None}):
