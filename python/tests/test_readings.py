@@ -1,3 +1,4 @@
+import ctypes
 import unittest
 from dataclasses import fields
 
@@ -6,10 +7,12 @@ from zeltocom import readings
 
 
 class ReadingsListTest(unittest.TestCase):
-    def test_the_shared_list_reads_every_field_of_a_reading_once(self) -> None:
+    def test_captures_and_trigger_reports_fill_every_field_of_a_reading(self) -> None:
         names = [name for _, names in readings.READOUTS for name in names]
-        read = sorted(f.name for f in fields(Reading) if f.name != "fiber")
-        self.assertEqual(sorted(names), read)
+        self.assertEqual(len(names), len(set(names)))
+        reported = {name for names in readings.TRIGGER_REPORTS.values() for name in names}
+        read = {f.name for f in fields(Reading) if f.name != "fiber"}
+        self.assertEqual(set(names) | reported, read)
         self.assertEqual(readings.READ_COMMANDS[0] % 7, readings.READOUTS[0][0] + "07")
 
     def test_list_lines_skip_comments_and_blanks(self) -> None:
@@ -28,6 +31,33 @@ class ReadingsListTest(unittest.TestCase):
                 with self.assertRaises(ZeltoComError) as caught:
                     Reading.parse(2, {**good, command: answer})
                 self.assertIn(command % 2, caught.exception.text)
+
+    def test_trigger_reports_become_readings_of_their_output_type(self) -> None:
+        cases = [
+            ("XYI", "0.3288 0.4232 16411\r\n0.1 0.2 3", [
+                Reading(1, x=0.3288, y=0.4232, intensity=16411), Reading(2, x=0.1, y=0.2,
+                                                                         intensity=3)]),
+            ("hsi", "12.50 0.75 900", [Reading(1, hue=12.5, saturation=0.75, intensity=900)]),
+            (" RGBI ", "77 128 51 16411\n", [Reading(1, red=77, green=128, blue=51,
+                                                       intensity=16411)]),
+            ("CCTI", "5614 16411", [Reading(1, cct=5614, intensity=16411)]),
+            ("ABSINT", "1.641100E+01", [Reading(1, absolute_intensity=16.411)]),
+            ("WSI", "549 0.50 16411", [Reading(1, wavelength=549, saturation=0.5,
+                                               intensity=16411)]),
+            ("NONE", "OK", []),
+        ]
+        for output, report, expected in cases:
+            with self.subTest(output=output):
+                self.assertEqual(readings.parse_report(output, report), expected)
+        for output, report in [("XYI", "0.3 0.4"), ("CCTI", "5614.5 3"), ("WHAT", "1")]:
+            with self.subTest(output=output, report=report):
+                with self.assertRaises(ZeltoComError):
+                    readings.parse_report(output, report)
+
+    def test_c_floats_read_as_their_shortest_decimal(self) -> None:
+        for text in ["0.3288", "12345.68", "1e-07", "0", "-2.5"]:
+            with self.subTest(text=text):
+                self.assertEqual(readings.float32(ctypes.c_float(float(text)).value), float(text))
 
     def test_the_old_spelling_still_reads_with_a_warning(self) -> None:
         def ask(ports: object, command: str) -> list[str]:

@@ -1,9 +1,10 @@
 import os
+import pickle
 import tempfile
 import unittest
 
 import zeltocom
-from zeltocom import Instrument, Station, TriggerState, ZeltoComError
+from zeltocom import Instrument, Station, TriggerState, ZeltoComError, readings
 
 from .simulator import Simulator
 
@@ -41,7 +42,7 @@ class InstrumentTest(unittest.TestCase):
             self.assertEqual(third.wavelength, int(analyser.send("GETWAVELENGTH03")))
             self.assertNotEqual(readings[0], readings[1])
 
-    def test_failures_raise_with_the_library_text(self) -> None:
+    def test_failures_raise_with_the_library_text_the_call_and_the_port(self) -> None:
         with self.assertRaises(ZeltoComError) as caught:
             Instrument(self.analyser + "-missing")
         self.assertEqual(caught.exception.text, "Device Path not available")
@@ -50,13 +51,24 @@ class InstrumentTest(unittest.TestCase):
                 analyser.send("NOSUCHCOMMAND")
             self.assertEqual((caught.exception.text, caught.exception.port),
                              ("Syntax error", self.analyser))
+            # The port's own last error is stale here: opening it again
+            # fails with a text the library keeps for no port.
+            with self.assertRaises(ZeltoComError) as caught:
+                Instrument(self.analyser)
+            self.assertEqual(str(caught.exception),
+                             f"ZeltoCom_Open on {self.analyser}: The port is already in use")
+            self.assertEqual(caught.exception.call, "ZeltoCom_Open")
             with self.assertRaises(ZeltoComError) as caught:
                 spectrometer.capture()
-            self.assertEqual(str(caught.exception), "Device is a Spectrometer")
+            self.assertEqual(str(caught.exception),
+                             f"ZeltoCom_Capture on {self.spectrometer}: Device is a Spectrometer")
             spectrometer.spectrometer_dark(exposure=20)
             spectrometer.spectrometer_capture(exposure=20)
             with self.assertRaises(ZeltoComError):
                 analyser.send("GET\0SERIAL")
+        error = pickle.loads(pickle.dumps(caught.exception))
+        self.assertEqual((str(error), error.result), (str(caught.exception),
+                                                      caught.exception.result))
 
     def test_trace_shows_each_command_and_answer(self) -> None:
         with tempfile.TemporaryDirectory() as folder:
@@ -75,17 +87,40 @@ class InstrumentTest(unittest.TestCase):
                 zeltocom.set_trace(os.path.join(folder, "missing", "trace"))
             self.assertTrue(caught.exception.text.startswith("Unable to open trace file"))
 
-    def test_trigger_report_arrives_when_fired(self) -> None:
+    def test_trigger_reports_arrive_as_readings_of_their_output_type(self) -> None:
         with Instrument(self.analyser) as analyser:
-            analyser.trigger_enable("XYI", pre_delay=10, post_delay=10)
+            for output, fields in readings.TRIGGER_REPORTS.items():
+                with self.subTest(output=output):
+                    analyser.trigger_enable(output, pre_delay=10, post_delay=10)
+                    analyser.trigger_listen()
+                    self.assertIsNone(analyser.trigger_wait(timeout=0.05))
+                    self.assertEqual(analyser.trigger_state(), TriggerState.LISTENING)
+                    self.sim.fire(1)
+                    report = analyser.trigger_wait(timeout=10)
+                    self.assertEqual(len(report), 3 if fields else 0)
+                    for reading in report:
+                        given = {name for name, value in vars(reading).items()
+                                 if value is not None}
+                        self.assertEqual(given, {"fiber", *fields})
+            analyser.trigger_enable("xyi")
             analyser.trigger_listen()
-            self.assertIsNone(analyser.trigger_wait(timeout=0.1))
             self.sim.fire(1)
             report = analyser.trigger_wait(timeout=10)
-            self.assertEqual(len(report.split()), 3 * 3)  # x y I per fiber
+            self.assertEqual(f"{report[2].x:.4f} {report[2].y:.4f}", analyser.send("GETxy03"))
             analyser.trigger_listen()
             analyser.trigger_abort()
-            self.assertEqual(analyser.trigger_state(), TriggerState.ENDED)
+            self.assertIs(analyser.trigger_state(), TriggerState.ENDED)
+            with self.assertRaises(ZeltoComError) as caught:
+                analyser.trigger_wait()
+            self.assertIn("ended before a report", str(caught.exception))
+            analyser.trigger_disable()
+        with Instrument(self.analyser) as analyser:
+            # Armed by an earlier object: the instrument says what it reports.
+            analyser.trigger_enable("CCTI")
+        with Instrument(self.analyser) as analyser:
+            analyser.trigger_listen()
+            self.sim.fire(1)
+            self.assertIsNotNone(analyser.trigger_wait(timeout=10)[0].cct)
             analyser.trigger_disable()
 
     def test_sequence_measures_a_blinking_light(self) -> None:

@@ -8,11 +8,16 @@ or on the system's library path).
 """
 
 from ._library import ZeltoComError
+from .calibration import UserCalibration
+from .files import Project, bin_of, check_bins, find_bin
 from .instrument import Instrument
-from .readings import Blinking, Reading, Run, SequenceSettings, TriggerState
-from .station import Station, detect, opened_ports, ports, set_trace, version
+from .readings import Blinking, Reading, Run, Samples, SequenceSettings, TriggerState
+from .station import (Station, detect, opened_ports, ports, set_response_timeout, set_trace,
+                      version)
 
 __all__ = [
-    "Blinking", "Instrument", "Reading", "Run", "SequenceSettings", "Station", "TriggerState",
-    "ZeltoComError", "detect", "opened_ports", "ports", "set_trace", "version",
+    "Blinking", "Instrument", "Project", "Reading", "Run", "Samples", "SequenceSettings",
+    "Station", "TriggerState", "UserCalibration", "ZeltoComError", "bin_of", "check_bins",
+    "detect", "find_bin", "opened_ports", "ports", "set_response_timeout", "set_trace",
+    "version",
 ]

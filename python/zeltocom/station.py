@@ -3,19 +3,21 @@
 from __future__ import annotations
 
 import ctypes
+from concurrent.futures import ThreadPoolExecutor
 from types import TracebackType
 from typing import Iterable, Optional, Sequence, Type
 
-from ._library import (MANY_PORTS, PathLike, ZeltoComError, answer_buffers, check, decode, encode,
-                       error_text, int_array, lib, split, text_array)
+from ._library import (MANY_PORTS, PathLike, ZeltoComError, answer_buffers, call, decode, encode,
+                       error_text, fail, int_array, run, split, text_array, whole)
 from ._sizes import DEVICE_PATH_SIZE
+from .instrument import Instrument, capture_arguments, port_of_serial
 from .readings import Reading, read_fibers
 
 
 def version() -> str:
     """The library's version, "v3.1.0" say."""
     buffer = ctypes.create_string_buffer(32)
-    lib().ZeltoCom_GetLibraryVersion(buffer)
+    call("ZeltoCom_GetLibraryVersion", buffer, succeeded=_always)
     return decode(buffer.value)
 
 
@@ -23,25 +25,35 @@ def set_trace(destination: Optional[PathLike]) -> None:
     """Sends the library's wire trace (every command and answer of every
     port) to `destination`: "stderr" or a file path (appended to); None or
     "" stops it."""
-    target = None if destination is None else encode(str(destination), "trace destination")
-    check(lib().ZeltoCom_SetTrace(target), "ZeltoCom_SetTrace")
+    name = "ZeltoCom_SetTrace"
+    target = None if destination is None else encode(destination, "trace destination", name)
+    call(name, target, port_text=False)
+
+
+def set_response_timeout(milliseconds: int) -> None:
+    """How long every plain send waits for its answer, counted from the
+    last byte received (initially 2500 ms), on every port; the captures of
+    a port with automatic time-outs (Instrument.set_automatic_timeouts)
+    follow the instrument's settings instead."""
+    name = "ZeltoCom_SetResponseTimeout"
+    call(name, whole(milliseconds, "time-out", call=name), port_text=False)
 
 
 def ports() -> list[str]:
     """The ports enumerated afresh (those of ZELTOCOM_PORTS when it is set)."""
-    count = lib().ZeltoCom_EnumPorts()
+    count = call("ZeltoCom_EnumPorts", succeeded=_always)
     if count <= 0:
         return []
     # Room for more ports than were just counted, should some appear meanwhile.
     buffer = ctypes.create_string_buffer(DEVICE_PATH_SIZE * (2 * count + 16))
-    lib().ZeltoCom_ListPortsDetectedTxt(buffer, b";")
+    call("ZeltoCom_ListPortsDetectedTxt", buffer, b";", succeeded=_always)
     return split(decode(buffer.value))
 
 
 def opened_ports() -> list[str]:
     """The ports this process has open, in the library's order."""
     buffer = ctypes.create_string_buffer(DEVICE_PATH_SIZE * MANY_PORTS)
-    lib().ZeltoCom_GetOpenedPortsS(buffer, ord(";"))
+    call("ZeltoCom_GetOpenedPortsS", buffer, ord(";"), succeeded=_always)
     return split(decode(buffer.value))
 
 
@@ -50,34 +62,75 @@ def detect(filters: Iterable[str] = (), baud: int = 0) -> list[str]:
     at once and closing it again. `filters` (category words such as
     "analyser" or model texts) keep only those instruments; they replace
     the process's detection filters, and none are left afterwards."""
+    name = "ZeltoCom_DetectS"
     if isinstance(filters, str):
         filters = [filters]
-    count = max(lib().ZeltoCom_EnumPorts(), 0)
+    words = [encode(word, "filter", "ZeltoCom_AddDetectionFilter") for word in filters]
+    rate = whole(baud, "baud rate", call=name)
+    count = max(call("ZeltoCom_EnumPorts", succeeded=_always), 0)
     buffer = ctypes.create_string_buffer(DEVICE_PATH_SIZE * (2 * count + 16))
-    lib().ZeltoCom_ClearDetectionFilters()
+    call("ZeltoCom_ClearDetectionFilters", succeeded=_always)
     try:
-        for word in filters:
-            lib().ZeltoCom_AddDetectionFilter(encode(word, "filter"))
-        found = lib().ZeltoCom_DetectS(buffer, b";", baud)
+        for word in words:
+            call("ZeltoCom_AddDetectionFilter", word, succeeded=_always)
+        call(name, buffer, b";", rate, succeeded=lambda found: found >= 0, port_text=False)
     finally:
-        lib().ZeltoCom_ClearDetectionFilters()
-    if found < 0:
-        check(found, "ZeltoCom_DetectS")
+        call("ZeltoCom_ClearDetectionFilters", succeeded=_always)
     return split(decode(buffer.value))
 
 
+def _always(result: object) -> bool:
+    return True
+
+
 class Station:
-    """Several ports opened at once (`baud` 0 searches each one's rate) and
-    closed together at the end of a `with` block or by `close()`."""
+    """Several ports opened at once (`baud` 0 searches each one's rate), or
+    by serial number with `by_serials`, and closed together at the end of a
+    `with` block or by `close()`. A station works on its own ports only."""
 
     def __init__(self, paths: Iterable[PathLike], baud: int = 0) -> None:
-        self.paths = [str(path) for path in paths]
+        name = "ZeltoCom_Open_Multi"
+        self._adopt([str(path) for path in paths])
+        self._open_all(name, self._paths, self.paths, whole(baud, "baud rate", call=name))
+
+    def _adopt(self, paths: list[str]) -> None:
+        self.paths = paths
         self._paths = [encode(path, "device path") for path in self.paths]
         self._open = False
-        results = int_array(size=max(len(self.paths), 1))
-        result = lib().ZeltoCom_Open_Multi(results, text_array(self._paths), len(self.paths), baud)
-        self._raise_first_failure(result, results, self.paths, "ZeltoCom_Open_Multi")
+
+    def _open_all(self, name: str, encoded: Sequence[bytes], names: Sequence[str],
+                  baud: int) -> None:
+        results = int_array(size=max(len(names), 1))
+        # On failure the library's error text is that of the first port that
+        # failed, and every port this call opened is closed again.
+        result, text = run(name, results, text_array(encoded), len(names), baud, port_text=False)
+        if text:
+            raise self._failure(name, text, names, results, result)
         self._open = True
+
+    @staticmethod
+    def _failure(name: str, text: str, names: Sequence[str], results: ctypes.Array[ctypes.c_int],
+                 result: int) -> ZeltoComError:
+        """The error of a call for many ports, naming the first that failed."""
+        for index, port in enumerate(names):
+            if results[index] != 1:
+                return fail(text, name, port, results[index])
+        return fail(text, name, None, result)
+
+    @classmethod
+    def by_serials(cls, serials: Iterable[str], baud: int = 0) -> "Station":
+        """Opens at once the instruments with these serial numbers, each
+        found among the detected ports; `paths` lists their ports in the
+        same order."""
+        name = "ZeltoCom_OpenSN_Multi"
+        serials = [str(serial) for serial in serials]
+        encoded = [encode(serial, "serial number", name) for serial in serials]
+        station = cls.__new__(cls)
+        station._adopt([])
+        station._open_all(name, encoded, serials, whole(baud, "baud rate", call=name))
+        station._adopt([port_of_serial(serial) for serial in serials])
+        station._open = True
+        return station
 
     def __enter__(self) -> "Station":
         return self
@@ -94,38 +147,43 @@ class Station:
         if self._open:
             self._open = False
             results = int_array(size=max(len(self.paths), 1))
-            lib().ZeltoCom_Close_Multi(results, text_array(self._paths), len(self.paths))
-
-    @staticmethod
-    def _raise_first_failure(result: int, results: ctypes.Array[ctypes.c_int],
-                             paths: Sequence[str], call: str) -> None:
-        if result == 1:
-            return
-        for index, path in enumerate(paths):
-            if results[index] != 1:
-                raise ZeltoComError(error_text(path) or error_text(), results[index], path)
-        check(result, call)
+            call("ZeltoCom_Close_Multi", results, text_array(self._paths), len(self.paths),
+                 succeeded=_always)
 
     def send(self, command: str, paths: Optional[Sequence[str]] = None) -> list[str]:
         """`command` to each port (of `paths`, default all) at once; the
         answers in the ports' order."""
+        name = "ZeltoCom_Send_Multi"
         chosen = self.paths if paths is None else list(paths)
-        encoded = [encode(path, "device path") for path in chosen]
+        encoded = [encode(path, "device path", name) for path in chosen]
         results = int_array(size=max(len(chosen), 1))
         buffers, pointers = answer_buffers(len(chosen))
-        commands = text_array([encode(command, "command")] * len(chosen))
-        result = lib().ZeltoCom_Send_Multi(results, text_array(encoded), len(chosen), commands,
-                                           pointers)
-        self._raise_first_failure(result, results, chosen, "ZeltoCom_Send_Multi")
+        commands = text_array([encode(command, "command", name)] * len(chosen))
+        result, text = run(name, results, text_array(encoded), len(chosen), commands, pointers,
+                           port_text=False)
+        if text:
+            failed = next((path for i, path in enumerate(chosen) if results[i] != 1), None)
+            raise self._failure(name, (error_text(failed) if failed else "") or text, chosen,
+                                results, result)
         return [decode(buffer.value) for buffer in buffers]
 
     def capture(self, range: int = 0, pwm: bool = False,
                 frames: int = 0) -> dict[str, list[Reading]]:
-        """An LED capture on every open port of the process at once (the
-        library's capture of all), then each station port's fiber readings,
-        read from all ports at once."""
-        opened = opened_ports()
-        results = int_array(size=MANY_PORTS)
-        result = lib().ZeltoCom_CaptureFromAll(results, int(pwm), range, frames)
-        self._raise_first_failure(result, results, opened, "ZeltoCom_CaptureFromAll")
+        """An LED capture on each of the station's ports at once, then each
+        port's fiber readings, read from all ports at once. A failure names
+        the first port, in the station's order, that failed."""
+        name = "ZeltoCom_Capture"
+        arguments = capture_arguments(range, pwm, frames, name)
+
+        def capture_one(path: str, encoded: bytes) -> None:
+            call(name, encoded, *arguments, port=path)
+
+        # ctypes lets go of the interpreter during each call: the captures
+        # run side by side, one thread per port as the library's own calls
+        # for many ports do.
+        with ThreadPoolExecutor(max_workers=max(1, min(len(self.paths), 64))) as pool:
+            running = [pool.submit(capture_one, path, encoded)
+                       for path, encoded in zip(self.paths, self._paths)]
+        for each in running:
+            each.result()
         return read_fibers(self.paths, lambda paths, command: self.send(command, paths))
