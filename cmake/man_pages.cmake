@@ -3,16 +3,20 @@
 # are none.
 find_program(ZELTOCOM_HELP2MAN help2man)
 find_program(ZELTOCOM_GZIP gzip)
+set(ZELTOCOM_MAN_PAGES OFF)
 if(NOT ZELTOCOM_HELP2MAN OR NOT ZELTOCOM_GZIP)
   message(STATUS "help2man not found (Debian: help2man): no manual pages")
 elseif(CMAKE_CROSSCOMPILING)
   message(STATUS "Cross-compiling: the programs cannot run here, no manual pages")
+elseif(NOT ZELTOCOM_SANITIZE AND NOT ZELTOCOM_TSAN)
+  # Sanitized programs are for the tests; their runtimes may speak at exit.
+  set(ZELTOCOM_MAN_PAGES ON)
 endif()
 
 # zeltocom_man_page(TARGET SUMMARY): NAME.1.gz in man1, NAME the program's
 # file name; SUMMARY is the NAME section's line.
 function(zeltocom_man_page target summary)
-  if(NOT ZELTOCOM_HELP2MAN OR NOT ZELTOCOM_GZIP OR CMAKE_CROSSCOMPILING)
+  if(NOT ZELTOCOM_MAN_PAGES)
     return()
   endif()
   get_target_property(name ${target} OUTPUT_NAME)
