@@ -1,7 +1,4 @@
 // zeltocom send, zeltocom shell: commands typed by hand, answers as they come.
-#include <editline/readline.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +7,7 @@
 
 #include "commands.hpp"
 #include "library.hpp"
+#include "line_input.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
 
@@ -84,46 +82,6 @@ bool IsQuit(std::string line) {
   return line == "quit" || line == "exit";
 }
 
-// Lines come through libedit (editing, history) on a terminal, as they
-// stand from a pipe.
-class LineSource {
- public:
-  explicit LineSource(std::string prompt)
-      : prompt_(std::move(prompt)), terminal_(isatty(STDIN_FILENO) == 1) {
-    if (!terminal_) return;
-    const char* home = std::getenv("HOME");
-    if (home != nullptr && *home != '\0') historyFile_ = std::string(home) + "/.zeltocom_history";
-    stifle_history(1000);
-    if (!historyFile_.empty()) read_history(historyFile_.c_str());
-  }
-  ~LineSource() {
-    if (!historyFile_.empty()) write_history(historyFile_.c_str());
-  }
-  LineSource(const LineSource&) = delete;
-  LineSource& operator=(const LineSource&) = delete;
-
-  bool terminal() const { return terminal_; }
-
-  std::optional<std::string> Next() {
-    if (!terminal_) {
-      std::string line;
-      if (!std::getline(std::cin, line)) return std::nullopt;
-      return line;
-    }
-    char* typed = readline(prompt_.c_str());
-    if (typed == nullptr) return std::nullopt;
-    std::string line = typed;
-    std::free(typed);
-    if (!Trimmed(line).empty()) add_history(line.c_str());
-    return line;
-  }
-
- private:
-  const std::string prompt_;
-  const bool terminal_;
-  std::string historyFile_;
-};
-
 int RunShell(const Args& args) {
   const std::string& path = args.operands().front();
   Connect(args, path);
@@ -176,9 +134,10 @@ Command ShellCommand() {
           1,
           "an interactive session with an instrument",
           "An interactive session with the instrument on PORT: each line typed is sent\n"
-          "as a command and its answer printed. Line editing and history (kept in\n"
-          "~/.zeltocom_history) on a terminal; lines from a pipe are sent as they come.\n"
-          "quit, exit or end of input ends it; the status is 1 when any command failed.",
+          "as a command and its answer printed. " +
+              std::string(kTerminalInput) +
+              "; lines from a pipe are sent as they come.\n"
+              "quit, exit or end of input ends it; the status is 1 when any command failed.",
           {BaudOption(), TimeoutOption()},
           RunShell};
 }

@@ -31,6 +31,11 @@ if ZELTOCOM_PORTS= "$work/examples/example_open_send" 2>/dev/null; then
   exit 1
 fi
 
+# The tool finds the library through its RPATH, or (under /usr, where it has
+# none) through the dynamic linker, which an unpacked package's tree needs
+# to be told of.
 "$prefix/bin/zeltosim" --help >/dev/null
-if [ -e "$prefix/bin/zeltocom" ]; then "$prefix/bin/zeltocom" --help >/dev/null; fi
+if [ -e "$prefix/bin/zeltocom" ]; then
+  LD_LIBRARY_PATH="$libdir" "$prefix/bin/zeltocom" --help >/dev/null
+fi
 echo "installed tree: consumer built with pkg-config and find_package, examples built"
