@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -83,10 +84,19 @@ struct CaptureSettings {
   std::pair<long, long> fibers;  // {0, 0}: all of each instrument's
 };
 
-CaptureSettings Settings(const Args& args) {
-  CaptureSettings settings{
-      args.Has("--pwm") ? 1 : 0, static_cast<int>(args.Whole("--range", 0, 0, 6)), {0, 0}};
-  if (args.Has("--fibers")) settings.fibers = ParseSpan(args.Value("--fibers"), "--fibers", 1, 99);
+// The options capture and chain share.
+struct CaptureOptions {
+  std::vector<std::string> ports;  // capture's; chain's port is the first
+  std::vector<std::string> serials;
+  int range = 0;
+  bool pwm = false;
+  std::string fibers;
+  int baud = 0;
+};
+
+CaptureSettings Settings(const CaptureOptions& options) {
+  CaptureSettings settings{options.pwm ? 1 : 0, options.range, {0, 0}};
+  if (!options.fibers.empty()) settings.fibers = ParseSpan(options.fibers, "--fibers", 1, 99);
   return settings;
 }
 
@@ -132,13 +142,13 @@ std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
   return answers;
 }
 
-int RunCapture(const Args& args) {
-  const CaptureSettings settings = Settings(args);
-  const std::vector<std::string>& paths = args.operands();
+int RunCapture(const CaptureOptions& options) {
+  const CaptureSettings settings = Settings(options);
+  const std::vector<std::string>& paths = options.ports;
   if (std::set<std::string>(paths.begin(), paths.end()).size() != paths.size()) {
     UsageError("a port is named twice");
   }
-  OpenPorts(paths, args.Baud());
+  OpenPorts(paths, options.baud);
   const std::vector<Answer> counts = SendToEach(paths, "GETNFIB");
   std::vector<std::pair<int, int>> fibers;
   for (std::size_t i = 0; i < paths.size(); ++i) {
@@ -148,7 +158,7 @@ int RunCapture(const Args& args) {
   // The open ports are exactly ours, in our order.
   std::vector<int> results(paths.size(), 0);
   {
-    Progress progress("capturing on " + std::to_string(paths.size()) + " ports");
+    Progress progress("capturing on " + Count(paths.size(), "port"));
     ZeltoCom_CaptureFromAll(results.data(), settings.pwm, settings.range, 0);
   }
 
@@ -168,7 +178,7 @@ int RunCapture(const Args& args) {
     port.Set("fibers", FiberRows(answers[i], fibers[i].first, table, "port", paths[i], status));
     ports.Push(port);
   }
-  PrintResult(args.json(), Json::MakeObject().Set("ports", ports), table);
+  PrintResult(Json::MakeObject().Set("ports", ports), table);
   return status;
 }
 
@@ -188,13 +198,12 @@ std::pair<int, std::vector<std::vector<Answer>>> ReadChained(const std::string& 
   return {first, answers};
 }
 
-int RunChain(const Args& args) {
-  const CaptureSettings settings = Settings(args);
-  const std::string& path = args.operands().front();
-  OpenPort(path, args.Baud());
+int RunChain(const CaptureOptions& options) {
+  const CaptureSettings settings = Settings(options);
+  const std::string& path = options.ports.front();
+  OpenPort(path, options.baud);
   std::vector<std::string> serials = {SerialOf(path)};
-  for (std::size_t i = 1; i < args.operands().size(); ++i) {
-    const std::string& serial = args.operands()[i];
+  for (const std::string& serial : options.serials) {
     // The port's own instrument (which the library accepts) is read once.
     if (std::find(serials.begin(), serials.end(), serial) != serials.end()) continue;
     if (ZeltoCom_DaisyChain_Add(path.c_str(), serial.c_str()) != 1) {
@@ -224,41 +233,47 @@ int RunChain(const Args& args) {
     Json rows = FiberRows(fibers, first, table, "serial", serials[i], status);
     instruments.Push(Json::MakeObject().Set("serial", serials[i]).Set("fibers", rows));
   }
-  PrintResult(args.json(), Json::MakeObject().Set("port", path).Set("instruments", instruments),
-              table);
+  PrintResult(Json::MakeObject().Set("port", path).Set("instruments", instruments), table);
   return status;
 }
 
-Option FibersOption() {
-  return {"--fibers", "A-B", "read only fibers A to B (or one fiber A); default all"};
+// The options capture and chain share.
+void AddCaptureOptions(CLI::App& app, CaptureOptions& options) {
+  AddRangeOption(app, options.range);
+  AddPwmOption(app, options.pwm);
+  app.add_option("-f,--fibers", options.fibers,
+                 "read only fibers A to B (or one fiber A); default all")
+      ->type_name("A-B");
+  AddBaudOption(app, options.baud);
 }
 
 }  // namespace
 
-Command CaptureCommand() {
-  return {"capture",
-          "PORT...",
-          1,
-          -1,
-          "capture on several ports at once, print the readings",
-          "Opens the LED analysers on the PORTs, captures on all of them at once and\n"
-          "prints each fiber's readings: chromaticity x and y, intensity, dominant\n"
-          "wavelength (nm), colour temperature (K) and the red, green and blue shares.",
-          {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
-          RunCapture};
+Subcommand AddCapture(CLI::App& root) {
+  auto options = std::make_shared<CaptureOptions>();
+  CLI::App* app =
+      root.add_subcommand("capture", "capture on several ports at once, print the readings");
+  app->footer("Opens the LED analysers on the PORTs, captures on all of them at once and\n"
+              "prints each fiber's readings: chromaticity x and y, intensity, dominant\n"
+              "wavelength (nm), colour temperature (K) and the red, green and blue shares.");
+  AddOperands(*app, "PORT", options->ports, "the analysers' ports")->required();
+  AddCaptureOptions(*app, *options);
+  return {app, [options] { return RunCapture(*options); }};
 }
 
-Command ChainCommand() {
-  return {"chain",
-          "PORT SERIAL...",
-          2,
-          -1,
-          "capture on a daisy chain, print every instrument's readings",
-          "Opens the instrument on PORT, adds the instruments with the SERIAL numbers\n"
-          "daisy-chained behind it, captures on the whole chain at once and prints every\n"
-          "instrument's readings, the one on PORT first.",
-          {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
-          RunChain};
+Subcommand AddChain(CLI::App& root) {
+  auto options = std::make_shared<CaptureOptions>();
+  options->ports.resize(1);
+  CLI::App* app =
+      root.add_subcommand("chain", "capture on a daisy chain, print every instrument's readings");
+  app->footer("Opens the instrument on PORT, adds the instruments with the SERIAL numbers\n"
+              "daisy-chained behind it, captures on the whole chain at once and prints every\n"
+              "instrument's readings, the one on PORT first.");
+  AddOperand(*app, "PORT", options->ports.front(), "the chain's port")->required();
+  AddOperands(*app, "SERIAL", options->serials, "the chained instruments' serial numbers")
+      ->required();
+  AddCaptureOptions(*app, *options);
+  return {app, [options] { return RunChain(*options); }};
 }
 
 }  // namespace cli

@@ -56,7 +56,7 @@ void OpenPort(const std::string& path, int baud) {
 
 void Require(int result, const std::string& path) {
   if (result == 1) return;
-  throw Stop{result == -1 ? kUsage : kFailure, path + ": " + PortError(path)};
+  throw Stop{kFailure, path + ": " + PortError(path)};
 }
 
 void OpenPorts(const std::vector<std::string>& paths, int baud) {
@@ -120,6 +120,21 @@ std::string Expect(const Answer& answer, const std::string& where) {
 std::string SerialOf(const std::string& path) {
   char serial[ZELTOCOM_SERIAL_NUMBER_SIZE] = "";
   return ZeltoCom_GetSNByPort(serial, path.c_str()) == 1 ? serial : "";
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    lines.push_back(line);
+    start = end + 1;
+  }
+  while (!lines.empty() && lines.back().empty()) lines.pop_back();
+  return lines;
 }
 
 std::string FiberCommand(const std::string& name, int fiber) {

@@ -18,7 +18,9 @@ std::string LastError();
 std::string PortError(const std::string& path);
 
 // Nothing for a result of 1; else ends with the library's error text for
-// `path`, as bad usage for -1 (a refused argument).
+// `path` as a failure: the tool has judged its arguments before, so what the
+// library refuses then is the instrument's state (unplugged, busy, another
+// model).
 void Require(int result, const std::string& path);
 
 // Opens `path`, searching the rate when `baud` is 0. A refused rate is bad
@@ -35,6 +37,10 @@ std::vector<Answer> SendToEach(const std::vector<std::string>& paths, const std:
 std::string Expect(const Answer& answer, const std::string& where);
 
 std::string SerialOf(const std::string& path);
+
+// An answer's lines, without their line ends ("\r\n" or "\n") and without
+// the empty lines at its end.
+std::vector<std::string> Lines(const std::string& text);
 
 // "GETxyI" and 3 make "GETxyI03".
 std::string FiberCommand(const std::string& name, int fiber);

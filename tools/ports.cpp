@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 
 #include "commands.hpp"
@@ -99,12 +100,12 @@ Origin PortsOrigin() {
 
 // A listing of ports says where its ports came from: a line above the
 // table, a member of the JSON.
-void PrintListing(bool json, const std::string& key, Json list, const Table& table) {
+void PrintListing(const std::string& key, Json list, const Table& table) {
   const Origin origin = PortsOrigin();
-  if (!json) std::printf("Ports from %s\n", origin.text);
+  if (!JsonWanted() && !Global().csv) std::printf("Ports from %s\n", origin.text);
   Json document = Json::MakeObject();
   document.Set("ports_from", origin.key).Set(key, std::move(list));
-  PrintResult(json, document, table);
+  PrintResult(document, table);
 }
 
 std::vector<std::string> EnumeratedPorts() {
@@ -114,7 +115,7 @@ std::vector<std::string> EnumeratedPorts() {
   return buffers.First(count > 0 ? ZeltoCom_ListPortsDetected(buffers.pointers.data()) : 0);
 }
 
-int RunPorts(const Args& args) {
+int RunPorts() {
   Json ports = Json::MakeArray();
   Table table({{"path", "PORT"}, {"in_use", "OPEN"}});
   for (const std::string& path : EnumeratedPorts()) {
@@ -129,7 +130,7 @@ int RunPorts(const Args& args) {
     row.Set("in_use", InUse(holders, process));
     table.Add(row);
   }
-  PrintListing(args.json(), "ports", ports, table);
+  PrintListing("ports", ports, table);
   return kSuccess;
 }
 
@@ -146,17 +147,22 @@ Json Identity(const std::string& path) {
   return row;
 }
 
-int RunDetect(const Args& args) {
-  const int baud = args.Baud();
+struct DetectOptions {
+  std::vector<std::string> filters;
+  int baud = 0;
+};
+
+int RunDetect(const DetectOptions& options) {
+  const int baud = options.baud;
   ZeltoCom_ClearDetectionFilters();
-  for (const std::string& filter : args.Values("--filter")) {
+  for (const std::string& filter : options.filters) {
     ZeltoCom_AddDetectionFilter(filter.c_str());
   }
   const std::vector<std::string> enumerated = EnumeratedPorts();
   PathBuffers detected(std::max<std::size_t>(enumerated.size(), 1));
   int found = 0;
   {
-    Progress progress("detecting on " + std::to_string(enumerated.size()) + " ports");
+    Progress progress("detecting on " + Count(enumerated.size(), "port"));
     found = ZeltoCom_Detect(detected.pointers.data(), baud);
   }
   if (found < 0) UsageError(LastError());
@@ -175,37 +181,33 @@ int RunDetect(const Args& args) {
     instruments.Push(row);
     table.Add(row);
   }
-  PrintListing(args.json(), "instruments", instruments, table);
+  PrintListing("instruments", instruments, table);
   return kSuccess;
 }
 
 }  // namespace
 
-Command PortsCommand() {
-  return {"ports",
-          "",
-          0,
-          0,
-          "the serial ports, and which are in use",
-          "Lists the serial ports (those of ZELTOCOM_PORTS when it is set, even empty)\n"
-          "and where the list came from; for each port, whether a process holds it open\n"
-          "through ZeltoCom (pid and name) or another program has locked it. Opens nothing.",
-          {},
-          RunPorts};
+Subcommand AddPorts(CLI::App& root) {
+  CLI::App* app = root.add_subcommand("ports", "the serial ports, and which are in use");
+  app->footer("Lists the serial ports (those of ZELTOCOM_PORTS when it is set, even empty)\n"
+              "and where the list came from; for each port, whether a process holds it open\n"
+              "through ZeltoCom (pid and name) or another program has locked it. Opens nothing.");
+  return {app, RunPorts};
 }
 
-Command DetectCommand() {
-  return {"detect",
-          "",
-          0,
-          0,
-          "the instruments that answer: serial, rate, model",
-          "Probes every port at once and lists the instruments that answer: path, serial\n"
-          "number, rate, model and family; and where the list of ports came from. A\n"
-          "filter keeps only the models of a family word (analyser, ICT, spectrometer,\n"
-          "...) or one model text (\"Zelto 05-P\").",
-          {{"--filter", "WORD", "keep instruments of this family or model", true}, BaudOption()},
-          RunDetect};
+Subcommand AddDetect(CLI::App& root) {
+  auto options = std::make_shared<DetectOptions>();
+  CLI::App* app = root.add_subcommand("detect", "the instruments that answer: serial, rate, model");
+  app->footer("Probes every port at once and lists the instruments that answer: path, serial\n"
+              "number, rate, model and family; and where the list of ports came from. A\n"
+              "filter keeps only the models of a family word (analyser, ICT, spectrometer,\n"
+              "...) or one model text (\"Zelto 05-P\").");
+  app->add_option("-f,--filter", options->filters,
+                  "keep instruments of this family or model (repeatable)")
+      ->type_name("WORD")
+      ->allow_extra_args(false);
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunDetect(*options); }};
 }
 
 }  // namespace cli

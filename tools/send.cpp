@@ -1,32 +1,17 @@
 // zeltocom send, zeltocom shell: commands typed by hand, answers as they come.
-#include <editline/readline.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdio>
-#include <cstdlib>
-#include <iostream>
+#include <memory>
 #include <optional>
 
 #include "commands.hpp"
 #include "library.hpp"
+#include "lines.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
 
 namespace cli {
 namespace {
-
-Option TimeoutOption() {
-  return {"--timeout", "MS", "wait up to MS ms for each answer (default 2500)"};
-}
-
-// Opens the port with the options send and shell share.
-void Connect(const Args& args, const std::string& path) {
-  if (args.Has("--timeout")) {
-    ZeltoCom_SetResponseTimeout(static_cast<int>(args.Whole("--timeout", 0, 1, 3'600'000)));
-  }
-  OpenPort(path, args.Baud());
-}
 
 Json Connection(const std::string& path) {
   return Json::MakeObject()
@@ -46,30 +31,37 @@ Json Record(const std::string& command, const Answer& answer) {
   return exchange.Set("error", answer.error);
 }
 
-// Answers end at their last line; the terminal needs exactly one line end.
+// Answers end at their last line; the terminal needs exactly one line end
+// per line, and no carriage returns.
 void PrintAnswer(const Answer& answer) {
-  std::string text = answer.text;
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  std::printf("%s\n", text.c_str());
+  std::string text;
+  for (const std::string& line : Lines(answer.text)) text += line + "\n";
+  std::fputs(text.empty() ? "\n" : text.c_str(), stdout);
   std::fflush(stdout);
 }
 
-int RunSend(const Args& args) {
-  const std::string& path = args.operands().front();
-  Connect(args, path);
+struct SendOptions {
+  std::string port;
+  std::vector<std::string> commands;
+  int baud = 0;
+};
+
+int RunSend(const SendOptions& options) {
+  const std::string& path = options.port;
+  OpenPort(path, options.baud);
   Json exchanges = Json::MakeArray();
   int status = kSuccess;
-  for (std::size_t i = 1; i < args.operands().size() && status == kSuccess; ++i) {
-    const std::string& command = args.operands()[i];
+  for (std::size_t i = 0; i < options.commands.size() && status == kSuccess; ++i) {
+    const std::string& command = options.commands[i];
     const Answer answer = Exchange(path, command);
     exchanges.Push(Record(command, answer));
-    if (answer.ok() && !args.json()) PrintAnswer(answer);
+    if (answer.ok() && !JsonWanted()) PrintAnswer(answer);
     if (!answer.ok()) {
       std::fprintf(stderr, "zeltocom send: %s: %s\n", command.c_str(), answer.error.c_str());
       status = kFailure;
     }
   }
-  if (args.json()) PrintJson(Connection(path).Set("exchanges", exchanges));
+  if (JsonWanted()) PrintJson(Connection(path).Set("exchanges", exchanges));
   return status;
 }
 
@@ -84,49 +76,14 @@ bool IsQuit(std::string line) {
   return line == "quit" || line == "exit";
 }
 
-// Lines come through libedit (editing, history) on a terminal, as they
-// stand from a pipe.
-class LineSource {
- public:
-  explicit LineSource(std::string prompt)
-      : prompt_(std::move(prompt)), terminal_(isatty(STDIN_FILENO) == 1) {
-    if (!terminal_) return;
-    const char* home = std::getenv("HOME");
-    if (home != nullptr && *home != '\0') historyFile_ = std::string(home) + "/.zeltocom_history";
-    stifle_history(1000);
-    if (!historyFile_.empty()) read_history(historyFile_.c_str());
-  }
-  ~LineSource() {
-    if (!historyFile_.empty()) write_history(historyFile_.c_str());
-  }
-  LineSource(const LineSource&) = delete;
-  LineSource& operator=(const LineSource&) = delete;
-
-  bool terminal() const { return terminal_; }
-
-  std::optional<std::string> Next() {
-    if (!terminal_) {
-      std::string line;
-      if (!std::getline(std::cin, line)) return std::nullopt;
-      return line;
-    }
-    char* typed = readline(prompt_.c_str());
-    if (typed == nullptr) return std::nullopt;
-    std::string line = typed;
-    std::free(typed);
-    if (!Trimmed(line).empty()) add_history(line.c_str());
-    return line;
-  }
-
- private:
-  const std::string prompt_;
-  const bool terminal_;
-  std::string historyFile_;
+struct ShellOptions {
+  std::string port;
+  int baud = 0;
 };
 
-int RunShell(const Args& args) {
-  const std::string& path = args.operands().front();
-  Connect(args, path);
+int RunShell(const ShellOptions& options) {
+  const std::string& path = options.port;
+  OpenPort(path, options.baud);
   const std::string serial = SerialOf(path);
   LineSource lines(serial + "> ");
   if (lines.terminal()) {
@@ -146,41 +103,39 @@ int RunShell(const Args& args) {
     if (!answer.ok()) {
       std::fprintf(stderr, "%s\n", answer.error.c_str());
       status = kFailure;
-    } else if (!args.json()) {
+    } else if (!JsonWanted()) {
       PrintAnswer(answer);
     }
   }
   if (lines.terminal() && !quit) std::printf("\n");  // the prompt's line, after Ctrl-D
-  if (args.json()) PrintJson(Connection(path).Set("exchanges", exchanges));
+  if (JsonWanted()) PrintJson(Connection(path).Set("exchanges", exchanges));
   return status;
 }
 
 }  // namespace
 
-Command SendCommand() {
-  return {"send",
-          "PORT COMMAND...",
-          2,
-          -1,
-          "send commands, print the answers",
-          "Opens the instrument on PORT, sends each COMMAND (\"GETSERIAL\", \"GETxy01\", ...)\n"
-          "in turn and prints each answer. Stops at the first command that fails.",
-          {BaudOption(), TimeoutOption()},
-          RunSend};
+Subcommand AddSend(CLI::App& root) {
+  auto options = std::make_shared<SendOptions>();
+  CLI::App* app = root.add_subcommand("send", "send commands, print the answers");
+  app->footer("Opens the instrument on PORT, sends each COMMAND (\"GETSERIAL\", \"GETxy01\", ...)\n"
+              "in turn and prints each answer. Stops at the first command that fails.");
+  AddOperand(*app, "PORT", options->port, "the instrument's port")->required();
+  AddOperands(*app, "COMMAND", options->commands, "the commands, in turn")->required();
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunSend(*options); }};
 }
 
-Command ShellCommand() {
-  return {"shell",
-          "PORT",
-          1,
-          1,
-          "an interactive session with an instrument",
-          "An interactive session with the instrument on PORT: each line typed is sent\n"
-          "as a command and its answer printed. Line editing and history (kept in\n"
-          "~/.zeltocom_history) on a terminal; lines from a pipe are sent as they come.\n"
-          "quit, exit or end of input ends it; the status is 1 when any command failed.",
-          {BaudOption(), TimeoutOption()},
-          RunShell};
+Subcommand AddShell(CLI::App& root) {
+  auto options = std::make_shared<ShellOptions>();
+  CLI::App* app = root.add_subcommand("shell", "an interactive session with an instrument");
+  app->footer("An interactive session with the instrument on PORT: each line typed is sent\n"
+              "as a command and its answer printed. Line editing and history (kept in\n"
+              "~/.zeltocom_history, each line as it is entered) on a terminal; lines from a\n"
+              "pipe are sent as they come. quit, exit, end of input or Ctrl-C at the prompt\n"
+              "ends it; the status is 1 when any command failed.");
+  AddOperand(*app, "PORT", options->port, "the instrument's port")->required();
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunShell(*options); }};
 }
 
 }  // namespace cli

@@ -1,6 +1,7 @@
 // zeltocom sequence: a burst of captures on one fiber, its pattern and blinking.
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 
 #include "commands.hpp"
 #include "library.hpp"
@@ -17,26 +18,24 @@ struct SequenceSettings {
   int samples = 0;
 };
 
-// The settings the options give; with --find only the start delay, and the
-// frequency span the instrument is to find the rest for.
-SequenceSettings GivenSettings(const Args& args, std::pair<float, float>& find) {
-  SequenceSettings settings;
-  settings.startDelay = static_cast<unsigned>(args.Whole("--delay", 0, 0, 999));
-  if (!args.Has("--find")) {
-    settings.captureTime = static_cast<unsigned>(args.Whole("--capture-time", 10, 0, 999));
-    settings.pause = static_cast<unsigned>(args.Whole("--pause", 0, 0, 999));
-    settings.samples = static_cast<int>(args.Whole("--samples", 200, 1, 9999));
-    return settings;
-  }
-  for (const char* chosen : {"--samples", "--capture-time", "--pause"}) {
-    if (args.Has(chosen)) UsageError(std::string(chosen) + " and --find exclude each other");
-  }
-  const std::string span = args.Value("--find");
+struct SequenceOptions {
+  std::string port;
+  int fiber = 0;
+  bool frequency = false;
+  int samples = 200;
+  unsigned captureTime = 10;
+  unsigned pause = 0;
+  unsigned delay = 0;
+  std::string find;  // "MIN-MAX"
+  int baud = 0;
+};
+
+// The frequency span the instrument is to find the settings for.
+std::pair<float, float> FindSpan(const std::string& span) {
   const std::size_t dash = span.find('-');
   if (dash == std::string::npos) UsageError("--find: expected MIN-MAX in Hz, got '" + span + "'");
-  find = {static_cast<float>(ParseNumber(span.substr(0, dash), "--find")),
+  return {static_cast<float>(ParseNumber(span.substr(0, dash), "--find")),
           static_cast<float>(ParseNumber(span.substr(dash + 1), "--find"))};
-  return settings;
 }
 
 // The intensities over time, as columns of '#', when a person looks at them.
@@ -68,14 +67,14 @@ void Plot(const std::vector<int>& samples, double periodMs) {
   std::printf("%8s  0 ms%*s\n", "", std::max(1, width - 4), end.c_str());
 }
 
-int RunSequence(const Args& args) {
-  const std::string& path = args.operands().front();
-  if (!args.Has("--fiber")) UsageError("--fiber N is needed");
-  const int fiber = static_cast<int>(args.Whole("--fiber", 1, 1, 99));
-  std::pair<float, float> find{0, 0};
-  SequenceSettings settings = GivenSettings(args, find);
-  OpenPort(path, args.Baud());
-  if (args.Has("--find")) {
+int RunSequence(const SequenceOptions& options) {
+  const std::string& path = options.port;
+  const int fiber = options.fiber;
+  const bool finding = !options.find.empty();
+  const std::pair<float, float> find = finding ? FindSpan(options.find) : std::pair<float, float>{};
+  SequenceSettings settings{options.delay, options.captureTime, options.pause, options.samples};
+  OpenPort(path, options.baud);
+  if (finding) {
     Progress progress("finding the settings");
     Require(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fiber, find.first, find.second,
                                                &settings.captureTime, &settings.pause,
@@ -121,14 +120,14 @@ int RunSequence(const Args& args) {
   float duty = 0;
   int cycles = 0;
   const bool blinking =
-      args.Has("--frequency") &&
+      options.frequency &&
       ZeltoCom_Sequence_GetFrequency(path.c_str(), intensities.data(), &hz, &duty, &cycles) == 1;
-  if (args.Has("--frequency")) {
+  if (options.frequency) {
     document.Set("frequency_hz", blinking ? Json(hz) : Json())
         .Set("duty_cycle_percent", blinking ? Json(duty) : Json())
         .Set("cycles", cycles);
   }
-  if (args.json()) {
+  if (JsonWanted()) {
     Json samples = Json::MakeArray();
     for (const int value : intensities) samples.Push(value);
     PrintJson(document.Set("intensities", samples));
@@ -140,7 +139,7 @@ int RunSequence(const Args& args) {
   table.Print();
   if (blinking) {
     std::printf("\n%.2f Hz, %.1f %% duty cycle, over %d whole cycles\n", hz, duty, cycles);
-  } else if (args.Has("--frequency")) {
+  } else if (options.frequency) {
     std::printf("\nno blinking found\n");
   }
   if (StdoutIsTerminal()) Plot(intensities, settings.captureTime + settings.pause);
@@ -149,27 +148,47 @@ int RunSequence(const Args& args) {
 
 }  // namespace
 
-Command SequenceCommand() {
-  return {"sequence",
-          "PORT",
-          1,
-          1,
-          "a sequence on one fiber: pattern, frequency, duty cycle",
-          "Runs a sequence (a burst of equally spaced captures) on one fiber of the\n"
-          "analyser on PORT, reads its intensities and prints their pattern: the lit\n"
-          "and dark runs with their start, duration and level. --frequency adds the\n"
-          "blinking frequency and duty cycle; --find lets the instrument choose the\n"
-          "settings for a light blinking between MIN and MAX Hz (at most 125). On a\n"
-          "terminal, a plot of the intensities over time follows.",
-          {{"--fiber", "N", "the fiber (needed)"},
-           {"--frequency", "", "also measure the blinking frequency and duty cycle"},
-           {"--samples", "N", "captures, 1 to 9999 (default 200)"},
-           {"--capture-time", "MS", "each capture's time, 0 to 999 (default 10)"},
-           {"--pause", "MS", "time between captures, 0 to 999 (default 0)"},
-           {"--delay", "MS", "delay before the first capture, 0 to 999 (default 0)"},
-           {"--find", "MIN-MAX", "choose the settings for a light blinking at MIN to MAX Hz"},
-           BaudOption()},
-          RunSequence};
+Subcommand AddSequence(CLI::App& root) {
+  auto options = std::make_shared<SequenceOptions>();
+  CLI::App* app =
+      root.add_subcommand("sequence", "a sequence on one fiber: pattern, frequency, duty cycle");
+  app->footer("Runs a sequence (a burst of equally spaced captures) on one fiber of the\n"
+              "analyser on PORT, reads its intensities and prints their pattern: the lit\n"
+              "and dark runs with their start, duration and level. --frequency adds the\n"
+              "blinking frequency and duty cycle; --find lets the instrument choose the\n"
+              "settings for a light blinking between MIN and MAX Hz (at most 125). On a\n"
+              "terminal, a plot of the intensities over time follows. Ctrl-C closes the port\n"
+              "and tells how long the analyser goes on sequencing.");
+  AddOperand(*app, "PORT", options->port, "the analyser's port")->required();
+  app->add_option("-f,--fiber", options->fiber, "the fiber (needed)")
+      ->required()
+      ->check(CLI::Range(1, 99))
+      ->type_name("N");
+  app->add_flag("--frequency", options->frequency,
+                "also measure the blinking frequency and duty cycle");
+  CLI::Option* samples =
+      app->add_option("-n,--samples", options->samples, "captures, 1 to 9999 (default 200)")
+          ->check(CLI::Range(1, 9999))
+          ->type_name("N");
+  CLI::Option* captureTime = app->add_option("--capture-time", options->captureTime,
+                                             "each capture's time, 0 to 999 (default 10)")
+                                 ->check(CLI::Range(0, 999))
+                                 ->type_name("MS");
+  CLI::Option* pause =
+      app->add_option("--pause", options->pause, "time between captures, 0 to 999 (default 0)")
+          ->check(CLI::Range(0, 999))
+          ->type_name("MS");
+  app->add_option("--delay", options->delay, "delay before the first capture, 0 to 999 (default 0)")
+      ->check(CLI::Range(0, 999))
+      ->type_name("MS");
+  app->add_option("--find", options->find,
+                  "choose the settings for a light blinking at MIN to MAX Hz")
+      ->type_name("MIN-MAX")
+      ->excludes(samples)
+      ->excludes(captureTime)
+      ->excludes(pause);
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunSequence(*options); }};
 }
 
 }  // namespace cli

@@ -202,34 +202,97 @@ std::string Ports(const std::vector<const zeltosim::SimPort*>& ports) {
   return zeltosim::PortsVariable(ports);
 }
 
-TEST(ToolUsage, HelpListsEverySubcommandAndBadUsageIsStatus2) {
-  const Outcome overview = Tool({"--help"});
-  EXPECT_EQ(overview.status, 0);
-  for (const char* name :
-       {"ports", "detect", "send", "shell", "capture", "chain", "sequence", "bin"}) {
-    EXPECT_NE(overview.out.find(std::string("\n  ") + name + " "), std::string::npos) << name;
-    const Outcome help = Tool({name, "--help"});
-    EXPECT_EQ(help.status, 0) << name;
-    EXPECT_EQ(help.out.rfind(std::string("Usage: zeltocom ") + name, 0), 0u) << name;
+const std::vector<std::string>& SubcommandNames() {
+  static const std::vector<std::string> names = {"ports",   "detect", "send",     "shell",
+                                                 "capture", "chain",  "sequence", "bin"};
+  return names;
+}
+
+TEST(ToolUsage, HelpComesFromEveryPlaceAUserAsksIt) {
+  for (const std::string asked : {"--help", "-h", "help"}) {
+    const Outcome overview = Tool({asked});
+    EXPECT_EQ(overview.status, 0) << asked;
+    for (const std::string& name : SubcommandNames()) {
+      EXPECT_NE(overview.out.find("\n  " + name + " "), std::string::npos) << asked << " " << name;
+    }
   }
-  for (const std::vector<std::string>& bad :
-       std::vector<std::vector<std::string>>{{},
-                                             {"frob"},
-                                             {"send", "/dev/null"},
-                                             {"capture", "--range", "9", "/dev/null"},
-                                             {"capture", "--fibers", "3-1", "/dev/null"},
-                                             {"sequence", "/dev/null"},
-                                             {"detect", "--bogus"},
-                                             {"bin", "a.vec", "x", "0.3"},
-                                             {"ports", "extra"}}) {
+  for (const std::string& name : SubcommandNames()) {
+    // -h after a word is help, not a port or a command to send.
+    for (const std::vector<std::string>& asked : std::vector<std::vector<std::string>>{
+             {name, "--help"}, {name, "-h"}, {"help", name}, {name, "/dev/null", "-h"}}) {
+      const Outcome help = Tool(asked);
+      EXPECT_EQ(help.status, 0) << ::testing::PrintToString(asked);
+      EXPECT_NE(help.out.find("Usage: zeltocom " + name + " "), std::string::npos)
+          << ::testing::PrintToString(asked) << help.out;
+      EXPECT_EQ(help.err, "");
+    }
+  }
+  const Outcome version = Tool({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("zeltocom [0-9]+\\.[0-9]+\\.[0-9]+\n")))
+      << version.out;
+}
+
+TEST(ToolUsage, BadUsageIsStatus2WithAHint) {
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {},
+           {"frob"},
+           {"help", "frob"},
+           {"send", "/dev/null"},
+           {"capture", "--range", "9", "/dev/null"},
+           {"capture", "-r", "x", "/dev/null"},
+           {"capture", "--fibers", "3-1", "/dev/null"},
+           {"sequence", "/dev/null"},
+           {"sequence", "/dev/null", "-f", "1", "--find", "1-5", "--samples", "9"},
+           {"detect", "--bogus"},
+           {"bin", "a.vec", "x", "0.3"},
+           {"ports", "extra"},
+           {"--timeout", "0", "send", "/dev/null", "GETHW"},
+           {"--json=loud", "ports"}}) {
     const Outcome run = Tool(bad);
     EXPECT_EQ(run.status, 2) << ::testing::PrintToString(bad);
-    EXPECT_FALSE(run.err.empty());
-    EXPECT_TRUE(run.out.empty()) << run.out;
+    EXPECT_NE(run.err.find("zeltocom"), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.empty()) << ::testing::PrintToString(bad) << run.out;
   }
-  const Outcome json = Tool({"send", "--json"});
-  EXPECT_EQ(json.status, 2);
-  EXPECT_TRUE(FlatJson(json.out).valid()) << json.out;
+  for (const std::vector<std::string>& bad :
+       std::vector<std::vector<std::string>>{{"send", "--json"},
+                                             {"--json", "send"},
+                                             {"send", "-j", "/dev/null"},
+                                             {"ports", "--json", "--csv"}}) {
+    const Outcome json = Tool(bad);
+    EXPECT_EQ(json.status, 2);
+    const FlatJson document(json.out);
+    ASSERT_TRUE(document.valid()) << json.out;
+    EXPECT_EQ(document["/exit_status"], "2");
+  }
+}
+
+TEST(ToolUsage, OptionsStandAnywhereAndDashesEndThem) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const Outcome after = Tool({"send", port.path(), "GETSERIAL", "-b", "57600"}, ports);
+  EXPECT_EQ(after.status, 0) << after.err;
+  EXPECT_EQ(after.out, "ZT000001\n");
+  EXPECT_EQ(port.countReceived("-b") + port.countReceived("57600"), 0);
+
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"--json", "send", port.path(), "GETNFIB"},
+           {"send", port.path(), "GETNFIB", "--json"},
+           {"send", "-j", port.path(), "GETNFIB"},
+           {"--timeout", "900", "send", port.path(), "GETNFIB", "--json"}}) {
+    const Outcome run = Tool(args, ports);
+    EXPECT_EQ(run.status, 0) << ::testing::PrintToString(args) << run.err;
+    const FlatJson json(run.out);
+    ASSERT_TRUE(json.valid()) << run.out;
+    EXPECT_EQ(json["/exchanges/0/answer"], "2") << ::testing::PrintToString(args);
+  }
+
+  const Outcome dashed = Tool({"send", "--json", port.path(), "--", "-b", "--help"}, ports);
+  EXPECT_EQ(dashed.status, 1) << dashed.err;
+  const FlatJson json(dashed.out);
+  ASSERT_TRUE(json.valid()) << dashed.out;
+  EXPECT_EQ(json["/exchanges/0/command"], "-b");
+  EXPECT_EQ(port.countReceived("-b"), 1);
 }
 
 TEST(ToolBin, NamesTheBinOfAPoint) {
@@ -422,9 +485,11 @@ TEST(ToolInstruments, TraceShowsTheCommandsOfOneRunWhereAsked) {
   EXPECT_EQ(unwritable.status, 2);
   EXPECT_NE(unwritable.err.find(nowhere), std::string::npos) << unwritable.err;
   EXPECT_EQ(unwritable.out, "");
+  // After the command's words the option takes no word of theirs.
   const Outcome late = Tool({"send", port.path(), exchange, "--trace"}, ports);
-  EXPECT_EQ(late.status, 2);
-  EXPECT_NE(late.err.find("before the command"), std::string::npos) << late.err;
+  EXPECT_EQ(late.status, 0) << late.err;
+  EXPECT_EQ(late.out, "2\n");
+  EXPECT_NE(late.err.find(exchange), std::string::npos) << late.err;
 }
 
 TEST(ToolInstruments, SilentOrHeldInstrumentIsStatus1WithTheLibrarysText) {
