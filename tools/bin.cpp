@@ -48,13 +48,12 @@ int RunPoint(const BinOptions& options) {
   const bool agree =
       found == oneCrossing && (found != 1 || std::strcmp(exact.data(), established.data()) == 0);
   if (JsonWanted()) {
-    PrintJson(Json::MakeObject()
-                  .Set("file", file)
-                  .Set("x", x)
-                  .Set("y", y)
-                  .Set("bin", bin)
-                  .Set("one_crossing_bin", other)
-                  .Set("rules_agree", agree));
+    PrintJson({{"file", file},
+               {"x", x},
+               {"y", y},
+               {"bin", bin},
+               {"one_crossing_bin", other},
+               {"rules_agree", agree}});
     return kSuccess;
   }
   std::printf("%s\n", found == 1 ? exact.data() : "(in no bin)");
@@ -81,15 +80,15 @@ std::string RiskReport(const std::string& file, int& listed) {
 // "NAME: reason; reason", the name being all before the last ": ".
 Json RiskRow(const std::string& line) {
   const std::size_t colon = line.rfind(": ");
-  Json reasons = Json::MakeArray();
+  Json reasons = Json::array();
   std::size_t start = colon + 2;
   while (start <= line.size()) {
     std::size_t end = line.find("; ", start);
     if (end == std::string::npos) end = line.size();
-    reasons.Push(line.substr(start, end - start));
+    reasons.push_back(line.substr(start, end - start));
     start = end + 2;
   }
-  return Json::MakeObject().Set("bin", line.substr(0, colon)).Set("reasons", reasons);
+  return {{"bin", line.substr(0, colon)}, {"reasons", reasons}};
 }
 
 int RunCheck(const BinOptions& options) {
@@ -97,15 +96,15 @@ int RunCheck(const BinOptions& options) {
   int listed = 0;
   const std::string report = RiskReport(file, listed);
   if (JsonWanted()) {
-    Json bins = Json::MakeArray();
+    Json bins = Json::array();
     std::size_t start = 0;
     for (int i = 0; i < listed; ++i) {
       std::size_t end = report.find('\n', start);
       if (end == std::string::npos) end = report.size();
-      bins.Push(RiskRow(report.substr(start, end - start)));
+      bins.push_back(RiskRow(report.substr(start, end - start)));
       start = end + 1;
     }
-    PrintJson(Json::MakeObject().Set("file", file).Set("bins", bins));
+    PrintJson({{"file", file}, {"bins", bins}});
   } else {
     std::printf("%s\n", listed > 0 ? report.c_str() : "(no bin at risk)");
   }

@@ -49,18 +49,18 @@ std::vector<Column> ReadingColumns(Column first) {
 
 // One fiber's readings from the answers to Readings(), in their order.
 Json FiberReadings(int fiber, const std::vector<Answer>& answers) {
-  Json row = Json::MakeObject().Set("fiber", fiber);
+  Json row = {{"fiber", fiber}};
   std::string errors;
   for (std::size_t r = 0; r < Readings().size(); ++r) {
     const Answer& answer = answers[r];
     std::istringstream words(answer.text);
     for (const std::string& field : Readings()[r].fields) {
       std::string word;
-      row.Set(field, answer.ok() && words >> word ? NumberOrText(word) : Json());
+      row[field] = answer.ok() && words >> word ? NumberOrText(word) : Json();
     }
     if (!answer.ok() && errors.empty()) errors = answer.error;
   }
-  if (!errors.empty()) row.Set("error", errors);
+  if (!errors.empty()) row["error"] = errors;
   return row;
 }
 
@@ -68,12 +68,13 @@ Json FiberReadings(int fiber, const std::vector<Answer>& answers) {
 // table too, under `key` = `name`. A failed reading makes `status` a failure.
 Json FiberRows(const std::vector<std::vector<Answer>>& answers, int first, Table& table,
                const std::string& key, const std::string& name, int& status) {
-  Json rows = Json::MakeArray();
+  Json rows = Json::array();
   for (std::size_t f = 0; f < answers.size(); ++f) {
     Json row = FiberReadings(first + static_cast<int>(f), answers[f]);
-    if (!row.Get("error").IsNull()) status = kFailure;
-    rows.Push(row);
-    table.Add(row.Set(key, name));
+    if (row.contains("error")) status = kFailure;
+    rows.push_back(row);
+    row[key] = name;
+    table.Add(row);
   }
   return rows;
 }
@@ -157,6 +158,7 @@ int RunCapture(const CaptureOptions& options) {
 
   // The open ports are exactly ours, in our order.
   std::vector<int> results(paths.size(), 0);
+  const std::string time = UtcNow();
   {
     Progress progress("capturing on " + Count(paths.size(), "port"));
     ZeltoCom_CaptureFromAll(results.data(), settings.pwm, settings.range, 0);
@@ -165,20 +167,20 @@ int RunCapture(const CaptureOptions& options) {
   const auto answers = ReadAtOnce(paths, fibers, results);
 
   int status = kSuccess;
-  Json ports = Json::MakeArray();
+  Json ports = Json::array();
   Table table(ReadingColumns({"port", "PORT"}));
   for (std::size_t i = 0; i < paths.size(); ++i) {
-    Json port = Json::MakeObject().Set("path", paths[i]).Set("serial", SerialOf(paths[i]));
+    Json port = {{"path", paths[i]}, {"serial", SerialOf(paths[i])}, {"time", time}};
     if (results[i] != 1) {
       const std::string error = PortError(paths[i]);
-      port.Set("error", error);
+      port["error"] = error;
       std::fprintf(stderr, "zeltocom capture: %s: %s\n", paths[i].c_str(), error.c_str());
       status = kFailure;
     }
-    port.Set("fibers", FiberRows(answers[i], fibers[i].first, table, "port", paths[i], status));
-    ports.Push(port);
+    port["fibers"] = FiberRows(answers[i], fibers[i].first, table, "port", paths[i], status);
+    ports.push_back(port);
   }
-  PrintResult(Json::MakeObject().Set("ports", ports), table);
+  PrintResult({{"ports", ports}}, table);
   return status;
 }
 
@@ -212,6 +214,7 @@ int RunChain(const CaptureOptions& options) {
     serials.push_back(serial);
   }
   int captured = 0;
+  const std::string time = UtcNow();
   {
     Progress progress("capturing on the chain of " + path);
     captured = ZeltoCom_DaisyChain_Capture(path.c_str(), settings.pwm, settings.range, 0);
@@ -226,14 +229,14 @@ int RunChain(const CaptureOptions& options) {
     }
   }
   int status = kSuccess;
-  Json instruments = Json::MakeArray();
+  Json instruments = Json::array();
   Table table(ReadingColumns({"serial", "SERIAL"}));
   for (std::size_t i = 0; i < serials.size(); ++i) {
     const auto& [first, fibers] = answers[i];
     Json rows = FiberRows(fibers, first, table, "serial", serials[i], status);
-    instruments.Push(Json::MakeObject().Set("serial", serials[i]).Set("fibers", rows));
+    instruments.push_back({{"serial", serials[i]}, {"fibers", rows}});
   }
-  PrintResult(Json::MakeObject().Set("port", path).Set("instruments", instruments), table);
+  PrintResult({{"port", path}, {"time", time}, {"instruments", instruments}}, table);
   return status;
 }
 

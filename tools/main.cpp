@@ -128,7 +128,7 @@ class Tool {
     std::fprintf(stderr, "%s: %s\n", name.c_str(), stop.text.c_str());
     if (stop.status == kUsage) std::fprintf(stderr, "Try '%s --help'.\n", name.c_str());
     if (!Global().json.empty()) {
-      PrintJson(Json::MakeObject().Set("error", stop.text).Set("exit_status", stop.status));
+      PrintJson({{"error", stop.text}, {"exit_status", stop.status}});
     }
     return stop.status;
   }

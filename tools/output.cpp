@@ -54,7 +54,7 @@ std::vector<std::vector<std::string>> Table::Cells() const {
   }
   for (const Json& row : rows_) {
     std::vector<std::string>& line = lines.emplace_back();
-    for (const Column& column : columns_) line.push_back(row.Get(column.key).Text());
+    for (const Column& column : columns_) line.push_back(CellText(row.value(column.key, Json())));
   }
   return lines;
 }
@@ -69,7 +69,10 @@ void Table::Print() const {
 
 bool JsonWanted() { return !Global().json.empty(); }
 
-void PrintJson(const Json& document) { std::fputs(document.Dump().c_str(), stdout); }
+void PrintJson(const Json& document) {
+  std::fputs(Dump(document).c_str(), stdout);
+  std::fflush(stdout);
+}
 
 void PrintResult(const Json& document, const Table& table) {
   if (JsonWanted()) {

@@ -103,9 +103,7 @@ Origin PortsOrigin() {
 void PrintListing(const std::string& key, Json list, const Table& table) {
   const Origin origin = PortsOrigin();
   if (!JsonWanted() && !Global().csv) std::printf("Ports from %s\n", origin.text);
-  Json document = Json::MakeObject();
-  document.Set("ports_from", origin.key).Set(key, std::move(list));
-  PrintResult(document, table);
+  PrintResult({{"ports_from", origin.key}, {key, std::move(list)}}, table);
 }
 
 std::vector<std::string> EnumeratedPorts() {
@@ -116,18 +114,18 @@ std::vector<std::string> EnumeratedPorts() {
 }
 
 int RunPorts() {
-  Json ports = Json::MakeArray();
+  Json ports = Json::array();
   Table table({{"path", "PORT"}, {"in_use", "OPEN"}});
   for (const std::string& path : EnumeratedPorts()) {
     const Holders holders = HoldersOf(path);
     const std::string process = holders.pid > 0 ? ProcessName(holders.pid) : "";
-    Json row = Json::MakeObject();
-    row.Set("path", path).Set("open", holders.zeltocom);
-    row.Set("pid", holders.pid > 0 ? Json(holders.pid) : Json());
-    row.Set("process", holders.pid > 0 ? Json(process) : Json());
-    row.Set("locked_by_other", holders.other);
-    ports.Push(row);
-    row.Set("in_use", InUse(holders, process));
+    Json row = {{"path", path},
+                {"open", holders.zeltocom},
+                {"pid", holders.pid > 0 ? Json(holders.pid) : Json()},
+                {"process", holders.pid > 0 ? Json(process) : Json()},
+                {"locked_by_other", holders.other}};
+    ports.push_back(row);
+    row["in_use"] = InUse(holders, process);
     table.Add(row);
   }
   PrintListing("ports", ports, table);
@@ -139,12 +137,11 @@ Json Identity(const std::string& path) {
   char type[32] = "";
   ZeltoCom_GetDeviceType(path.c_str(), type);
   const Answer model = Send(path, "GETHW");
-  Json row = Json::MakeObject();
-  row.Set("path", path).Set("serial", SerialOf(path));
-  row.Set("baud", ZeltoCom_GetBaudrate(path.c_str()));
-  row.Set("model", model.ok() ? Json(model.text) : Json());
-  row.Set("type", type);
-  return row;
+  return {{"path", path},
+          {"serial", SerialOf(path)},
+          {"baud", ZeltoCom_GetBaudrate(path.c_str())},
+          {"model", model.ok() ? Json(model.text) : Json()},
+          {"type", type}};
 }
 
 struct DetectOptions {
@@ -170,7 +167,7 @@ int RunDetect(const DetectOptions& options) {
   // remembers each path's rate.
   const std::vector<std::string> paths = detected.First(found);
   if (!paths.empty()) OpenPorts(paths, baud);
-  Json instruments = Json::MakeArray();
+  Json instruments = Json::array();
   Table table({{"path", "PORT"},
                {"serial", "SERIAL"},
                {"baud", "BAUD"},
@@ -178,7 +175,7 @@ int RunDetect(const DetectOptions& options) {
                {"type", "TYPE"}});
   for (const std::string& path : paths) {
     const Json row = Identity(path);
-    instruments.Push(row);
+    instruments.push_back(row);
     table.Add(row);
   }
   PrintListing("instruments", instruments, table);

@@ -13,11 +13,11 @@
 namespace cli {
 namespace {
 
-Json Connection(const std::string& path) {
-  return Json::MakeObject()
-      .Set("port", path)
-      .Set("serial", SerialOf(path))
-      .Set("baud", ZeltoCom_GetBaudrate(path.c_str()));
+Json Connection(const std::string& path, const Json& exchanges) {
+  return {{"port", path},
+          {"serial", SerialOf(path)},
+          {"baud", ZeltoCom_GetBaudrate(path.c_str())},
+          {"exchanges", exchanges}};
 }
 
 Answer Exchange(const std::string& path, const std::string& command) {
@@ -26,9 +26,13 @@ Answer Exchange(const std::string& path, const std::string& command) {
 }
 
 Json Record(const std::string& command, const Answer& answer) {
-  Json exchange = Json::MakeObject().Set("command", command);
-  if (answer.ok()) return exchange.Set("answer", answer.text);
-  return exchange.Set("error", answer.error);
+  Json exchange = {{"command", command}, {"time", UtcNow()}};
+  if (answer.ok()) {
+    exchange["answer"] = AnswerJson(answer.text);
+  } else {
+    exchange["error"] = answer.error;
+  }
+  return exchange;
 }
 
 // Answers end at their last line; the terminal needs exactly one line end
@@ -49,19 +53,19 @@ struct SendOptions {
 int RunSend(const SendOptions& options) {
   const std::string& path = options.port;
   OpenPort(path, options.baud);
-  Json exchanges = Json::MakeArray();
+  Json exchanges = Json::array();
   int status = kSuccess;
   for (std::size_t i = 0; i < options.commands.size() && status == kSuccess; ++i) {
     const std::string& command = options.commands[i];
     const Answer answer = Exchange(path, command);
-    exchanges.Push(Record(command, answer));
+    exchanges.push_back(Record(command, answer));
     if (answer.ok() && !JsonWanted()) PrintAnswer(answer);
     if (!answer.ok()) {
       std::fprintf(stderr, "zeltocom send: %s: %s\n", command.c_str(), answer.error.c_str());
       status = kFailure;
     }
   }
-  if (JsonWanted()) PrintJson(Connection(path).Set("exchanges", exchanges));
+  if (JsonWanted()) PrintJson(Connection(path, exchanges));
   return status;
 }
 
@@ -90,7 +94,7 @@ int RunShell(const ShellOptions& options) {
     std::printf("%s on %s at %d baud. Type instrument commands; quit or Ctrl-D ends.\n",
                 serial.c_str(), path.c_str(), ZeltoCom_GetBaudrate(path.c_str()));
   }
-  Json exchanges = Json::MakeArray();
+  Json exchanges = Json::array();
   int status = kSuccess;
   bool quit = false;
   while (const std::optional<std::string> line = lines.Next()) {
@@ -99,7 +103,7 @@ int RunShell(const ShellOptions& options) {
     quit = IsQuit(command);
     if (quit) break;
     const Answer answer = Exchange(path, command);
-    exchanges.Push(Record(command, answer));
+    exchanges.push_back(Record(command, answer));
     if (!answer.ok()) {
       std::fprintf(stderr, "%s\n", answer.error.c_str());
       status = kFailure;
@@ -108,7 +112,7 @@ int RunShell(const ShellOptions& options) {
     }
   }
   if (lines.terminal() && !quit) std::printf("\n");  // the prompt's line, after Ctrl-D
-  if (JsonWanted()) PrintJson(Connection(path).Set("exchanges", exchanges));
+  if (JsonWanted()) PrintJson(Connection(path, exchanges));
   return status;
 }
 

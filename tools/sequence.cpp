@@ -84,6 +84,7 @@ int RunSequence(const SequenceOptions& options) {
   Require(ZeltoCom_Sequence_Setup(path.c_str(), settings.startDelay, settings.captureTime,
                                   settings.pause, settings.samples, 0),
           path);
+  const std::string time = UtcNow();
   {
     Progress progress("sequence of " + std::to_string(settings.samples) + " captures");
     Require(ZeltoCom_Sequence_Capture(path.c_str(), fiber), path);
@@ -98,23 +99,24 @@ int RunSequence(const SequenceOptions& options) {
                                        levels.data()),
           path);
 
-  Json document = Json::MakeObject().Set("port", path).Set("serial", SerialOf(path));
-  document.Set("fiber", fiber)
-      .Set("start_delay_ms", settings.startDelay)
-      .Set("capture_time_ms", settings.captureTime)
-      .Set("pause_ms", settings.pause)
-      .Set("samples", settings.samples);
-  Json pattern = Json::MakeArray();
+  Json document = {{"port", path},
+                   {"serial", SerialOf(path)},
+                   {"time", time},
+                   {"fiber", fiber},
+                   {"start_delay_ms", settings.startDelay},
+                   {"capture_time_ms", settings.captureTime},
+                   {"pause_ms", settings.pause},
+                   {"samples", settings.samples}};
+  Json pattern = Json::array();
   Table table({{"start_ms", "START MS"}, {"duration_ms", "DURATION MS"}, {"level", "LEVEL"}});
   long start = 0;
   for (std::size_t r = 0; r < static_cast<std::size_t>(runs); ++r) {
-    Json run = Json::MakeObject();
-    run.Set("start_ms", start).Set("duration_ms", durations[r]).Set("level", levels[r]);
-    pattern.Push(run);
+    const Json run = {{"start_ms", start}, {"duration_ms", durations[r]}, {"level", levels[r]}};
+    pattern.push_back(run);
     table.Add(run);
     start += durations[r];
   }
-  document.Set("pattern", pattern);
+  document["pattern"] = pattern;
 
   float hz = 0;
   float duty = 0;
@@ -123,14 +125,13 @@ int RunSequence(const SequenceOptions& options) {
       options.frequency &&
       ZeltoCom_Sequence_GetFrequency(path.c_str(), intensities.data(), &hz, &duty, &cycles) == 1;
   if (options.frequency) {
-    document.Set("frequency_hz", blinking ? Json(hz) : Json())
-        .Set("duty_cycle_percent", blinking ? Json(duty) : Json())
-        .Set("cycles", cycles);
+    document["frequency_hz"] = blinking ? Number(hz) : Json();
+    document["duty_cycle_percent"] = blinking ? Number(duty) : Json();
+    document["cycles"] = cycles;
   }
   if (JsonWanted()) {
-    Json samples = Json::MakeArray();
-    for (const int value : intensities) samples.Push(value);
-    PrintJson(document.Set("intensities", samples));
+    document["intensities"] = intensities;
+    PrintJson(document);
     return kSuccess;
   }
   std::printf("%d captures of %u ms, %u ms apart, after %u ms, on fiber %d of %s\n\n",

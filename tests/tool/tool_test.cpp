@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -295,6 +296,55 @@ TEST(ToolUsage, OptionsStandAnywhereAndDashesEndThem) {
   EXPECT_EQ(port.countReceived("-b"), 1);
 }
 
+bool IsUtcTime(const std::string& text) {
+  return std::regex_match(
+      text,
+      std::regex(R"(20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{3}Z)"));
+}
+
+TEST(ToolOutput, JsonIsOneLineADocumentAndAnswersAreLines) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const Outcome compact = Tool({"send", port.path(), "GETINFO", "GETSERIAL", "--json"}, ports);
+  ASSERT_EQ(compact.status, 0) << compact.err;
+  EXPECT_EQ(compact.out.find('\n'), compact.out.size() - 1) << compact.out;
+  EXPECT_EQ(compact.out.find('\r'), std::string::npos) << compact.out;
+  const FlatJson json(compact.out);
+  ASSERT_TRUE(json.valid()) << compact.out;
+  EXPECT_EQ(json["/exchanges/0/answer/0"], "Zelto LED analyser");
+  EXPECT_EQ(json["/exchanges/0/answer/3"], "Serial: ZT000001");
+  EXPECT_EQ(json["/exchanges/1/answer"], "ZT000001");
+  EXPECT_TRUE(IsUtcTime(json["/exchanges/1/time"])) << json["/exchanges/1/time"];
+
+  const Outcome pretty = Tool({"send", port.path(), "GETSERIAL", "--json=pretty"}, ports);
+  EXPECT_GT(std::count(pretty.out.begin(), pretty.out.end(), '\n'), 5) << pretty.out;
+  EXPECT_EQ(FlatJson(pretty.out)["/exchanges/0/answer"], "ZT000001");
+
+  const Outcome plain = Tool({"send", port.path(), "GETINFO"}, ports);
+  EXPECT_EQ(plain.out.find('\r'), std::string::npos);
+  EXPECT_EQ(plain.out.rfind("Zelto LED analyser\nHardware: ", 0), 0u) << plain.out;
+}
+
+TEST(ToolOutput, CsvHasAHeaderOfKeysAndTheTablesRows) {
+  zeltosim::SimPort port(Analyser("ZT000001", 2));
+  const Outcome run = Tool({"capture", port.path(), "--csv"}, Ports({&port}));
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::vector<std::string> lines;
+  std::istringstream in(run.out);
+  for (std::string line; std::getline(in, line);) {
+    ASSERT_FALSE(line.empty());
+    EXPECT_EQ(line.back(), '\r');
+    lines.push_back(line.substr(0, line.size() - 1));
+  }
+  ASSERT_EQ(lines.size(), 3u) << run.out;
+  EXPECT_EQ(lines[0].rfind("port,fiber,x,y,", 0), 0u) << lines[0];
+  EXPECT_EQ(lines[2].rfind(port.path() + ",2,", 0), 0u) << lines[2];
+  for (const std::string& line : lines) {
+    EXPECT_EQ(std::count(line.begin(), line.end(), ','),
+              std::count(lines[0].begin(), lines[0].end(), ','));
+  }
+}
+
 TEST(ToolBin, NamesTheBinOfAPoint) {
   const std::string file = ::testing::TempDir() + "tool_bins.vec";
   std::ofstream(file) << "GREEN=0.20,0.60;0.30,0.60;0.30,0.70;0.20,0.70\n";
@@ -442,7 +492,7 @@ TEST(ToolInstruments, SendPrintsAnswersAndStopsAtAFailure) {
   EXPECT_EQ(run.status, 1);
   const FlatJson json(run.out);
   ASSERT_TRUE(json.valid()) << run.out;
-  EXPECT_EQ(json["/exchanges/0/answer"], "Zelto \"05\"\t\x01\xc3\xa9?");
+  EXPECT_EQ(json["/exchanges/0/answer"], "Zelto \"05\"\t\x01\xc3\xa9\xef\xbf\xbd");
   EXPECT_EQ(json["/exchanges/1/error"], "Syntax error");
   EXPECT_FALSE(json.has("/exchanges/2/command"));
 
