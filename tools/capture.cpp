@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
@@ -110,27 +111,88 @@ std::pair<int, int> FibersToRead(const CaptureSettings& settings, int count,
                                  const std::string& where) {
   if (settings.fibers.first == 0) return {1, count};
   if (settings.fibers.second > count) {
-    UsageError("--fibers: " + where + " has " + std::to_string(count) + " fibers");
+    Failure("--fibers: " + where + " has " + Count(static_cast<std::size_t>(count), "fiber"));
   }
   return {static_cast<int>(settings.fibers.first), static_cast<int>(settings.fibers.second)};
 }
 
-// Each reading of each fiber is asked of all ports that captured at once:
+// One port of a capture: as named, as resolved, its fibers to read, and
+// why it failed once it has.
+struct CapturePort {
+  std::string name;
+  std::string path;
+  std::pair<int, int> fibers{0, 0};
+  std::string error;
+  bool ok() const { return error.empty(); }
+};
+
+std::vector<CapturePort*> Working(std::vector<CapturePort>& ports) {
+  std::vector<CapturePort*> working;
+  for (CapturePort& port : ports) {
+    if (port.ok()) working.push_back(&port);
+  }
+  return working;
+}
+
+std::vector<std::string> PathsOf(const std::vector<CapturePort*>& ports) {
+  std::vector<std::string> paths;
+  for (const CapturePort* port : ports) paths.push_back(port->path);
+  return paths;
+}
+
+// The ports the names stand for; a name that stands for none is that port's
+// failure, a port named twice bad usage.
+std::vector<CapturePort> Resolved(const std::vector<std::string>& names, int baud) {
+  std::vector<CapturePort> ports;
+  std::set<std::string> seen;
+  for (const std::string& name : names) {
+    CapturePort& port = ports.emplace_back();
+    port.name = name;
+    port.path = name;
+    try {
+      port.path = ResolvePort(name, baud);
+    } catch (const Stop& stop) {
+      port.error = stop.text;
+      continue;
+    }
+    if (!seen.insert(port.path).second) UsageError(port.path + " is named twice");
+  }
+  return ports;
+}
+
+// Notes each port's failure of one step done on all at once.
+void NoteFailures(const std::vector<CapturePort*>& ports, const std::vector<Answer>& outcomes) {
+  for (std::size_t i = 0; i < ports.size(); ++i) {
+    if (!outcomes[i].ok()) ports[i]->error = ports[i]->path + ": " + outcomes[i].error;
+  }
+}
+
+void LearnFibers(const std::vector<CapturePort*>& ports, const CaptureSettings& settings) {
+  const std::vector<Answer> counts = SendToEach(PathsOf(ports), "GETNFIB");
+  for (std::size_t i = 0; i < ports.size(); ++i) {
+    try {
+      ports[i]->fibers =
+          FibersToRead(settings, FiberCount(counts[i], ports[i]->path), ports[i]->path);
+    } catch (const Stop& stop) {
+      ports[i]->error = stop.text;
+    }
+  }
+}
+
+// Each reading of each fiber is asked of all ports at once:
 // answers[port][fiber - first fiber][reading].
-std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
-    const std::vector<std::string>& paths, const std::vector<std::pair<int, int>>& fibers,
-    const std::vector<int>& captured) {
+std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(const std::vector<CapturePort*>& ports) {
   Progress progress("reading the fibers");
-  std::vector<std::vector<std::vector<Answer>>> answers(paths.size());
+  std::vector<std::vector<std::vector<Answer>>> answers(ports.size());
   int lastFiber = 0;
-  for (const auto& span : fibers) lastFiber = std::max(lastFiber, span.second);
+  for (const CapturePort* port : ports) lastFiber = std::max(lastFiber, port->fibers.second);
   for (int fiber = 1; fiber <= lastFiber; ++fiber) {
     std::vector<std::size_t> asked;
     std::vector<std::string> askedPaths;
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      if (captured[i] == 1 && fiber >= fibers[i].first && fiber <= fibers[i].second) {
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+      if (fiber >= ports[i]->fibers.first && fiber <= ports[i]->fibers.second) {
         asked.push_back(i);
-        askedPaths.push_back(paths[i]);
+        askedPaths.push_back(ports[i]->path);
       }
     }
     if (asked.empty()) continue;
@@ -145,42 +207,47 @@ std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
 
 int RunCapture(const CaptureOptions& options) {
   const CaptureSettings settings = Settings(options);
-  const std::vector<std::string>& paths = options.ports;
-  if (std::set<std::string>(paths.begin(), paths.end()).size() != paths.size()) {
-    UsageError("a port is named twice");
+  std::vector<CapturePort> ports = Resolved(options.ports, options.baud);
+  {
+    const std::vector<CapturePort*> working = Working(ports);
+    Progress progress("opening " + Count(working.size(), "port"));
+    NoteFailures(working, AtOnce(PathsOf(working), [&](const std::string& path) {
+                   return ZeltoCom_Open(path.c_str(), options.baud);
+                 }));
   }
-  OpenPorts(paths, options.baud);
-  const std::vector<Answer> counts = SendToEach(paths, "GETNFIB");
-  std::vector<std::pair<int, int>> fibers;
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    fibers.push_back(FibersToRead(settings, FiberCount(counts[i], paths[i]), paths[i]));
-  }
-
-  // The open ports are exactly ours, in our order.
-  std::vector<int> results(paths.size(), 0);
+  LearnFibers(Working(ports), settings);
   const std::string time = UtcNow();
   {
-    Progress progress("capturing on " + Count(paths.size(), "port"));
-    ZeltoCom_CaptureFromAll(results.data(), settings.pwm, settings.range, 0);
+    const std::vector<CapturePort*> working = Working(ports);
+    const Aftermath aftermath(
+        [] { return std::string("The analysers may still finish the capture they began."); });
+    Progress progress("capturing on " + Count(working.size(), "port"));
+    NoteFailures(working, AtOnce(PathsOf(working), [&](const std::string& path) {
+                   return ZeltoCom_Capture(path.c_str(), settings.pwm, settings.range, 0);
+                 }));
   }
-
-  const auto answers = ReadAtOnce(paths, fibers, results);
+  const std::vector<CapturePort*> captured = Working(ports);
+  const auto answers = ReadAtOnce(captured);
 
   int status = kSuccess;
-  Json ports = Json::array();
+  Json documents = Json::array();
   Table table(ReadingColumns({"port", "PORT"}));
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    Json port = {{"path", paths[i]}, {"serial", SerialOf(paths[i])}, {"time", time}};
-    if (results[i] != 1) {
-      const std::string error = PortError(paths[i]);
-      port["error"] = error;
-      std::fprintf(stderr, "zeltocom capture: %s: %s\n", paths[i].c_str(), error.c_str());
+  std::size_t next = 0;  // in `captured`
+  for (const CapturePort& port : ports) {
+    Json document = {{"path", port.path},
+                     {"serial", port.ok() ? Json(SerialOf(port.path)) : Json()}};
+    if (!port.ok()) {
+      std::fprintf(stderr, "zeltocom capture: %s\n", port.error.c_str());
+      document["error"] = port.error;
       status = kFailure;
+    } else {
+      document["time"] = time;
+      document["fibers"] =
+          FiberRows(answers[next++], port.fibers.first, table, "port", port.path, status);
     }
-    port["fibers"] = FiberRows(answers[i], fibers[i].first, table, "port", paths[i], status);
-    ports.push_back(port);
+    documents.push_back(document);
   }
-  PrintResult({{"ports", ports}}, table);
+  PrintResult({{"ports", documents}}, table);
   return status;
 }
 
@@ -202,8 +269,7 @@ std::pair<int, std::vector<std::vector<Answer>>> ReadChained(const std::string& 
 
 int RunChain(const CaptureOptions& options) {
   const CaptureSettings settings = Settings(options);
-  const std::string& path = options.ports.front();
-  OpenPort(path, options.baud);
+  const std::string path = OpenPort(options.ports.front(), options.baud);
   std::vector<std::string> serials = {SerialOf(path)};
   for (const std::string& serial : options.serials) {
     // The port's own instrument (which the library accepts) is read once.

@@ -14,5 +14,9 @@ Subcommand AddCapture(CLI::App& root);
 Subcommand AddChain(CLI::App& root);
 Subcommand AddSequence(CLI::App& root);
 Subcommand AddBin(CLI::App& root);
+Subcommand AddSpectrometer(CLI::App& root);
+Subcommand AddTrigger(CLI::App& root);
+Subcommand AddCalibrate(CLI::App& root);
+Subcommand AddProject(CLI::App& root);
 
 }  // namespace cli

@@ -1,7 +1,11 @@
 #include "library.hpp"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <thread>
 
 #include "args.hpp"
 #include "output.hpp"
@@ -33,7 +37,73 @@ std::vector<const char*> Pointers(const std::vector<std::string>& texts) {
   return pointers;
 }
 
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string joined;
+  for (const std::string& text : texts) joined += (joined.empty() ? "" : ", ") + text;
+  return joined;
+}
+
+// The listed path that is the same file as `name`, if any.
+std::string ListedLinkTarget(const std::string& name, const std::vector<std::string>& listed) {
+  std::error_code error;
+  const std::filesystem::path target = std::filesystem::canonical(name, error);
+  if (error) return "";
+  for (const std::string& path : listed) {
+    if (std::filesystem::canonical(path, error) == target && !error) return path;
+  }
+  return "";
+}
+
+std::string PortOfSerial(const std::string& serial, int baud, std::size_t ports) {
+  if (serial.empty() || serial.size() >= ZELTOCOM_SERIAL_NUMBER_SIZE ||
+      serial.find('/') != std::string::npos) {
+    return "";
+  }
+  std::vector<char> path(std::max<std::size_t>(ZELTOCOM_DEVICE_PATH_SIZE, 255), '\0');
+  Progress progress("looking for " + serial + " on " + Count(ports, "port"));
+  return ZeltoCom_IsConnected(path.data(), serial.c_str(), baud) > 0 ? path.data() : "";
+}
+
 }  // namespace
+
+PathBuffers::PathBuffers(std::size_t count)
+    : storage(count, std::vector<char>(ZELTOCOM_DEVICE_PATH_SIZE, '\0')) {
+  for (auto& buffer : storage) pointers.push_back(buffer.data());
+}
+
+std::vector<std::string> PathBuffers::First(int count) const {
+  std::vector<std::string> paths;
+  for (int i = 0; i < count && i < static_cast<int>(storage.size()); ++i) {
+    paths.emplace_back(storage[static_cast<std::size_t>(i)].data());
+  }
+  return paths;
+}
+
+Origin PortsOrigin() {
+  // The library lists the paths of ZELTOCOM_PORTS whenever it is set, even
+  // empty, and the machine's serial ports only otherwise.
+  if (std::getenv("ZELTOCOM_PORTS") != nullptr) return {"ZELTOCOM_PORTS", "ZELTOCOM_PORTS"};
+  return {"system", "the system (/sys/class/tty)"};
+}
+
+std::vector<std::string> EnumeratedPorts() {
+  const int count = ZeltoCom_EnumPorts();
+  // The library empties the first 8 entries whatever the count.
+  PathBuffers buffers(static_cast<std::size_t>(std::max(count, 8)));
+  return buffers.First(count > 0 ? ZeltoCom_ListPortsDetected(buffers.pointers.data()) : 0);
+}
+
+std::string ResolvePort(const std::string& name, int baud) {
+  const std::vector<std::string> listed = EnumeratedPorts();
+  if (std::find(listed.begin(), listed.end(), name) != listed.end()) return name;
+  if (std::string path = ListedLinkTarget(name, listed); !path.empty()) return path;
+  if (std::string path = PortOfSerial(name, baud, listed.size()); !path.empty()) return path;
+  const std::string looked = "looked for a port of that path, a link to one and an instrument "
+                             "of that serial number among the " +
+                             Count(listed.size(), "port") + " of " + PortsOrigin().text;
+  Failure(name + ": no such instrument; " + looked +
+          (listed.empty() ? "" : " (" + Joined(listed) + ")"));
+}
 
 std::string LastError() {
   char text[ZELTOCOM_ERROR_TEXT_SIZE] = "";
@@ -45,13 +115,17 @@ std::string PortError(const std::string& path) {
   return ZeltoCom_GetError_DescriptionByPort(path.c_str(), text);
 }
 
-void OpenPort(const std::string& path, int baud) {
+std::string OpenPort(const std::string& name, int baud) {
+  const std::string path = ResolvePort(name, baud);
   int result = 0;
   {
     Progress progress("opening " + path);
     result = ZeltoCom_Open(path.c_str(), baud);
   }
+  // Only the path (too long) and the rate are refused before the line is tried.
+  if (result == -1) UsageError(path + ": " + PortError(path));
   Require(result, path);
+  return path;
 }
 
 void Require(int result, const std::string& path) {
@@ -110,6 +184,21 @@ std::vector<Answer> SendToEach(const std::vector<std::string>& paths, const std:
     answers.push_back(Outcome(results[i], responses[i], paths[i]));
   }
   return answers;
+}
+
+std::vector<Answer> AtOnce(const std::vector<std::string>& paths,
+                           const std::function<int(const std::string&)>& call) {
+  std::vector<Answer> outcomes(paths.size());
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    threads.emplace_back([&, i] {
+      outcomes[i].result = call(paths[i]);
+      // The library's last error is its own for each thread.
+      if (outcomes[i].result != 1) outcomes[i].error = LastError();
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  return outcomes;
 }
 
 std::string Expect(const Answer& answer, const std::string& where) {

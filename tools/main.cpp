@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
@@ -33,7 +34,8 @@ class Tool {
         "instrument\nor line failure (a time-out, an unplugged or busy instrument, a wrong "
         "model), 2 bad\nusage, 130 ended by Ctrl-C.");
     for (const auto add :
-         {AddPorts, AddDetect, AddSend, AddShell, AddCapture, AddChain, AddSequence, AddBin}) {
+         {AddPorts, AddDetect, AddSend, AddShell, AddCapture, AddChain, AddSequence, AddBin,
+          AddSpectrometer, AddTrigger, AddCalibrate, AddProject}) {
       subcommands_.push_back(add(root_));
     }
     help_ = root_.add_subcommand("help", "this text, or a command's");
@@ -110,13 +112,18 @@ class Tool {
     }
     if (Global().timeoutMs > 0) ZeltoCom_SetResponseTimeout(Global().timeoutMs);
     int status = kSuccess;
-    try {
-      status = run();
-    } catch (const Stop& stop) {
-      status = Report(name, stop);
-    } catch (const std::exception& error) {
-      status = Report(name, Stop{kFailure, error.what()});
+    {
+      const InterruptWatch watch;
+      try {
+        status = run();
+      } catch (const Stop& stop) {
+        // What an interrupt made fail is no failure of its own.
+        status = Interrupted() ? kInterrupted : Report(name, stop);
+      } catch (const std::exception& error) {
+        status = Report(name, Stop{kFailure, error.what()});
+      }
     }
+    if (Interrupted() && status != kSuccess) status = ReportInterrupt(name);
     ZeltoCom_CloseAll();
     // The closes are traced too; then the trace file is complete.
     if (trace) ZeltoCom_SetTrace(nullptr);
@@ -131,6 +138,20 @@ class Tool {
       PrintJson({{"error", stop.text}, {"exit_status", stop.status}});
     }
     return stop.status;
+  }
+
+  // Ctrl-C: the ports are closed; the instruments may go on with what they
+  // were told.
+  static int ReportInterrupt(const std::string& name) {
+    const std::string aftermath = AftermathText();
+    std::fprintf(stderr, "%s: interrupted; its ports are closed.%s\n", name.c_str(),
+                 aftermath.empty() ? "" : (" " + aftermath).c_str());
+    if (!Global().json.empty()) {
+      PrintJson({{"error", "interrupted"},
+                 {"exit_status", kInterrupted},
+                 {"aftermath", aftermath.empty() ? Json() : Json(aftermath)}});
+    }
+    return kInterrupted;
   }
 
   CLI::App root_;

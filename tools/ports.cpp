@@ -18,21 +18,6 @@
 namespace cli {
 namespace {
 
-struct PathBuffers {
-  explicit PathBuffers(std::size_t count)
-      : storage(count, std::vector<char>(ZELTOCOM_DEVICE_PATH_SIZE, '\0')) {
-    for (auto& buffer : storage) pointers.push_back(buffer.data());
-  }
-  std::vector<std::string> First(int count) const {
-    std::vector<std::string> paths;
-    for (int i = 0; i < count && i < static_cast<int>(storage.size()); ++i)
-      paths.emplace_back(storage[static_cast<std::size_t>(i)].data());
-    return paths;
-  }
-  std::vector<std::vector<char>> storage;
-  std::vector<char*> pointers;
-};
-
 // Who holds a port, as the kernel's list of locks tells without touching
 // the line. A ZeltoCom host takes an exclusive whole-file flock on each port
 // it opens; any other lock (POSIX or open-file-description record locks, a
@@ -84,33 +69,12 @@ std::string InUse(const Holders& holders, const std::string& process) {
   return holders.other ? "locked by another program" : "no";
 }
 
-// Where the library's list of ports came from: as the JSON names it and as
-// a person reads it.
-struct Origin {
-  const char* key;
-  const char* text;
-};
-
-Origin PortsOrigin() {
-  // The library lists the paths of ZELTOCOM_PORTS whenever it is set, even
-  // empty, and the machine's serial ports only otherwise.
-  if (std::getenv("ZELTOCOM_PORTS") != nullptr) return {"ZELTOCOM_PORTS", "ZELTOCOM_PORTS"};
-  return {"system", "the system (/sys/class/tty)"};
-}
-
 // A listing of ports says where its ports came from: a line above the
 // table, a member of the JSON.
 void PrintListing(const std::string& key, Json list, const Table& table) {
   const Origin origin = PortsOrigin();
   if (!JsonWanted() && !Global().csv) std::printf("Ports from %s\n", origin.text);
   PrintResult({{"ports_from", origin.key}, {key, std::move(list)}}, table);
-}
-
-std::vector<std::string> EnumeratedPorts() {
-  const int count = ZeltoCom_EnumPorts();
-  // The library empties the first 8 entries whatever the count.
-  PathBuffers buffers(static_cast<std::size_t>(std::max(count, 8)));
-  return buffers.First(count > 0 ? ZeltoCom_ListPortsDetected(buffers.pointers.data()) : 0);
 }
 
 int RunPorts() {

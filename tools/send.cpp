@@ -51,8 +51,7 @@ struct SendOptions {
 };
 
 int RunSend(const SendOptions& options) {
-  const std::string& path = options.port;
-  OpenPort(path, options.baud);
+  const std::string path = OpenPort(options.port, options.baud);
   Json exchanges = Json::array();
   int status = kSuccess;
   for (std::size_t i = 0; i < options.commands.size() && status == kSuccess; ++i) {
@@ -86,8 +85,7 @@ struct ShellOptions {
 };
 
 int RunShell(const ShellOptions& options) {
-  const std::string& path = options.port;
-  OpenPort(path, options.baud);
+  const std::string path = OpenPort(options.port, options.baud);
   const std::string serial = SerialOf(path);
   LineSource lines(serial + "> ");
   if (lines.terminal()) {

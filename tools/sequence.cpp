@@ -1,9 +1,11 @@
 // zeltocom sequence: a burst of captures on one fiber, its pattern and blinking.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
@@ -68,12 +70,11 @@ void Plot(const std::vector<int>& samples, double periodMs) {
 }
 
 int RunSequence(const SequenceOptions& options) {
-  const std::string& path = options.port;
   const int fiber = options.fiber;
   const bool finding = !options.find.empty();
   const std::pair<float, float> find = finding ? FindSpan(options.find) : std::pair<float, float>{};
   SequenceSettings settings{options.delay, options.captureTime, options.pause, options.samples};
-  OpenPort(path, options.baud);
+  const std::string path = OpenPort(options.port, options.baud);
   if (finding) {
     Progress progress("finding the settings");
     Require(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fiber, find.first, find.second,
@@ -86,6 +87,17 @@ int RunSequence(const SequenceOptions& options) {
           path);
   const std::string time = UtcNow();
   {
+    const auto start = std::chrono::steady_clock::now();
+    const long lastsMs = static_cast<long>(settings.startDelay) +
+                         static_cast<long>(settings.samples) *
+                             static_cast<long>(settings.captureTime + settings.pause);
+    const Aftermath aftermath([&] {
+      const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(
+          std::chrono::steady_clock::now() - start);
+      const long left = std::max(0L, lastsMs - static_cast<long>(passed.count()));
+      return "The analyser on " + path + " goes on sequencing for about " +
+             std::to_string((left + 999) / 1000) + " s more and answers nothing until then.";
+    });
     Progress progress("sequence of " + std::to_string(settings.samples) + " captures");
     Require(ZeltoCom_Sequence_Capture(path.c_str(), fiber), path);
   }
