@@ -1,6 +1,8 @@
 // zeltocom project: a project file's instruments opened, listed and closed.
+#include <cctype>
 #include <fstream>
 #include <memory>
+#include <optional>
 
 #include "commands.hpp"
 #include "library.hpp"
@@ -10,36 +12,50 @@
 namespace cli {
 namespace {
 
-// The IDs the file gives, in its order; the library, which reads the file
-// itself, then says which it knows.
-std::vector<std::string> IdsIn(std::ifstream& file) {
-  std::vector<std::string> ids;
-  for (std::string line; std::getline(file, line);) {
-    const std::size_t start = line.find_first_not_of(" \t");
-    if (start == std::string::npos || line.compare(start, 3, "ID=") != 0) continue;
-    std::string id = line.substr(start + 3);
-    while (!id.empty() && (id.back() == '\r' || id.back() == ' ' || id.back() == '\t')) {
-      id.pop_back();
-    }
-    if (!id.empty()) ids.push_back(id);
+// An instrument as the file names it.
+struct Named {
+  std::string id;
+  std::string serial;
+};
+
+// The value of `key` on a line "KEY=value", or none.
+std::optional<std::string> ValueOf(const std::string& line, const std::string& key) {
+  const std::size_t start = line.find_first_not_of(" \t");
+  if (start == std::string::npos || line.compare(start, key.size() + 1, key + "=") != 0) {
+    return std::nullopt;
   }
-  return ids;
+  std::string value = line.substr(start + key.size() + 1);
+  while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back()))) value.pop_back();
+  return value;
 }
 
-std::string AskById(const std::string& id, const std::string& command) {
-  std::vector<char> answer(ZELTOCOM_ANSWER_SIZE, '\0');
-  return ZeltoCom_SendByID(id.c_str(), command.c_str(), answer.data()) == 1 ? answer.data() : "";
+// The IDs and serial numbers the file gives, a section each; the library,
+// which reads the file itself, then says which it knows.
+std::vector<Named> NamedIn(std::ifstream& file) {
+  std::vector<Named> named;
+  for (std::string line; std::getline(file, line);) {
+    if (line.find("[DEVICE]") != std::string::npos) named.emplace_back();
+    if (named.empty()) continue;
+    if (const auto id = ValueOf(line, "ID")) named.back().id = *id;
+    if (const auto serial = ValueOf(line, "SERIALNUMBER")) named.back().serial = *serial;
+  }
+  return named;
 }
 
-Json Instrument(const std::string& id) {
+// A chained instrument answers through its port's own (the bus master).
+Answer Ask(const std::string& path, const std::string& serial, const std::string& command) {
+  return SerialOf(path) == serial ? Send(path, command) : ChainSend(path, serial, command);
+}
+
+Json Instrument(const Named& named) {
   char path[ZELTOCOM_DEVICE_PATH_SIZE + 1] = "";
-  ZeltoCom_GetPortByID(id.c_str(), path);
-  const std::string serial = AskById(id, "GETSERIAL");
-  const std::string model = AskById(id, "GETHW");
-  return {{"id", id},
+  ZeltoCom_GetPortByID(named.id.c_str(), path);
+  const Answer serial = Ask(path, named.serial, "GETSERIAL");
+  const Answer model = Ask(path, named.serial, "GETHW");
+  return {{"id", named.id},
           {"path", path},
-          {"serial", serial.empty() ? Json() : Json(AnswerJson(serial))},
-          {"model", model.empty() ? Json() : Json(AnswerJson(model))}};
+          {"serial", serial.ok() ? AnswerJson(serial.text) : Json()},
+          {"model", model.ok() ? AnswerJson(model.text) : Json()}};
 }
 
 int RunProject(const std::string& file) {
@@ -53,8 +69,9 @@ int RunProject(const std::string& file) {
   if (opened != 1) Failure(file + ": " + LastError());
   Json instruments = Json::array();
   Table table({{"id", "ID"}, {"path", "PORT"}, {"serial", "SERIAL"}, {"model", "MODEL"}});
-  for (const std::string& id : IdsIn(text)) {
-    const Json row = Instrument(id);
+  for (const Named& named : NamedIn(text)) {
+    if (named.id.empty()) continue;
+    const Json row = Instrument(named);
     instruments.push_back(row);
     table.Add(row);
   }
