@@ -138,7 +138,7 @@ void OpenPorts(const std::vector<std::string>& paths, int baud) {
   const std::vector<const char*> names = Pointers(paths);
   int result = 0;
   {
-    Progress progress("opening " + std::to_string(paths.size()) + " ports");
+    Progress progress("opening " + Count(paths.size(), "port"));
     result =
         ZeltoCom_Open_Multi(results.data(), names.data(), static_cast<int>(names.size()), baud);
   }
