@@ -1,6 +1,5 @@
 #include "args.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -8,96 +7,18 @@
 namespace cli {
 namespace {
 
-const std::vector<Option>& CommonOptions() {
-  static const std::vector<Option> options = {
-      {"--json", "", "print one JSON document instead of the table"},
-      {"--help", "", "this text"},
-  };
+GlobalOptions& MutableGlobal() {
+  static GlobalOptions options;
   return options;
 }
 
-std::string OptionLabel(const Option& option) {
-  return option.value.empty() ? option.name : option.name + " " + option.value;
+// Marks a word that followed "--"; no option or subcommand starts so.
+constexpr char kWordMark = '\x01';
+
+std::string Unmarked(std::string word) {
+  if (!word.empty() && word.front() == kWordMark) word.erase(0, 1);
+  return word;
 }
-
-}  // namespace
-
-void UsageError(const std::string& text) { throw Stop{kUsage, text}; }
-void Failure(const std::string& text) { throw Stop{kFailure, text}; }
-
-Option BaudOption() {
-  return {"--baud", "RATE", "open at RATE (9600 ... 921600) instead of searching the rate"};
-}
-Option RangeOption() { return {"--range", "N", "capture range 1 to 6 (default 0: automatic)"}; }
-Option PwmOption() { return {"--pwm", "", "capture in PWM mode (for pulsed lights)"}; }
-
-Args::Args(const Command& command, const std::vector<std::string>& words) : command_(command) {
-  bool optionsEnded = false;
-  for (std::size_t i = 0; i < words.size(); ++i) {
-    const std::string& word = words[i];
-    if (optionsEnded || word.size() < 2 || word.compare(0, 2, "--") != 0) {
-      operands_.push_back(word);
-      continue;
-    }
-    if (word == "--") {
-      optionsEnded = true;
-      continue;
-    }
-    const std::size_t equals = word.find('=');
-    const std::string name = word.substr(0, equals);
-    const Option* option = Find(name);
-    if (name == "--trace") {
-      UsageError("--trace goes before the command: zeltocom --trace " + command.name + " ...");
-    }
-    if (option == nullptr) UsageError("unknown option " + name);
-    std::string value;
-    if (option->value.empty()) {
-      if (equals != std::string::npos) UsageError(name + " takes no value");
-    } else if (equals != std::string::npos) {
-      value = word.substr(equals + 1);
-    } else if (i + 1 < words.size()) {
-      value = words[++i];
-    } else {
-      UsageError(name + " needs a value " + option->value);
-    }
-    if (Has(name) && !option->repeatable && !option->value.empty()) {
-      UsageError(name + " given twice");
-    }
-    values_[name].push_back(value);
-  }
-  if (Has("--help")) return;
-  const int count = static_cast<int>(operands_.size());
-  if (count < command.minOperands) UsageError("missing " + command.operands);
-  if (command.maxOperands >= 0 && count > command.maxOperands) {
-    UsageError("unexpected " + operands_[static_cast<std::size_t>(command.maxOperands)]);
-  }
-}
-
-const Option* Args::Find(const std::string& name) const {
-  for (const Option& option : command_.options) {
-    if (option.name == name) return &option;
-  }
-  for (const Option& option : CommonOptions()) {
-    if (option.name == name) return &option;
-  }
-  return nullptr;
-}
-
-std::string Args::Value(const std::string& name, const std::string& fallback) const {
-  const auto found = values_.find(name);
-  return found == values_.end() ? fallback : found->second.back();
-}
-
-std::vector<std::string> Args::Values(const std::string& name) const {
-  const auto found = values_.find(name);
-  return found == values_.end() ? std::vector<std::string>{} : found->second;
-}
-
-long Args::Whole(const std::string& name, long fallback, long min, long max) const {
-  return Has(name) ? ParseWhole(Value(name), name, min, max) : fallback;
-}
-
-int Args::Baud() const { return static_cast<int>(Whole("--baud", 0, 0, 100'000'000)); }
 
 long ParseWhole(const std::string& text, const std::string& what, long min, long max) {
   char* end = nullptr;
@@ -108,6 +29,77 @@ long ParseWhole(const std::string& text, const std::string& what, long min, long
                std::to_string(max) + ", got '" + text + "'");
   }
   return value;
+}
+
+}  // namespace
+
+void UsageError(const std::string& text) { throw Stop{kUsage, text}; }
+void Failure(const std::string& text) { throw Stop{kFailure, text}; }
+
+const GlobalOptions& Global() { return MutableGlobal(); }
+
+void AddGlobalOptions(CLI::App& root) {
+  GlobalOptions& options = MutableGlobal();
+  // A flag, so that the word after it stays a word; "=pretty" is its value.
+  root.add_flag("-j,--json", options.json,
+                "print JSON, one compact document a line (--json=pretty: indented)")
+      ->check([](const std::string& style) {
+        return style == "true" || style == "compact" || style == "pretty"
+                   ? std::string()
+                   : "--json=" + style + ": expected --json, --json=compact or --json=pretty";
+      });
+  root.add_flag("--csv", options.csv, "print tables as CSV");
+  root.add_option("--trace", options.trace,
+                  "write the library's wire trace to DESTINATION, a file or stderr (the default); "
+                  "--trace=DESTINATION after the command's words")
+      ->expected(0, 1)
+      ->type_name("[DESTINATION]");
+  root.add_option("-t,--timeout", options.timeoutMs,
+                  "wait up to MS ms for each answer (default 2500)")
+      ->check(CLI::Range(1, 3'600'000))
+      ->type_name("MS");
+}
+
+CLI::Option* AddOperand(CLI::App& app, const std::string& name, std::string& into,
+                        const std::string& help) {
+  return app.add_option(name, into, help)->transform(Unmarked)->type_name("");
+}
+
+CLI::Option* AddOperands(CLI::App& app, const std::string& name, std::vector<std::string>& into,
+                         const std::string& help) {
+  return app.add_option(name, into, help)->transform(Unmarked)->type_name("");
+}
+
+std::vector<std::string> MarkWordsAfterDashes(int argc, char** argv) {
+  std::vector<std::string> words;
+  bool afterDashes = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (afterDashes) {
+      words.push_back(kWordMark + word);
+    } else if (word == "--") {
+      afterDashes = true;
+    } else {
+      words.push_back(word);
+    }
+  }
+  return words;
+}
+
+void AddBaudOption(CLI::App& app, int& baud) {
+  app.add_option("-b,--baud", baud, "open at RATE (9600 ... 921600) instead of searching the rate")
+      ->check(CLI::Range(1, 100'000'000))
+      ->type_name("RATE");
+}
+
+void AddRangeOption(CLI::App& app, int& range) {
+  app.add_option("-r,--range", range, "capture range 1 to 6 (default 0: automatic)")
+      ->check(CLI::Range(0, 6))
+      ->type_name("N");
+}
+
+void AddPwmOption(CLI::App& app, bool& pwm) {
+  app.add_flag("-p,--pwm", pwm, "capture in PWM mode (for pulsed lights)");
 }
 
 double ParseNumber(const std::string& text, const std::string& what) {
@@ -132,19 +124,8 @@ std::pair<long, long> ParseSpan(const std::string& text, const std::string& what
   return {first, last};
 }
 
-std::string HelpText(const Command& command) {
-  std::string text = "Usage: zeltocom " + command.name;
-  if (!command.operands.empty()) text += " " + command.operands;
-  for (const Option& option : command.options) text += " [" + OptionLabel(option) + "]";
-  text += " [--json]\n\n" + command.summary + "\n\nOptions:\n";
-  std::vector<Option> all = command.options;
-  all.insert(all.end(), CommonOptions().begin(), CommonOptions().end());
-  for (const Option& option : all) {
-    std::string label = "  " + OptionLabel(option);
-    label.resize(std::max<std::size_t>(label.size() + 2, 18), ' ');
-    text += label + option.help + (option.repeatable ? " (repeatable)" : "") + "\n";
-  }
-  return text;
+std::string Count(std::size_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace cli

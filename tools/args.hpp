@@ -1,14 +1,17 @@
-// The subcommands' table entries, their command lines and the way they end.
+// The command line: the options every subcommand takes, the subcommands'
+// own (through CLI11), and the way a subcommand ends.
 #pragma once
 
-#include <map>
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace cli {
 
-enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
+// 130 is what a shell reports for a command ended by Ctrl-C.
+enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2, kInterrupted = 130 };
 
 // Thrown to end a subcommand: `status` becomes the exit status, `text` the
 // error printed (the library's own text where it has one).
@@ -19,65 +22,45 @@ struct Stop {
 [[noreturn]] void UsageError(const std::string& text);
 [[noreturn]] void Failure(const std::string& text);
 
-struct Option {
-  std::string name;   // "--range"
-  std::string value;  // "N"; empty for a switch
-  std::string help;
-  bool repeatable = false;
+// The options that stand before or after any subcommand's name.
+struct GlobalOptions {
+  std::string json;  // "" (tables); "pretty", or else compact
+  bool csv = false;
+  std::optional<std::string> trace;  // where the wire trace goes
+  int timeoutMs = 0;                 // 0: the library's own
+};
+const GlobalOptions& Global();
+// Declares them on the tool's root; the values land in Global().
+void AddGlobalOptions(CLI::App& root);
+
+// A subcommand as CLI11 parsed it, and what runs it then.
+struct Subcommand {
+  CLI::App* app;
+  std::function<int()> run;
 };
 
-class Args;
-using Handler = int (*)(const Args&);
+// A word of the command line that names something; words after "--" are
+// words, whatever they look like.
+CLI::Option* AddOperand(CLI::App& app, const std::string& name, std::string& into,
+                        const std::string& help);
+CLI::Option* AddOperands(CLI::App& app, const std::string& name, std::vector<std::string>& into,
+                         const std::string& help);
+// The command line with the words after the first "--" marked as such, for
+// CLI11, which would hand them to the root otherwise.
+std::vector<std::string> MarkWordsAfterDashes(int argc, char** argv);
 
-struct Command {
-  std::string name;
-  std::string operands;  // "PORT COMMAND..."
-  int minOperands;
-  int maxOperands;              // -1: any number
-  std::string brief;            // one line, for the list of commands
-  std::string summary;          // for the command's --help
-  std::vector<Option> options;  // --json and --help come with every command
-  Handler run;
-};
+// Options of every subcommand that opens a port.
+void AddBaudOption(CLI::App& app, int& baud);
+void AddRangeOption(CLI::App& app, int& range);
+void AddPwmOption(CLI::App& app, bool& pwm);
 
-// Options every subcommand that opens a port takes.
-Option BaudOption();
-Option RangeOption();
-Option PwmOption();
-
-class Args {
- public:
-  // Throws Stop (bad usage) for unknown options, missing values and a wrong
-  // number of operands; --help skips the operand check.
-  Args(const Command& command, const std::vector<std::string>& words);
-
-  const std::vector<std::string>& operands() const { return operands_; }
-  bool Has(const std::string& name) const { return values_.count(name) > 0; }
-  bool json() const { return Has("--json"); }
-  // The last value given for an option, or `fallback`.
-  std::string Value(const std::string& name, const std::string& fallback = "") const;
-  std::vector<std::string> Values(const std::string& name) const;
-  // A whole-number option within [min, max], or `fallback` when absent.
-  long Whole(const std::string& name, long fallback, long min, long max) const;
-  // --baud: 0 (search the rate) unless given; the library judges the rate.
-  int Baud() const;
-
- private:
-  const Option* Find(const std::string& name) const;
-
-  const Command& command_;
-  std::vector<std::string> operands_;
-  std::map<std::string, std::vector<std::string>> values_;
-};
-
-// `text` as a whole number within [min, max]; `what` names it in the error.
-long ParseWhole(const std::string& text, const std::string& what, long min, long max);
 // `text` as a number.
 double ParseNumber(const std::string& text, const std::string& what);
 // "A-B" or "A" as a span of whole numbers within [min, max].
 std::pair<long, long> ParseSpan(const std::string& text, const std::string& what, long min,
                                 long max);
 
-std::string HelpText(const Command& command);
+// "1 port", "3 ports".
+std::string Count(std::size_t count, const std::string& noun);
 
 }  // namespace cli

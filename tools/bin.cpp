@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "commands.hpp"
 #include "library.hpp"
@@ -24,10 +25,16 @@ Json BinOrNull(int result, const std::vector<char>& name) {
   return result == 1 ? Json(std::string(name.data())) : Json();
 }
 
-int RunPoint(const Args& args) {
-  const std::string& file = args.operands()[0];
-  const double x = ParseNumber(args.operands()[1], "X");
-  const double y = ParseNumber(args.operands()[2], "Y");
+struct BinOptions {
+  std::string file;
+  std::vector<std::string> point;  // X Y
+  bool check = false;
+};
+
+int RunPoint(const BinOptions& options) {
+  const std::string& file = options.file;
+  const double x = ParseNumber(options.point[0], "X");
+  const double y = ParseNumber(options.point[1], "Y");
   const int room = NameRoom(file);
   std::vector<char> exact(static_cast<std::size_t>(room), '\0');
   std::vector<char> established(static_cast<std::size_t>(room), '\0');
@@ -40,14 +47,13 @@ int RunPoint(const Args& args) {
   const Json other = BinOrNull(oneCrossing, established);
   const bool agree =
       found == oneCrossing && (found != 1 || std::strcmp(exact.data(), established.data()) == 0);
-  if (args.json()) {
-    PrintJson(Json::MakeObject()
-                  .Set("file", file)
-                  .Set("x", x)
-                  .Set("y", y)
-                  .Set("bin", bin)
-                  .Set("one_crossing_bin", other)
-                  .Set("rules_agree", agree));
+  if (JsonWanted()) {
+    PrintJson({{"file", file},
+               {"x", x},
+               {"y", y},
+               {"bin", bin},
+               {"one_crossing_bin", other},
+               {"rules_agree", agree}});
     return kSuccess;
   }
   std::printf("%s\n", found == 1 ? exact.data() : "(in no bin)");
@@ -74,63 +80,61 @@ std::string RiskReport(const std::string& file, int& listed) {
 // "NAME: reason; reason", the name being all before the last ": ".
 Json RiskRow(const std::string& line) {
   const std::size_t colon = line.rfind(": ");
-  Json reasons = Json::MakeArray();
+  Json reasons = Json::array();
   std::size_t start = colon + 2;
   while (start <= line.size()) {
     std::size_t end = line.find("; ", start);
     if (end == std::string::npos) end = line.size();
-    reasons.Push(line.substr(start, end - start));
+    reasons.push_back(line.substr(start, end - start));
     start = end + 2;
   }
-  return Json::MakeObject().Set("bin", line.substr(0, colon)).Set("reasons", reasons);
+  return {{"bin", line.substr(0, colon)}, {"reasons", reasons}};
 }
 
-int RunCheck(const Args& args) {
-  const std::string& file = args.operands()[0];
+int RunCheck(const BinOptions& options) {
+  const std::string& file = options.file;
   int listed = 0;
   const std::string report = RiskReport(file, listed);
-  if (args.json()) {
-    Json bins = Json::MakeArray();
+  if (JsonWanted()) {
+    Json bins = Json::array();
     std::size_t start = 0;
     for (int i = 0; i < listed; ++i) {
       std::size_t end = report.find('\n', start);
       if (end == std::string::npos) end = report.size();
-      bins.Push(RiskRow(report.substr(start, end - start)));
+      bins.push_back(RiskRow(report.substr(start, end - start)));
       start = end + 1;
     }
-    PrintJson(Json::MakeObject().Set("file", file).Set("bins", bins));
+    PrintJson({{"file", file}, {"bins", bins}});
   } else {
     std::printf("%s\n", listed > 0 ? report.c_str() : "(no bin at risk)");
   }
   return kSuccess;
 }
 
-int RunBin(const Args& args) {
-  const std::size_t operands = args.operands().size();
-  if (args.Has("--check")) {
-    if (operands != 1) UsageError("--check takes the VECFILE alone");
-    return RunCheck(args);
+int RunBin(const BinOptions& options) {
+  if (options.check) {
+    if (!options.point.empty()) UsageError("--check takes the VECFILE alone");
+    return RunCheck(options);
   }
-  if (operands != 3) UsageError("missing X Y");
-  return RunPoint(args);
+  if (options.point.size() != 2) UsageError("missing X Y");
+  return RunPoint(options);
 }
 
 }  // namespace
 
-Command BinCommand() {
-  return {"bin",
-          "VECFILE [X Y]",
-          1,
-          3,
-          "the bin of a chromaticity point",
-          "Names the first bin of the bin file VECFILE (.vec) that holds the chromaticity\n"
-          "point X, Y: inside its polygon, or on an edge. A point in no bin is no failure:\n"
-          "the answer is \"(in no bin)\", in JSON a null bin. When the established\n"
-          "one-crossing rule (ZeltoCom_Binning_GetBinFromVECFile) answers otherwise, a\n"
-          "note on stderr says so (in JSON: one_crossing_bin, rules_agree).\n"
-          "With --check, lists the bins whose shape that rule can misjudge, with why.",
-          {{"--check", "", "list the bins the one-crossing rule can misjudge"}},
-          RunBin};
+Subcommand AddBin(CLI::App& root) {
+  auto options = std::make_shared<BinOptions>();
+  CLI::App* app = root.add_subcommand("bin", "the bin of a chromaticity point");
+  app->footer("Names the first bin of the bin file VECFILE (.vec) that holds the chromaticity\n"
+              "point X, Y: inside its polygon, or on an edge. A point in no bin is no failure:\n"
+              "the answer is \"(in no bin)\", in JSON a null bin. When the established\n"
+              "one-crossing rule (ZeltoCom_Binning_GetBinFromVECFile) answers otherwise, a\n"
+              "note on stderr says so (in JSON: one_crossing_bin, rules_agree).\n"
+              "With --check, lists the bins whose shape that rule can misjudge, with why.");
+  AddOperand(*app, "VECFILE", options->file, "the bin file")->required();
+  AddOperands(*app, "X Y", options->point, "the point's chromaticity")->expected(0, 2);
+  app->add_flag("-c,--check", options->check, "list the bins the one-crossing rule can misjudge");
+  return {app, [options] { return RunBin(*options); }};
 }
 
 }  // namespace cli

@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
@@ -48,18 +50,18 @@ std::vector<Column> ReadingColumns(Column first) {
 
 // One fiber's readings from the answers to Readings(), in their order.
 Json FiberReadings(int fiber, const std::vector<Answer>& answers) {
-  Json row = Json::MakeObject().Set("fiber", fiber);
+  Json row = {{"fiber", fiber}};
   std::string errors;
   for (std::size_t r = 0; r < Readings().size(); ++r) {
     const Answer& answer = answers[r];
     std::istringstream words(answer.text);
     for (const std::string& field : Readings()[r].fields) {
       std::string word;
-      row.Set(field, answer.ok() && words >> word ? NumberOrText(word) : Json());
+      row[field] = answer.ok() && words >> word ? NumberOrText(word) : Json();
     }
     if (!answer.ok() && errors.empty()) errors = answer.error;
   }
-  if (!errors.empty()) row.Set("error", errors);
+  if (!errors.empty()) row["error"] = errors;
   return row;
 }
 
@@ -67,12 +69,13 @@ Json FiberReadings(int fiber, const std::vector<Answer>& answers) {
 // table too, under `key` = `name`. A failed reading makes `status` a failure.
 Json FiberRows(const std::vector<std::vector<Answer>>& answers, int first, Table& table,
                const std::string& key, const std::string& name, int& status) {
-  Json rows = Json::MakeArray();
+  Json rows = Json::array();
   for (std::size_t f = 0; f < answers.size(); ++f) {
     Json row = FiberReadings(first + static_cast<int>(f), answers[f]);
-    if (!row.Get("error").IsNull()) status = kFailure;
-    rows.Push(row);
-    table.Add(row.Set(key, name));
+    if (row.contains("error")) status = kFailure;
+    rows.push_back(row);
+    row[key] = name;
+    table.Add(row);
   }
   return rows;
 }
@@ -83,10 +86,19 @@ struct CaptureSettings {
   std::pair<long, long> fibers;  // {0, 0}: all of each instrument's
 };
 
-CaptureSettings Settings(const Args& args) {
-  CaptureSettings settings{
-      args.Has("--pwm") ? 1 : 0, static_cast<int>(args.Whole("--range", 0, 0, 6)), {0, 0}};
-  if (args.Has("--fibers")) settings.fibers = ParseSpan(args.Value("--fibers"), "--fibers", 1, 99);
+// The options capture and chain share.
+struct CaptureOptions {
+  std::vector<std::string> ports;  // capture's; chain's port is the first
+  std::vector<std::string> serials;
+  int range = 0;
+  bool pwm = false;
+  std::string fibers;
+  int baud = 0;
+};
+
+CaptureSettings Settings(const CaptureOptions& options) {
+  CaptureSettings settings{options.pwm ? 1 : 0, options.range, {0, 0}};
+  if (!options.fibers.empty()) settings.fibers = ParseSpan(options.fibers, "--fibers", 1, 99);
   return settings;
 }
 
@@ -99,27 +111,88 @@ std::pair<int, int> FibersToRead(const CaptureSettings& settings, int count,
                                  const std::string& where) {
   if (settings.fibers.first == 0) return {1, count};
   if (settings.fibers.second > count) {
-    UsageError("--fibers: " + where + " has " + std::to_string(count) + " fibers");
+    Failure("--fibers: " + where + " has " + Count(static_cast<std::size_t>(count), "fiber"));
   }
   return {static_cast<int>(settings.fibers.first), static_cast<int>(settings.fibers.second)};
 }
 
-// Each reading of each fiber is asked of all ports that captured at once:
+// One port of a capture: as named, as resolved, its fibers to read, and
+// why it failed once it has.
+struct CapturePort {
+  std::string name;
+  std::string path;
+  std::pair<int, int> fibers{0, 0};
+  std::string error;
+  bool ok() const { return error.empty(); }
+};
+
+std::vector<CapturePort*> Working(std::vector<CapturePort>& ports) {
+  std::vector<CapturePort*> working;
+  for (CapturePort& port : ports) {
+    if (port.ok()) working.push_back(&port);
+  }
+  return working;
+}
+
+std::vector<std::string> PathsOf(const std::vector<CapturePort*>& ports) {
+  std::vector<std::string> paths;
+  for (const CapturePort* port : ports) paths.push_back(port->path);
+  return paths;
+}
+
+// The ports the names stand for; a name that stands for none is that port's
+// failure, a port named twice bad usage.
+std::vector<CapturePort> Resolved(const std::vector<std::string>& names, int baud) {
+  std::vector<CapturePort> ports;
+  std::set<std::string> seen;
+  for (const std::string& name : names) {
+    CapturePort& port = ports.emplace_back();
+    port.name = name;
+    port.path = name;
+    try {
+      port.path = ResolvePort(name, baud);
+    } catch (const Stop& stop) {
+      port.error = stop.text;
+      continue;
+    }
+    if (!seen.insert(port.path).second) UsageError(port.path + " is named twice");
+  }
+  return ports;
+}
+
+// Notes each port's failure of one step done on all at once.
+void NoteFailures(const std::vector<CapturePort*>& ports, const std::vector<Answer>& outcomes) {
+  for (std::size_t i = 0; i < ports.size(); ++i) {
+    if (!outcomes[i].ok()) ports[i]->error = ports[i]->path + ": " + outcomes[i].error;
+  }
+}
+
+void LearnFibers(const std::vector<CapturePort*>& ports, const CaptureSettings& settings) {
+  const std::vector<Answer> counts = SendToEach(PathsOf(ports), "GETNFIB");
+  for (std::size_t i = 0; i < ports.size(); ++i) {
+    try {
+      ports[i]->fibers =
+          FibersToRead(settings, FiberCount(counts[i], ports[i]->path), ports[i]->path);
+    } catch (const Stop& stop) {
+      ports[i]->error = stop.text;
+    }
+  }
+}
+
+// Each reading of each fiber is asked of all ports at once:
 // answers[port][fiber - first fiber][reading].
-std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
-    const std::vector<std::string>& paths, const std::vector<std::pair<int, int>>& fibers,
-    const std::vector<int>& captured) {
+std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(const std::vector<CapturePort*>& ports) {
   Progress progress("reading the fibers");
-  std::vector<std::vector<std::vector<Answer>>> answers(paths.size());
+  std::vector<std::vector<std::vector<Answer>>> answers(ports.size());
   int lastFiber = 0;
-  for (const auto& span : fibers) lastFiber = std::max(lastFiber, span.second);
+  for (const CapturePort* port : ports) lastFiber = std::max(lastFiber, port->fibers.second);
   for (int fiber = 1; fiber <= lastFiber; ++fiber) {
     std::vector<std::size_t> asked;
     std::vector<std::string> askedPaths;
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      if (captured[i] == 1 && fiber >= fibers[i].first && fiber <= fibers[i].second) {
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+      if (fiber >= ports[i]->fibers.first && fiber <= ports[i]->fibers.second) {
         asked.push_back(i);
-        askedPaths.push_back(paths[i]);
+        askedPaths.push_back(ports[i]->path);
       }
     }
     if (asked.empty()) continue;
@@ -132,43 +205,49 @@ std::vector<std::vector<std::vector<Answer>>> ReadAtOnce(
   return answers;
 }
 
-int RunCapture(const Args& args) {
-  const CaptureSettings settings = Settings(args);
-  const std::vector<std::string>& paths = args.operands();
-  if (std::set<std::string>(paths.begin(), paths.end()).size() != paths.size()) {
-    UsageError("a port is named twice");
-  }
-  OpenPorts(paths, args.Baud());
-  const std::vector<Answer> counts = SendToEach(paths, "GETNFIB");
-  std::vector<std::pair<int, int>> fibers;
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    fibers.push_back(FibersToRead(settings, FiberCount(counts[i], paths[i]), paths[i]));
-  }
-
-  // The open ports are exactly ours, in our order.
-  std::vector<int> results(paths.size(), 0);
+int RunCapture(const CaptureOptions& options) {
+  const CaptureSettings settings = Settings(options);
+  std::vector<CapturePort> ports = Resolved(options.ports, options.baud);
   {
-    Progress progress("capturing on " + std::to_string(paths.size()) + " ports");
-    ZeltoCom_CaptureFromAll(results.data(), settings.pwm, settings.range, 0);
+    const std::vector<CapturePort*> working = Working(ports);
+    Progress progress("opening " + Count(working.size(), "port"));
+    NoteFailures(working, AtOnce(PathsOf(working), [&](const std::string& path) {
+                   return ZeltoCom_Open(path.c_str(), options.baud);
+                 }));
   }
-
-  const auto answers = ReadAtOnce(paths, fibers, results);
+  LearnFibers(Working(ports), settings);
+  const std::string time = UtcNow();
+  {
+    const std::vector<CapturePort*> working = Working(ports);
+    const Aftermath aftermath(
+        [] { return std::string("The analysers may still finish the capture they began."); });
+    Progress progress("capturing on " + Count(working.size(), "port"));
+    NoteFailures(working, AtOnce(PathsOf(working), [&](const std::string& path) {
+                   return ZeltoCom_Capture(path.c_str(), settings.pwm, settings.range, 0);
+                 }));
+  }
+  const std::vector<CapturePort*> captured = Working(ports);
+  const auto answers = ReadAtOnce(captured);
 
   int status = kSuccess;
-  Json ports = Json::MakeArray();
+  Json documents = Json::array();
   Table table(ReadingColumns({"port", "PORT"}));
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    Json port = Json::MakeObject().Set("path", paths[i]).Set("serial", SerialOf(paths[i]));
-    if (results[i] != 1) {
-      const std::string error = PortError(paths[i]);
-      port.Set("error", error);
-      std::fprintf(stderr, "zeltocom capture: %s: %s\n", paths[i].c_str(), error.c_str());
+  std::size_t next = 0;  // in `captured`
+  for (const CapturePort& port : ports) {
+    Json document = {{"path", port.path},
+                     {"serial", port.ok() ? Json(SerialOf(port.path)) : Json()}};
+    if (!port.ok()) {
+      std::fprintf(stderr, "zeltocom capture: %s\n", port.error.c_str());
+      document["error"] = port.error;
       status = kFailure;
+    } else {
+      document["time"] = time;
+      document["fibers"] =
+          FiberRows(answers[next++], port.fibers.first, table, "port", port.path, status);
     }
-    port.Set("fibers", FiberRows(answers[i], fibers[i].first, table, "port", paths[i], status));
-    ports.Push(port);
+    documents.push_back(document);
   }
-  PrintResult(args.json(), Json::MakeObject().Set("ports", ports), table);
+  PrintResult({{"ports", documents}}, table);
   return status;
 }
 
@@ -188,13 +267,11 @@ std::pair<int, std::vector<std::vector<Answer>>> ReadChained(const std::string& 
   return {first, answers};
 }
 
-int RunChain(const Args& args) {
-  const CaptureSettings settings = Settings(args);
-  const std::string& path = args.operands().front();
-  OpenPort(path, args.Baud());
+int RunChain(const CaptureOptions& options) {
+  const CaptureSettings settings = Settings(options);
+  const std::string path = OpenPort(options.ports.front(), options.baud);
   std::vector<std::string> serials = {SerialOf(path)};
-  for (std::size_t i = 1; i < args.operands().size(); ++i) {
-    const std::string& serial = args.operands()[i];
+  for (const std::string& serial : options.serials) {
     // The port's own instrument (which the library accepts) is read once.
     if (std::find(serials.begin(), serials.end(), serial) != serials.end()) continue;
     if (ZeltoCom_DaisyChain_Add(path.c_str(), serial.c_str()) != 1) {
@@ -203,6 +280,7 @@ int RunChain(const Args& args) {
     serials.push_back(serial);
   }
   int captured = 0;
+  const std::string time = UtcNow();
   {
     Progress progress("capturing on the chain of " + path);
     captured = ZeltoCom_DaisyChain_Capture(path.c_str(), settings.pwm, settings.range, 0);
@@ -217,48 +295,54 @@ int RunChain(const Args& args) {
     }
   }
   int status = kSuccess;
-  Json instruments = Json::MakeArray();
+  Json instruments = Json::array();
   Table table(ReadingColumns({"serial", "SERIAL"}));
   for (std::size_t i = 0; i < serials.size(); ++i) {
     const auto& [first, fibers] = answers[i];
     Json rows = FiberRows(fibers, first, table, "serial", serials[i], status);
-    instruments.Push(Json::MakeObject().Set("serial", serials[i]).Set("fibers", rows));
+    instruments.push_back({{"serial", serials[i]}, {"fibers", rows}});
   }
-  PrintResult(args.json(), Json::MakeObject().Set("port", path).Set("instruments", instruments),
-              table);
+  PrintResult({{"port", path}, {"time", time}, {"instruments", instruments}}, table);
   return status;
 }
 
-Option FibersOption() {
-  return {"--fibers", "A-B", "read only fibers A to B (or one fiber A); default all"};
+// The options capture and chain share.
+void AddCaptureOptions(CLI::App& app, CaptureOptions& options) {
+  AddRangeOption(app, options.range);
+  AddPwmOption(app, options.pwm);
+  app.add_option("-f,--fibers", options.fibers,
+                 "read only fibers A to B (or one fiber A); default all")
+      ->type_name("A-B");
+  AddBaudOption(app, options.baud);
 }
 
 }  // namespace
 
-Command CaptureCommand() {
-  return {"capture",
-          "PORT...",
-          1,
-          -1,
-          "capture on several ports at once, print the readings",
-          "Opens the LED analysers on the PORTs, captures on all of them at once and\n"
-          "prints each fiber's readings: chromaticity x and y, intensity, dominant\n"
-          "wavelength (nm), colour temperature (K) and the red, green and blue shares.",
-          {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
-          RunCapture};
+Subcommand AddCapture(CLI::App& root) {
+  auto options = std::make_shared<CaptureOptions>();
+  CLI::App* app =
+      root.add_subcommand("capture", "capture on several ports at once, print the readings");
+  app->footer("Opens the LED analysers on the PORTs, captures on all of them at once and\n"
+              "prints each fiber's readings: chromaticity x and y, intensity, dominant\n"
+              "wavelength (nm), colour temperature (K) and the red, green and blue shares.");
+  AddOperands(*app, "PORT", options->ports, "the analysers' ports")->required();
+  AddCaptureOptions(*app, *options);
+  return {app, [options] { return RunCapture(*options); }};
 }
 
-Command ChainCommand() {
-  return {"chain",
-          "PORT SERIAL...",
-          2,
-          -1,
-          "capture on a daisy chain, print every instrument's readings",
-          "Opens the instrument on PORT, adds the instruments with the SERIAL numbers\n"
-          "daisy-chained behind it, captures on the whole chain at once and prints every\n"
-          "instrument's readings, the one on PORT first.",
-          {RangeOption(), PwmOption(), FibersOption(), BaudOption()},
-          RunChain};
+Subcommand AddChain(CLI::App& root) {
+  auto options = std::make_shared<CaptureOptions>();
+  options->ports.resize(1);
+  CLI::App* app =
+      root.add_subcommand("chain", "capture on a daisy chain, print every instrument's readings");
+  app->footer("Opens the instrument on PORT, adds the instruments with the SERIAL numbers\n"
+              "daisy-chained behind it, captures on the whole chain at once and prints every\n"
+              "instrument's readings, the one on PORT first.");
+  AddOperand(*app, "PORT", options->ports.front(), "the chain's port")->required();
+  AddOperands(*app, "SERIAL", options->serials, "the chained instruments' serial numbers")
+      ->required();
+  AddCaptureOptions(*app, *options);
+  return {app, [options] { return RunChain(*options); }};
 }
 
 }  // namespace cli

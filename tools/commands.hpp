@@ -1,17 +1,22 @@
-// The subcommands, one table entry each.
+// The subcommands: each declares its words and options on the tool's root
+// and gives back what runs it.
 #pragma once
 
 #include "args.hpp"
 
 namespace cli {
 
-Command PortsCommand();
-Command DetectCommand();
-Command SendCommand();
-Command ShellCommand();
-Command CaptureCommand();
-Command ChainCommand();
-Command SequenceCommand();
-Command BinCommand();
+Subcommand AddPorts(CLI::App& root);
+Subcommand AddDetect(CLI::App& root);
+Subcommand AddSend(CLI::App& root);
+Subcommand AddShell(CLI::App& root);
+Subcommand AddCapture(CLI::App& root);
+Subcommand AddChain(CLI::App& root);
+Subcommand AddSequence(CLI::App& root);
+Subcommand AddBin(CLI::App& root);
+Subcommand AddSpectrometer(CLI::App& root);
+Subcommand AddTrigger(CLI::App& root);
+Subcommand AddCalibrate(CLI::App& root);
+Subcommand AddProject(CLI::App& root);
 
 }  // namespace cli

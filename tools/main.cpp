@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <optional>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
@@ -12,120 +12,155 @@
 namespace cli {
 namespace {
 
-const std::vector<Command>& Commands() {
-  static const std::vector<Command> commands = {
-      PortsCommand(),   DetectCommand(), SendCommand(),     ShellCommand(),
-      CaptureCommand(), ChainCommand(),  SequenceCommand(), BinCommand(),
-  };
-  return commands;
-}
-
-std::string Overview() {
+// "3.1.0", as a version number stands in "zeltocom 3.1.0".
+std::string LibraryVersion() {
   char version[32] = "";
   ZeltoCom_GetLibraryVersion(version);
-  std::string text =
-      "Usage: zeltocom [--trace [DESTINATION]] COMMAND [ARGUMENTS] [--json]\n\n"
-      "Drives LED analysers and spectrometers through ZeltoCom " +
-      std::string(version) +
-      ".\n"
-      "The library sees the ports listed in ZELTOCOM_PORTS (\"path1;path2\") when it is set.\n\n"
-      "Commands:\n";
-  for (const Command& command : Commands()) {
-    std::string usage = "  " + command.name + " " + command.operands;
-    usage.resize(std::max<std::size_t>(usage.size() + 2, 26), ' ');
-    text += usage + command.brief + "\n";
-  }
-  return text + "\n--trace [DESTINATION] writes the library's wire trace of the command (every\n"
-                "command sent, every answer received) to DESTINATION: a file, or stderr (the\n"
-                "default).\n"
-                "\n'zeltocom COMMAND --help' tells more. Exit status: 0 success, 1 an instrument\n"
-                "failure or time-out, 2 bad usage.\n";
+  return version[0] == 'v' ? version + 1 : version;
 }
 
-const Command* Find(const std::string& name) {
-  for (const Command& command : Commands()) {
-    if (command.name == name) return &command;
+// The root: its own options, every subcommand, and "help COMMAND".
+class Tool {
+ public:
+  Tool() : root_("Drives LED analysers and spectrometers through ZeltoCom.", "zeltocom") {
+    root_.set_version_flag("--version", "zeltocom " + LibraryVersion());
+    root_.fallthrough();  // the root's options also after a subcommand's words
+    root_.require_subcommand(1);
+    AddGlobalOptions(root_);
+    root_.footer(
+        "The library sees the ports listed in ZELTOCOM_PORTS (\"path1;path2\") when it is "
+        "set.\n'zeltocom COMMAND --help' or 'zeltocom help COMMAND' tells more. Options may "
+        "stand\nanywhere after the command; \"--\" ends them. Exit status: 0 success, 1 an "
+        "instrument\nor line failure (a time-out, an unplugged or busy instrument, a wrong "
+        "model), 2 bad\nusage, 130 ended by Ctrl-C.");
+    for (const auto add :
+         {AddPorts, AddDetect, AddSend, AddShell, AddCapture, AddChain, AddSequence, AddBin,
+          AddSpectrometer, AddTrigger, AddCalibrate, AddProject}) {
+      subcommands_.push_back(add(root_));
+    }
+    help_ = root_.add_subcommand("help", "this text, or a command's");
+    AddOperand(*help_, "COMMAND", helpTopic_, "the command to tell about");
   }
-  return nullptr;
-}
 
-int Run(const Command& command, const std::vector<std::string>& words) {
-  const Args args(command, words);
-  if (args.Has("--help")) {
-    std::fputs(HelpText(command).c_str(), stdout);
+  int Run(int argc, char** argv) {
+    std::vector<std::string> words = MarkWordsAfterDashes(argc, argv);
+    std::reverse(words.begin(), words.end());  // as CLI11 takes them
+    try {
+      root_.parse(words);
+    } catch (const CLI::CallForHelp&) {
+      // CLI11 takes a bare "help" for a call for help of its own.
+      return Parsed() == help_ ? RunHelp() : PrintHelp(Parsed());
+    } catch (const CLI::CallForVersion& version) {
+      std::printf("%s\n", version.what());
+      return kSuccess;
+    } catch (const CLI::ParseError& error) {
+      const bool noCommand = Parsed() == nullptr && argc == 1;
+      if (noCommand) {
+        PrintHelp(nullptr, stderr);
+        return kUsage;
+      }
+      const std::vector<std::string> unknown = root_.remaining();
+      if (Parsed() == nullptr && !unknown.empty()) {
+        return Report("zeltocom", Stop{kUsage, "unknown command '" + unknown.front() + "'"});
+      }
+      return Report(Name(Parsed()), Stop{kUsage, error.what()});
+    }
+    if (Global().csv && !Global().json.empty()) {
+      return Report(Name(Parsed()), Stop{kUsage, "--json and --csv exclude each other"});
+    }
+    if (help_->parsed()) return RunHelp();
+    CLI::App* chosen = Parsed();
+    for (const Subcommand& subcommand : subcommands_) {
+      if (subcommand.app == chosen) return RunSubcommand(Name(chosen), subcommand.run);
+    }
+    return kUsage;
+  }
+
+ private:
+  CLI::App* Parsed() const {
+    const std::vector<CLI::App*> parsed = root_.get_subcommands();
+    return parsed.empty() ? nullptr : parsed.front();
+  }
+
+  static std::string Name(const CLI::App* app) {
+    return app == nullptr ? "zeltocom" : "zeltocom " + app->get_name();
+  }
+
+  int PrintHelp(const CLI::App* app, std::FILE* to = stdout) const {
+    // The root's own help: CLI11's help() would be that of the parsed subcommand.
+    const std::string text = app == nullptr ? root_.get_formatter()->make_help(
+                                                  &root_, "zeltocom", CLI::AppFormatMode::Normal)
+                                            : app->help("zeltocom");
+    std::fputs(text.c_str(), to);
     return kSuccess;
   }
-  return command.run(args);
-}
 
-// The options before the command; `next` is then the command's place.
-struct GlobalOptions {
-  std::optional<std::string> trace;  // where the wire trace goes
-  int next = 1;
-};
-
-GlobalOptions ReadGlobalOptions(int argc, char** argv) {
-  GlobalOptions options;
-  for (; options.next < argc; ++options.next) {
-    const std::string word = argv[options.next];
-    if (word.rfind("--trace=", 0) == 0) {
-      options.trace = word.substr(8);
-    } else if (word == "--trace") {
-      // The destination is optional: a command's name or an option is none.
-      const bool given = options.next + 1 < argc && argv[options.next + 1][0] != '-' &&
-                         Find(argv[options.next + 1]) == nullptr;
-      options.trace = given ? argv[++options.next] : "stderr";
-    } else {
-      break;
+  int RunHelp() const {
+    if (helpTopic_.empty()) return PrintHelp(nullptr);
+    for (const Subcommand& subcommand : subcommands_) {
+      if (subcommand.app->get_name() == helpTopic_) return PrintHelp(subcommand.app);
     }
+    return Report("zeltocom help", Stop{kUsage, "no command '" + helpTopic_ + "'"});
   }
-  return options;
-}
 
-// The error on stderr; with --json the JSON on stdout carries it too.
-int Report(const std::string& name, const Stop& stop, bool json) {
-  std::fprintf(stderr, "zeltocom %s: %s\n", name.c_str(), stop.text.c_str());
-  if (stop.status == kUsage) std::fprintf(stderr, "Try 'zeltocom %s --help'.\n", name.c_str());
-  if (json) {
-    PrintJson(Json::MakeObject().Set("error", stop.text).Set("exit_status", stop.status));
+  static int RunSubcommand(const std::string& name, const std::function<int()>& run) {
+    // No answer is cut: the library refuses longer ones itself.
+    ZeltoCom_SetResponseBufferSize(ZELTOCOM_ANSWER_SIZE);
+    const std::optional<std::string>& trace = Global().trace;
+    if (trace && ZeltoCom_SetTrace(trace->empty() ? "stderr" : trace->c_str()) != 1) {
+      return Report(name, Stop{kUsage, "--trace: " + LastError()});
+    }
+    if (Global().timeoutMs > 0) ZeltoCom_SetResponseTimeout(Global().timeoutMs);
+    int status = kSuccess;
+    {
+      const InterruptWatch watch;
+      try {
+        status = run();
+      } catch (const Stop& stop) {
+        // What an interrupt made fail is no failure of its own.
+        status = Interrupted() ? kInterrupted : Report(name, stop);
+      } catch (const std::exception& error) {
+        status = Report(name, Stop{kFailure, error.what()});
+      }
+    }
+    if (Interrupted() && status != kSuccess) status = ReportInterrupt(name);
+    ZeltoCom_CloseAll();
+    // The closes are traced too; then the trace file is complete.
+    if (trace) ZeltoCom_SetTrace(nullptr);
+    return status;
   }
-  return stop.status;
-}
+
+  // The error on stderr; with --json the JSON on stdout carries it too.
+  static int Report(const std::string& name, const Stop& stop) {
+    std::fprintf(stderr, "%s: %s\n", name.c_str(), stop.text.c_str());
+    if (stop.status == kUsage) std::fprintf(stderr, "Try '%s --help'.\n", name.c_str());
+    if (!Global().json.empty()) {
+      PrintJson({{"error", stop.text}, {"exit_status", stop.status}});
+    }
+    return stop.status;
+  }
+
+  // Ctrl-C: the ports are closed; the instruments may go on with what they
+  // were told.
+  static int ReportInterrupt(const std::string& name) {
+    const std::string aftermath = AftermathText();
+    std::fprintf(stderr, "%s: interrupted; its ports are closed.%s\n", name.c_str(),
+                 aftermath.empty() ? "" : (" " + aftermath).c_str());
+    if (!Global().json.empty()) {
+      PrintJson({{"error", "interrupted"},
+                 {"exit_status", kInterrupted},
+                 {"aftermath", aftermath.empty() ? Json() : Json(aftermath)}});
+    }
+    return kInterrupted;
+  }
+
+  CLI::App root_;
+  std::vector<Subcommand> subcommands_;
+  CLI::App* help_ = nullptr;
+  std::string helpTopic_;
+};
 
 }  // namespace
 }  // namespace cli
 
-int main(int argc, char** argv) {
-  using namespace cli;
-  const GlobalOptions global = ReadGlobalOptions(argc, argv);
-  const std::vector<std::string> words(argv + std::min(argc, global.next + 1), argv + argc);
-  const std::string name = global.next < argc ? argv[global.next] : "";
-  if (name == "--help" || name == "-h" || name == "help") {
-    std::fputs(Overview().c_str(), stdout);
-    return kSuccess;
-  }
-  const Command* command = Find(name);
-  if (command == nullptr) {
-    if (!name.empty()) std::fprintf(stderr, "zeltocom: unknown command '%s'\n\n", name.c_str());
-    std::fputs(Overview().c_str(), stderr);
-    return kUsage;
-  }
-  const bool json = std::find(words.begin(), words.end(), "--json") != words.end();
-  // No answer is cut: the library refuses longer ones itself.
-  ZeltoCom_SetResponseBufferSize(ZELTOCOM_ANSWER_SIZE);
-  if (global.trace && ZeltoCom_SetTrace(global.trace->c_str()) != 1) {
-    return Report(name, Stop{kUsage, "--trace: " + LastError()}, json);
-  }
-  int status = kSuccess;
-  try {
-    status = Run(*command, words);
-  } catch (const Stop& stop) {
-    status = Report(name, stop, json);
-  } catch (const std::exception& error) {
-    status = Report(name, Stop{kFailure, error.what()}, json);
-  }
-  ZeltoCom_CloseAll();
-  // The closes are traced too; then the trace file is complete.
-  if (global.trace) ZeltoCom_SetTrace(nullptr);
-  return status;
-}
+int main(int argc, char** argv) { return cli::Tool().Run(argc, argv); }

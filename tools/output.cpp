@@ -5,20 +5,34 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "args.hpp"
+
 namespace cli {
 
-void Table::Print() const {
-  std::vector<std::size_t> widths;
-  for (const Column& column : columns_) widths.push_back(column.title.size());
-  std::vector<std::vector<std::string>> cells;
-  for (const Json& row : rows_) {
-    std::vector<std::string>& line = cells.emplace_back();
-    for (std::size_t c = 0; c < columns_.size(); ++c) {
-      line.push_back(row.Get(columns_[c].key).Text());
-      widths[c] = std::max(widths[c], line.back().size());
-    }
+namespace {
+
+// A CSV field: quoted when it holds a separator, a quote or a line end.
+std::string CsvField(const std::string& text) {
+  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return quoted + "\"";
+}
+
+void PrintCsv(const std::vector<std::vector<std::string>>& lines) {
+  for (const auto& line : lines) {
+    std::string text;
+    for (const std::string& cell : line) text += (text.empty() ? "" : ",") + CsvField(cell);
+    std::printf("%s\r\n", text.c_str());
   }
-  auto print = [&](const std::vector<std::string>& line) {
+}
+
+void PrintAligned(const std::vector<std::vector<std::string>>& lines) {
+  std::vector<std::size_t> widths(lines.front().size(), 0);
+  for (const auto& line : lines) {
+    for (std::size_t c = 0; c < line.size(); ++c) widths[c] = std::max(widths[c], line[c].size());
+  }
+  for (const auto& line : lines) {
     std::string text;
     for (std::size_t c = 0; c < line.size(); ++c) {
       std::string cell = line[c];
@@ -26,17 +40,42 @@ void Table::Print() const {
       text += cell;
     }
     std::printf("%s\n", text.c_str());
-  };
-  std::vector<std::string> titles;
-  for (const Column& column : columns_) titles.push_back(column.title);
-  print(titles);
-  for (const auto& line : cells) print(line);
+  }
 }
 
-void PrintJson(const Json& document) { std::fputs(document.Dump().c_str(), stdout); }
+}  // namespace
 
-void PrintResult(bool json, const Json& document, const Table& table) {
-  if (json) {
+// The titles' line, then one line per row. CSV names the columns by their
+// keys, which a program reading it knows from the JSON too.
+std::vector<std::vector<std::string>> Table::Cells() const {
+  std::vector<std::vector<std::string>> lines(1);
+  for (const Column& column : columns_) {
+    lines.front().push_back(Global().csv ? column.key : column.title);
+  }
+  for (const Json& row : rows_) {
+    std::vector<std::string>& line = lines.emplace_back();
+    for (const Column& column : columns_) line.push_back(CellText(row.value(column.key, Json())));
+  }
+  return lines;
+}
+
+void Table::Print() const {
+  if (Global().csv) {
+    PrintCsv(Cells());
+  } else {
+    PrintAligned(Cells());
+  }
+}
+
+bool JsonWanted() { return !Global().json.empty(); }
+
+void PrintJson(const Json& document) {
+  std::fputs(Dump(document).c_str(), stdout);
+  std::fflush(stdout);
+}
+
+void PrintResult(const Json& document, const Table& table) {
+  if (JsonWanted()) {
     PrintJson(document);
   } else {
     table.Print();

@@ -21,17 +21,22 @@ class Table {
  public:
   explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
   void Add(const Json& row) { rows_.push_back(row); }
+  // Aligned columns under their titles, or CSV with --csv.
   void Print() const;
 
  private:
+  std::vector<std::vector<std::string>> Cells() const;
+
   std::vector<Column> columns_;
   std::vector<Json> rows_;
 };
 
+// Whether --json asked for JSON instead of tables.
+bool JsonWanted();
 // Writes the JSON to stdout.
 void PrintJson(const Json& document);
-// The JSON with --json, else the table.
-void PrintResult(bool json, const Json& document, const Table& table);
+// The JSON with --json, else the table (as CSV with --csv).
+void PrintResult(const Json& document, const Table& table);
 
 bool StdoutIsTerminal();
 

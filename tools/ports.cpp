@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 
 #include "commands.hpp"
@@ -16,21 +17,6 @@
 
 namespace cli {
 namespace {
-
-struct PathBuffers {
-  explicit PathBuffers(std::size_t count)
-      : storage(count, std::vector<char>(ZELTOCOM_DEVICE_PATH_SIZE, '\0')) {
-    for (auto& buffer : storage) pointers.push_back(buffer.data());
-  }
-  std::vector<std::string> First(int count) const {
-    std::vector<std::string> paths;
-    for (int i = 0; i < count && i < static_cast<int>(storage.size()); ++i)
-      paths.emplace_back(storage[static_cast<std::size_t>(i)].data());
-    return paths;
-  }
-  std::vector<std::vector<char>> storage;
-  std::vector<char*> pointers;
-};
 
 // Who holds a port, as the kernel's list of locks tells without touching
 // the line. A ZeltoCom host takes an exclusive whole-file flock on each port
@@ -83,53 +69,30 @@ std::string InUse(const Holders& holders, const std::string& process) {
   return holders.other ? "locked by another program" : "no";
 }
 
-// Where the library's list of ports came from: as the JSON names it and as
-// a person reads it.
-struct Origin {
-  const char* key;
-  const char* text;
-};
-
-Origin PortsOrigin() {
-  // The library lists the paths of ZELTOCOM_PORTS whenever it is set, even
-  // empty, and the machine's serial ports only otherwise.
-  if (std::getenv("ZELTOCOM_PORTS") != nullptr) return {"ZELTOCOM_PORTS", "ZELTOCOM_PORTS"};
-  return {"system", "the system (/sys/class/tty)"};
-}
-
 // A listing of ports says where its ports came from: a line above the
 // table, a member of the JSON.
-void PrintListing(bool json, const std::string& key, Json list, const Table& table) {
+void PrintListing(const std::string& key, Json list, const Table& table) {
   const Origin origin = PortsOrigin();
-  if (!json) std::printf("Ports from %s\n", origin.text);
-  Json document = Json::MakeObject();
-  document.Set("ports_from", origin.key).Set(key, std::move(list));
-  PrintResult(json, document, table);
+  if (!JsonWanted() && !Global().csv) std::printf("Ports from %s\n", origin.text);
+  PrintResult({{"ports_from", origin.key}, {key, std::move(list)}}, table);
 }
 
-std::vector<std::string> EnumeratedPorts() {
-  const int count = ZeltoCom_EnumPorts();
-  // The library empties the first 8 entries whatever the count.
-  PathBuffers buffers(static_cast<std::size_t>(std::max(count, 8)));
-  return buffers.First(count > 0 ? ZeltoCom_ListPortsDetected(buffers.pointers.data()) : 0);
-}
-
-int RunPorts(const Args& args) {
-  Json ports = Json::MakeArray();
+int RunPorts() {
+  Json ports = Json::array();
   Table table({{"path", "PORT"}, {"in_use", "OPEN"}});
   for (const std::string& path : EnumeratedPorts()) {
     const Holders holders = HoldersOf(path);
     const std::string process = holders.pid > 0 ? ProcessName(holders.pid) : "";
-    Json row = Json::MakeObject();
-    row.Set("path", path).Set("open", holders.zeltocom);
-    row.Set("pid", holders.pid > 0 ? Json(holders.pid) : Json());
-    row.Set("process", holders.pid > 0 ? Json(process) : Json());
-    row.Set("locked_by_other", holders.other);
-    ports.Push(row);
-    row.Set("in_use", InUse(holders, process));
+    Json row = {{"path", path},
+                {"open", holders.zeltocom},
+                {"pid", holders.pid > 0 ? Json(holders.pid) : Json()},
+                {"process", holders.pid > 0 ? Json(process) : Json()},
+                {"locked_by_other", holders.other}};
+    ports.push_back(row);
+    row["in_use"] = InUse(holders, process);
     table.Add(row);
   }
-  PrintListing(args.json(), "ports", ports, table);
+  PrintListing("ports", ports, table);
   return kSuccess;
 }
 
@@ -138,25 +101,29 @@ Json Identity(const std::string& path) {
   char type[32] = "";
   ZeltoCom_GetDeviceType(path.c_str(), type);
   const Answer model = Send(path, "GETHW");
-  Json row = Json::MakeObject();
-  row.Set("path", path).Set("serial", SerialOf(path));
-  row.Set("baud", ZeltoCom_GetBaudrate(path.c_str()));
-  row.Set("model", model.ok() ? Json(model.text) : Json());
-  row.Set("type", type);
-  return row;
+  return {{"path", path},
+          {"serial", SerialOf(path)},
+          {"baud", ZeltoCom_GetBaudrate(path.c_str())},
+          {"model", model.ok() ? Json(model.text) : Json()},
+          {"type", type}};
 }
 
-int RunDetect(const Args& args) {
-  const int baud = args.Baud();
+struct DetectOptions {
+  std::vector<std::string> filters;
+  int baud = 0;
+};
+
+int RunDetect(const DetectOptions& options) {
+  const int baud = options.baud;
   ZeltoCom_ClearDetectionFilters();
-  for (const std::string& filter : args.Values("--filter")) {
+  for (const std::string& filter : options.filters) {
     ZeltoCom_AddDetectionFilter(filter.c_str());
   }
   const std::vector<std::string> enumerated = EnumeratedPorts();
   PathBuffers detected(std::max<std::size_t>(enumerated.size(), 1));
   int found = 0;
   {
-    Progress progress("detecting on " + std::to_string(enumerated.size()) + " ports");
+    Progress progress("detecting on " + Count(enumerated.size(), "port"));
     found = ZeltoCom_Detect(detected.pointers.data(), baud);
   }
   if (found < 0) UsageError(LastError());
@@ -164,7 +131,7 @@ int RunDetect(const Args& args) {
   // remembers each path's rate.
   const std::vector<std::string> paths = detected.First(found);
   if (!paths.empty()) OpenPorts(paths, baud);
-  Json instruments = Json::MakeArray();
+  Json instruments = Json::array();
   Table table({{"path", "PORT"},
                {"serial", "SERIAL"},
                {"baud", "BAUD"},
@@ -172,40 +139,36 @@ int RunDetect(const Args& args) {
                {"type", "TYPE"}});
   for (const std::string& path : paths) {
     const Json row = Identity(path);
-    instruments.Push(row);
+    instruments.push_back(row);
     table.Add(row);
   }
-  PrintListing(args.json(), "instruments", instruments, table);
+  PrintListing("instruments", instruments, table);
   return kSuccess;
 }
 
 }  // namespace
 
-Command PortsCommand() {
-  return {"ports",
-          "",
-          0,
-          0,
-          "the serial ports, and which are in use",
-          "Lists the serial ports (those of ZELTOCOM_PORTS when it is set, even empty)\n"
-          "and where the list came from; for each port, whether a process holds it open\n"
-          "through ZeltoCom (pid and name) or another program has locked it. Opens nothing.",
-          {},
-          RunPorts};
+Subcommand AddPorts(CLI::App& root) {
+  CLI::App* app = root.add_subcommand("ports", "the serial ports, and which are in use");
+  app->footer("Lists the serial ports (those of ZELTOCOM_PORTS when it is set, even empty)\n"
+              "and where the list came from; for each port, whether a process holds it open\n"
+              "through ZeltoCom (pid and name) or another program has locked it. Opens nothing.");
+  return {app, RunPorts};
 }
 
-Command DetectCommand() {
-  return {"detect",
-          "",
-          0,
-          0,
-          "the instruments that answer: serial, rate, model",
-          "Probes every port at once and lists the instruments that answer: path, serial\n"
-          "number, rate, model and family; and where the list of ports came from. A\n"
-          "filter keeps only the models of a family word (analyser, ICT, spectrometer,\n"
-          "...) or one model text (\"Zelto 05-P\").",
-          {{"--filter", "WORD", "keep instruments of this family or model", true}, BaudOption()},
-          RunDetect};
+Subcommand AddDetect(CLI::App& root) {
+  auto options = std::make_shared<DetectOptions>();
+  CLI::App* app = root.add_subcommand("detect", "the instruments that answer: serial, rate, model");
+  app->footer("Probes every port at once and lists the instruments that answer: path, serial\n"
+              "number, rate, model and family; and where the list of ports came from. A\n"
+              "filter keeps only the models of a family word (analyser, ICT, spectrometer,\n"
+              "...) or one model text (\"Zelto 05-P\").");
+  app->add_option("-f,--filter", options->filters,
+                  "keep instruments of this family or model (repeatable)")
+      ->type_name("WORD")
+      ->allow_extra_args(false);
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunDetect(*options); }};
 }
 
 }  // namespace cli

@@ -1,8 +1,7 @@
 // zeltocom send, zeltocom shell: commands typed by hand, answers as they come.
 #include <cctype>
 #include <cstdio>
-#include <cstdlib>
-#include <iostream>
+#include <memory>
 #include <optional>
 
 #include "commands.hpp"
@@ -14,23 +13,11 @@
 namespace cli {
 namespace {
 
-Option TimeoutOption() {
-  return {"--timeout", "MS", "wait up to MS ms for each answer (default 2500)"};
-}
-
-// Opens the port with the options send and shell share.
-void Connect(const Args& args, const std::string& path) {
-  if (args.Has("--timeout")) {
-    ZeltoCom_SetResponseTimeout(static_cast<int>(args.Whole("--timeout", 0, 1, 3'600'000)));
-  }
-  OpenPort(path, args.Baud());
-}
-
-Json Connection(const std::string& path) {
-  return Json::MakeObject()
-      .Set("port", path)
-      .Set("serial", SerialOf(path))
-      .Set("baud", ZeltoCom_GetBaudrate(path.c_str()));
+Json Connection(const std::string& path, const Json& exchanges) {
+  return {{"port", path},
+          {"serial", SerialOf(path)},
+          {"baud", ZeltoCom_GetBaudrate(path.c_str())},
+          {"exchanges", exchanges}};
 }
 
 Answer Exchange(const std::string& path, const std::string& command) {
@@ -39,35 +26,45 @@ Answer Exchange(const std::string& path, const std::string& command) {
 }
 
 Json Record(const std::string& command, const Answer& answer) {
-  Json exchange = Json::MakeObject().Set("command", command);
-  if (answer.ok()) return exchange.Set("answer", answer.text);
-  return exchange.Set("error", answer.error);
+  Json exchange = {{"command", command}, {"time", UtcNow()}};
+  if (answer.ok()) {
+    exchange["answer"] = AnswerJson(answer.text);
+  } else {
+    exchange["error"] = answer.error;
+  }
+  return exchange;
 }
 
-// Answers end at their last line; the terminal needs exactly one line end.
+// Answers end at their last line; the terminal needs exactly one line end
+// per line, and no carriage returns.
 void PrintAnswer(const Answer& answer) {
-  std::string text = answer.text;
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  std::printf("%s\n", text.c_str());
+  std::string text;
+  for (const std::string& line : Lines(answer.text)) text += line + "\n";
+  std::fputs(text.empty() ? "\n" : text.c_str(), stdout);
   std::fflush(stdout);
 }
 
-int RunSend(const Args& args) {
-  const std::string& path = args.operands().front();
-  Connect(args, path);
-  Json exchanges = Json::MakeArray();
+struct SendOptions {
+  std::string port;
+  std::vector<std::string> commands;
+  int baud = 0;
+};
+
+int RunSend(const SendOptions& options) {
+  const std::string path = OpenPort(options.port, options.baud);
+  Json exchanges = Json::array();
   int status = kSuccess;
-  for (std::size_t i = 1; i < args.operands().size() && status == kSuccess; ++i) {
-    const std::string& command = args.operands()[i];
+  for (std::size_t i = 0; i < options.commands.size() && status == kSuccess; ++i) {
+    const std::string& command = options.commands[i];
     const Answer answer = Exchange(path, command);
-    exchanges.Push(Record(command, answer));
-    if (answer.ok() && !args.json()) PrintAnswer(answer);
+    exchanges.push_back(Record(command, answer));
+    if (answer.ok() && !JsonWanted()) PrintAnswer(answer);
     if (!answer.ok()) {
       std::fprintf(stderr, "zeltocom send: %s: %s\n", command.c_str(), answer.error.c_str());
       status = kFailure;
     }
   }
-  if (args.json()) PrintJson(Connection(path).Set("exchanges", exchanges));
+  if (JsonWanted()) PrintJson(Connection(path, exchanges));
   return status;
 }
 
@@ -82,16 +79,20 @@ bool IsQuit(std::string line) {
   return line == "quit" || line == "exit";
 }
 
-int RunShell(const Args& args) {
-  const std::string& path = args.operands().front();
-  Connect(args, path);
+struct ShellOptions {
+  std::string port;
+  int baud = 0;
+};
+
+int RunShell(const ShellOptions& options) {
+  const std::string path = OpenPort(options.port, options.baud);
   const std::string serial = SerialOf(path);
   LineSource lines(serial + "> ");
   if (lines.terminal()) {
     std::printf("%s on %s at %d baud. Type instrument commands; quit or Ctrl-D ends.\n",
                 serial.c_str(), path.c_str(), ZeltoCom_GetBaudrate(path.c_str()));
   }
-  Json exchanges = Json::MakeArray();
+  Json exchanges = Json::array();
   int status = kSuccess;
   bool quit = false;
   while (const std::optional<std::string> line = lines.Next()) {
@@ -100,46 +101,44 @@ int RunShell(const Args& args) {
     quit = IsQuit(command);
     if (quit) break;
     const Answer answer = Exchange(path, command);
-    exchanges.Push(Record(command, answer));
+    exchanges.push_back(Record(command, answer));
     if (!answer.ok()) {
       std::fprintf(stderr, "%s\n", answer.error.c_str());
       status = kFailure;
-    } else if (!args.json()) {
+    } else if (!JsonWanted()) {
       PrintAnswer(answer);
     }
   }
   if (lines.terminal() && !quit) std::printf("\n");  // the prompt's line, after Ctrl-D
-  if (args.json()) PrintJson(Connection(path).Set("exchanges", exchanges));
+  if (JsonWanted()) PrintJson(Connection(path, exchanges));
   return status;
 }
 
 }  // namespace
 
-Command SendCommand() {
-  return {"send",
-          "PORT COMMAND...",
-          2,
-          -1,
-          "send commands, print the answers",
-          "Opens the instrument on PORT, sends each COMMAND (\"GETSERIAL\", \"GETxy01\", ...)\n"
-          "in turn and prints each answer. Stops at the first command that fails.",
-          {BaudOption(), TimeoutOption()},
-          RunSend};
+Subcommand AddSend(CLI::App& root) {
+  auto options = std::make_shared<SendOptions>();
+  CLI::App* app = root.add_subcommand("send", "send commands, print the answers");
+  app->footer("Opens the instrument on PORT, sends each COMMAND (\"GETSERIAL\", \"GETxy01\", ...)\n"
+              "in turn and prints each answer. Stops at the first command that fails.");
+  AddOperand(*app, "PORT", options->port, "the instrument's port")->required();
+  AddOperands(*app, "COMMAND", options->commands, "the commands, in turn")->required();
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunSend(*options); }};
 }
 
-Command ShellCommand() {
-  return {"shell",
-          "PORT",
-          1,
-          1,
-          "an interactive session with an instrument",
-          "An interactive session with the instrument on PORT: each line typed is sent\n"
-          "as a command and its answer printed. " +
+Subcommand AddShell(CLI::App& root) {
+  auto options = std::make_shared<ShellOptions>();
+  CLI::App* app = root.add_subcommand("shell", "an interactive session with an instrument");
+  app->footer("An interactive session with the instrument on PORT: each line typed is sent\n"
+              "as a command and its answer printed. " +
               std::string(kTerminalInput) +
               "; lines from a pipe are sent as they come.\n"
-              "quit, exit or end of input ends it; the status is 1 when any command failed.",
-          {BaudOption(), TimeoutOption()},
-          RunShell};
+              "quit, exit, end of input or Ctrl-C at the prompt ends it; the status is 1 when\n"
+              "any command failed.");
+  AddOperand(*app, "PORT", options->port, "the instrument's port")->required();
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunShell(*options); }};
 }
 
 }  // namespace cli

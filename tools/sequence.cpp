@@ -1,8 +1,11 @@
 // zeltocom sequence: a burst of captures on one fiber, its pattern and blinking.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <memory>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "zeltocom.h"
@@ -17,26 +20,24 @@ struct SequenceSettings {
   int samples = 0;
 };
 
-// The settings the options give; with --find only the start delay, and the
-// frequency span the instrument is to find the rest for.
-SequenceSettings GivenSettings(const Args& args, std::pair<float, float>& find) {
-  SequenceSettings settings;
-  settings.startDelay = static_cast<unsigned>(args.Whole("--delay", 0, 0, 999));
-  if (!args.Has("--find")) {
-    settings.captureTime = static_cast<unsigned>(args.Whole("--capture-time", 10, 0, 999));
-    settings.pause = static_cast<unsigned>(args.Whole("--pause", 0, 0, 999));
-    settings.samples = static_cast<int>(args.Whole("--samples", 200, 1, 9999));
-    return settings;
-  }
-  for (const char* chosen : {"--samples", "--capture-time", "--pause"}) {
-    if (args.Has(chosen)) UsageError(std::string(chosen) + " and --find exclude each other");
-  }
-  const std::string span = args.Value("--find");
+struct SequenceOptions {
+  std::string port;
+  int fiber = 0;
+  bool frequency = false;
+  int samples = 200;
+  unsigned captureTime = 10;
+  unsigned pause = 0;
+  unsigned delay = 0;
+  std::string find;  // "MIN-MAX"
+  int baud = 0;
+};
+
+// The frequency span the instrument is to find the settings for.
+std::pair<float, float> FindSpan(const std::string& span) {
   const std::size_t dash = span.find('-');
   if (dash == std::string::npos) UsageError("--find: expected MIN-MAX in Hz, got '" + span + "'");
-  find = {static_cast<float>(ParseNumber(span.substr(0, dash), "--find")),
+  return {static_cast<float>(ParseNumber(span.substr(0, dash), "--find")),
           static_cast<float>(ParseNumber(span.substr(dash + 1), "--find"))};
-  return settings;
 }
 
 // The intensities over time, as columns of '#', when a person looks at them.
@@ -68,14 +69,13 @@ void Plot(const std::vector<int>& samples, double periodMs) {
   std::printf("%8s  0 ms%*s\n", "", std::max(1, width - 4), end.c_str());
 }
 
-int RunSequence(const Args& args) {
-  const std::string& path = args.operands().front();
-  if (!args.Has("--fiber")) UsageError("--fiber N is needed");
-  const int fiber = static_cast<int>(args.Whole("--fiber", 1, 1, 99));
-  std::pair<float, float> find{0, 0};
-  SequenceSettings settings = GivenSettings(args, find);
-  OpenPort(path, args.Baud());
-  if (args.Has("--find")) {
+int RunSequence(const SequenceOptions& options) {
+  const int fiber = options.fiber;
+  const bool finding = !options.find.empty();
+  const std::pair<float, float> find = finding ? FindSpan(options.find) : std::pair<float, float>{};
+  SequenceSettings settings{options.delay, options.captureTime, options.pause, options.samples};
+  const std::string path = OpenPort(options.port, options.baud);
+  if (finding) {
     Progress progress("finding the settings");
     Require(ZeltoCom_Sequence_FindTestSettings(path.c_str(), fiber, find.first, find.second,
                                                &settings.captureTime, &settings.pause,
@@ -85,7 +85,19 @@ int RunSequence(const Args& args) {
   Require(ZeltoCom_Sequence_Setup(path.c_str(), settings.startDelay, settings.captureTime,
                                   settings.pause, settings.samples, 0),
           path);
+  const std::string time = UtcNow();
   {
+    const auto start = std::chrono::steady_clock::now();
+    const long lastsMs = static_cast<long>(settings.startDelay) +
+                         static_cast<long>(settings.samples) *
+                             static_cast<long>(settings.captureTime + settings.pause);
+    const Aftermath aftermath([&] {
+      const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(
+          std::chrono::steady_clock::now() - start);
+      const long left = std::max(0L, lastsMs - static_cast<long>(passed.count()));
+      return "The analyser on " + path + " goes on sequencing for about " +
+             std::to_string((left + 999) / 1000) + " s more and answers nothing until then.";
+    });
     Progress progress("sequence of " + std::to_string(settings.samples) + " captures");
     Require(ZeltoCom_Sequence_Capture(path.c_str(), fiber), path);
   }
@@ -99,39 +111,39 @@ int RunSequence(const Args& args) {
                                        levels.data()),
           path);
 
-  Json document = Json::MakeObject().Set("port", path).Set("serial", SerialOf(path));
-  document.Set("fiber", fiber)
-      .Set("start_delay_ms", settings.startDelay)
-      .Set("capture_time_ms", settings.captureTime)
-      .Set("pause_ms", settings.pause)
-      .Set("samples", settings.samples);
-  Json pattern = Json::MakeArray();
+  Json document = {{"port", path},
+                   {"serial", SerialOf(path)},
+                   {"time", time},
+                   {"fiber", fiber},
+                   {"start_delay_ms", settings.startDelay},
+                   {"capture_time_ms", settings.captureTime},
+                   {"pause_ms", settings.pause},
+                   {"samples", settings.samples}};
+  Json pattern = Json::array();
   Table table({{"start_ms", "START MS"}, {"duration_ms", "DURATION MS"}, {"level", "LEVEL"}});
   long start = 0;
   for (std::size_t r = 0; r < static_cast<std::size_t>(runs); ++r) {
-    Json run = Json::MakeObject();
-    run.Set("start_ms", start).Set("duration_ms", durations[r]).Set("level", levels[r]);
-    pattern.Push(run);
+    const Json run = {{"start_ms", start}, {"duration_ms", durations[r]}, {"level", levels[r]}};
+    pattern.push_back(run);
     table.Add(run);
     start += durations[r];
   }
-  document.Set("pattern", pattern);
+  document["pattern"] = pattern;
 
   float hz = 0;
   float duty = 0;
   int cycles = 0;
   const bool blinking =
-      args.Has("--frequency") &&
+      options.frequency &&
       ZeltoCom_Sequence_GetFrequency(path.c_str(), intensities.data(), &hz, &duty, &cycles) == 1;
-  if (args.Has("--frequency")) {
-    document.Set("frequency_hz", blinking ? Json(hz) : Json())
-        .Set("duty_cycle_percent", blinking ? Json(duty) : Json())
-        .Set("cycles", cycles);
+  if (options.frequency) {
+    document["frequency_hz"] = blinking ? Number(hz) : Json();
+    document["duty_cycle_percent"] = blinking ? Number(duty) : Json();
+    document["cycles"] = cycles;
   }
-  if (args.json()) {
-    Json samples = Json::MakeArray();
-    for (const int value : intensities) samples.Push(value);
-    PrintJson(document.Set("intensities", samples));
+  if (JsonWanted()) {
+    document["intensities"] = intensities;
+    PrintJson(document);
     return kSuccess;
   }
   std::printf("%d captures of %u ms, %u ms apart, after %u ms, on fiber %d of %s\n\n",
@@ -140,7 +152,7 @@ int RunSequence(const Args& args) {
   table.Print();
   if (blinking) {
     std::printf("\n%.2f Hz, %.1f %% duty cycle, over %d whole cycles\n", hz, duty, cycles);
-  } else if (args.Has("--frequency")) {
+  } else if (options.frequency) {
     std::printf("\nno blinking found\n");
   }
   if (StdoutIsTerminal()) Plot(intensities, settings.captureTime + settings.pause);
@@ -149,27 +161,47 @@ int RunSequence(const Args& args) {
 
 }  // namespace
 
-Command SequenceCommand() {
-  return {"sequence",
-          "PORT",
-          1,
-          1,
-          "a sequence on one fiber: pattern, frequency, duty cycle",
-          "Runs a sequence (a burst of equally spaced captures) on one fiber of the\n"
-          "analyser on PORT, reads its intensities and prints their pattern: the lit\n"
-          "and dark runs with their start, duration and level. --frequency adds the\n"
-          "blinking frequency and duty cycle; --find lets the instrument choose the\n"
-          "settings for a light blinking between MIN and MAX Hz (at most 125). On a\n"
-          "terminal, a plot of the intensities over time follows.",
-          {{"--fiber", "N", "the fiber (needed)"},
-           {"--frequency", "", "also measure the blinking frequency and duty cycle"},
-           {"--samples", "N", "captures, 1 to 9999 (default 200)"},
-           {"--capture-time", "MS", "each capture's time, 0 to 999 (default 10)"},
-           {"--pause", "MS", "time between captures, 0 to 999 (default 0)"},
-           {"--delay", "MS", "delay before the first capture, 0 to 999 (default 0)"},
-           {"--find", "MIN-MAX", "choose the settings for a light blinking at MIN to MAX Hz"},
-           BaudOption()},
-          RunSequence};
+Subcommand AddSequence(CLI::App& root) {
+  auto options = std::make_shared<SequenceOptions>();
+  CLI::App* app =
+      root.add_subcommand("sequence", "a sequence on one fiber: pattern, frequency, duty cycle");
+  app->footer("Runs a sequence (a burst of equally spaced captures) on one fiber of the\n"
+              "analyser on PORT, reads its intensities and prints their pattern: the lit\n"
+              "and dark runs with their start, duration and level. --frequency adds the\n"
+              "blinking frequency and duty cycle; --find lets the instrument choose the\n"
+              "settings for a light blinking between MIN and MAX Hz (at most 125). On a\n"
+              "terminal, a plot of the intensities over time follows. Ctrl-C closes the port\n"
+              "and tells how long the analyser goes on sequencing.");
+  AddOperand(*app, "PORT", options->port, "the analyser's port")->required();
+  app->add_option("-f,--fiber", options->fiber, "the fiber (needed)")
+      ->required()
+      ->check(CLI::Range(1, 99))
+      ->type_name("N");
+  app->add_flag("--frequency", options->frequency,
+                "also measure the blinking frequency and duty cycle");
+  CLI::Option* samples =
+      app->add_option("-n,--samples", options->samples, "captures, 1 to 9999 (default 200)")
+          ->check(CLI::Range(1, 9999))
+          ->type_name("N");
+  CLI::Option* captureTime = app->add_option("--capture-time", options->captureTime,
+                                             "each capture's time, 0 to 999 (default 10)")
+                                 ->check(CLI::Range(0, 999))
+                                 ->type_name("MS");
+  CLI::Option* pause =
+      app->add_option("--pause", options->pause, "time between captures, 0 to 999 (default 0)")
+          ->check(CLI::Range(0, 999))
+          ->type_name("MS");
+  app->add_option("--delay", options->delay, "delay before the first capture, 0 to 999 (default 0)")
+      ->check(CLI::Range(0, 999))
+      ->type_name("MS");
+  app->add_option("--find", options->find,
+                  "choose the settings for a light blinking at MIN to MAX Hz")
+      ->type_name("MIN-MAX")
+      ->excludes(samples)
+      ->excludes(captureTime)
+      ->excludes(pause);
+  AddBaudOption(*app, options->baud);
+  return {app, [options] { return RunSequence(*options); }};
 }
 
 }  // namespace cli

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +20,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "zeltocom.h"
@@ -34,10 +36,11 @@ struct Outcome {
   std::string err;
 };
 
-// Runs the tool with ZELTOCOM_PORTS = `ports` and `input` on its stdin; a
-// run that outlasts 60 s is killed (and fails the status checks).
+// Runs the tool with ZELTOCOM_PORTS = `ports` and `input` on its stdin,
+// `meanwhile` (given the tool's process) in a thread of its own; a run that
+// outlasts 60 s is killed (and fails the status checks).
 Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
-             const std::string& input = "") {
+             const std::string& input = "", const std::function<void(pid_t)>& meanwhile = nullptr) {
   std::vector<std::string> env = {"ZELTOCOM_PORTS=" + ports};
   for (char** e = environ; *e != nullptr; ++e) {
     if (std::strncmp(*e, "ZELTOCOM_PORTS=", 15) != 0) env.emplace_back(*e);
@@ -67,6 +70,8 @@ Outcome Tool(const std::vector<std::string>& args, const std::string& ports = ""
   signal(SIGPIPE, SIG_IGN);
   if (!input.empty()) (void)!write(in[1], input.data(), input.size());
   close(in[1]);
+  std::thread side;
+  if (meanwhile) side = std::thread(meanwhile, child);
 
   Outcome run;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -94,6 +99,7 @@ Outcome Tool(const std::vector<std::string>& args, const std::string& ports = ""
   }
   int status = 0;
   waitpid(child, &status, 0);
+  if (side.joinable()) side.join();
   run.status = WIFEXITED(status) && open == 0 ? WEXITSTATUS(status) : -1;
   return run;
 }
@@ -202,34 +208,147 @@ std::string Ports(const std::vector<const zeltosim::SimPort*>& ports) {
   return zeltosim::PortsVariable(ports);
 }
 
-TEST(ToolUsage, HelpListsEverySubcommandAndBadUsageIsStatus2) {
-  const Outcome overview = Tool({"--help"});
-  EXPECT_EQ(overview.status, 0);
-  for (const char* name :
-       {"ports", "detect", "send", "shell", "capture", "chain", "sequence", "bin"}) {
-    EXPECT_NE(overview.out.find(std::string("\n  ") + name + " "), std::string::npos) << name;
-    const Outcome help = Tool({name, "--help"});
-    EXPECT_EQ(help.status, 0) << name;
-    EXPECT_EQ(help.out.rfind(std::string("Usage: zeltocom ") + name, 0), 0u) << name;
+const std::vector<std::string>& SubcommandNames() {
+  static const std::vector<std::string> names = {"ports",        "detect",  "send",      "shell",
+                                                 "capture",      "chain",   "sequence",  "bin",
+                                                 "spectrometer", "trigger", "calibrate", "project"};
+  return names;
+}
+
+TEST(ToolUsage, HelpComesFromEveryPlaceAUserAsksIt) {
+  for (const std::string asked : {"--help", "-h", "help"}) {
+    const Outcome overview = Tool({asked});
+    EXPECT_EQ(overview.status, 0) << asked;
+    for (const std::string& name : SubcommandNames()) {
+      EXPECT_NE(overview.out.find("\n  " + name + " "), std::string::npos) << asked << " " << name;
+    }
   }
-  for (const std::vector<std::string>& bad :
-       std::vector<std::vector<std::string>>{{},
-                                             {"frob"},
-                                             {"send", "/dev/null"},
-                                             {"capture", "--range", "9", "/dev/null"},
-                                             {"capture", "--fibers", "3-1", "/dev/null"},
-                                             {"sequence", "/dev/null"},
-                                             {"detect", "--bogus"},
-                                             {"bin", "a.vec", "x", "0.3"},
-                                             {"ports", "extra"}}) {
+  for (const std::string& name : SubcommandNames()) {
+    // -h after a word is help, not a port or a command to send.
+    for (const std::vector<std::string>& asked : std::vector<std::vector<std::string>>{
+             {name, "--help"}, {name, "-h"}, {"help", name}, {name, "/dev/null", "-h"}}) {
+      const Outcome help = Tool(asked);
+      EXPECT_EQ(help.status, 0) << ::testing::PrintToString(asked);
+      EXPECT_NE(help.out.find("Usage: zeltocom " + name + " "), std::string::npos)
+          << ::testing::PrintToString(asked) << help.out;
+      EXPECT_EQ(help.err, "");
+    }
+  }
+  const Outcome version = Tool({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("zeltocom [0-9]+\\.[0-9]+\\.[0-9]+\n")))
+      << version.out;
+}
+
+TEST(ToolUsage, BadUsageIsStatus2WithAHint) {
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {},
+           {"frob"},
+           {"help", "frob"},
+           {"send", "/dev/null"},
+           {"capture", "--range", "9", "/dev/null"},
+           {"capture", "-r", "x", "/dev/null"},
+           {"capture", "--fibers", "3-1", "/dev/null"},
+           {"sequence", "/dev/null"},
+           {"sequence", "/dev/null", "-f", "1", "--find", "1-5", "--samples", "9"},
+           {"detect", "--bogus"},
+           {"bin", "a.vec", "x", "0.3"},
+           {"ports", "extra"},
+           {"--timeout", "0", "send", "/dev/null", "GETHW"},
+           {"--json=loud", "ports"}}) {
     const Outcome run = Tool(bad);
     EXPECT_EQ(run.status, 2) << ::testing::PrintToString(bad);
-    EXPECT_FALSE(run.err.empty());
-    EXPECT_TRUE(run.out.empty()) << run.out;
+    EXPECT_NE(run.err.find("zeltocom"), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.empty()) << ::testing::PrintToString(bad) << run.out;
   }
-  const Outcome json = Tool({"send", "--json"});
-  EXPECT_EQ(json.status, 2);
-  EXPECT_TRUE(FlatJson(json.out).valid()) << json.out;
+  for (const std::vector<std::string>& bad :
+       std::vector<std::vector<std::string>>{{"send", "--json"},
+                                             {"--json", "send"},
+                                             {"send", "-j", "/dev/null"},
+                                             {"ports", "--json", "--csv"}}) {
+    const Outcome json = Tool(bad);
+    EXPECT_EQ(json.status, 2);
+    const FlatJson document(json.out);
+    ASSERT_TRUE(document.valid()) << json.out;
+    EXPECT_EQ(document["/exit_status"], "2");
+  }
+}
+
+TEST(ToolUsage, OptionsStandAnywhereAndDashesEndThem) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const Outcome after = Tool({"send", port.path(), "GETSERIAL", "-b", "57600"}, ports);
+  EXPECT_EQ(after.status, 0) << after.err;
+  EXPECT_EQ(after.out, "ZT000001\n");
+  EXPECT_EQ(port.countReceived("-b") + port.countReceived("57600"), 0);
+
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"--json", "send", port.path(), "GETNFIB"},
+           {"send", port.path(), "GETNFIB", "--json"},
+           {"send", "-j", port.path(), "GETNFIB"},
+           {"--timeout", "900", "send", port.path(), "GETNFIB", "--json"}}) {
+    const Outcome run = Tool(args, ports);
+    EXPECT_EQ(run.status, 0) << ::testing::PrintToString(args) << run.err;
+    const FlatJson json(run.out);
+    ASSERT_TRUE(json.valid()) << run.out;
+    EXPECT_EQ(json["/exchanges/0/answer"], "2") << ::testing::PrintToString(args);
+  }
+
+  const Outcome dashed = Tool({"send", "--json", port.path(), "--", "-b", "--help"}, ports);
+  EXPECT_EQ(dashed.status, 1) << dashed.err;
+  const FlatJson json(dashed.out);
+  ASSERT_TRUE(json.valid()) << dashed.out;
+  EXPECT_EQ(json["/exchanges/0/command"], "-b");
+  EXPECT_EQ(port.countReceived("-b"), 1);
+}
+
+bool IsUtcTime(const std::string& text) {
+  return std::regex_match(
+      text,
+      std::regex(R"(20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{3}Z)"));
+}
+
+TEST(ToolOutput, JsonIsOneLineADocumentAndAnswersAreLines) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const Outcome compact = Tool({"send", port.path(), "GETINFO", "GETSERIAL", "--json"}, ports);
+  ASSERT_EQ(compact.status, 0) << compact.err;
+  EXPECT_EQ(compact.out.find('\n'), compact.out.size() - 1) << compact.out;
+  EXPECT_EQ(compact.out.find('\r'), std::string::npos) << compact.out;
+  const FlatJson json(compact.out);
+  ASSERT_TRUE(json.valid()) << compact.out;
+  EXPECT_EQ(json["/exchanges/0/answer/0"], "Zelto LED analyser");
+  EXPECT_EQ(json["/exchanges/0/answer/3"], "Serial: ZT000001");
+  EXPECT_EQ(json["/exchanges/1/answer"], "ZT000001");
+  EXPECT_TRUE(IsUtcTime(json["/exchanges/1/time"])) << json["/exchanges/1/time"];
+
+  const Outcome pretty = Tool({"send", port.path(), "GETSERIAL", "--json=pretty"}, ports);
+  EXPECT_GT(std::count(pretty.out.begin(), pretty.out.end(), '\n'), 5) << pretty.out;
+  EXPECT_EQ(FlatJson(pretty.out)["/exchanges/0/answer"], "ZT000001");
+
+  const Outcome plain = Tool({"send", port.path(), "GETINFO"}, ports);
+  EXPECT_EQ(plain.out.find('\r'), std::string::npos);
+  EXPECT_EQ(plain.out.rfind("Zelto LED analyser\nHardware: ", 0), 0u) << plain.out;
+}
+
+TEST(ToolOutput, CsvHasAHeaderOfKeysAndTheTablesRows) {
+  zeltosim::SimPort port(Analyser("ZT000001", 2));
+  const Outcome run = Tool({"capture", port.path(), "--csv"}, Ports({&port}));
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::vector<std::string> lines;
+  std::istringstream in(run.out);
+  for (std::string line; std::getline(in, line);) {
+    ASSERT_FALSE(line.empty());
+    EXPECT_EQ(line.back(), '\r');
+    lines.push_back(line.substr(0, line.size() - 1));
+  }
+  ASSERT_EQ(lines.size(), 3u) << run.out;
+  EXPECT_EQ(lines[0].rfind("port,fiber,x,y,", 0), 0u) << lines[0];
+  EXPECT_EQ(lines[2].rfind(port.path() + ",2,", 0), 0u) << lines[2];
+  for (const std::string& line : lines) {
+    EXPECT_EQ(std::count(line.begin(), line.end(), ','),
+              std::count(lines[0].begin(), lines[0].end(), ','));
+  }
 }
 
 TEST(ToolBin, NamesTheBinOfAPoint) {
@@ -379,7 +498,7 @@ TEST(ToolInstruments, SendPrintsAnswersAndStopsAtAFailure) {
   EXPECT_EQ(run.status, 1);
   const FlatJson json(run.out);
   ASSERT_TRUE(json.valid()) << run.out;
-  EXPECT_EQ(json["/exchanges/0/answer"], "Zelto \"05\"\t\x01\xc3\xa9?");
+  EXPECT_EQ(json["/exchanges/0/answer"], "Zelto \"05\"\t\x01\xc3\xa9\xef\xbf\xbd");
   EXPECT_EQ(json["/exchanges/1/error"], "Syntax error");
   EXPECT_FALSE(json.has("/exchanges/2/command"));
 
@@ -422,9 +541,11 @@ TEST(ToolInstruments, TraceShowsTheCommandsOfOneRunWhereAsked) {
   EXPECT_EQ(unwritable.status, 2);
   EXPECT_NE(unwritable.err.find(nowhere), std::string::npos) << unwritable.err;
   EXPECT_EQ(unwritable.out, "");
+  // After the command's words the option takes no word of theirs.
   const Outcome late = Tool({"send", port.path(), exchange, "--trace"}, ports);
-  EXPECT_EQ(late.status, 2);
-  EXPECT_NE(late.err.find("before the command"), std::string::npos) << late.err;
+  EXPECT_EQ(late.status, 0) << late.err;
+  EXPECT_EQ(late.out, "2\n");
+  EXPECT_NE(late.err.find(exchange), std::string::npos) << late.err;
 }
 
 TEST(ToolInstruments, SilentOrHeldInstrumentIsStatus1WithTheLibrarysText) {
@@ -519,6 +640,293 @@ TEST(ToolInstruments, SequenceMeasuresABlinkingLight) {
   EXPECT_TRUE(json.has("/intensities/119"));
   EXPECT_EQ(json["/pattern/0/start_ms"], "0");
   EXPECT_EQ(json["/fiber"], "1");
+}
+
+// What a test does to the tool while it runs: after `ms`, unplug the port
+// or send the tool a signal.
+std::function<void(pid_t)> After(int ms, std::function<void(pid_t)> act) {
+  return [ms, act](pid_t tool) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    act(tool);
+  };
+}
+
+zeltosim::Config Spectrometer(const std::string& serial) {
+  zeltosim::Config config = Analyser(serial, 1);
+  config.hardware = "Zelto 01-W2";
+  return config;
+}
+
+TEST(ToolInstruments, NamesStandForPortsByPathLinkOrSerialNumber) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  zeltosim::SimPort other(Analyser("ZT000002"));
+  const std::string ports = Ports({&port, &other});
+  const std::string link = ::testing::TempDir() + "tool_link_to_port";
+  std::remove(link.c_str());
+  ASSERT_EQ(symlink(other.path().c_str(), link.c_str()), 0);
+  for (const std::string& name : {port.path(), link, std::string("ZT000002")}) {
+    const Outcome run = Tool({"send", name, "GETSERIAL", "--json"}, ports);
+    EXPECT_EQ(run.status, 0) << name << ": " << run.err;
+    const FlatJson json(run.out);
+    EXPECT_EQ(json["/port"], name == port.path() ? port.path() : other.path()) << name;
+  }
+  const Outcome bySerial = Tool({"capture", "ZT000001", link, "--fibers", "1", "--json"}, ports);
+  EXPECT_EQ(bySerial.status, 0) << bySerial.err;
+  EXPECT_EQ(FlatJson(bySerial.out)["/ports/0/path"], port.path());
+  EXPECT_EQ(FlatJson(bySerial.out)["/ports/1/serial"], "ZT000002");
+
+  for (const std::string& unknown : {std::string("ZT000009"), std::string("/dev/null")}) {
+    const Outcome run = Tool({"send", unknown, "GETSERIAL"}, ports);
+    EXPECT_EQ(run.status, 1) << unknown;
+    EXPECT_NE(run.err.find("looked for"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("2 ports of ZELTOCOM_PORTS (" + port.path() + ", " + other.path()),
+              std::string::npos)
+        << run.err;
+  }
+  std::remove(link.c_str());
+}
+
+TEST(ToolInstruments, CapturePrintsEveryPortThatWorkedAndALinePerPortThatDidNot) {
+  zeltosim::SimPort good(Analyser("ZT000001", 2));
+  zeltosim::SimPort spectrometer(Spectrometer("ZT000002"));
+  zeltosim::Config silent = Analyser("ZT000003");
+  silent.fault = zeltosim::Fault::Silent;
+  zeltosim::SimPort quiet(silent);
+  zeltosim::SimPort small(Analyser("ZT000004", 1));
+  const std::string ports = Ports({&good, &spectrometer, &quiet, &small});
+  struct Case {
+    std::string bad;  // the port that fails
+    std::vector<std::string> options;
+    std::string error;
+  };
+  for (const Case& c : {Case{spectrometer.path(), {}, "Device is a Spectrometer"},
+                        Case{"ZT000099", {}, "no such instrument"},
+                        Case{quiet.path(), {"--baud", "57600"}, "Unable to communicate"},
+                        Case{small.path(), {"--fibers", "2"}, "has 1 fiber"}}) {
+    std::vector<std::string> args = {"capture", good.path(), c.bad};
+    args.insert(args.end(), c.options.begin(), c.options.end());
+    const Outcome table = Tool(args, ports);
+    EXPECT_EQ(table.status, 1) << c.bad;
+    EXPECT_NE(table.out.find("\n" + good.path() + "  2 "), std::string::npos) << table.out;
+    EXPECT_EQ(std::count(table.err.begin(), table.err.end(), '\n'), 1) << table.err;
+    EXPECT_NE(table.err.find(c.error), std::string::npos) << c.bad << ": " << table.err;
+    args.push_back("--json");
+    const FlatJson json(Tool(args, ports).out);
+    ASSERT_TRUE(json.valid()) << c.bad;
+    EXPECT_EQ(json["/ports/0/serial"], "ZT000001");
+    EXPECT_TRUE(json.has("/ports/0/fibers/0/x"));
+    EXPECT_NE(json["/ports/1/error"].find(c.error), std::string::npos) << json["/ports/1/error"];
+    EXPECT_FALSE(json.has("/ports/1/fibers/0/fiber"));
+  }
+  good.master().setCaptureMs(1300);
+  const Outcome slow = Tool({"capture", good.path()}, ports);
+  EXPECT_EQ(slow.status, 0) << slow.err;
+  EXPECT_NE(slow.err.find("capturing on 1 port..."), std::string::npos) << slow.err;
+}
+
+// Each long command, its instrument unplugged a moment after it began.
+TEST(ToolInstruments, AnInstrumentUnpluggedMidCommandIsStatus1) {
+  struct Case {
+    std::string what;
+    bool spectrometer;
+    std::vector<std::string> args;  // after the port
+    std::string input;
+  };
+  const std::vector<Case> cases = {
+      {"sequence", false, {"sequence", "-f", "1", "--samples", "3000"}, ""},
+      {"capture", false, {"capture"}, ""},
+      {"chain", false, {"chain", "ZT000001"}, ""},
+      {"calibrate", false, {"calibrate", "gain", "adjust", "16000", "-f", "1"}, ""},
+      {"spectrometer", true, {"spectrometer"}, ""},
+      {"trigger", false, {"trigger", "--listen"}, ""},
+      {"send", false, {"send", "GETSERIAL", "C"}, ""},
+      {"shell", false, {"shell"}, "C\n"},
+  };
+  for (const Case& c : cases) {
+    zeltosim::SimPort port(c.spectrometer ? Spectrometer("ZT000001") : Analyser("ZT000001"));
+    port.master().setCaptureMs(20'000);
+    if (c.what == "trigger") {
+      ASSERT_EQ(Tool({"trigger", port.path(), "--enable"}, Ports({&port})).status, 0);
+    }
+    std::vector<std::string> args = {c.args.front(), port.path()};
+    args.insert(args.end(), c.args.begin() + 1, c.args.end());
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome run =
+        Tool(args, Ports({&port}), c.input, After(800, [&](pid_t) { port.unplug(); }));
+    EXPECT_EQ(run.status, 1) << c.what << ": " << run.err;
+    EXPECT_FALSE(run.err.empty()) << c.what;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << c.what;
+  }
+}
+
+TEST(ToolInterrupt, CtrlCClosesThePortsAndTellsWhatGoesOn) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  const std::string ports = Ports({&port});
+  const auto interrupt = After(800, [](pid_t tool) { kill(tool, SIGINT); });
+  const Outcome sequence = Tool({"sequence", port.path(), "-f", "1", "--samples", "3000", "--json"},
+                                ports, "", interrupt);
+  EXPECT_EQ(sequence.status, 130) << sequence.err;
+  const FlatJson json(sequence.out);
+  ASSERT_TRUE(json.valid()) << sequence.out;
+  const std::string aftermath = json["/aftermath"];
+  std::smatch left;
+  ASSERT_TRUE(std::regex_search(aftermath, left, std::regex("for about ([0-9]+) s more")))
+      << aftermath;
+  EXPECT_NEAR(std::stoi(left[1]), 29, 2);
+  EXPECT_NE(sequence.err.find("goes on sequencing"), std::string::npos) << sequence.err;
+
+  zeltosim::SimPort other(Analyser("ZT000002"));
+  other.master().setCaptureMs(20'000);
+  const auto start = std::chrono::steady_clock::now();
+  const Outcome capture = Tool({"capture", other.path()}, Ports({&other}), "", interrupt);
+  EXPECT_EQ(capture.status, 130) << capture.err;
+  EXPECT_NE(capture.err.find("capture they began"), std::string::npos) << capture.err;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+}
+
+TEST(ToolSpectrometer, TakesASpectrumOrTheDarkReference) {
+  zeltosim::SimPort port(Spectrometer("ZS000001"));
+  zeltosim::SimPort analyser(Analyser("ZT000002"));
+  const std::string ports = Ports({&port, &analyser});
+  const Outcome spectrum = Tool({"spectrometer", port.path(), "--json"}, ports);
+  ASSERT_EQ(spectrum.status, 0) << spectrum.err;
+  const FlatJson json(spectrum.out);
+  EXPECT_EQ(json["/taken"], "spectrum");
+  EXPECT_EQ(json["/exposure_ms"], "null");
+  EXPECT_TRUE(IsUtcTime(json["/time"]));
+  const Outcome dark = Tool({"spectrometer", port.path(), "-d", "-e", "2.5"}, ports);
+  EXPECT_EQ(dark.status, 0) << dark.err;
+  EXPECT_NE(dark.out.find("dark"), std::string::npos) << dark.out;
+  EXPECT_EQ(port.master().lastCaptureCommand().rfind("CAPTUREDARK", 0), 0u);
+
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+  };
+  for (const Case& c :
+       {Case{{"spectrometer", analyser.path()}, 1},
+        Case{{"spectrometer", port.path(), "-e", "4001"}, 1},
+        Case{{"spectrometer", port.path(), "-e", "-1"}, 2}, Case{{"spectrometer"}, 2}}) {
+    const Outcome run = Tool(c.args, ports);
+    EXPECT_EQ(run.status, c.status) << ::testing::PrintToString(c.args) << run.err;
+  }
+}
+
+TEST(ToolTrigger, EnablesListensAndDisables) {
+  zeltosim::SimPort port(Analyser("ZT000001", 2));
+  const std::string ports = Ports({&port});
+  const Outcome notYet = Tool({"trigger", port.path(), "--listen"}, ports);
+  EXPECT_EQ(notYet.status, 1);
+  EXPECT_NE(notYet.err.find("not enabled"), std::string::npos) << notYet.err;
+
+  const Outcome on = Tool({"trigger", port.path(), "--enable", "-o", "xyi", "-r", "2"}, ports);
+  ASSERT_EQ(on.status, 0) << on.err;
+  EXPECT_EQ(port.countReceived("SETEXTERNALCAPTURE02"), 1);
+  const auto fire = [&](pid_t) {
+    for (int i = 0; i < 2; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      port.fireTrigger();
+    }
+  };
+  const Outcome reports =
+      Tool({"trigger", port.path(), "--listen", "--count", "2", "--json"}, ports, "", fire);
+  EXPECT_EQ(reports.status, 0) << reports.err;
+  std::istringstream documents(reports.out);
+  int count = 0;
+  for (std::string line; std::getline(documents, line); ++count) {
+    const FlatJson json(line);
+    ASSERT_TRUE(json.valid()) << line;
+    EXPECT_EQ(json["/report"], std::to_string(count + 1));
+    EXPECT_TRUE(json.has("/lines/1/2")) << line;  // two fibers, x y I each
+    EXPECT_FALSE(json.has("/lines/2/0")) << line;
+  }
+  EXPECT_EQ(count, 2) << reports.out;
+
+  const Outcome stopped = Tool({"trigger", port.path(), "--listen"}, ports, "",
+                               After(600, [](pid_t tool) { kill(tool, SIGINT); }));
+  EXPECT_EQ(stopped.status, 0) << stopped.err;
+  EXPECT_NE(stopped.err.find("stays on"), std::string::npos) << stopped.err;
+
+  EXPECT_EQ(Tool({"trigger", port.path(), "--disable", "--temporary"}, ports).status, 0);
+  EXPECT_EQ(port.countReceived("PUTEXTERNALCAPTURE00"), 1);
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {"trigger", port.path()},
+           {"trigger", port.path(), "--enable", "--disable"},
+           {"trigger", port.path(), "--listen", "-r", "2"},
+           {"trigger", port.path(), "--enable", "-o", "LOUD"},
+           {"trigger", port.path(), "--listen", "--count", "0"}}) {
+    EXPECT_EQ(Tool(bad, ports).status, 2) << ::testing::PrintToString(bad);
+  }
+}
+
+TEST(ToolCalibrate, ReadsWritesResetsAndAdjustsAFibersValues) {
+  zeltosim::SimPort port(Analyser("ZT000001", 2));
+  const std::string ports = Ports({&port});
+  struct Case {
+    std::vector<std::string> words;  // after the port
+    std::string member;              // of the JSON's values
+    std::string value;
+  };
+  for (const Case& c :
+       {Case{{"xy", "set", "0.01", "-0.02"}, "/values/y", "-0.02"},
+        Case{{"xy", "get"}, "/values/x", "0.01"}, Case{{"xy", "reset"}, "/values/x", "0.0"},
+        Case{{"gain", "set", "120", "--temporary"}, "/values/percent", "120"},
+        Case{{"wavelength", "set", "-5"}, "/values/nm", "-5"},
+        Case{{"wavelength", "reset"}, "/values/nm", "0"},
+        Case{{"factor", "set", "1.5"}, "/values/factor", "1.5"},
+        Case{{"factor", "reset"}, "/values/factor", "1.0"}}) {
+    std::vector<std::string> args = {"calibrate", port.path()};
+    args.insert(args.end(), c.words.begin(), c.words.end());
+    args.insert(args.end(), {"--fiber", "2", "--json"});
+    const Outcome run = Tool(args, ports);
+    EXPECT_EQ(run.status, 0) << ::testing::PrintToString(c.words) << run.err;
+    EXPECT_EQ(FlatJson(run.out)[c.member], c.value) << ::testing::PrintToString(c.words) << run.out;
+  }
+  EXPECT_EQ(port.master().userCalibration(1).intensityGain.value, 120);
+  EXPECT_FALSE(port.master().userCalibration(1).intensityGain.stored);
+  EXPECT_EQ(Tool({"calibrate", port.path(), "rgb", "reset", "-f", "1"}, ports).status, 0);
+
+  struct Bad {
+    std::vector<std::string> words;
+    int status;
+  };
+  for (const Bad& b :
+       {Bad{{"gain", "get", "-f", "3"}, 1}, Bad{{"gain", "adjust", "1000000", "-f", "1"}, 1},
+        Bad{{"gain", "set", "200", "-f", "1"}, 2}, Bad{{"gain", "set", "1.5", "-f", "1"}, 2},
+        Bad{{"xy", "set", "0.1", "-f", "1"}, 2}, Bad{{"frob", "get", "-f", "1"}, 2},
+        Bad{{"xy", "frob", "-f", "1"}, 2}, Bad{{"rgb", "take", "Q", "-f", "1"}, 2},
+        Bad{{"xy", "get"}, 2}}) {
+    std::vector<std::string> args = {"calibrate", port.path()};
+    args.insert(args.end(), b.words.begin(), b.words.end());
+    EXPECT_EQ(Tool(args, ports).status, b.status) << ::testing::PrintToString(b.words);
+  }
+}
+
+TEST(ToolProject, OpensListsAndClosesAProjectsInstruments) {
+  zeltosim::SimPort port(Analyser("ZT000001"));
+  port.chain(Analyser("ZT000002", 1));
+  const std::string ports = Ports({&port});
+  const std::string file = ::testing::TempDir() + "tool_project.ini";
+  std::ofstream(file) << "# a station\n[DEVICE]\nPORT=" << port.path()
+                      << "\nID=LEFT\nSERIALNUMBER=ZT000001\nBAUDRATE=0\n[END]\n[DEVICE]\nPORT="
+                      << port.path()
+                      << "\nID=BEHIND\nSERIALNUMBER=ZT000002\nROLE=DAISY-CHAIN\n[END]\n";
+  const Outcome run = Tool({"project", file, "--json"}, ports);
+  ASSERT_EQ(run.status, 0) << run.err;
+  const FlatJson json(run.out);
+  EXPECT_EQ(json["/instruments/0/id"], "LEFT");
+  EXPECT_EQ(json["/instruments/0/serial"], "ZT000001");
+  EXPECT_EQ(json["/instruments/1/id"], "BEHIND");
+  EXPECT_EQ(json["/instruments/1/serial"], "ZT000002");
+  EXPECT_EQ(json["/instruments/1/path"], port.path());
+  // Closed again: the port opens at once.
+  EXPECT_EQ(Tool({"send", port.path(), "GETSERIAL"}, ports).status, 0);
+
+  const std::string missing = ::testing::TempDir() + "tool_project_elsewhere.ini";
+  std::ofstream(missing) << "[DEVICE]\nPORT=/dev/zeltocom-none\nID=A\nSERIALNUMBER=ZT9\n[END]\n";
+  EXPECT_EQ(Tool({"project", missing}, ports).status, 1);
+  EXPECT_EQ(Tool({"project", file + ".none"}, ports).status, 2);
+  EXPECT_EQ(Tool({"project"}, ports).status, 2);
 }
 
 }  // namespace
