@@ -589,6 +589,10 @@ TEST(ToolInstruments, CaptureReadsEveryPortAndNamesTheOneThatFailed) {
   EXPECT_EQ(json["/ports/1/serial"], "ZT000002");
   EXPECT_FALSE(json.has("/ports/1/fibers/2/fiber"));
   EXPECT_NEAR(std::stod(json["/ports/1/fibers/1/x"]), 0.33, 0.05);
+  // Intensity shown linear, with what the instrument reported and its scale.
+  EXPECT_EQ(json["/ports/1/fibers/1/intensity"], "1200");
+  EXPECT_EQ(json["/ports/1/fibers/1/intensity_raw"], "16411");
+  EXPECT_EQ(json["/ports/1/fibers/1/scale"], "logarithmic");
   // Every reading of the list shared with the Python package, as a number.
   std::ifstream list(ZELTOCOM_CAPTURE_READINGS);
   int names = 0;
