@@ -208,8 +208,8 @@ bool PublishResult(const nlohmann::ordered_json& result, const std::string& url,
     static_cast<Exchange*>(data)->connack = code;
   });
   mosquitto_publish_callback_set(client.get(), [](mosquitto*, void* data, int id) {
-    auto* exchange = static_cast<Exchange*>(data);
-    if (id == exchange->messageId) exchange->acknowledged = true;
+    auto* waiting = static_cast<Exchange*>(data);
+    if (id == waiting->messageId) waiting->acknowledged = true;
   });
   const Clock::time_point deadline = Clock::now() + kAnswerTime;
   const bool published = Connect(client.get(), *broker, exchange, deadline, error) &&
