@@ -18,5 +18,7 @@ Subcommand AddSpectrometer(CLI::App& root);
 Subcommand AddTrigger(CLI::App& root);
 Subcommand AddCalibrate(CLI::App& root);
 Subcommand AddProject(CLI::App& root);
+// Built with SQLite only.
+Subcommand AddResults(CLI::App& root);
 
 }  // namespace cli

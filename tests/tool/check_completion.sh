@@ -62,6 +62,7 @@ cases=(
   "zeltocom capture --range 2 /dev/pts/9|/dev/pts/92"
   "zeltocom shell /dev/pts/9|/dev/pts/91"
   "zeltocom bin $work/b|$work/bins.vec"
+  "zeltocom results --db $work/b|$work/bins.vec"
   "zeltocom capture --p|--pwm"
   "zeltocom --j|--json"
 )
@@ -71,6 +72,7 @@ done
 # A value of its option, or a subcommand that takes no port, gets nothing.
 expect_not "zeltocom capture --range " "/dev/pts/91"
 expect_not "zeltocom detect " "/dev/pts/91"
+expect_not "zeltocom results " "/dev/pts/91"
 expect_not "zeltocom send /dev/pts/91 " "capture"
 ZELTOCOM_PORTS= expect_not "zeltocom send " "/dev/pts/91"
 
