@@ -15,7 +15,9 @@ bool StoreResult(const nlohmann::ordered_json& /*result*/, const std::string& /*
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <functional>
+#include <thread>
 
 #include "result_store.hpp"
 
@@ -93,6 +95,23 @@ int SchemaVersion(sqlite3* db) {
   return version.Column(0).get<int>();
 }
 
+// Readers and one writer at a time, without readers blocking the writer.
+// The switch needs the file to itself and SQLite does not wait for that
+// with the busy time-out: two stations creating the file at once would see
+// "database is locked". So it is retried for as long.
+void UseWriteAheadLog(sqlite3* db) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+  for (;;) {
+    const int result = sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+    if (result == SQLITE_OK) return;
+    if (result != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) {
+      throw DbError(ErrorOf(db));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
 void RefuseNewerSchema(const std::string& path, int version) {
   if (version > kSchemaVersion) {
     throw DbError(path + ": its schema version " + std::to_string(version) +
@@ -151,8 +170,7 @@ Db OpenDb(const std::string& path, Access access) {
     if (version == 0) throw DbError(path + ": holds no zeltocom results");
     return db;
   }
-  // Readers and one writer at a time, without readers blocking the writer.
-  Execute(db.get(), "PRAGMA journal_mode = WAL");
+  UseWriteAheadLog(db.get());
   CreateSchemaWhenMissing(db.get(), path);
   return db;
 }
