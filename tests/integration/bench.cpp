@@ -64,7 +64,14 @@ void SimBench::Publish() {
 zeltosim::SimPort& SimBench::OpenPort(zeltosim::Config config, zeltosim::LineOptions line) {
   zeltosim::SimPort& port = AddPort(std::move(config), line);
   Publish();
-  Require(ZeltoCom_Open(port.path().c_str(), line.baud) == 1, "opening " + port.path());
+  // The open's first answers are due within a few tens of milliseconds,
+  // which a loaded machine can keep the simulator from meeting. Opening is
+  // tested on its own; here it is only the way in.
+  bool opened = false;
+  for (int attempt = 0; attempt < 3 && !opened; ++attempt) {
+    opened = ZeltoCom_Open(port.path().c_str(), line.baud) == 1;
+  }
+  Require(opened, "opening " + port.path());
   return port;
 }
 
