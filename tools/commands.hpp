@@ -18,5 +18,6 @@ Subcommand AddSpectrometer(CLI::App& root);
 Subcommand AddTrigger(CLI::App& root);
 Subcommand AddCalibrate(CLI::App& root);
 Subcommand AddProject(CLI::App& root);
+Subcommand AddPlot(CLI::App& root);
 
 }  // namespace cli
