@@ -341,6 +341,7 @@ Subcommand AddPlot(CLI::App& root) {
   auto options = std::make_shared<PlotOptions>();
   CLI::App* app = root.add_subcommand("plot", "pictures of results, as SVG");
   app->require_subcommand(1);
+  app->footer("'zeltocom plot cie --help' tells more.");
   CLI::App* cie = app->add_subcommand("cie", "the fibers' points on the CIE 1931 chart");
   cie->footer("Draws the CIE 1931 chromaticity chart (the spectral locus, the Planckian locus\n"
               "from 1000 K to 20000 K) with each fiber of the test result RESULT.json (as\n"

@@ -98,8 +98,8 @@ void DrawSequence(const std::string& file, const SequencePicture& sequence) {
                        {static_cast<double>(std::min(0, low)), top});
   axes.Draw("time (ms)", "intensity");
   axes.BeginClip();
-  const auto [dimmest, brightest] = std::ranges::minmax(sequence.runs, {}, &Run::level);
-  const double middle = (dimmest.level + brightest.level) / 2.0;
+  const auto [dimmest, brightest] = std::ranges::minmax_element(sequence.runs, {}, &Run::level);
+  const double middle = sequence.runs.empty() ? 0 : (dimmest->level + brightest->level) / 2.0;
   for (const Run& run : sequence.runs) {
     const bool lit = run.level > middle;
     const svg::Point from = axes.At(static_cast<double>(run.start), axes.Y().high);
