@@ -191,13 +191,14 @@ TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
 TEST_F(FilesTest, ListBinsGivesEachPolygonAsTheTestHoldsIt) {
   // Short lines hold no bin; an unnamed bin is named for its place; a
   // corner is written as the float the test uses, beyond its range "inf".
-  const std::string bins = Write("list.vec", "W1=0.3,0.3;0.35,0.3;0.35,0.35\n"
+  const std::string bins = Write("list.vec", "W1=0.3,0.3;0.25,0.3;0.25,0.5\n"
                                              "x\n"
                                              "0.1,0.2;0.30000001,0.2;0.2,0.5\r\n"
-                                             "=1e39,0;0.5,0.5\n");
+                                             "=1" +
+                                                 std::string(40, '0') + ",0;0.5,0.5\n");
   char list[256];
   EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, sizeof list), 3) << LastError();
-  EXPECT_STREQ(list, "W1=0.3,0.3;0.35,0.3;0.35,0.35\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
+  EXPECT_STREQ(list, "W1=0.3,0.3;0.25,0.3;0.25,0.5\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
                      "=inf,0;0.5,0.5");
   EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, 5), 3);
   EXPECT_STREQ(list, "W1=0");
