@@ -327,7 +327,7 @@ std::string RiskReport(const std::vector<tBinVector>& bins, int& listed) {
 
 std::string ShortestDecimal(float value) {
   std::array<char, 32> text{};
-  const auto end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
+  auto* const end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
   return {text.data(), end};
 }
 
