@@ -223,6 +223,9 @@ void DrawSpectralLocus(const svg::Axes& axes) {
   std::vector<Point> outline;
   for (const Point& p : SpectralLocus()) outline.push_back(axes.At(p));
   axes.Picture().Polygon(outline, kLocusStyle);  // closed by the line of purples
+}
+
+void DrawWavelengths(const svg::Axes& axes) {
   for (const Observer& o : kObserver) {
     const bool labelled =
         (o.nm >= 460 && o.nm <= 620 && o.nm % 10 == 0 && (o.nm <= 520 || o.nm % 20 == 0)) ||
@@ -323,13 +326,15 @@ int RunCie(const PlotOptions& options) {
   picture.Title(result.title, result.subtitle);
   const svg::Axes axes(picture, {80, 60}, {540, 607.5}, x, y);
   axes.Draw("x", "y");
-  // The whole chart's wavelengths stand beside it, outside the frame.
-  if (options.zoom) axes.BeginClip();
+  axes.BeginClip();
   DrawSpectralLocus(axes);
   DrawPlanckianLocus(axes);
   DrawBins(axes, bins);
   DrawMarks(axes, result.marks);
-  if (options.zoom) axes.EndClip();
+  if (options.zoom) DrawWavelengths(axes);
+  axes.EndClip();
+  // The whole chart's wavelengths stand beside it, some outside the frame.
+  if (!options.zoom) DrawWavelengths(axes);
   DrawLegend(picture, {640, 80}, result, !bins.empty());
   picture.Save(options.output);
   return kSuccess;

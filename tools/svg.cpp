@@ -1,5 +1,6 @@
 #include "svg.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -14,8 +15,10 @@ constexpr const char* kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
 // Pixels to a hundredth: finer shows nowhere, and keeps the text short.
 std::string Number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.2f", value);
+  // Far beyond any picture, still a number a renderer reads.
+  constexpr double kFar = 1e9;
+  char text[48];
+  std::snprintf(text, sizeof text, "%.2f", std::isnan(value) ? 0 : std::clamp(value, -kFar, kFar));
   std::string number = text;
   number.erase(number.find_last_not_of('0') + 1);
   if (number.back() == '.') number.pop_back();
@@ -74,10 +77,17 @@ std::string TickLabel(double value, double step) {
 // The ticks of `span` at multiples of `step`.
 std::vector<double> Ticks(Span span, double step) {
   std::vector<double> ticks;
-  for (double k = std::ceil(span.low / step - 1e-9); k * step <= span.high + step * 1e-9; ++k) {
-    ticks.push_back(k * step + 0.0);  // no "-0"
+  const double first = std::ceil(span.low / step - 1e-9);
+  for (int k = 0; k < 1000 && (first + k) * step <= span.high + step * 1e-9; ++k) {
+    ticks.push_back((first + k) * step + 0.0);  // no "-0"
   }
   return ticks;
+}
+
+// A span that can be shown: finite and not empty.
+Span Shown(Span span) {
+  if (!std::isfinite(span.low) || !std::isfinite(span.high)) return {0, 1};
+  return span.high > span.low ? span : Span{span.low, span.low + 1};
 }
 
 }  // namespace
@@ -209,7 +219,7 @@ double TickStep(Span span, int count) {
 }
 
 Axes::Axes(Document& document, Point corner, Point size, Span x, Span y)
-    : document_(document), corner_(corner), size_(size), x_(x), y_(y) {}
+    : document_(document), corner_(corner), size_(size), x_(Shown(x)), y_(Shown(y)) {}
 
 Point Axes::At(double x, double y) const {
   const double across = (x - x_.low) / (x_.high - x_.low);

@@ -37,7 +37,6 @@ done
 [ "$(count "$work/cie.svg" 'ZA000001:4')" -eq 0 ] || fail "a fiber without x and y is marked"
 "$tool" plot cie --json "$result" --zoom -o - >"$work/zoom.svg" || fail "plot cie --zoom failed"
 well_formed "$work/zoom.svg"
-grep -q 'clip-path=' "$work/zoom.svg" || fail "the zoomed chart is not cut to its frame"
 
 # Bad input: exit 2 and the reason.
 refused() {
@@ -47,16 +46,26 @@ refused() {
   grep -qF -- "$expected" "$work/out" || { cat "$work/out"; fail "'$*' does not say '$expected'"; }
 }
 printf '{"plan": "p", "unit": null, "pass": true, "instruments": [{"serial": "S", "fibers": [{"fiber": 1, "x": "0.3", "y": 0.3, "pass": true}]}]}' >"$work/text-x.json"
+printf '{"plan": "p", "unit": null, "pass": true, "instruments": [{"serial": "S", "fibers": [{"fiber": 1, "x": 1e400, "y": 0.3, "pass": true}]}]}' >"$work/infinite.json"
 printf '[1, 2' >"$work/broken.json"
 printf 'B1=0.1,0.1;0.2\n' >"$work/odd.vec"
 refused "missing.json: No such file" plot cie --json "$work/missing.json" -o "$work/x.svg"
 refused "not a test result document: no JSON" plot cie --json "$work/broken.json" -o "$work/x.svg"
 refused "instruments[0].fibers[0]: fiber must be a whole number, x and y numbers" \
   plot cie --json "$work/text-x.json" -o "$work/x.svg"
+refused "infinite.json: not a test result document: no JSON" \
+  plot cie --json "$work/infinite.json" -o "$work/x.svg"
 refused "odd.vec: Syntax error in VEC file" plot cie --json "$result" --bins "$work/odd.vec" -o "$work/x.svg"
 refused "nowhere/x.svg: No such file or directory" plot cie --json "$result" -o "$work/nowhere/x.svg"
 refused "A subcommand is required" plot
 [ ! -e "$work/x.svg" ] || fail "a refused plot wrote its file"
+# A point far off the chart is drawn, cut to the frame, zoomed or not.
+sed 's/"x": 0.3125/"x": 1e300/' "$result" >"$work/far.json"
+for zoom in "" --zoom; do
+  "$tool" plot cie --json "$work/far.json" $zoom -o "$work/far.svg" || fail "plot cie $zoom failed on a far point"
+  well_formed "$work/far.svg"
+  [ "$(count "$work/far.svg" 'clip-path=')" -eq 1 ] || fail "the chart is not cut to its frame"
+done
 
 # A sequence of a light blinking at 5 Hz, half lit.
 "$sim" --port serial=ZQ000001,fibers=2 --blink 1:5:50 </dev/null >"$work/sim" 2>&1 &
