@@ -229,7 +229,7 @@ void DrawWavelengths(const svg::Axes& axes) {
   for (const Observer& o : kObserver) {
     const bool labelled =
         (o.nm >= 460 && o.nm <= 620 && o.nm % 10 == 0 && (o.nm <= 520 || o.nm % 20 == 0)) ||
-        o.nm == 380 || o.nm == 700;
+        o.nm == 700;
     if (!labelled) continue;
     const Point p = Chromaticity(o.x, o.y, o.z);
     axes.Picture().Line(axes.At(p), Outwards(axes, p, 5), svg::Style("#222222"));
