@@ -1,9 +1,11 @@
 // zeltocom plot: pictures of a test plan's results.
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "commands.hpp"
