@@ -298,6 +298,13 @@ ZELTOCOM_API int ZeltoCom_Binning_FindBin(const char* path, char* binName, int b
  * and points in line with the origin and a corner. The number of bins
  * listed; -1 as for ZeltoCom_Binning_FindBin. */
 ZELTOCOM_API int ZeltoCom_Binning_CheckVECFile(const char* path, char* report, int reportSize);
+/* Writes into `list` the bins of the file, read and checked as by
+ * ZeltoCom_Binning_FindBin, for drawing them: one line per bin in file
+ * order, "NAME=x,y;x,y;..." (unnamed bins as "Area N"), each coordinate the
+ * shortest decimal that reads back as the float the library holds, lines
+ * joined by '\n' and the whole cut to `listSize` - 1 characters. The number
+ * of bins; -1 as for ZeltoCom_Binning_FindBin. */
+ZELTOCOM_API int ZeltoCom_Binning_ListBins(const char* path, char* list, int listSize);
 /* ---- Many ports at once ----
  * Worker threads take the ports one at a time, one thread per port up to 64
  * (more ports wait their turn); the call returns when every worker has

@@ -18,6 +18,7 @@ Subcommand AddSpectrometer(CLI::App& root);
 Subcommand AddTrigger(CLI::App& root);
 Subcommand AddCalibrate(CLI::App& root);
 Subcommand AddProject(CLI::App& root);
+Subcommand AddPlot(CLI::App& root);
 // Built with SQLite only.
 Subcommand AddResults(CLI::App& root);
 

@@ -35,7 +35,7 @@ class Tool {
         "model), 2 bad\nusage, 130 ended by Ctrl-C.");
     for (const auto add :
          {AddPorts, AddDetect, AddSend, AddShell, AddCapture, AddChain, AddSequence, AddBin,
-          AddSpectrometer, AddTrigger, AddCalibrate, AddProject}) {
+          AddSpectrometer, AddTrigger, AddCalibrate, AddProject, AddPlot}) {
       subcommands_.push_back(add(root_));
     }
 #ifdef ZELTOCOM_SQLITE
@@ -91,9 +91,15 @@ class Tool {
 
   int PrintHelp(const CLI::App* app, std::FILE* to = stdout) const {
     // The root's own help: CLI11's help() would be that of the parsed subcommand.
+    std::string prefix = "zeltocom";
+    // "plot cie --help": the help of the innermost command named.
+    while (app != nullptr && !app->get_subcommands().empty()) {
+      prefix += " " + app->get_name();
+      app = app->get_subcommands().front();
+    }
     const std::string text = app == nullptr ? root_.get_formatter()->make_help(
                                                   &root_, "zeltocom", CLI::AppFormatMode::Normal)
-                                            : app->help("zeltocom");
+                                            : app->help(prefix);
     std::fputs(text.c_str(), to);
     return kSuccess;
   }

@@ -8,6 +8,7 @@
 #include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
+#include "svg.hpp"
 #include "zeltocom.h"
 
 namespace cli {
@@ -30,6 +31,7 @@ struct SequenceOptions {
   unsigned delay = 0;
   std::string find;  // "MIN-MAX"
   int baud = 0;
+  std::string svg;  // the picture's file
 };
 
 // The frequency span the instrument is to find the settings for.
@@ -67,6 +69,57 @@ void Plot(const std::vector<int>& samples, double periodMs) {
   std::printf("%8s +%s\n", "", std::string(static_cast<std::size_t>(width), '-').c_str());
   const std::string end = std::to_string(static_cast<long>(periodMs * samples.size())) + " ms";
   std::printf("%8s  0 ms%*s\n", "", std::max(1, width - 4), end.c_str());
+}
+
+struct Run {
+  long start = 0;  // ms
+  int duration = 0;
+  int level = 0;
+};
+
+// What a picture of a sequence shows.
+struct SequencePicture {
+  std::string title;
+  std::vector<int> intensities;
+  double periodMs = 0;
+  std::vector<Run> runs;
+  std::string blinking;  // frequency and duty cycle, or that none was found
+};
+
+// The intensities over time as steps, the runs shaded (lit ones, those at
+// the upper half of the levels, in yellow), the blinking written above.
+void DrawSequence(const std::string& file, const SequencePicture& sequence) {
+  svg::Document picture(800, 500);
+  picture.Title(sequence.title, sequence.blinking);
+  const auto [low, high] = std::ranges::minmax(sequence.intensities);
+  const double endMs = sequence.periodMs * static_cast<double>(sequence.intensities.size());
+  const double top = high > 0 ? high * 1.08 : 1;
+  const svg::Axes axes(picture, {90, 70}, {680, 350}, {0, endMs},
+                       {static_cast<double>(std::min(0, low)), top});
+  axes.Draw("time (ms)", "intensity");
+  axes.BeginClip();
+  const auto [dimmest, brightest] = std::ranges::minmax_element(sequence.runs, {}, &Run::level);
+  const double middle = sequence.runs.empty() ? 0 : (dimmest->level + brightest->level) / 2.0;
+  for (const Run& run : sequence.runs) {
+    const bool lit = run.level > middle;
+    const svg::Point from = axes.At(static_cast<double>(run.start), axes.Y().high);
+    const svg::Point to = axes.At(static_cast<double>(run.start + run.duration), axes.Y().low);
+    picture.Rect(from, {to.x - from.x, to.y - from.y},
+                 svg::Style("", lit ? "#ffc107" : "#90a4ae", 1, lit ? 0.3 : 0.15));
+  }
+  std::vector<svg::Point> steps;
+  for (std::size_t i = 0; i < sequence.intensities.size(); ++i) {
+    const double value = sequence.intensities[i];
+    steps.push_back(axes.At(sequence.periodMs * static_cast<double>(i), value));
+    steps.push_back(axes.At(sequence.periodMs * static_cast<double>(i + 1), value));
+  }
+  picture.Polyline(steps, svg::Style("#1f5fa8", "", 1.4));
+  axes.EndClip();
+  picture.Rect({560, 452}, {14, 10}, svg::Style("", "#ffc107", 1, 0.5));
+  picture.Text({580, 461}, "lit run", svg::Font(11));
+  picture.Rect({650, 452}, {14, 10}, svg::Style("", "#90a4ae", 1, 0.4));
+  picture.Text({670, 461}, "dark run", svg::Font(11));
+  picture.Save(file);
 }
 
 int RunSequence(const SequenceOptions& options) {
@@ -121,8 +174,10 @@ int RunSequence(const SequenceOptions& options) {
                    {"samples", settings.samples}};
   Json pattern = Json::array();
   Table table({{"start_ms", "START MS"}, {"duration_ms", "DURATION MS"}, {"level", "LEVEL"}});
+  std::vector<Run> found;
   long start = 0;
   for (std::size_t r = 0; r < static_cast<std::size_t>(runs); ++r) {
+    found.push_back({start, durations[r], levels[r]});
     const Json run = {{"start_ms", start}, {"duration_ms", durations[r]}, {"level", levels[r]}};
     pattern.push_back(run);
     table.Add(run);
@@ -134,8 +189,19 @@ int RunSequence(const SequenceOptions& options) {
   float duty = 0;
   int cycles = 0;
   const bool blinking =
-      options.frequency &&
+      (options.frequency || !options.svg.empty()) &&
       ZeltoCom_Sequence_GetFrequency(path.c_str(), intensities.data(), &hz, &duty, &cycles) == 1;
+  char blinkingText[96] = "no blinking found";
+  if (blinking) {
+    std::snprintf(blinkingText, sizeof blinkingText,
+                  "%.2f Hz, %.1f %% duty cycle, over %d whole cycles", hz, duty, cycles);
+  }
+  if (!options.svg.empty()) {
+    DrawSequence(
+        options.svg,
+        {"Fiber " + std::to_string(fiber) + " of " + SerialOf(path) + ", " + time, intensities,
+         static_cast<double>(settings.captureTime + settings.pause), found, blinkingText});
+  }
   if (options.frequency) {
     document["frequency_hz"] = blinking ? Number(hz) : Json();
     document["duty_cycle_percent"] = blinking ? Number(duty) : Json();
@@ -150,11 +216,7 @@ int RunSequence(const SequenceOptions& options) {
               settings.samples, settings.captureTime, settings.pause, settings.startDelay, fiber,
               path.c_str());
   table.Print();
-  if (blinking) {
-    std::printf("\n%.2f Hz, %.1f %% duty cycle, over %d whole cycles\n", hz, duty, cycles);
-  } else if (options.frequency) {
-    std::printf("\nno blinking found\n");
-  }
+  if (options.frequency) std::printf("\n%s\n", blinkingText);
   if (StdoutIsTerminal()) Plot(intensities, settings.captureTime + settings.pause);
   return kSuccess;
 }
@@ -170,7 +232,8 @@ Subcommand AddSequence(CLI::App& root) {
               "and dark runs with their start, duration and level. --frequency adds the\n"
               "blinking frequency and duty cycle; --find lets the instrument choose the\n"
               "settings for a light blinking between MIN and MAX Hz (at most 125). On a\n"
-              "terminal, a plot of the intensities over time follows. Ctrl-C closes the port\n"
+              "terminal, a plot of the intensities over time follows; --svg draws it into a\n"
+              "file, with the runs and the blinking. Ctrl-C closes the port\n"
               "and tells how long the analyser goes on sequencing.");
   AddOperand(*app, "PORT", options->port, "the analyser's port")->required();
   app->add_option("-f,--fiber", options->fiber, "the fiber (needed)")
@@ -200,6 +263,9 @@ Subcommand AddSequence(CLI::App& root) {
       ->excludes(samples)
       ->excludes(captureTime)
       ->excludes(pause);
+  app->add_option("--svg", options->svg,
+                  "also draw the intensities, the runs and the blinking as SVG into FILE")
+      ->type_name("FILE");
   AddBaudOption(*app, options->baud);
   return {app, [options] { return RunSequence(*options); }};
 }

@@ -9,7 +9,7 @@ or on the system's library path).
 
 from ._library import ZeltoComError
 from .calibration import UserCalibration
-from .files import Project, bin_of, check_bins, find_bin
+from .files import Project, bin_of, bins, check_bins, find_bin
 from .instrument import Instrument
 from .readings import Blinking, Reading, Run, Samples, SequenceSettings, TriggerState
 from .station import (Station, detect, opened_ports, ports, set_response_timeout, set_trace,
@@ -17,7 +17,7 @@ from .station import (Station, detect, opened_ports, ports, set_response_timeout
 
 __all__ = [
     "Blinking", "Instrument", "Project", "Reading", "Run", "Samples", "SequenceSettings",
-    "Station", "TriggerState", "UserCalibration", "ZeltoComError", "bin_of", "check_bins",
+    "Station", "TriggerState", "UserCalibration", "ZeltoComError", "bin_of", "bins", "check_bins",
     "detect", "find_bin", "opened_ports", "ports", "set_response_timeout", "set_trace",
     "version",
 ]

@@ -75,6 +75,7 @@ _PROTOTYPES: dict[str, tuple[object, list[object]]] = {
     "ZeltoCom_Binning_GetBinFromVECFile": (_i, [_s, _s, _f, _f]),
     "ZeltoCom_Binning_FindBin": (_i, [_s, _s, _i, _f, _f]),
     "ZeltoCom_Binning_CheckVECFile": (_i, [_s, _s, _i]),
+    "ZeltoCom_Binning_ListBins": (_i, [_s, _s, _i]),
     "ZeltoCom_Open_Multi": (_i, [_int_p, _texts, _i, _i]),
     "ZeltoCom_OpenSN_Multi": (_i, [_int_p, _texts, _i, _i]),
     "ZeltoCom_Close_Multi": (_i, [_int_p, _texts, _i]),

@@ -114,3 +114,24 @@ def check_bins(path: PathLike) -> list[str]:
     call(name, encode(path, "bin file path", name), buffer, room,
          succeeded=lambda result: result >= 0, port_text=False)
     return decode(buffer.value).splitlines()
+
+
+def bins(path: PathLike) -> list[tuple[str, list[tuple[float, float]]]]:
+    """The bins of the bin file at `path` in file order, as the library reads
+    them: each its name and its polygon's corners (x, y), for drawing."""
+    name = "ZeltoCom_Binning_ListBins"
+    # The list grows past the file where it writes a float's shortest digits.
+    room = 4 * _room(path) + 4096
+    while True:
+        buffer = ctypes.create_string_buffer(room)
+        call(name, encode(path, "bin file path", name), buffer, room,
+             succeeded=lambda result: result >= 0, port_text=False)
+        if len(buffer.value) + 1 < room:
+            break
+        room *= 4
+    listed = []
+    for line in decode(buffer.value).split("\n"):
+        bin_name, _, corners = line.partition("=")
+        listed.append((bin_name, [(float(x), float(y)) for x, y in
+                                  (corner.split(",") for corner in corners.split(";"))]))
+    return listed

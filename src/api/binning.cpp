@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <iterator>
 #include <optional>
@@ -324,6 +325,27 @@ std::string RiskReport(const std::vector<tBinVector>& bins, int& listed) {
   return report;
 }
 
+std::string ShortestDecimal(float value) {
+  std::array<char, 32> text{};
+  auto* const end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
+  return {text.data(), end};
+}
+
+// One line per bin: "NAME=x,y;x,y;...", each coordinate the shortest
+// decimal that reads back as the same float.
+std::string BinList(const std::vector<tBinVector>& bins) {
+  std::string list;
+  for (const tBinVector& bin : bins) {
+    if (!list.empty()) list += '\n';
+    list += bin.name + '=';
+    for (std::size_t i = 0; i < bin.x.size(); ++i) {
+      if (i > 0) list += ';';
+      list += ShortestDecimal(bin.x[i]) + ',' + ShortestDecimal(bin.y[i]);
+    }
+  }
+  return list;
+}
+
 }  // namespace
 
 extern "C" {
@@ -371,6 +393,17 @@ int ZeltoCom_Binning_CheckVECFile(const char* path, char* report, int reportSize
     int listed = 0;
     CopyCut(report, reportSize, RiskReport(*bins, listed));
     return listed;
+  });
+}
+
+int ZeltoCom_Binning_ListBins(const char* path, char* list, int listSize) {
+  return Guarded(-1, [&] {
+    const std::string file(Arg(path));
+    if (!VecPathAccepted(file) || !RoomGiven(list, listSize, "list")) return -1;
+    const std::optional<std::vector<tBinVector>> bins = ReadBins(file);
+    if (!bins) return -1;
+    CopyCut(list, listSize, BinList(*bins));
+    return static_cast<int>(bins->size());
   });
 }
 

@@ -188,6 +188,29 @@ TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
   EXPECT_STREQ(report, "");
 }
 
+TEST_F(FilesTest, ListBinsGivesEachPolygonAsTheTestHoldsIt) {
+  // Short lines hold no bin; an unnamed bin is named for its place; a
+  // corner is written as the float the test uses, beyond its range "inf".
+  const std::string bins = Write("list.vec", "W1=0.3,0.3;0.25,0.3;0.25,0.5\n"
+                                             "x\n"
+                                             "0.1,0.2;0.30000001,0.2;0.2,0.5\r\n"
+                                             "=1" +
+                                                 std::string(40, '0') + ",0;0.5,0.5\n");
+  char list[256];
+  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, sizeof list), 3) << LastError();
+  EXPECT_STREQ(list, "W1=0.3,0.3;0.25,0.3;0.25,0.5\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
+                     "=inf,0;0.5,0.5");
+  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, 5), 3);
+  EXPECT_STREQ(list, "W1=0");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), list, 0)),
+            "-1: The size of the list buffer must be at least 1");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), nullptr, 8)),
+            "-1: No buffer given for the result");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(Write("odd.vec", "B1=0.1,0.1;0.2\n").c_str(), list,
+                                              sizeof list)),
+            "-1: Syntax error in VEC file");
+}
+
 TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
   const std::string master = Section("PORT=/dev/a\nID=A\nSERIALNUMBER=S1\n");
   const std::pair<std::string, std::string> cases[] = {

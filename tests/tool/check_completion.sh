@@ -46,6 +46,9 @@ for command in $commands; do
     expect "zeltocom $command --" "$option"
   done
 done
+for option in $("$tool" plot cie --help | grep -o -- '--[a-z][a-z-]*' | sort -u); do
+  expect "zeltocom plot cie --" "$option"
+done
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -65,6 +68,11 @@ cases=(
   "zeltocom results --db $work/b|$work/bins.vec"
   "zeltocom capture --p|--pwm"
   "zeltocom --j|--json"
+  "zeltocom plot |cie"
+  "zeltocom plot cie --json $work/b|$work/bins.vec"
+  "zeltocom plot cie --bins $work/b|$work/bins.vec"
+  "zeltocom plot cie -o $work/b|$work/bins.vec"
+  "zeltocom sequence /dev/pts/91 --svg $work/b|$work/bins.vec"
 )
 for case in "${cases[@]}"; do
   expect "${case%%|*}" "${case#*|}"
@@ -74,6 +82,7 @@ expect_not "zeltocom capture --range " "/dev/pts/91"
 expect_not "zeltocom detect " "/dev/pts/91"
 expect_not "zeltocom results " "/dev/pts/91"
 expect_not "zeltocom send /dev/pts/91 " "capture"
+expect_not "zeltocom plot cie --json " "cie"
 ZELTOCOM_PORTS= expect_not "zeltocom send " "/dev/pts/91"
 
 [[ $failures -eq 0 ]] && echo "completion: every subcommand and option offered"

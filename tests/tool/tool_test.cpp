@@ -209,9 +209,9 @@ std::string Ports(const std::vector<const zeltosim::SimPort*>& ports) {
 }
 
 const std::vector<std::string>& SubcommandNames() {
-  static const std::vector<std::string> names = {"ports",        "detect",  "send",      "shell",
-                                                 "capture",      "chain",   "sequence",  "bin",
-                                                 "spectrometer", "trigger", "calibrate", "project"};
+  static const std::vector<std::string> names = {
+      "ports", "detect",       "send",    "shell",     "capture", "chain", "sequence",
+      "bin",   "spectrometer", "trigger", "calibrate", "project", "plot"};
   return names;
 }
 
@@ -253,6 +253,8 @@ TEST(ToolUsage, BadUsageIsStatus2WithAHint) {
            {"sequence", "/dev/null", "-f", "1", "--find", "1-5", "--samples", "9"},
            {"detect", "--bogus"},
            {"bin", "a.vec", "x", "0.3"},
+           {"plot", "cie", "-o", "x.svg"},
+           {"plot", "bar", "-o", "x.svg"},
            {"ports", "extra"},
            {"--timeout", "0", "send", "/dev/null", "GETHW"},
            {"--json=loud", "ports"}}) {
