@@ -18,5 +18,8 @@ Subcommand AddSpectrometer(CLI::App& root);
 Subcommand AddTrigger(CLI::App& root);
 Subcommand AddCalibrate(CLI::App& root);
 Subcommand AddProject(CLI::App& root);
+#ifdef ZELTOCOM_PLANS
+Subcommand AddTest(CLI::App& root);
+#endif
 
 }  // namespace cli

@@ -38,6 +38,9 @@ class Tool {
           AddSpectrometer, AddTrigger, AddCalibrate, AddProject}) {
       subcommands_.push_back(add(root_));
     }
+#ifdef ZELTOCOM_PLANS
+    subcommands_.push_back(AddTest(root_));
+#endif
     help_ = root_.add_subcommand("help", "this text, or a command's");
     AddOperand(*help_, "COMMAND", helpTopic_, "the command to tell about");
   }

@@ -1,0 +1,17 @@
+// Where a test plan's result goes beyond the station: a database of runs
+// and a message broker.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace cli {
+
+// Appends one run to the SQLite database at path; false with *error set when it could not.
+bool StoreResult(const nlohmann::ordered_json& result, const std::string& path, std::string* error);
+// Publishes the result to zeltocom/<station>/<plan>/result (QoS 1, retained); false with *error
+// set.
+bool PublishResult(const nlohmann::ordered_json& result, const std::string& url,
+                   std::string* error);
+
+}  // namespace cli
