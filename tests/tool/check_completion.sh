@@ -63,6 +63,8 @@ cases=(
   "zeltocom shell /dev/pts/9|/dev/pts/91"
   "zeltocom bin $work/b|$work/bins.vec"
   "zeltocom capture --p|--pwm"
+  "zeltocom test $work/b|$work/bins.vec"
+  "zeltocom test plan.toml --junit $work/b|$work/bins.vec"
   "zeltocom --j|--json"
 )
 for case in "${cases[@]}"; do
@@ -71,6 +73,8 @@ done
 # A value of its option, or a subcommand that takes no port, gets nothing.
 expect_not "zeltocom capture --range " "/dev/pts/91"
 expect_not "zeltocom detect " "/dev/pts/91"
+expect_not "zeltocom test " "/dev/pts/91"
+expect_not "zeltocom test plan.toml --unit " "$work/bins.vec"
 expect_not "zeltocom send /dev/pts/91 " "capture"
 ZELTOCOM_PORTS= expect_not "zeltocom send " "/dev/pts/91"
 
