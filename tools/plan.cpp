@@ -2,7 +2,10 @@
 
 #include <toml++/toml.h>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -31,6 +34,11 @@ class PlanReader {
   explicit PlanReader(std::string file) : file_(std::move(file)) {}
 
   Plan Read() {
+    if (std::FILE* readable = std::fopen(file_.c_str(), "r")) {
+      std::fclose(readable);
+    } else {
+      UsageError(file_ + ": " + std::strerror(errno));
+    }
     toml::table root;
     try {
       root = toml::parse_file(file_);

@@ -127,7 +127,7 @@ TEST_F(PlanTest, AnImpossibleWindowFailsThatFiberAndNamesTheLimit) {
   EXPECT_EQ(std::count(rows.begin(), rows.end(), '\n'), 5) << rows;
   EXPECT_EQ(rows.rfind("unit,plan,serial,fiber,", 0), 0U) << rows;
   EXPECT_NE(rows.find(",front lamp,ZP000002,2,"), std::string::npos) << rows;
-  EXPECT_NE(rows.find(",false,intensity "), std::string::npos) << rows;
+  EXPECT_NE(rows.find(",false,\"intensity 1200 not in [1, 2]\""), std::string::npos) << rows;
 
   // Well-formed, four cases, the one failure naming the limit.
   const std::string check = "python3 -c \"import sys, xml.etree.ElementTree as E; "
@@ -209,7 +209,9 @@ TEST_F(PlanTest, ABadPlanNamesItsLineAndKey) {
   EXPECT_EQ(first_.master().captures() + second_.master().captures(), 0);
   std::ofstream(dir_ + "plan.toml") << "[[instrument]]\nserial = \"ZP000001\"\n";
   EXPECT_NE(Test({dir_ + "plan.toml"}).err.find("plan.toml:1: name: missing"), std::string::npos);
-  EXPECT_EQ(Test({dir_ + "no-such-plan.toml"}).status, 2);
+  const Outcome missing = Test({dir_ + "no-such-plan.toml"});
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_NE(missing.err.find("no-such-plan.toml: No such file"), std::string::npos) << missing.err;
 }
 
 }  // namespace
