@@ -512,6 +512,27 @@ ZELTOCOM_API int ZeltoCom_UserCal_SetAbsIntFactor(const char* devPath, int fiber
  * is outside 1E-99 to 1E+99 (its exponent takes two digits). */
 ZELTOCOM_API int ZeltoCom_UserCal_AdjustAbsIntFactor(const char* devPath, int fiber,
                                                      double absoluteIntensityReference);
+/* ---- Intensity scales ----
+ * The instruments report intensity on a logarithmic scale unless switched
+ * to linear ("SETLIN"). These follow the instrument's scale, model and
+ * firmware (read from it on first use). `captureRange` is the capture's
+ * range, 0 (automatic) to 6; `isPWM` non-zero for a capture in PWM mode.
+ * 1 with the result; 0 when the instrument's mode, firmware or model cannot
+ * be read; -1 for a port not open, a null result pointer or a range out of
+ * 0 to 6. */
+/* A reported intensity as a linear one: a linear instrument's value comes
+ * back unchanged. */
+ZELTOCOM_API int ZeltoCom_IntensityToLinear(const char* devPath, int value, int isPWM,
+                                            int captureRange, int* linear);
+/* A linear intensity taken back to a logarithmic one, whatever scale the
+ * instrument reports in, as the pattern thresholds are: with the decimal
+ * logarithm, so not the inverse of the above (1200 gives 7127 where the
+ * instrument reads 16411). Compare readings in linear units. */
+ZELTOCOM_API int ZeltoCom_IntensityToLog(const char* devPath, int value, int isPWM,
+                                         int captureRange, int* logarithmic);
+/* The scale the instrument reports intensities in: `*logarithmic` 1 for the
+ * logarithmic scale, 0 for the linear one. */
+ZELTOCOM_API int ZeltoCom_GetIntensityScale(const char* devPath, int* logarithmic);
 /* ---- External trigger ----
  * The instrument captures when a pulse reaches its trigger input and then
  * sends its readings (or "OK") unasked. A listener thread per port waits

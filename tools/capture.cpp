@@ -45,6 +45,8 @@ std::vector<Column> ReadingColumns(Column first) {
   for (const Reading& reading : Readings()) {
     for (const std::string& field : reading.fields) columns.push_back({field, Heading(field)});
   }
+  columns.push_back({"intensity_raw", "RAW"});
+  columns.push_back({"scale", "SCALE"});
   return columns;
 }
 
@@ -65,13 +67,40 @@ Json FiberReadings(int fiber, const std::vector<Answer>& answers) {
   return row;
 }
 
-// The rows of one instrument's fibers, from `first` on; each goes into the
-// table too, under `key` = `name`. A failed reading makes `status` a failure.
+struct CaptureSettings {
+  int pwm;
+  int range;
+  std::pair<long, long> fibers;  // {0, 0}: all of each instrument's
+};
+
+// Shows a row's intensity on the linear scale, keeping the reported value
+// and its scale. The instrument that holds the line of `path` must be the
+// one that reported it: a chained one is converted right after its reading.
+void ShowLinearIntensity(Json& row, const std::string& path, const CaptureSettings& settings) {
+  if (!row.contains("intensity") || !row["intensity"].is_number_integer()) return;
+  const int raw = row["intensity"].get<int>();
+  int logarithmic = 0;
+  int linear = 0;
+  if (ZeltoCom_GetIntensityScale(path.c_str(), &logarithmic) != 1 ||
+      ZeltoCom_IntensityToLinear(path.c_str(), raw, settings.pwm, settings.range, &linear) != 1) {
+    row["error"] = PortError(path);
+    return;
+  }
+  row["intensity"] = linear;
+  row["intensity_raw"] = raw;
+  row["scale"] = logarithmic != 0 ? "logarithmic" : "linear";
+}
+
+// The rows of one instrument's fibers, from `first` on, read through the
+// port at `path`; each goes into the table too, under `key` = `name`. A
+// failed reading makes `status` a failure.
 Json FiberRows(const std::vector<std::vector<Answer>>& answers, int first, Table& table,
-               const std::string& key, const std::string& name, int& status) {
+               const std::string& key, const std::string& name, const std::string& path,
+               const CaptureSettings& settings, int& status) {
   Json rows = Json::array();
   for (std::size_t f = 0; f < answers.size(); ++f) {
     Json row = FiberReadings(first + static_cast<int>(f), answers[f]);
+    if (!row.contains("error")) ShowLinearIntensity(row, path, settings);
     if (row.contains("error")) status = kFailure;
     rows.push_back(row);
     row[key] = name;
@@ -79,12 +108,6 @@ Json FiberRows(const std::vector<std::vector<Answer>>& answers, int first, Table
   }
   return rows;
 }
-
-struct CaptureSettings {
-  int pwm;
-  int range;
-  std::pair<long, long> fibers;  // {0, 0}: all of each instrument's
-};
 
 // The options capture and chain share.
 struct CaptureOptions {
@@ -242,8 +265,8 @@ int RunCapture(const CaptureOptions& options) {
       status = kFailure;
     } else {
       document["time"] = time;
-      document["fibers"] =
-          FiberRows(answers[next++], port.fibers.first, table, "port", port.path, status);
+      document["fibers"] = FiberRows(answers[next++], port.fibers.first, table, "port", port.path,
+                                     port.path, settings, status);
     }
     documents.push_back(document);
   }
@@ -287,20 +310,17 @@ int RunChain(const CaptureOptions& options) {
   }
   if (captured != 1) Failure(path + ": " + PortError(path));
 
-  std::vector<std::pair<int, std::vector<std::vector<Answer>>>> answers;
-  {
-    Progress progress("reading the instruments");
-    for (const std::string& serial : serials) {
-      answers.push_back(ReadChained(path, serial, settings));
-    }
-  }
   int status = kSuccess;
   Json instruments = Json::array();
   Table table(ReadingColumns({"serial", "SERIAL"}));
-  for (std::size_t i = 0; i < serials.size(); ++i) {
-    const auto& [first, fibers] = answers[i];
-    Json rows = FiberRows(fibers, first, table, "serial", serials[i], status);
-    instruments.push_back({{"serial", serials[i]}, {"fibers", rows}});
+  {
+    Progress progress("reading the instruments");
+    for (const std::string& serial : serials) {
+      const auto [first, fibers] = ReadChained(path, serial, settings);
+      // Its intensities are converted while it still holds the line.
+      Json rows = FiberRows(fibers, first, table, "serial", serial, path, settings, status);
+      instruments.push_back({{"serial", serial}, {"fibers", rows}});
+    }
   }
   PrintResult({{"port", path}, {"time", time}, {"instruments", instruments}}, table);
   return status;

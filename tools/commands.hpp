@@ -21,5 +21,7 @@ Subcommand AddProject(CLI::App& root);
 #ifdef ZELTOCOM_PLANS
 Subcommand AddTest(CLI::App& root);
 #endif
+// Built with SQLite only.
+Subcommand AddResults(CLI::App& root);
 
 }  // namespace cli

@@ -12,7 +12,7 @@
 namespace cli {
 namespace {
 
-// "3.1.0", as a version number stands in "zeltocom 3.1.0".
+// "3.2.0", as a version number stands in "zeltocom 3.1.0".
 std::string LibraryVersion() {
   char version[32] = "";
   ZeltoCom_GetLibraryVersion(version);
@@ -40,6 +40,9 @@ class Tool {
     }
 #ifdef ZELTOCOM_PLANS
     subcommands_.push_back(AddTest(root_));
+#endif
+#ifdef ZELTOCOM_SQLITE
+    subcommands_.push_back(AddResults(root_));
 #endif
     help_ = root_.add_subcommand("help", "this text, or a command's");
     AddOperand(*help_, "COMMAND", helpTopic_, "the command to tell about");

@@ -1,11 +1,9 @@
-// Where a test plan's result goes beyond the station: a database of runs
-// and a message broker.
+// Where a test plan's result goes besides the terminal: an SQLite database
+// and an MQTT broker.
 #pragma once
 
 #include <nlohmann/json.hpp>
 #include <string>
-
-namespace cli {
 
 // Appends one run to the SQLite database at path; false with *error set when it could not.
 bool StoreResult(const nlohmann::ordered_json& result, const std::string& path, std::string* error);
@@ -13,5 +11,3 @@ bool StoreResult(const nlohmann::ordered_json& result, const std::string& path, 
 // set.
 bool PublishResult(const nlohmann::ordered_json& result, const std::string& url,
                    std::string* error);
-
-}  // namespace cli

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <cmath>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -165,32 +165,20 @@ std::vector<std::string> AskEach(const std::vector<Instrument*>& instruments,
   return lines;
 }
 
-bool SaysLogarithmic(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text.find("logarithmic") != std::string::npos;
-}
-
-// The scale each instrument reports intensities in; one that lacks
-// GETINTENSITYMODE tells it in its status page.
+// The scale each instrument reports intensities in.
 void LearnScales(const std::vector<Instrument*>& instruments) {
-  const std::vector<Answer> modes = SendToEach(PathsOf(instruments), "GETINTENSITYMODE");
-  std::vector<Instrument*> unsaid;
+  const std::vector<std::string> paths = PathsOf(instruments);
+  std::vector<int> logarithmic(paths.size(), 1);
+  NoteFailures(instruments,
+               AtOnce(paths,
+                      [&paths, &logarithmic](const std::string& path) {
+                        const auto i = std::find(paths.begin(), paths.end(), path) - paths.begin();
+                        return ZeltoCom_GetIntensityScale(
+                            path.c_str(), &logarithmic[static_cast<std::size_t>(i)]);
+                      }),
+               "intensity scale");
   for (std::size_t i = 0; i < instruments.size(); ++i) {
-    if (modes[i].ok()) {
-      instruments[i]->logarithmic = SaysLogarithmic(modes[i].text);
-    } else {
-      unsaid.push_back(instruments[i]);
-    }
-  }
-  if (unsaid.empty()) return;
-  const std::vector<Answer> pages = SendToEach(PathsOf(unsaid), "GETSTATUS");
-  NoteFailures(unsaid, pages, "GETSTATUS");
-  for (std::size_t i = 0; i < unsaid.size(); ++i) {
-    for (const std::string& line : Lines(pages[i].text)) {
-      if (line.find("ntensity mode") != std::string::npos) {
-        unsaid[i]->logarithmic = SaysLogarithmic(line);
-      }
-    }
+    instruments[i]->logarithmic = logarithmic[i] != 0;
   }
 }
 

@@ -38,7 +38,20 @@ class InstrumentTest(unittest.TestCase):
             self.assertEqual([r.fiber for r in readings], [1, 2, 3])
             third = readings[2]
             self.assertEqual(f"{third.x:.4f} {third.y:.4f}", analyser.send("GETxy03"))
-            self.assertEqual(third.intensity, int(analyser.send("GETINTENSITY03")))
+            # Shown linear, as reported kept: 1200 reads 16411 on the logarithmic scale.
+            self.assertEqual(third.intensity_raw, int(analyser.send("GETINTENSITY03")))
+            self.assertEqual((third.intensity_raw, third.intensity_scale), (16411, "logarithmic"))
+            self.assertAlmostEqual(third.intensity, 1200, delta=1)
+            analyser.send("SETLIN")
+            try:
+                linear = analyser.capture()[2]
+                self.assertEqual((linear.intensity_raw, linear.intensity_scale),
+                                 (linear.intensity, "linear"))
+                with self.assertRaises(ZeltoComError) as caught:
+                    analyser.intensity_to_linear(100, range=7)
+                self.assertIn("between 0 and 6", caught.exception.text)
+            finally:
+                analyser.send("SETLOG")
             self.assertEqual(third.wavelength, int(analyser.send("GETWAVELENGTH03")))
             self.assertNotEqual(readings[0], readings[1])
 
@@ -151,6 +164,9 @@ class StationTest(unittest.TestCase):
             readings = station.capture()
             self.assertEqual(list(readings), self.sim.paths)
             self.assertTrue(all(len(fibers) == 2 for fibers in readings.values()))
+            self.assertEqual({(r.intensity, r.intensity_scale)
+                              for fibers in readings.values() for r in fibers},
+                             {(1200, "logarithmic")})
         self.assertEqual(zeltocom.opened_ports(), [])
 
     def test_a_failing_port_is_named(self) -> None:

@@ -12,7 +12,35 @@ from ._library import (INT_MAX, INT_MIN, MAX_SAMPLES, UINT_MAX, PathLike, ZeltoC
 from ._sizes import ANSWER_SIZE, DEVICE_PATH_SIZE, SERIAL_NUMBER_SIZE
 from .calibration import UserCalibration
 from .readings import (Blinking, Column, Reading, Run, Samples, SequenceSettings, TriggerState,
-                       column, numpy_module, parse_report, read_fibers)
+                       column, in_linear_intensity, numpy_module, parse_report, read_fibers)
+
+
+def intensity_scale(path: str) -> str:
+    """"logarithmic" or "linear": the scale in which the instrument that
+    holds the line of the open port `path` reports intensities."""
+    logarithmic = ctypes.c_int()
+    call("ZeltoCom_GetIntensityScale", encode(path, "device path"), ctypes.byref(logarithmic),
+         port=path)
+    return "logarithmic" if logarithmic.value else "linear"
+
+
+def converted_intensity(name: str, path: str, value: object, pwm: bool, range: object) -> int:
+    """`value` through the conversion `name` of the instrument at `path`."""
+    result = ctypes.c_int()
+    call(name, encode(path, "device path", name), whole(value, "intensity", call=name),
+         int(bool(pwm)), whole(range, "range", 0, 6, call=name), ctypes.byref(result), port=path)
+    return result.value
+
+
+def linear_readings(path: str, readings: Sequence[Reading], range: object,
+                    pwm: bool) -> list[Reading]:
+    """`readings` of a capture (of `range` and `pwm`) by the instrument that
+    holds the line of `path`, their intensity made linear."""
+    if all(reading.intensity is None for reading in readings):
+        return list(readings)
+    return in_linear_intensity(
+        readings, intensity_scale(path),
+        lambda value: converted_intensity("ZeltoCom_IntensityToLinear", path, value, pwm, range))
 
 
 def port_of_serial(serial: str) -> str:
@@ -153,18 +181,37 @@ class Instrument:
                  encode(command, "command", name), answer, port=self.path, port_text=False)
         return decode(answer.value)
 
-    def readings(self, serial: Optional[str] = None) -> list[Reading]:
-        """Every fiber's values from the last capture, without capturing."""
+    def readings(self, serial: Optional[str] = None, range: int = 0,
+                 pwm: bool = False) -> list[Reading]:
+        """Every fiber's values from the last capture (made with `range` and
+        `pwm`), without capturing; intensity linear (see Reading)."""
         def ask(ports: Sequence[str], command: str) -> list[str]:
             return [self.send(command, serial) for _ in ports]
-        return read_fibers([self.path], ask)[self.path]
+        # Read from a chained instrument, the line is still its own here.
+        return linear_readings(self.path, read_fibers([self.path], ask)[self.path], range, pwm)
 
     def capture(self, range: int = 0, pwm: bool = False, frames: int = 0) -> list[Reading]:
         """An LED capture (`range` 0 automatic, or 1 to 6; `frames` of a PWM
-        capture, 0 the default) and every fiber's values."""
+        capture, 0 the default) and every fiber's values, intensity linear."""
         self._call("ZeltoCom_Capture",
                    *capture_arguments(range, pwm, frames, "ZeltoCom_Capture"))
-        return self.readings()
+        return self.readings(range=range, pwm=pwm)
+
+    # ---- intensity scales ----
+
+    @property
+    def intensity_scale(self) -> str:
+        """"logarithmic" or "linear": the scale the instrument reports in."""
+        return intensity_scale(self.path)
+
+    def intensity_to_linear(self, value: int, pwm: bool = False, range: int = 0) -> int:
+        """A reported intensity (of a capture with `range` and `pwm`) as a
+        linear one; a linear instrument's value comes back as it is."""
+        return converted_intensity("ZeltoCom_IntensityToLinear", self.path, value, pwm, range)
+
+    def intensity_to_log(self, value: int, pwm: bool = False, range: int = 0) -> int:
+        """A linear intensity in the instrument's logarithmic scale."""
+        return converted_intensity("ZeltoCom_IntensityToLog", self.path, value, pwm, range)
 
     # ---- spectrometers ----
 
@@ -198,7 +245,7 @@ class Instrument:
         name = "ZeltoCom_DaisyChain_Capture"
         self._call(name, *capture_arguments(range, pwm, frames, name))
         serials = [self.serial_number] + self._chained
-        return {serial: self.readings(serial) for serial in serials}
+        return {serial: self.readings(serial, range, pwm) for serial in serials}
 
     # ---- external trigger ----
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import warnings
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from enum import IntEnum
 from importlib import resources
 from typing import Any, Callable, Mapping, Optional, Sequence, get_args, get_type_hints
@@ -43,6 +43,10 @@ class Reading:
     hue: Optional[float] = None
     saturation: Optional[float] = None
     absolute_intensity: Optional[float] = None
+    # After a capture `intensity` is linear; these keep what the instrument
+    # reported and on which scale ("logarithmic" or "linear").
+    intensity_raw: Optional[int] = None
+    intensity_scale: Optional[str] = None
 
     @classmethod
     def parse(cls, fiber: int, answers: Mapping[str, str]) -> "Reading":
@@ -129,6 +133,16 @@ def read_fibers(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:
             except ZeltoComError as error:
                 raise fail(error.text, port=port) from None
     return readings
+
+
+def in_linear_intensity(readings: Sequence[Reading], scale: str,
+                        to_linear: Callable[[int], int]) -> list[Reading]:
+    """The readings with their intensity made linear, the reported value
+    and its scale kept."""
+    return [reading if reading.intensity is None else
+            replace(reading, intensity=to_linear(reading.intensity),
+                    intensity_raw=reading.intensity, intensity_scale=scale)
+            for reading in readings]
 
 
 def read_fibres(ports: Sequence[str], ask: AskMany) -> dict[str, list[Reading]]:

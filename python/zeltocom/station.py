@@ -10,12 +10,12 @@ from typing import Iterable, Optional, Sequence, Type
 from ._library import (MANY_PORTS, PathLike, ZeltoComError, answer_buffers, call, decode, encode,
                        error_text, fail, int_array, run, split, text_array, whole)
 from ._sizes import DEVICE_PATH_SIZE
-from .instrument import Instrument, capture_arguments, port_of_serial
+from .instrument import Instrument, capture_arguments, linear_readings, port_of_serial
 from .readings import Reading, read_fibers
 
 
 def version() -> str:
-    """The library's version, "v3.1.0" say."""
+    """The library's version, "v3.2.0" say."""
     buffer = ctypes.create_string_buffer(32)
     call("ZeltoCom_GetLibraryVersion", buffer, succeeded=_always)
     return decode(buffer.value)
@@ -186,4 +186,5 @@ class Station:
                        for path, encoded in zip(self.paths, self._paths)]
         for each in running:
             each.result()
-        return read_fibers(self.paths, lambda paths, command: self.send(command, paths))
+        readings = read_fibers(self.paths, lambda paths, command: self.send(command, paths))
+        return {path: linear_readings(path, each, range, pwm) for path, each in readings.items()}

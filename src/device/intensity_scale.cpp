@@ -53,12 +53,18 @@ Scale ScaleOf(const s_CommPort* port, int isPWM) {
 
 }  // namespace
 
-int AnalyserIntensityLogToLin(s_CommPort* port, int value, int isPWM, int captureRange) {
+int LoadIntensityScaleFacts(s_CommPort* port) {
   int result = CMD_LoadSettings_IntensityMode(port);
   if (result != 1) return result;
   result = CMD_LoadSettings_FirmwareVersion(port);
   if (result != 1) return result;
   if (port->deviceIdText.empty()) CMD_GetID(port);
+  return 1;
+}
+
+int AnalyserIntensityLogToLin(s_CommPort* port, int value, int isPWM, int captureRange) {
+  const int loaded = LoadIntensityScaleFacts(port);
+  if (loaded != 1) return loaded;
   if (port->settings.current->intensityMode == IntensityMode::Linear) return value;
 
   const double v = value;

@@ -4,6 +4,11 @@ namespace zeltocom {
 
 struct s_CommPort;
 
+// Loads what the conversions below depend on: the intensity mode (with the
+// model), the firmware version and, once, the identification code. 1, or the
+// failing loader's result.
+int LoadIntensityScaleFacts(s_CommPort* port);
+
 // The instrument's logarithmic intensity as a linear one. `captureRange` 0
 // is the automatic range, 1 to 5 index the capture gains. In linear mode the
 // value comes back unchanged; when the intensity mode or the firmware version

@@ -30,7 +30,7 @@ class BadInputTest : public SimBench {
     Publish();
     ASSERT_EQ(ZeltoCom_Open(closed.path().c_str(), closed.baud()), 1);
     ASSERT_EQ(ZeltoCom_Close(closed.path().c_str()), 1);
-    ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), open.baud()), 1);
+    ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), open.baud()), 1) << LastError();
     closed_ = closed.path();
     open_ = open.path();
     paths_[0] = open_.c_str();

@@ -27,7 +27,8 @@ class SimBench : public ::testing::Test {
   zeltosim::SimPort& AddPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
   // Names the bench's ports in ZELTOCOM_PORTS and enumerates them.
   void Publish();
-  // Adds, publishes and opens one instrument at its own rate.
+  // Adds, publishes and opens one instrument at its own rate; the test ends
+  // there when it does not open.
   zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
 
   // Sends `command` to an open port; the answer lands in answer_.
@@ -37,8 +38,11 @@ class SimBench : public ::testing::Test {
   // A call's result, with the error text when it failed: "1", "0: Timeout".
   static std::string Outcome(int result);
   static std::string PortError(const zeltosim::SimPort& port);
-  // The library's record of an open port.
+  // The library's record of an open port; the test ends when there is none.
   static zeltocom::PortRef Record(const zeltosim::SimPort& port);
+  static bool IsOpen(const zeltosim::SimPort& port);
+  // Ends the test with `what` and the library's last error unless `met`.
+  static void Require(bool met, const std::string& what);
   // The speeds at which `command` arrived, in order.
   static std::vector<int> SpeedsOf(const zeltosim::SimPort& port, const std::string& command);
   // The lines that arrived, in order.

@@ -1,5 +1,6 @@
 // Detection with and without filters, and connection checks that find an
 // instrument's port by its serial number.
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -93,22 +94,42 @@ TEST_F(DetectionTest, WithoutFiltersEveryAnsweringPortIsReportedInOrder) {
   EXPECT_EQ(std::string(text), first.path() + ", " + ports_[1]->path() + ", " + third.path());
 }
 
-TEST_F(DetectionTest, FiltersTakeCategoryWordsAndModels) {
-  zeltosim::SimPort& tn = AddModel("ZS0001", "Zelto 03-TN");
-  AddModel("ZS0002", "Zelto 01-W2");
-  zeltosim::SimPort& clr = AddModel("ZS0003", "Zelto 04-CLR");
-  AddModel("ZS0004", "Zelto CLR_STD1");
-  zeltosim::SimPort& plain = AddModel("ZS0005", "zelto 07-x ");
+// Each category word stands for its models from number 01 to its last one;
+// any other filter is one model, in any letter case.
+TEST_F(DetectionTest, CategoriesReachFromTheFirstModelNumberToTheLast) {
+  const struct {
+    const char* filter;
+    std::array<const char*, 3> models;  // first, last, one past: only the first two pass
+  } rows[] = {
+      {"ANALYSER", {"Zelto 01-T", "Zelto 20-PN", "Zelto 21-P"}},
+      {"FUNCTIONAL", {"Zelto 01-TN", "Zelto 20-T", "Zelto 21-TN"}},
+      {"ICT", {"Zelto 01-PN", "Zelto 20-P", "Zelto 21-PN"}},
+      {"LOWLIGHT", {"Zelto 01-M", "Zelto 20-M", "Zelto 21-M"}},
+      {"IR", {"Zelto 01-PX", "Zelto 20-PX", "Zelto 21-PX"}},
+      {"DISPLAY", {"Zelto 01-V", "Zelto 10-V", "Zelto 11-V"}},
+      {"CLR", {"Zelto 01-CLR", "Zelto 10-CLR", "Zelto 11-CLR"}},
+      // "CLRSTD" selects the colour models, not the colour standards.
+      {"ClrStd", {"Zelto 01-CLR", "Zelto 10-CLR", "Zelto CLR_STD1"}},
+      {"Zelto 07-x", {"zelto 07-X ", "Zelto 07-X", "Zelto 07-Y"}},
+      {"SPECTROMETER", {"Zelto 01-W", "Zelto 01-W2", "Zelto 02-W"}},
+      {"ATLAS", {"Zelto Node", "Zelto Atlas", "Zelto Node 2"}},
+  };
+  for (int i = 0; i < 3; ++i) AddModel("ZS000" + std::to_string(i + 1), "Zelto 05-P");
   Publish();
-  ZeltoCom_AddDetectionFilter("analyser");
-  EXPECT_EQ(Detected(), tn.path());
-  // "CLRSTD" selects the colour models, not the colour standards.
-  ZeltoCom_AddDetectionFilter("ClrStd");
-  ZeltoCom_AddDetectionFilter("Zelto 07-X");
-  EXPECT_EQ(Detected(), tn.path() + ";" + clr.path() + ";" + plain.path());
+  const std::string passing = ports_[0]->path() + ";" + ports_[1]->path();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.filter);
+    for (std::size_t i = 0; i < 3; ++i) ports_[i]->master().setAnswer("GETHW", row.models[i]);
+    ZeltoCom_ClearDetectionFilters();
+    ZeltoCom_AddDetectionFilter(row.filter);
+    EXPECT_EQ(Detected(), passing);
+  }
+  // Filters add up; without any, every port is detected.
+  ZeltoCom_AddDetectionFilter("zelto node 2");
+  EXPECT_EQ(Detected(), passing + ";" + ports_[2]->path());
   ZeltoCom_ClearDetectionFilters();
   EXPECT_EQ(ZeltoCom_DetectS(nullptr, ';', 0), -1);
-  EXPECT_EQ(strcountchar(Detected(), ';'), 4);
+  EXPECT_EQ(strcountchar(Detected(), ';'), 2);
 }
 
 using ProcessorTimeDetectionTest = DetectionTest;

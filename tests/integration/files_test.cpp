@@ -234,8 +234,8 @@ TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
   EXPECT_STREQ(answer, "ZS0002");
 
   EXPECT_EQ(ZeltoCom_CloseProject(), 1);
-  EXPECT_EQ(Record(left), nullptr);
-  EXPECT_EQ(Record(right), nullptr);
+  EXPECT_FALSE(IsOpen(left));
+  EXPECT_FALSE(IsOpen(right));
   // The IDs stay known, and closing again finds the ports closed.
   EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: The device path is not in use");
 }
@@ -252,12 +252,12 @@ TEST_F(FilesTest, AnInstrumentThatDoesNotOpenClosesTheOthersAgain) {
                         Section(chained + "2\nSERIALNUMBER=NOBODY\n")),
             -1);
   EXPECT_EQ(LastError(), "Communication error");
-  EXPECT_EQ(Record(first), nullptr);
-  EXPECT_EQ(Record(second), nullptr);
+  EXPECT_FALSE(IsOpen(first));
+  EXPECT_FALSE(IsOpen(second));
 
   EXPECT_EQ(OpenProject(masters + Section("PORT=/dev/pts/none\nID=C\nSERIALNUMBER=ZS0004\n")), -1);
   EXPECT_EQ(LastError(), "Device Path not available");
-  EXPECT_EQ(Record(first), nullptr);
+  EXPECT_FALSE(IsOpen(first));
 }
 
 }  // namespace

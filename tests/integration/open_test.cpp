@@ -25,7 +25,7 @@ TEST_F(OpenTest, AFixedRateOpensOnlyAnInstrumentAtThatRateAndOnlyOnce) {
   EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 14400)), "-1: Invalid baud-rate");
 
   port.clearLog();
-  EXPECT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 115200), 1) << LastError();
   char serial[32];
   EXPECT_EQ(ZeltoCom_GetSNByPort(serial, port.path().c_str()), 1);
   EXPECT_STREQ(serial, "ZS4711");
@@ -135,7 +135,7 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
 
   EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 115200), 0);
   EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZSAAAA", 3)), "-1: Invalid baud-rate");
-  EXPECT_EQ(ZeltoCom_OpenSN("ZSAAAA", 9600), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_OpenSN("ZSAAAA", 9600), 1) << LastError();
 
   // Once closed, the remembered place and rate are tried first.
   ASSERT_EQ(ZeltoCom_CloseAll(), 1);

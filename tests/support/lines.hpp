@@ -65,6 +65,14 @@ class FarEnd {
 
   const std::string& path() const { return path_; }
   void Write(const std::string& bytes) { WriteTo(master_, bytes); }
+  // Writes `bytes` when the line takes them within `limit`; false when it is
+  // full, as it stays once the library has stopped reading.
+  bool Offer(const std::string& bytes, std::chrono::milliseconds limit) {
+    pollfd p{master_, POLLOUT, 0};
+    if (::poll(&p, 1, static_cast<int>(limit.count())) <= 0) return false;
+    WriteTo(master_, bytes);
+    return true;
+  }
   std::string ReadFor(std::chrono::milliseconds span) { return ReadFrom(master_, span); }
 
  private:

@@ -29,19 +29,45 @@ TEST(DeviceType, ModelCodesMatchWholeTextsNodesAndColourStandardsAnyPart) {
 }
 
 TEST(CaptureTimeout, FamiliesRangesAndFloors) {
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 0, 2, 0, 1, 1), 1570u);
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 0, 5, 0, 1, 1), 200u);
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_FUNCTIONAL, 1, 0, 0, 1, 1), 10070u);
-  // Exposure and averages scale the capture, not the fixed overhead.
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, 2, 0, 2, 3), 9070u);
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_DISPLAY, 0, 2, 0, 1, 1), 7870u);
-
-  // Fast ranges hit the floors: 300 ms for low-light and colour models.
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, 6, 0, 1, 1), 150u);
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_LOWLIGHT, 0, 6, 0, 1, 1), 300u);
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_CLR, 0, 6, 0, 1, 1), 300u);
-  // A negative range divides nothing and multiplies nothing.
-  EXPECT_EQ(CMD_GetCaptureTimeout(DEVTYPE_ICT, 0, -1, 0, 1, 1), 1570u);
+  const struct {
+    const char* what;
+    int type, pwm, range, frames, exposure, averages;
+    TimeoutMs ms;
+  } rows[] = {
+      // (base x 2.4^(2 - range) + 58) x 1.2, rounded up
+      {"range 2", DEVTYPE_FUNCTIONAL, 0, 2, 0, 1, 1, 1570},
+      {"range 1", DEVTYPE_FUNCTIONAL, 0, 1, 0, 1, 1, 3670},
+      {"range 3", DEVTYPE_FUNCTIONAL, 0, 3, 0, 1, 1, 695},
+      // from range 4 on, 1.2 times longer
+      {"range 4", DEVTYPE_FUNCTIONAL, 0, 4, 0, 1, 1, 383},
+      {"range 5", DEVTYPE_FUNCTIONAL, 0, 5, 0, 1, 1, 200},
+      {"automatic range", DEVTYPE_FUNCTIONAL, 0, 0, 0, 1, 1, 1320},
+      {"PWM, default frames", DEVTYPE_FUNCTIONAL, 1, 0, 0, 1, 1, 10070},
+      {"PWM, 2 frames", DEVTYPE_FUNCTIONAL, 1, 5, 2, 1, 1, 461},
+      // Exposure and averages scale the capture, not the fixed overhead.
+      {"exposure 2, averages 3", DEVTYPE_ICT, 0, 2, 0, 2, 3, 9070},
+      {"display", DEVTYPE_DISPLAY, 0, 2, 0, 1, 1, 7870},
+      {"node", DEVTYPE_NODE, 0, 2, 0, 1, 1, 2470},
+      {"low-light", DEVTYPE_LOWLIGHT, 0, 2, 0, 1, 1, 2710},
+      {"colour", DEVTYPE_CLR, 0, 3, 0, 1, 1, 1170},
+      {"colour standard", DEVTYPE_CLRSTD, 0, 2, 0, 1, 1, 1570},
+      // Fast ranges hit the floors: 300 ms for low-light and colour models.
+      {"floor", DEVTYPE_ICT, 0, 6, 0, 1, 1, 150},
+      {"just above the floor", DEVTYPE_ICT, 0, 5, 0, 1, 1, 200},
+      {"low-light floor", DEVTYPE_LOWLIGHT, 0, 6, 0, 1, 1, 300},
+      {"low-light just under the floor", DEVTYPE_LOWLIGHT, 0, 5, 0, 1, 1, 300},
+      {"low-light, 2 averages", DEVTYPE_LOWLIGHT, 0, 5, 0, 1, 2, 528},
+      {"colour floor", DEVTYPE_CLR, 0, 6, 0, 1, 1, 300},
+      {"display has no 300 ms floor", DEVTYPE_DISPLAY, 0, 6, 0, 0, 1, 150},
+      // A negative range divides nothing and multiplies nothing.
+      {"negative range", DEVTYPE_ICT, 0, -1, 0, 1, 1, 1570},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(
+        CMD_GetCaptureTimeout(row.type, row.pwm, row.range, row.frames, row.exposure, row.averages),
+        row.ms);
+  }
 }
 
 TEST(CaptureCommand, RangeAndPwmForms) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <set>
 
 #include "device/identify.hpp"
 #include "frame/registry.hpp"
@@ -54,6 +55,67 @@ TEST(IntensityScale, EachFirmwareGenerationConvertsBothWays) {
     EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, g.isPWM, g.range), g.linearOf20000);
     EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, g.isPWM, g.range), g.logOf5000);
   }
+}
+
+// Firmware numbers on either side of each edge between generations convert
+// as the generation they belong to: a PWM capture at range 3, without 0x04.
+TEST(IntensityScale, FirmwareNumbersAtTheEdgesOfEachGeneration) {
+  const auto like = [](const char* firmware) {
+    return Generation{firmware, "Zelto 05-P", "04", firmware, "\r\n", 1, 3, 0, 0};
+  };
+  const Generation modern = like("F2.00");
+  const Generation standard = like("F1.50");
+  const Generation pwm = like("F1.20");
+  const Generation older = like("F1.10");
+  const struct {
+    Generation edge;
+    const Generation& as;
+  } rows[] = {
+      {like("F1.99"), standard}, {like("F1.25"), standard}, {like("F1.24"), pwm},
+      {like("F1.13"), pwm},      {like("F1.12"), older},    {like("I1.16"), pwm},
+      {like("I1.15"), older},    {like("BI1.10"), pwm},     {like("F2.01"), modern},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.edge.name);
+    s_CommPort port;
+    s_CommPort reference;
+    Describe(port, row.edge);
+    Describe(reference, row.as);
+    EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, 1, 3),
+              AnalyserIntensityLogToLin(&reference, 20000, 1, 3));
+    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, 1, 3),
+              AnalyserIntensityLinToLog(&reference, 5000, 1, 3));
+  }
+  // The four references differ, so each row tells its generation.
+  s_CommPort a, b, c, d;
+  Describe(a, modern);
+  Describe(b, standard);
+  Describe(c, pwm);
+  Describe(d, older);
+  const std::set<int> values = {
+      AnalyserIntensityLinToLog(&a, 5000, 1, 3), AnalyserIntensityLinToLog(&b, 5000, 1, 3),
+      AnalyserIntensityLinToLog(&c, 5000, 1, 3), AnalyserIntensityLinToLog(&d, 5000, 1, 3)};
+  EXPECT_EQ(values.size(), 4u);
+}
+
+// The range gains 1, 2, 10, 25, 50 scale a PWM capture before 0x04; range 6
+// has none and reads as automatic.
+TEST(IntensityScale, EachRangeGainOfPwmCapturesBeforeEot) {
+  s_CommPort port;
+  Describe(port, {"", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 0, 0, 0});
+  const int ranges[] = {1, 2, 3, 4, 5};
+  const int gains[] = {1, 2, 10, 25, 50};
+  const int unit = AnalyserIntensityLogToLin(&port, 20000, 1, 1);
+  for (int i = 0; i < 5; ++i) {
+    SCOPED_TRACE(ranges[i]);
+    EXPECT_NEAR(AnalyserIntensityLogToLin(&port, 20000, 1, ranges[i]), unit * gains[i], gains[i]);
+    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000 * gains[i], 1, ranges[i]),
+              AnalyserIntensityLinToLog(&port, 5000, 1, 1));
+  }
+  EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, 1, 6),
+            AnalyserIntensityLogToLin(&port, 20000, 1, 0));
+  EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, 1, 6),
+            AnalyserIntensityLinToLog(&port, 5000, 1, 0));
 }
 
 TEST(IntensityScale, WorkedValueAndLinearMode) {

@@ -26,14 +26,48 @@ Blinking BlinkingIn(const std::vector<int>& samples, int periodMs) {
 
 }  // namespace
 
-TEST(PatternAnalysis, RunsOfARisingAndFallingSeries) {
-  const std::vector<int> samples = {0, 0, 100, 100, 0};
-  const Thresholds t = AutomaticThresholds(samples, kLinear);
-  EXPECT_EQ(t.low, 15);
-  EXPECT_EQ(t.high, 85);
-  EXPECT_EQ(Runs(samples, 10), (std::vector<std::pair<int, int>>{{20, 0}, {20, 100}, {10, 0}}));
-  // Starting lit; levels are the maximum of lit and the minimum of dark runs.
-  EXPECT_EQ(Runs({90, 100, 50, 0, 10, 0}, 1), (std::vector<std::pair<int, int>>{{3, 100}, {3, 0}}));
+TEST(PatternAnalysis, AutomaticThresholds) {
+  const struct {
+    const char* what;
+    std::vector<int> samples;
+    int low, high;
+  } rows[] = {
+      // low = min(step, 0.15 range), high = max(max - step, 0.85 range)
+      {"worked series", {0, 0, 100, 100, 0}, 15, 85},
+      {"products truncated", {0, 99}, 14, 84},
+      {"any fall replaces the step", {0, 10, 1000, 0}, 150, 850},
+      {"the smallest rise is the step", {0, 100, 105, 110}, 5, 105},
+      {"absolute, not above the minimum", {1000, 1100, 1000}, 15, 1000},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const Thresholds t = AutomaticThresholds(row.samples, kLinear);
+    EXPECT_EQ(t.low, row.low);
+    EXPECT_EQ(t.high, row.high);
+  }
+}
+
+TEST(PatternAnalysis, RunsEndAtTheThresholdsThemselves) {
+  using Pairs = std::vector<std::pair<int, int>>;
+  const struct {
+    const char* what;
+    std::vector<int> samples;  // automatic thresholds 15 and 85 but in the last row
+    Pairs runs;
+  } rows[] = {
+      {"rising and falling", {0, 0, 100, 100, 0}, {{20, 0}, {20, 100}, {10, 0}}},
+      {"a sample equal to low ends a lit run",
+       {0, 100, 100, 15, 15, 100},
+       {{10, 0}, {20, 100}, {20, 15}, {10, 100}}},
+      {"a sample equal to high starts one",
+       {0, 100, 0, 85, 85, 0},
+       {{10, 0}, {10, 100}, {10, 0}, {20, 85}, {10, 0}}},
+      // levels are the maximum of lit and the minimum of dark runs
+      {"starting lit", {90, 100, 50, 0, 10, 0}, {{30, 100}, {30, 0}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(Runs(row.samples, 10), row.runs);
+  }
 }
 
 TEST(PatternAnalysis, AConstantSeriesIsOneRun) {
@@ -73,6 +107,15 @@ TEST(FrequencyAnalysis, CompleteRunsGiveFrequencyAndDutyCycle) {
 
   // One change only: both runs are partial.
   EXPECT_FALSE(BlinkingIn({0, 0, 100, 100}, 10).found);
+
+  // Samples equal to the automatic low (15) end lit runs, equal to high (85)
+  // dark ones.
+  const Blinking atLow = BlinkingIn({0, 100, 15, 100, 15, 100, 0}, 1);
+  EXPECT_FLOAT_EQ(atLow.frequency, 500.0f);
+  EXPECT_EQ(atLow.cycleCount, 3);
+  const Blinking atHigh = BlinkingIn({100, 0, 85, 0, 85, 0, 100}, 1);
+  EXPECT_FLOAT_EQ(atHigh.frequency, 500.0f);
+  EXPECT_EQ(atHigh.cycleCount, 2);
 }
 
 TEST(SweepAnalysis, EntriesFromTheFirstRunsOrTheReferenceRun) {
