@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
 
 #include "commands.hpp"
+#include "interrupt.hpp"
 #include "library.hpp"
 #include "output.hpp"
 #include "plan.hpp"
@@ -83,6 +85,20 @@ void NoteFailures(const std::vector<Instrument*>& instruments, const std::vector
   }
 }
 
+// `call` on every instrument at once, each in a thread of its own; a result
+// other than 1 fails the instrument.
+void OnEach(const std::vector<Instrument*>& instruments, const std::string& what,
+            const std::function<int(Instrument&)>& call) {
+  const std::vector<std::string> paths = PathsOf(instruments);
+  NoteFailures(instruments,
+               AtOnce(paths,
+                      [&](const std::string& path) {
+                        const auto at = std::find(paths.begin(), paths.end(), path) - paths.begin();
+                        return call(*instruments[static_cast<std::size_t>(at)]);
+                      }),
+               what);
+}
+
 void OpenByPath(const std::vector<Instrument*>& instruments, int baud) {
   std::vector<Instrument*> resolved;
   for (Instrument* instrument : instruments) {
@@ -93,11 +109,8 @@ void OpenByPath(const std::vector<Instrument*>& instruments, int baud) {
       instrument->error = stop.text;
     }
   }
-  NoteFailures(
-      resolved,
-      AtOnce(PathsOf(resolved),
-             [baud](const std::string& path) { return ZeltoCom_Open(path.c_str(), baud); }),
-      "opening");
+  OnEach(resolved, "opening",
+         [baud](Instrument& instrument) { return ZeltoCom_Open(instrument.path.c_str(), baud); });
 }
 
 std::string ErrorOfSerial(const std::string& serial) {
@@ -167,19 +180,12 @@ std::vector<std::string> AskEach(const std::vector<Instrument*>& instruments,
 
 // The scale each instrument reports intensities in.
 void LearnScales(const std::vector<Instrument*>& instruments) {
-  const std::vector<std::string> paths = PathsOf(instruments);
-  std::vector<int> logarithmic(paths.size(), 1);
-  NoteFailures(instruments,
-               AtOnce(paths,
-                      [&paths, &logarithmic](const std::string& path) {
-                        const auto i = std::find(paths.begin(), paths.end(), path) - paths.begin();
-                        return ZeltoCom_GetIntensityScale(
-                            path.c_str(), &logarithmic[static_cast<std::size_t>(i)]);
-                      }),
-               "intensity scale");
-  for (std::size_t i = 0; i < instruments.size(); ++i) {
-    instruments[i]->logarithmic = logarithmic[i] != 0;
-  }
+  OnEach(instruments, "intensity scale", [](Instrument& instrument) {
+    int logarithmic = 1;
+    const int result = ZeltoCom_GetIntensityScale(instrument.path.c_str(), &logarithmic);
+    instrument.logarithmic = logarithmic != 0;
+    return result;
+  });
 }
 
 // Serial number, model, firmware and the fibers to read.
@@ -211,16 +217,10 @@ void Identify(const std::vector<Instrument*>& instruments) {
 
 void Capture(const std::vector<Instrument*>& instruments) {
   Progress progress("capturing on " + Count(instruments.size(), "instrument"));
-  std::map<std::string, const PlanInstrument*> settings;
-  for (const Instrument* instrument : instruments) settings[instrument->path] = instrument->planned;
-  NoteFailures(instruments,
-               AtOnce(PathsOf(instruments),
-                      [&settings](const std::string& path) {
-                        const PlanInstrument& planned = *settings.at(path);
-                        return ZeltoCom_Capture(path.c_str(), planned.pwm ? 1 : 0,
-                                                planned.captureRange, 0);
-                      }),
-               "capture");
+  OnEach(instruments, "capture", [](Instrument& instrument) {
+    const PlanInstrument& planned = *instrument.planned;
+    return ZeltoCom_Capture(instrument.path.c_str(), planned.pwm ? 1 : 0, planned.captureRange, 0);
+  });
 }
 
 // The first `count` numbers of an answer; none when it holds fewer.
@@ -391,10 +391,10 @@ Json InstrumentDocument(const Instrument& instrument) {
   const auto textOrNull = [](const std::string& text) {
     return text.empty() ? Json() : Json(text);
   };
-  const std::string& serial =
-      instrument.serial.empty() ? instrument.planned->serial : instrument.serial;
-  return {{"serial", textOrNull(serial)},
-          {"path", textOrNull(instrument.path)},
+  // As the plan names it when the instrument could not tell.
+  const PlanInstrument& planned = *instrument.planned;
+  return {{"serial", textOrNull(instrument.serial.empty() ? planned.serial : instrument.serial)},
+          {"path", textOrNull(instrument.path.empty() ? planned.path : instrument.path)},
           {"model", textOrNull(instrument.model)},
           {"firmware", textOrNull(instrument.firmware)},
           {"error", textOrNull(instrument.error)},
@@ -475,6 +475,8 @@ int RunTest(const TestOptions& options) {
   const Plan plan = ReadPlan(options.plan);
   bool allUsed = false;
   const Json result = RunPlan(plan, options, allUsed);
+  // Ctrl-C closed the ports: what was read since is no result to keep.
+  if (Interrupted()) return kInterrupted;
   const bool written = WriteOutputs(result, options);
   if (!allUsed || !written) return kUnusable;
   return result["pass"].get<bool>() ? kSuccess : kFailure;

@@ -24,7 +24,7 @@ std::string Slurp(const std::string& file) {
 class PlanTest : public ::testing::Test {
  protected:
   PlanTest()
-      : first_(Analyser("ZP000001")), second_(Analyser("ZP000002")), dir_(::testing::TempDir()) {
+      : first_(Analyser("ZP000001", 3)), second_(Analyser("ZP000002")), dir_(::testing::TempDir()) {
     ports_ = Ports({&first_, &second_});
     std::ofstream(dir_ + "plan_bins.vec") << kBins;
   }
@@ -179,6 +179,56 @@ TEST_F(PlanTest, AResultThatCannotBeWrittenIsStatus3AfterTheOthers) {
   EXPECT_NE(run.err.find("no-such-directory/plan.csv"), std::string::npos) << run.err;
   EXPECT_NE(run.out.find("unit: PASS"), std::string::npos) << run.out;
   EXPECT_NE(Slurp(junit).find("<testsuites"), std::string::npos);
+}
+
+TEST_F(PlanTest, AnInstrumentByPathReadsEveryFiberItHasOrFailsForOneItLacks) {
+  const std::string file = dir_ + "plan_path.toml";
+  const auto run = [&](const std::string& fibers) {
+    std::ofstream(file) << "name = \"by path\"\n[[instrument]]\npath = \"" << first_.path()
+                        << "\"\n"
+                        << fibers;
+    return Test({file, "--json", "--station", "s7"});
+  };
+  const Outcome all = run("");
+  EXPECT_EQ(all.status, 0) << all.err;
+  const FlatJson json(all.out);
+  EXPECT_EQ(json["/station"], "s7");
+  EXPECT_EQ(json["/instruments/0/serial"], "ZP000001");
+  EXPECT_EQ(json["/instruments/0/fibers/2/fiber"], "3");
+  EXPECT_EQ(json["/instruments/0/fibers/2/bin"], "null");
+
+  const Outcome lacking = run("fibers = [2, 4]\n");
+  EXPECT_EQ(lacking.status, 3);
+  EXPECT_NE(FlatJson(lacking.out)["/instruments/0/error"].find("fiber 4"), std::string::npos)
+      << lacking.out;
+}
+
+// A light blinking at 5 Hz, half the time lit, on fiber 1 of the second
+// analyser, checked with windows it meets and one it does not.
+TEST_F(PlanTest, SequenceChecksMeasureTheBlinkingInTheirWindow) {
+  second_.master().setLight(0, zeltosim::Light::Blinking(5, 50));
+  const struct {
+    std::string windows;
+    int status;
+    std::string failed;  // the first failed limit
+  } cases[] = {
+      {"frequency = [4, 6]\nduty_cycle = [0.4, 0.6]\n", 0, ""},
+      {"frequency = [4, 6]\nduty_cycle = [0.7, 0.9]\n", 1, "duty_cycle"},
+      {"frequency = [20, 30]\n", 1, "frequency"},
+  };
+  for (const auto& [windows, status, failed] : cases) {
+    const Outcome run = Test(
+        {WritePlan("[[sequence]]\ninstrument = \"ZP000002\"\nfiber = 1\n" + windows), "--json"});
+    EXPECT_EQ(run.status, status) << windows << run.err;
+    const FlatJson json(run.out);
+    EXPECT_EQ(json["/sequences/0/instrument"], "ZP000002");
+    if (failed.empty()) {
+      EXPECT_NEAR(std::stod(json["/sequences/0/frequency"]), 5, 0.2) << run.out;
+      EXPECT_NEAR(std::stod(json["/sequences/0/duty_cycle"]), 0.5, 0.05) << run.out;
+    } else {
+      EXPECT_EQ(json["/sequences/0/failed/0/limit"], failed) << windows << run.out;
+    }
+  }
 }
 
 // Each bad plan names its file, the line and the key, and touches no
