@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -21,13 +22,24 @@ std::string Slurp(const std::string& file) {
   return text.str();
 }
 
+// A directory of its own for each test, as ctest runs them side by side;
+// empty when none could be made.
+std::string FreshDirectory() {
+  std::string pattern = ::testing::TempDir() + "plan_test.XXXXXX";
+  return mkdtemp(pattern.data()) == nullptr ? std::string() : pattern + "/";
+}
+
 class PlanTest : public ::testing::Test {
  protected:
   PlanTest()
-      : first_(Analyser("ZP000001", 3)), second_(Analyser("ZP000002")), dir_(::testing::TempDir()) {
+      : first_(Analyser("ZP000001", 3)), second_(Analyser("ZP000002")), dir_(FreshDirectory()) {
     ports_ = Ports({&first_, &second_});
     std::ofstream(dir_ + "plan_bins.vec") << kBins;
   }
+  ~PlanTest() override {
+    if (!dir_.empty()) std::filesystem::remove_all(dir_);
+  }
+  void SetUp() override { ASSERT_FALSE(dir_.empty()) << "no temporary directory"; }
 
   // A plan of both analysers, all their fibers, with wide limits and `more`
   // after them.
