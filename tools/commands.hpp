@@ -19,6 +19,9 @@ Subcommand AddTrigger(CLI::App& root);
 Subcommand AddCalibrate(CLI::App& root);
 Subcommand AddProject(CLI::App& root);
 Subcommand AddPlot(CLI::App& root);
+#ifdef ZELTOCOM_PLANS
+Subcommand AddTest(CLI::App& root);
+#endif
 // Built with SQLite only.
 Subcommand AddResults(CLI::App& root);
 

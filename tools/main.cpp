@@ -38,6 +38,9 @@ class Tool {
           AddSpectrometer, AddTrigger, AddCalibrate, AddProject, AddPlot}) {
       subcommands_.push_back(add(root_));
     }
+#ifdef ZELTOCOM_PLANS
+    subcommands_.push_back(AddTest(root_));
+#endif
 #ifdef ZELTOCOM_SQLITE
     subcommands_.push_back(AddResults(root_));
 #endif

@@ -9,15 +9,14 @@
 
 namespace cli {
 
-namespace {
-
-// A CSV field: quoted when it holds a separator, a quote or a line end.
 std::string CsvField(const std::string& text) {
   if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
   std::string quoted = "\"";
   for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
   return quoted + "\"";
 }
+
+namespace {
 
 void PrintCsv(const std::vector<std::vector<std::string>>& lines) {
   for (const auto& line : lines) {

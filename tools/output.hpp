@@ -40,6 +40,9 @@ void PrintResult(const Json& document, const Table& table);
 
 bool StdoutIsTerminal();
 
+// A CSV field: quoted when it holds a separator, a quote or a line end.
+std::string CsvField(const std::string& text);
+
 // Tells on stderr what is being waited for, once the wait has lasted a
 // second (and how long it lasts, on a terminal).
 class Progress {

@@ -67,6 +67,8 @@ cases=(
   "zeltocom bin $work/b|$work/bins.vec"
   "zeltocom results --db $work/b|$work/bins.vec"
   "zeltocom capture --p|--pwm"
+  "zeltocom test $work/b|$work/bins.vec"
+  "zeltocom test plan.toml --junit $work/b|$work/bins.vec"
   "zeltocom --j|--json"
   "zeltocom plot |cie"
   "zeltocom plot cie --json $work/b|$work/bins.vec"
@@ -80,6 +82,8 @@ done
 # A value of its option, or a subcommand that takes no port, gets nothing.
 expect_not "zeltocom capture --range " "/dev/pts/91"
 expect_not "zeltocom detect " "/dev/pts/91"
+expect_not "zeltocom test " "/dev/pts/91"
+expect_not "zeltocom test plan.toml --unit " "$work/bins.vec"
 expect_not "zeltocom results " "/dev/pts/91"
 expect_not "zeltocom send /dev/pts/91 " "capture"
 expect_not "zeltocom plot cie --json " "cie"
