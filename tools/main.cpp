@@ -12,7 +12,7 @@
 namespace cli {
 namespace {
 
-// "3.2.0", as a version number stands in "zeltocom 3.1.0".
+// "3.2.0", as a version number stands in "zeltocom 3.2.0".
 std::string LibraryVersion() {
   char version[32] = "";
   ZeltoCom_GetLibraryVersion(version);

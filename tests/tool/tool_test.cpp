@@ -29,9 +29,19 @@
 namespace {
 
 const std::vector<std::string>& SubcommandNames() {
-  static const std::vector<std::string> names = {
-      "ports", "detect",       "send",    "shell",     "capture", "chain", "sequence",
-      "bin",   "spectrometer", "trigger", "calibrate", "project", "plot"};
+  // The commands of optional libraries where they were built.
+  static const std::vector<std::string> names = [] {
+    std::vector<std::string> all = {"ports",     "detect",   "send", "shell",        "capture",
+                                    "chain",     "sequence", "bin",  "spectrometer", "trigger",
+                                    "calibrate", "project",  "plot"};
+#ifdef ZELTOCOM_PLANS
+    all.push_back("test");
+#endif
+#ifdef ZELTOCOM_SQLITE
+    all.push_back("results");
+#endif
+    return all;
+  }();
   return names;
 }
 
