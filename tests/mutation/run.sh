@@ -8,12 +8,13 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 tree=$(cd "$here/../.." && pwd)
 jobs=2
 keep=0
+scratch=
 mode=run
 patches=()
 
 usage() {
   cat <<EOF
-Usage: tests/mutation/run.sh [-j N] [--keep] [--list | --check] [PATCH...]
+Usage: tests/mutation/run.sh [-j N] [--keep | --scratch DIR] [--list | --check] [PATCH...]
 
 Applies each fault (PATCH: a name, NAME.patch or a path; all of
 tests/mutation/*.patch when none is named) one at a time to a scratch copy
@@ -34,6 +35,9 @@ not listed in EQUIVALENT was killed. Takes minutes: run it as
 
   -j N     build and test jobs (default 2)
   --keep   keep the scratch copy and its build (path printed at the end)
+  --scratch DIR
+           use and keep DIR as the scratch copy: a second run brings it up
+           to the tree's files and rebuilds only what changed
   --list   list the faults and whether each is equivalent, run nothing
   --check  only check that every fault applies cleanly to this tree
   -h       this text
@@ -45,6 +49,7 @@ while (($#)); do
     -j) [[ $# -ge 2 && $2 =~ ^[1-9][0-9]*$ ]] || { usage >&2; exit 2; }; jobs=$2; shift 2 ;;
     -j*) jobs=${1#-j}; [[ $jobs =~ ^[1-9][0-9]*$ ]] || { usage >&2; exit 2; }; shift ;;
     --keep) keep=1; shift ;;
+    --scratch) [[ $# -ge 2 ]] || { usage >&2; exit 2; }; scratch=$2; keep=1; shift 2 ;;
     --list) mode=list; shift ;;
     --check) mode=check; shift ;;
     -h|--help) usage; exit 0 ;;
@@ -103,7 +108,12 @@ if [[ $mode == check ]]; then
   exit "$failed"
 fi
 
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/zeltocom-mutation.XXXXXX")
+if [[ -n $scratch ]]; then
+  mkdir -p "$scratch"
+  scratch=$(realpath "$scratch")
+else
+  scratch=$(mktemp -d "${TMPDIR:-/tmp}/zeltocom-mutation.XXXXXX")
+fi
 cleanup() {
   if ((keep)); then echo "scratch copy kept in $scratch"; else rm -rf "$scratch"; fi
 }
@@ -111,10 +121,14 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 
 # The working tree as it stands, uncommitted changes and new files
-# included; deleted files stay out.
-(cd "$tree" && git ls-files -z --cached --others --exclude-standard |
-  while IFS= read -r -d '' f; do [[ -e $f ]] && printf '%s\0' "$f"; done |
-  tar --null -T - -cf -) | tar -xf - -C "$scratch"
+# included, deleted files left out. Only files whose content differs are
+# copied, so that a scratch copy used again rebuilds only what changed.
+(cd "$tree" && git ls-files -z --cached --others --exclude-standard) |
+  while IFS= read -r -d '' f; do
+    [[ -f $tree/$f ]] || continue
+    cmp -s "$tree/$f" "$scratch/$f" && continue
+    mkdir -p "$(dirname "$scratch/$f")" && cp -p "$tree/$f" "$scratch/$f" && touch "$scratch/$f"
+  done
 src=$scratch
 build=$scratch/build
 log=$scratch/log
@@ -122,9 +136,11 @@ log=$scratch/log
 build_tree() { cmake --build "$build" -j "$jobs" >"$log" 2>&1; }
 
 # Runs the tests; prints the first failing test's name and fails when one
-# fails. A hanging test ends at its own ctest time-out, and counts.
+# fails. A hanging test ends at its own ctest time-out, and counts. A test
+# that fails is run once more: on a loaded machine a timing test may fail
+# once without any fault.
 run_tests() {
-  if ctest --test-dir "$build" -j "$jobs" --stop-on-failure --timeout 300 \
+  if ctest --test-dir "$build" -j "$jobs" --stop-on-failure --timeout 300 --repeat until-pass:2 \
       -LE 'whole-suite|line-variant' -E '^MutationPatchesApply$' >"$log" 2>&1; then
     return 0
   fi
@@ -139,6 +155,7 @@ cmake -S "$src" -B "$build" >"$log" 2>&1 || { cat "$log" >&2; echo "run.sh: conf
 build_tree || { tail -n 40 "$log" >&2; echo "run.sh: the unchanged tree does not build" >&2; exit 2; }
 # Against a suite that fails already every fault would count as killed.
 if failing=$(run_tests); then :; else
+  tail -n 30 "$log" >&2
   echo "run.sh: the tests fail on the unchanged tree ($failing)" >&2
   exit 2
 fi
