@@ -205,10 +205,13 @@ void DropUntilQuiet(SerialLine& line) {
     line.leftover.clear();
   }
   // A few characters' time: a line that pauses that long between messages
-  // has stopped sending. Within a message, pauses prove less.
+  // has stopped sending. Within a message, pauses prove less: a USB
+  // adapter holds bytes back for its latency timer (16 ms by default), and
+  // a sender whose buffer ran full resumes only when it notices room, so
+  // the rest of a cut message is awaited longer.
   const double charMs = LineCharTimeMs(line.fd);
   const double quietMs = std::max(2.0, 4 * charMs);
-  const double cutQuietMs = std::max(10.0, 20 * charMs);
+  const double cutQuietMs = std::max(50.0, 20 * charMs);
   const double giveUp = WallClockMs() + kDropLimitMs;
   char* buffer = ReadBuffer();
   for (;;) {

@@ -70,7 +70,7 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
   OpenLine(line.path());
   std::atomic<bool> stopped{false};
   // The flood's longest pause: a loaded machine may stop the writer for
-  // longer than the quiet a cut message needs (10 ms), which lets the
+  // longer than the quiet a cut message needs (50 ms), which lets the
   // command out early, and rightly so.
   std::atomic<long> longestPauseUs{0};
   std::thread flood([&] {
@@ -91,7 +91,7 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
   const bool floodOver = stopped;
   flood.join();
   ASSERT_EQ(sent, 1);
-  EXPECT_TRUE(floodOver || longestPauseUs >= 10000) << "the flood never paused for 10 ms";
+  EXPECT_TRUE(floodOver || longestPauseUs >= 50000) << "the flood never paused for 50 ms";
   EXPECT_EQ(line.ReadFor(50ms), "GETSERIAL\r\n");
   // The bytes were read, not left to be flushed: a message cut short keeps
   // the command back for longer than a pause between messages would.
@@ -99,7 +99,7 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
   std::this_thread::sleep_for(2ms);
   const auto start = Clock::now();
   ASSERT_EQ(RS232SendCommand(line_, "ID"), 1);
-  EXPECT_GE(MsSince(start), 8);
+  EXPECT_GE(MsSince(start), 48);
   EXPECT_EQ(line.ReadFor(50ms), "ID\r\n");
 }
 
