@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "output.hpp"
+#include "xml.hpp"
 
 namespace cli {
 namespace {
@@ -61,28 +62,8 @@ double Seconds(const std::string& start, const std::string& end) {
   return parse(end) - parse(start);
 }
 
-std::string Escaped(const std::string& text) {
-  std::string escaped;
-  for (const char c : text) {
-    switch (c) {
-      case '&': escaped += "&amp;"; break;
-      case '<': escaped += "&lt;"; break;
-      case '>': escaped += "&gt;"; break;
-      case '"': escaped += "&quot;"; break;
-      case '\'': escaped += "&apos;"; break;
-      case '\n': escaped += "&#10;"; break;
-      case '\r': escaped += "&#13;"; break;
-      case '\t': escaped += "&#9;"; break;
-      default:
-        // XML 1.0 has no place for the other control characters.
-        escaped += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
-    }
-  }
-  return escaped;
-}
-
 std::string Attribute(const std::string& name, const std::string& value) {
-  return " " + name + "=\"" + Escaped(value) + "\"";
+  return " " + name + "=\"" + XmlEscaped(value) + "\"";
 }
 
 // Counts of a suite: test cases, failures, errors.
@@ -103,8 +84,8 @@ std::string TestCase(const std::string& plan, const std::string& serial, const s
       "    <testcase" + Attribute("classname", plan + "." + serial) + Attribute("name", name);
   if (element.empty()) return xml + "/>\n";
   return xml + ">\n      <" + element + Attribute("message", message) +
-         Attribute("type", element == "error" ? "instrument" : "limits") + ">" + Escaped(message) +
-         "</" + element + ">\n    </testcase>\n";
+         Attribute("type", element == "error" ? "instrument" : "limits") + ">" +
+         XmlEscaped(message) + "</" + element + ">\n    </testcase>\n";
 }
 
 bool WriteFile(const std::string& path, const std::string& text, std::string* error) {

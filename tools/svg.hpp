@@ -72,10 +72,6 @@ class Document {
   int openClips_ = 0;
 };
 
-// `text` with &, <, >, " and ' as XML entities, and the bytes XML 1.0 does
-// not admit (controls but tab and line breaks) as U+FFFD.
-std::string Escaped(std::string_view text);
-
 struct Span {
   double low = 0;
   double high = 1;
