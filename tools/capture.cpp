@@ -149,20 +149,6 @@ struct CapturePort {
   bool ok() const { return error.empty(); }
 };
 
-std::vector<CapturePort*> Working(std::vector<CapturePort>& ports) {
-  std::vector<CapturePort*> working;
-  for (CapturePort& port : ports) {
-    if (port.ok()) working.push_back(&port);
-  }
-  return working;
-}
-
-std::vector<std::string> PathsOf(const std::vector<CapturePort*>& ports) {
-  std::vector<std::string> paths;
-  for (const CapturePort* port : ports) paths.push_back(port->path);
-  return paths;
-}
-
 // The ports the names stand for; a name that stands for none is that port's
 // failure, a port named twice bad usage.
 std::vector<CapturePort> Resolved(const std::vector<std::string>& names, int baud) {

@@ -74,4 +74,22 @@ std::vector<std::string> Lines(const std::string& text);
 // "GETxyI" and 3 make "GETxyI03".
 std::string FiberCommand(const std::string& name, int fiber);
 
+// The entries of `all` that have not failed (each has ok()).
+template <typename Entry>
+std::vector<Entry*> Working(std::vector<Entry>& all) {
+  std::vector<Entry*> working;
+  for (Entry& entry : all) {
+    if (entry.ok()) working.push_back(&entry);
+  }
+  return working;
+}
+
+// The device path of each entry.
+template <typename Entry>
+std::vector<std::string> PathsOf(const std::vector<Entry*>& entries) {
+  std::vector<std::string> paths;
+  for (const Entry* entry : entries) paths.push_back(entry->path);
+  return paths;
+}
+
 }  // namespace cli

@@ -60,20 +60,6 @@ struct Instrument {
   bool ok() const { return error.empty(); }
 };
 
-std::vector<Instrument*> Working(std::vector<Instrument>& instruments) {
-  std::vector<Instrument*> working;
-  for (Instrument& instrument : instruments) {
-    if (instrument.ok()) working.push_back(&instrument);
-  }
-  return working;
-}
-
-std::vector<std::string> PathsOf(const std::vector<Instrument*>& instruments) {
-  std::vector<std::string> paths;
-  for (const Instrument* instrument : instruments) paths.push_back(instrument->path);
-  return paths;
-}
-
 void Fail(Instrument& instrument, const std::string& what, const std::string& why) {
   if (instrument.ok()) instrument.error = instrument.path + ": " + what + ": " + why;
 }
