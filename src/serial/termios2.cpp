@@ -3,6 +3,8 @@
 #include <linux/serial.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
+
 #include "serial/driver.hpp"
 #include "serial/line_flags.hpp"
 #include "serial/termios2.hpp"
@@ -34,13 +36,17 @@ void SetSpeedBits(struct termios2& t, tcflag_t speed) {
 
 }  // namespace
 
+int CustomDivisor(int baudBase, int baud) {
+  if (baud <= 0) return 1;
+  return std::max(1, (baudBase + baud / 2) / baud);
+}
+
 int SetRateByCustomDivisor(int& fd, int baud) {
   if (baud <= 0) return -1;
   struct serial_struct serial {};
   if (ioctl(fd, TIOCGSERIAL, &serial) != 0) return -1;
   serial.flags = WithFlags(serial.flags, ASYNC_SPD_MASK, ASYNC_SPD_CUST);
-  serial.custom_divisor = (serial.baud_base + baud / 2) / baud;
-  if (serial.custom_divisor < 1) serial.custom_divisor = 1;
+  serial.custom_divisor = CustomDivisor(serial.baud_base, baud);
   if (ioctl(fd, TIOCSSERIAL, &serial) != 0) return -1;
 
   // B38400 is the code that the driver maps to the custom divisor.

@@ -4,6 +4,9 @@
 // header clashes with <termios.h>; kept behind plain ints.
 namespace zeltocom {
 
+// The UART divisor nearest to `baud` from the clock's `baudBase`; at least 1.
+int CustomDivisor(int baudBase, int baud);
+
 // Configures the line raw with the rate set by SetArbitraryRate left in
 // place: 1 applied, 0 applying failed, -1 the settings could not be read.
 int ApplyRawArbitraryRate(int fd);

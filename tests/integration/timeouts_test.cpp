@@ -115,6 +115,26 @@ TEST_F(TimeoutTest, ChainCaptureAddsAMarginPerChainedInstrument) {
       [&] { return ZeltoCom_DaisyChain_Capture(port.path().c_str(), 0, 5, 0); }, "0: Timeout");
 }
 
+// Handing the line to a chained instrument waits at least 80 ms for its "OK",
+// however fast the line: a slow instrument still takes it at 40 ms.
+TEST_F(TimeoutTest, BusGetWaitsItsFloorForTheChainedInstrument) {
+  zeltosim::SimPort& port = AddPort(Model("MASTER1", "Zelto 05-P"), Line());
+  zeltosim::Instrument& chained = port.chain(Model("CHAIN01", "Zelto 05-P"));
+  Publish();
+  const char* path = port.path().c_str();
+  ASSERT_EQ(ZeltoCom_Open(path, port.baud()), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_DaisyChain_Add(path, "CHAIN01"), 1) << LastError();
+  for (const int ms : {40, 140}) {
+    SCOPED_TRACE(std::to_string(ms) + " ms to take the line");
+    chained.setAnswerDelayMs(0);
+    ASSERT_EQ(ZeltoCom_DaisyChain_Send(path, "MASTER1", "GETSERIAL", answer_), 1) << LastError();
+    chained.setAnswerDelayMs(ms);
+    const std::string outcome =
+        Outcome(ZeltoCom_DaisyChain_Send(path, "CHAIN01", "GETSERIAL", answer_));
+    EXPECT_EQ(outcome, ms < 80 ? "1" : "0: Syntax error or Timeout in BUSGET");
+  }
+}
+
 // Twice the time the line needs for a line per sample, each line's time
 // rounded up: at 57600 baud 11 characters take 2.1 ms, at 9600 19 take 21.8.
 TEST_F(TimeoutTest, SequenceReadoutWaitsTwiceTheLinesTime) {

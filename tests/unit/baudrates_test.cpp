@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "serial/termios2.hpp"
+
 using namespace zeltocom;
 
 TEST(Baudrates, SearchOrderPutsTheRememberedRateFirst) {
@@ -18,6 +20,16 @@ TEST(Baudrates, CharacterTimeHasAFloor) {
   EXPECT_NEAR(CharTimeMs(9600), 1.1458, 1e-4);
   EXPECT_NEAR(CharTimeMs(57600), 0.19097, 1e-5);
   EXPECT_DOUBLE_EQ(CharTimeMs(115200), 0.15);
+}
+
+// A rate between two divisors takes the nearer: truncating would set 76800
+// baud as 115200 on a classic UART.
+TEST(Baudrates, CustomDivisorIsTheNearestAndAtLeastOne) {
+  EXPECT_EQ(CustomDivisor(115200, 76800), 2);
+  EXPECT_EQ(CustomDivisor(3000000, 1200000), 3);
+  EXPECT_EQ(CustomDivisor(3000000, 250000), 12);
+  EXPECT_EQ(CustomDivisor(115200, 921600), 1);
+  EXPECT_EQ(CustomDivisor(115200, 0), 1);
 }
 
 TEST(Baudrates, MemoryKeepsTheFirstSerialOfAPath) {
