@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "api/common.hpp"
 #include "frame/errors.hpp"
 #include "zeltocom.h"
 
@@ -97,4 +98,11 @@ TEST(ErrorTexts, PerPortAndLibraryWide) {
   EXPECT_EQ(std::string(ZeltoCom_GetError_DescriptionByPort("/dev/a", buffer)).size(), 511u);
   while (PortRef first = PortsList_GetByIndex(&OpenedPorts, 0))
     PortsList_Del(&OpenedPorts, first.get());
+}
+
+// Each case runs in a process of its own, so these are the values a host
+// gets before it sets any: the header promises them.
+TEST(LibraryDefaults, PlainSendsWait2500MsAndAnswersAreNotCut) {
+  EXPECT_EQ(LA_ResponseTimeout.load(), 2500);
+  EXPECT_EQ(ResponseBufferSize.load(), 0);
 }
