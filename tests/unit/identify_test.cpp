@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "device/bus.hpp"
 #include "device/capture_command.hpp"
+#include "serial/baudrates.hpp"
 
 using namespace zeltocom;
 
@@ -77,4 +79,17 @@ TEST(CaptureCommand, RangeAndPwmForms) {
   EXPECT_EQ(BuildCaptureCommand("C", 2, 3, 16), "C3PWM16");
   EXPECT_EQ(BuildCaptureCommand("C", 1, 0, 12), "CPWM12");
   EXPECT_EQ(BuildCaptureCommand("BUSC", 1, 0, 0), "BUSCPWM");
+}
+
+// A hand-over is too quick to time against the wall clock: its time-outs are
+// pinned here at the slowest and fastest admitted rates.
+TEST(BusTimeout, CharacterCountsRoundingAndFloor) {
+  const double slow = CharTimeMs(9600);  // 1.1458 ms
+  const double fast = CharTimeMs(921600);
+  EXPECT_EQ(BusFreeTimeoutMs(slow), 38);  // 16 characters + 20
+  EXPECT_EQ(BusFreeTimeoutMs(fast), 22);
+  // 15 characters + 20 is 37.2 at 9600, under the 80 ms floor either way.
+  EXPECT_EQ(BusGetTimeoutMs(slow, Rounding::Down), 80);
+  EXPECT_EQ(BusGetTimeoutMs(slow * 4, Rounding::Down), 88);  // 68.75 + 20
+  EXPECT_EQ(BusGetTimeoutMs(slow * 4, Rounding::Up), 89);
 }
