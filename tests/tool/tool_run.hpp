@@ -4,19 +4,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -33,93 +33,97 @@ struct Outcome {
   std::string err;
 };
 
-// Runs the tool with ZELTOCOM_PORTS = `ports` and `input` on its stdin,
-// `meanwhile` (given the tool's process) in a thread of its own; a run that
-// outlasts 60 s is killed (and fails the status checks). `environment`
-// (VAR=value) stands before this process's own, which getenv() finds later;
-// its ZELTOCOM_DB is left out, so that no run writes to a database the test
-// did not name.
-inline Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
-                    const std::string& input = "",
-                    const std::function<void(pid_t)>& meanwhile = nullptr,
-                    const std::vector<std::string>& environment = {}) {
-  std::vector<std::string> env = environment;
-  env.push_back("ZELTOCOM_PORTS=" + ports);
+// This process's environment less the variables each run of the tool is
+// given: no run writes to a database that its test did not name.
+inline std::vector<std::string> Inherited() {
+  std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string_view entry = *e;
     if (!entry.starts_with("ZELTOCOM_PORTS=") && !entry.starts_with("ZELTOCOM_DB=")) {
       env.emplace_back(entry);
     }
   }
-  std::vector<char*> argv = {const_cast<char*>(ZELTOCOM_TOOL)};
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (std::string& entry : env) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-    return {};
+  return env;
+}
+
+// What was written to the file `fd`, which is closed.
+inline std::string Contents(int fd) {
+  std::string text;
+  char chunk[4096];
+  ssize_t got = 0;
+  for (off_t at = 0; (got = pread(fd, chunk, sizeof chunk, at)) > 0; at += got) {
+    text.append(chunk, static_cast<std::size_t>(got));
   }
+  close(fd);
+  return text;
+}
+
+// Runs `argv` (a path first) with the environment `env` and `input` on its
+// stdin, `meanwhile` (given its process) in a thread of its own; a run that
+// outlasts 60 s is killed (and fails the status checks).
+inline Outcome Run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                   const std::string& input = "",
+                   const std::function<void(pid_t)>& meanwhile = nullptr) {
+  // Built before the fork: the child of a threaded process must not allocate.
+  const auto pointers = [](const std::vector<std::string>& words) {
+    std::vector<char*> all;
+    for (const std::string& word : words) all.push_back(const_cast<char*>(word.c_str()));
+    all.push_back(nullptr);
+    return all;
+  };
+  const std::vector<char*> args = pointers(argv);
+  const std::vector<char*> envp = pointers(env);
+  int in[2];
+  const int out = memfd_create("stdout", MFD_CLOEXEC);
+  const int err = memfd_create("stderr", MFD_CLOEXEC);
+  if (pipe2(in, O_CLOEXEC) != 0 || out < 0 || err < 0) return {};
   const pid_t child = fork();
   if (child == 0) {
     dup2(in[0], 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    execve(argv[0], argv.data(), envp.data());
+    dup2(out, 1);
+    dup2(err, 2);
+    execve(args[0], args.data(), envp.data());
     _exit(127);
   }
   close(in[0]);
-  close(out[1]);
-  close(err[1]);
   signal(SIGPIPE, SIG_IGN);
   if (!input.empty()) (void)!write(in[1], input.data(), input.size());
   close(in[1]);
   std::thread side;
   if (meanwhile) side = std::thread(meanwhile, child);
-
-  Outcome run;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string* sinks[2] = {&run.out, &run.err};
-  int open = 2;
-  while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-    if (poll(fds, 2, 100) <= 0) continue;
-    for (int k = 0; k < 2; ++k) {
-      if (fds[k].fd < 0 || fds[k].revents == 0) continue;
-      char chunk[4096];
-      const ssize_t n = read(fds[k].fd, chunk, sizeof chunk);
-      if (n > 0) {
-        sinks[k]->append(chunk, static_cast<std::size_t>(n));
-      } else {
-        close(fds[k].fd);
-        fds[k].fd = -1;
-        --open;
-      }
-    }
-  }
-  if (open > 0) kill(child, SIGKILL);
-  for (const pollfd& fd : fds) {
-    if (fd.fd >= 0) close(fd.fd);
-  }
   int status = 0;
-  waitpid(child, &status, 0);
+  bool ended = false;
+  while (!(ended = waitpid(child, &status, WNOHANG) == child) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (!ended) {
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+  }
   if (side.joinable()) side.join();
-  run.status = WIFEXITED(status) && open == 0 ? WEXITSTATUS(status) : -1;
-  return run;
+  return {ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1, Contents(out), Contents(err)};
 }
 
-// What a shell command prints on stdout, and its exit status.
+// The tool run with ZELTOCOM_PORTS = `ports` and `environment` (VAR=value)
+// over this process's own.
+inline Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
+                    const std::string& input = "",
+                    const std::function<void(pid_t)>& meanwhile = nullptr,
+                    const std::vector<std::string>& environment = {}) {
+  std::vector<std::string> argv = {ZELTOCOM_TOOL};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<std::string> env = environment;
+  env.push_back("ZELTOCOM_PORTS=" + ports);
+  const std::vector<std::string> inherited = Inherited();
+  env.insert(env.end(), inherited.begin(), inherited.end());
+  return Run(argv, env, input, meanwhile);
+}
+
+// A shell command's run.
 inline Outcome Shell(const std::string& command) {
-  Outcome run;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return run;
-  char chunk[4096];
-  std::size_t got = 0;
-  while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-  const int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+  return Run({"/bin/sh", "-c", command}, Inherited());
 }
 
 inline std::string Slurp(const std::string& file) {
@@ -177,6 +181,14 @@ class FlatJson {
   bool valid_ = false;
   std::map<std::string, std::string> values_;
 };
+
+// A command line's words, split at spaces.
+inline std::vector<std::string> Words(const std::string& line) {
+  std::vector<std::string> words;
+  std::istringstream in(line);
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
 
 // The JSON of a run of the tool that should end with `status`.
 inline FlatJson ToolJson(const std::vector<std::string>& args, const std::string& ports = "",
