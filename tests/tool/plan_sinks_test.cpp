@@ -18,34 +18,22 @@ using Json = nlohmann::ordered_json;
 // One analyser, two fibers; a failing run fails fiber 2 on intensity.
 Json SampleResult(const std::string& plan, const std::string& unit, const std::string& start,
                   bool pass) {
-  const Json failed =
-      pass ? Json::array()
-           : Json::array({{{"limit", "intensity"}, {"value", 1200}, {"window", {100, 1000}}}});
-  const auto fiber = [&](int number, bool fiberPass) {
-    return Json{{"fiber", number},
-                {"x", 0.3125},
-                {"y", 0.329},
-                {"intensity", {{"linear", 1200}, {"raw", 16411}, {"scale", "logarithmic"}}},
-                {"wavelength", 455},
-                {"bin", "W1"},
-                {"pass", fiberPass},
-                {"failed", fiberPass ? Json::array() : failed}};
-  };
-  return {{"format", 1},
-          {"plan", plan},
-          {"unit", unit},
-          {"station", "line-3"},
-          {"start", start},
-          {"end", start},
-          {"pass", pass},
-          {"instruments",
-           {{{"serial", "ZA000001"},
-             {"path", "/dev/pts/7"},
-             {"model", "Zelto 01"},
-             {"firmware", "F128"},
-             {"error", nullptr},
-             {"fibers", {fiber(1, true), fiber(2, pass)}}}}},
-          {"sequences", Json::array()}};
+  Json result = Json::parse(R"({"format": 1, "plan": "", "unit": "", "station": "line-3",
+    "start": "", "end": "", "pass": true, "instruments": [{"serial": "ZA000001",
+    "path": "/dev/pts/7", "model": "Zelto 01", "firmware": "F128", "error": null, "fibers": [
+      {"fiber": 1, "x": 0.3125, "y": 0.329, "wavelength": 455, "bin": "W1", "pass": true,
+       "intensity": {"linear": 1200, "raw": 16411, "scale": "logarithmic"}, "failed": []}]}],
+    "sequences": []})");
+  result.update({{"plan", plan}, {"unit", unit}, {"start", start}, {"end", start}, {"pass", pass}});
+  Json& fibers = result["instruments"][0]["fibers"];
+  fibers.push_back(Json(fibers[0]));
+  fibers[1]["fiber"] = 2;
+  if (!pass) {
+    fibers[1]["pass"] = false;
+    fibers[1]["failed"] = Json::parse(R"([{"limit": "intensity", "value": 1200,
+                                           "window": [100, 1000]}])");
+  }
+  return result;
 }
 
 #ifdef ZELTOCOM_SQLITE
