@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cstdio>
+
 #include "plan_sinks.hpp"
 #include "tool_run.hpp"
 #ifdef ZELTOCOM_SQLITE

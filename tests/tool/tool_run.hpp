@@ -16,7 +16,6 @@
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -181,14 +180,6 @@ class FlatJson {
   bool valid_ = false;
   std::map<std::string, std::string> values_;
 };
-
-// A command line's words, split at spaces.
-inline std::vector<std::string> Words(const std::string& line) {
-  std::vector<std::string> words;
-  std::istringstream in(line);
-  for (std::string word; in >> word;) words.push_back(word);
-  return words;
-}
 
 // The JSON of a run of the tool that should end with `status`.
 inline FlatJson ToolJson(const std::vector<std::string>& args, const std::string& ports = "",

@@ -72,44 +72,43 @@ TEST(ToolUsage, HelpComesFromEveryPlaceAUserAsksIt) {
 // Words no command takes, refused before any instrument is opened: a hint
 // on stderr, or with --json the document of the failure.
 TEST(ToolUsage, BadUsageIsStatus2WithAHint) {
-  const char* const cases[] = {"",
-                               "frob",
-                               "help frob",
-                               "send /dev/null",
-                               "capture --range 9 /dev/null",
-                               "capture -r x /dev/null",
-                               "capture --fibers 3-1 /dev/null",
-                               "sequence /dev/null",
-                               "sequence /dev/null -f 1 --find 1-5 --samples 9",
-                               "detect --bogus",
-                               "bin a.vec x 0.3",
-                               "plot cie -o x.svg",
-                               "plot bar -o x.svg",
-                               "ports extra",
-                               "--timeout 0 send /dev/null GETHW",
-                               "--json=loud ports",
-                               "trigger /dev/null",
-                               "trigger /dev/null --enable --disable",
-                               "trigger /dev/null --listen -r 2",
-                               "trigger /dev/null --enable -o LOUD",
-                               "trigger /dev/null --listen --count 0",
-                               "calibrate /dev/null gain set 200 -f 1",
-                               "calibrate /dev/null gain set 1.5 -f 1",
-                               "calibrate /dev/null xy set 0.1 -f 1",
-                               "calibrate /dev/null frob get -f 1",
-                               "calibrate /dev/null xy frob -f 1",
-                               "calibrate /dev/null xy get",
-                               "spectrometer /dev/null -e -1",
-                               "spectrometer",
-                               "project /dev/null/project.ini",
-                               "project",
-                               "send --json",
-                               "--json send",
-                               "send -j /dev/null",
-                               "ports --json --csv"};
-  for (const char* words : cases) {
-    SCOPED_TRACE(words);
-    const std::vector<std::string> bad = Words(words);
+  for (const std::vector<std::string>& bad : std::vector<std::vector<std::string>>{
+           {},
+           {"frob"},
+           {"help", "frob"},
+           {"send", "/dev/null"},
+           {"capture", "--range", "9", "/dev/null"},
+           {"capture", "-r", "x", "/dev/null"},
+           {"capture", "--fibers", "3-1", "/dev/null"},
+           {"sequence", "/dev/null"},
+           {"sequence", "/dev/null", "-f", "1", "--find", "1-5", "--samples", "9"},
+           {"detect", "--bogus"},
+           {"bin", "a.vec", "x", "0.3"},
+           {"plot", "cie", "-o", "x.svg"},
+           {"plot", "bar", "-o", "x.svg"},
+           {"ports", "extra"},
+           {"--timeout", "0", "send", "/dev/null", "GETHW"},
+           {"--json=loud", "ports"},
+           {"trigger", "/dev/null"},
+           {"trigger", "/dev/null", "--enable", "--disable"},
+           {"trigger", "/dev/null", "--listen", "-r", "2"},
+           {"trigger", "/dev/null", "--enable", "-o", "LOUD"},
+           {"trigger", "/dev/null", "--listen", "--count", "0"},
+           {"calibrate", "/dev/null", "gain", "set", "200", "-f", "1"},
+           {"calibrate", "/dev/null", "gain", "set", "1.5", "-f", "1"},
+           {"calibrate", "/dev/null", "xy", "set", "0.1", "-f", "1"},
+           {"calibrate", "/dev/null", "frob", "get", "-f", "1"},
+           {"calibrate", "/dev/null", "xy", "frob", "-f", "1"},
+           {"calibrate", "/dev/null", "xy", "get"},
+           {"spectrometer", "/dev/null", "-e", "-1"},
+           {"spectrometer"},
+           {"project", "/dev/null/project.ini"},
+           {"project"},
+           {"send", "--json"},
+           {"--json", "send"},
+           {"send", "-j", "/dev/null"},
+           {"ports", "--json", "--csv"}}) {
+    SCOPED_TRACE(::testing::PrintToString(bad));
     if (std::ranges::count(bad, "--json") + std::ranges::count(bad, "-j") > 0) {
       EXPECT_EQ(ToolJson(bad, "", 2)["/exit_status"], "2");
       continue;
@@ -151,11 +150,12 @@ bool IsUtcTime(const std::string& text) {
 TEST(ToolOutput, JsonIsOneLineADocumentAndAnswersAreLines) {
   zeltosim::SimPort port(Analyser("ZT000001"));
   const std::string ports = Ports({&port});
-  const std::vector<std::string> args = {"send", port.path(), "GETINFO", "GETSERIAL", "--json"};
-  const Outcome compact = Tool(args, ports);
+  const Outcome compact = Tool({"send", port.path(), "GETINFO", "GETSERIAL", "--json"}, ports);
+  EXPECT_EQ(compact.status, 0) << compact.err;
   EXPECT_EQ(compact.out.find('\n'), compact.out.size() - 1) << compact.out;
   EXPECT_EQ(compact.out.find('\r'), std::string::npos) << compact.out;
-  const FlatJson json = ToolJson(args, ports);
+  const FlatJson json(compact.out);
+  EXPECT_TRUE(json.valid()) << compact.out;
   EXPECT_EQ(json["/exchanges/0/answer/0"], "Zelto LED analyser");
   EXPECT_EQ(json["/exchanges/0/answer/3"], "Serial: ZT000001");
   EXPECT_EQ(json["/exchanges/1/answer"], "ZT000001");
