@@ -1,23 +1,14 @@
 // A test plan's result kept: stored in SQLite and read back by
 // `zeltocom results`, and published to a real mosquitto broker.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "plan_sinks.hpp"
+#include "tool_run.hpp"
 #ifdef ZELTOCOM_SQLITE
 #include <sqlite3.h>
 #endif
@@ -25,85 +16,26 @@
 namespace {
 
 using Json = nlohmann::ordered_json;
-namespace fs = std::filesystem;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string name = (fs::temp_directory_path() / "zeltocom-sinks-XXXXXX").string();
-    path_ = mkdtemp(name.data()) != nullptr ? name : "";
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 // One analyser, two fibers; a failing run fails fiber 2 on intensity.
 Json SampleResult(const std::string& plan, const std::string& unit, const std::string& start,
                   bool pass) {
-  const Json failed =
-      pass ? Json::array()
-           : Json::array({{{"limit", "intensity"}, {"value", 1200}, {"window", {100, 1000}}}});
-  const auto fiber = [&](int number, bool fiberPass) {
-    return Json{{"fiber", number},
-                {"x", 0.3125},
-                {"y", 0.329},
-                {"intensity", {{"linear", 1200}, {"raw", 16411}, {"scale", "logarithmic"}}},
-                {"wavelength", 455},
-                {"bin", "W1"},
-                {"pass", fiberPass},
-                {"failed", fiberPass ? Json::array() : failed}};
-  };
-  return {{"format", 1},
-          {"plan", plan},
-          {"unit", unit},
-          {"station", "line-3"},
-          {"start", start},
-          {"end", start},
-          {"pass", pass},
-          {"instruments",
-           {{{"serial", "ZA000001"},
-             {"path", "/dev/pts/7"},
-             {"model", "Zelto 01"},
-             {"firmware", "F128"},
-             {"error", nullptr},
-             {"fibers", {fiber(1, true), fiber(2, pass)}}}}},
-          {"sequences", Json::array()}};
-}
-
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& file) {
-  std::ifstream in(file);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// The tool through the shell: `environment` stands before it (VAR=value).
-Outcome Tool(const TempDir& dir, const std::string& args, const std::string& environment = "") {
-  const std::string errors = dir / "stderr";
-  const std::string command =
-      "env -u ZELTOCOM_DB " + environment + " " + ZELTOCOM_TOOL + " " + args + " 2>" + errors;
-  Outcome run;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return run;
-  char chunk[4096];
-  std::size_t got = 0;
-  while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-  const int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.err = Slurp(errors);
-  return run;
+  Json result = Json::parse(R"({"format": 1, "plan": "", "unit": "", "station": "line-3",
+    "start": "", "end": "", "pass": true, "instruments": [{"serial": "ZA000001",
+    "path": "/dev/pts/7", "model": "Zelto 01", "firmware": "F128", "error": null, "fibers": [
+      {"fiber": 1, "x": 0.3125, "y": 0.329, "wavelength": 455, "bin": "W1", "pass": true,
+       "intensity": {"linear": 1200, "raw": 16411, "scale": "logarithmic"}, "failed": []}]}],
+    "sequences": []})");
+  result.update({{"plan", plan}, {"unit", unit}, {"start", start}, {"end", start}, {"pass", pass}});
+  Json& fibers = result["instruments"][0]["fibers"];
+  fibers.push_back(Json(fibers[0]));
+  fibers[1]["fiber"] = 2;
+  if (!pass) {
+    fibers[1]["pass"] = false;
+    fibers[1]["failed"] = Json::parse(R"([{"limit": "intensity", "value": 1200,
+                                           "window": [100, 1000]}])");
+  }
+  return result;
 }
 
 #ifdef ZELTOCOM_SQLITE
@@ -137,8 +69,9 @@ class ResultStore : public ::testing::Test {
     Store(SampleResult("lamp", "U1", "2026-11-23T08:00:00.000Z", true), db);
     Store(SampleResult("tail", "U3", "2026-11-24T11:30:00.500Z", true), db);
   }
-  Json Results(const std::string& args, const std::string& environment = "") {
-    const Outcome run = Tool(dir, "results --json " + args, environment);
+  Json Results(std::vector<std::string> args, const std::vector<std::string>& environment = {}) {
+    args.insert(args.begin(), {"results", "--json"});
+    const Outcome run = Tool(args, "", "", nullptr, environment);
     EXPECT_EQ(run.status, 0) << run.err;
     return Json::parse(run.out, nullptr, false);
   }
@@ -147,7 +80,7 @@ class ResultStore : public ::testing::Test {
 };
 
 TEST_F(ResultStore, RunsComeBackOldestFirstWithTheYieldOfEachPlan) {
-  const Json read = Results("--db " + db);
+  const Json read = Results({"--db", db});
   ASSERT_EQ(read["runs"].size(), 3u) << read;
   EXPECT_EQ(read["runs"][0]["unit"], "U1");
   EXPECT_EQ(read["runs"][1]["unit"], "U2");
@@ -164,11 +97,11 @@ TEST_F(ResultStore, RunsComeBackOldestFirstWithTheYieldOfEachPlan) {
             SampleResult("lamp", "U2", "", false)["instruments"][0]["fibers"][1]["failed"]);
   EXPECT_EQ(Query(db, "SELECT count(*) FROM instruments WHERE firmware = 'F128'"), "3");
 
-  const Outcome table = Tool(dir, "results --db " + db);
+  const Outcome table = Tool({"results", "--db", db});
   EXPECT_NE(table.out.find("FAIL"), std::string::npos) << table.out;
   EXPECT_NE(table.out.find("50.0 %"), std::string::npos) << table.out;
   // CSV: the runs, an empty line, the yields.
-  const Outcome csv = Tool(dir, "results --csv --db " + db);
+  const Outcome csv = Tool({"results", "--csv", "--db", db});
   EXPECT_EQ(csv.out.rfind("id,start,plan,unit,station,result,failed_fibers\r\n", 0), 0u);
   EXPECT_NE(csv.out.find("\r\n\r\nplan,runs,passed,yield\r\nlamp,2,1,0.5\r\n"), std::string::npos)
       << csv.out;
@@ -176,28 +109,30 @@ TEST_F(ResultStore, RunsComeBackOldestFirstWithTheYieldOfEachPlan) {
 
 TEST_F(ResultStore, FiltersNarrowTheRunsAndTheirYield) {
   const struct {
-    std::string args;
+    std::vector<std::string> args;
     std::vector<std::string> units;
   } cases[] = {
-      {"--unit U2", {"U2"}},
-      {"--since 2026-11-24", {"U2", "U3"}},
-      {"--since 2026-11-24T10:00:00.001Z", {"U3"}},
-      {"--since 2026-11-24T10", {"U2", "U3"}},
-      {"--plan lamp", {"U1", "U2"}},
-      {"--plan lamp --since 2026-11-24", {"U2"}},
-      {"--unit nobody", {}},
+      {{"--unit", "U2"}, {"U2"}},
+      {{"--since", "2026-11-24"}, {"U2", "U3"}},
+      {{"--since", "2026-11-24T10:00:00.001Z"}, {"U3"}},
+      {{"--since", "2026-11-24T10"}, {"U2", "U3"}},
+      {{"--plan", "lamp"}, {"U1", "U2"}},
+      {{"--plan", "lamp", "--since", "2026-11-24"}, {"U2"}},
+      {{"--unit", "nobody"}, {}},
   };
-  for (const auto& c : cases) {
-    const Json read = Results("--db " + db + " " + c.args);
+  for (auto [args, expected] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(args));
+    args.insert(args.end(), {"--db", db});
+    const Json read = Results(args);
     std::vector<std::string> units;
     for (const Json& run : read["runs"]) units.push_back(run["unit"]);
-    EXPECT_EQ(units, c.units) << c.args;
+    EXPECT_EQ(units, expected);
     std::size_t counted = 0;
     for (const Json& plan : read["yield"]) counted += plan["runs"].get<std::size_t>();
-    EXPECT_EQ(counted, c.units.size()) << c.args;
+    EXPECT_EQ(counted, expected.size());
   }
   // The database named by the environment.
-  EXPECT_EQ(Results("--unit U3", "ZELTOCOM_DB=" + db)["runs"].size(), 1u);
+  EXPECT_EQ(Results({"--unit", "U3"}, {"ZELTOCOM_DB=" + db})["runs"].size(), 1u);
 }
 
 TEST(ResultStoreWriters, TwoStationsAtOnceLoseNoRows) {
@@ -239,7 +174,7 @@ TEST(ResultStoreSchema, ANewerSchemaIsRefused) {
   std::string error;
   EXPECT_FALSE(StoreResult(SampleResult("lamp", "U2", "2026-11-24", true), db, &error));
   EXPECT_NE(error.find("schema version 2 is newer"), std::string::npos) << error;
-  const Outcome read = Tool(dir, "results --db " + db);
+  const Outcome read = Tool({"results", "--db", db});
   EXPECT_EQ(read.status, 1);
   EXPECT_NE(read.err.find("schema version 2 is newer"), std::string::npos) << read.err;
   EXPECT_EQ(Query(db, "SELECT count(*) FROM runs"), "1");
@@ -270,18 +205,18 @@ TEST(ResultStoreBadInput, ClearErrorsAndNothingStored) {
     EXPECT_NE(error.find(c.error), std::string::npos) << error;
   }
   const struct {
-    std::string args;
+    std::vector<std::string> args;
     int status;
     std::string error;
   } reads[] = {
-      {"results", 2, "no database: give --db FILE or set ZELTOCOM_DB"},
-      {"results --db " + (dir / "missing.db"), 1, "missing.db: no such file"},
-      {"results --db " + (dir / "text.db"), 1, "not a database"},
-      {"results --db " + db + " --since yesterday", 2, "--since: expected a UTC date"},
+      {{"results"}, 2, "no database: give --db FILE or set ZELTOCOM_DB"},
+      {{"results", "--db", dir / "missing.db"}, 1, "missing.db: no such file"},
+      {{"results", "--db", dir / "text.db"}, 1, "not a database"},
+      {{"results", "--db", db, "--since", "yesterday"}, 2, "--since: expected a UTC date"},
   };
   for (const auto& r : reads) {
-    const Outcome run = Tool(dir, r.args);
-    EXPECT_EQ(run.status, r.status) << r.args;
+    const Outcome run = Tool(r.args);
+    EXPECT_EQ(run.status, r.status) << ::testing::PrintToString(r.args);
     EXPECT_NE(run.err.find(r.error), std::string::npos) << run.err;
   }
 }
@@ -290,12 +225,18 @@ TEST(ResultStoreBadInput, ClearErrorsAndNothingStored) {
 
 #ifdef ZELTOCOM_MQTT
 
-// A loopback port that nothing listens on while `holder` stays open.
-int ClosedPort(int& holder) {
-  holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in Loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  return address;
+}
+
+// A loopback port that nothing listens on while `holder` stays open.
+int ClosedPort(int& holder) {
+  holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = Loopback(0);
   socklen_t size = sizeof address;
   bind(holder, reinterpret_cast<sockaddr*>(&address), size);
   getsockname(holder, reinterpret_cast<sockaddr*>(&address), &size);
@@ -304,11 +245,9 @@ int ClosedPort(int& holder) {
 
 bool Accepts(int port) {
   const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  const bool connected = connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  const sockaddr_in address = Loopback(port);
+  const bool connected =
+      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   close(probe);
   return connected;
 }
@@ -361,17 +300,9 @@ TEST(MqttPublish, TheResultArrivesRetainedUnderItsTopic) {
   std::string error;
   ASSERT_TRUE(PublishResult(result, url, &error)) << error;
   // Subscribed after the publisher left: only a retained message arrives.
-  const std::string port = std::to_string(broker.port());
-  FILE* sub =
-      popen(("mosquitto_sub -h 127.0.0.1 -p " + port + " -C 1 -W 10 -t 'zeltocom/#' -F '%r %t %p'")
-                .c_str(),
-            "r");
-  ASSERT_NE(sub, nullptr);
-  std::string line;
-  char chunk[4096];
-  std::size_t got = 0;
-  while ((got = std::fread(chunk, 1, sizeof chunk, sub)) > 0) line.append(chunk, got);
-  pclose(sub);
+  const std::string line = Shell("mosquitto_sub -h 127.0.0.1 -p " + std::to_string(broker.port()) +
+                                 " -C 1 -W 10 -t 'zeltocom/#' -F '%r %t %p'")
+                               .out;
   const std::string head = "1 zeltocom/hall_3/front_lamp_2/result ";
   ASSERT_EQ(line.rfind(head, 0), 0u) << line;
   EXPECT_EQ(Json::parse(line.substr(head.size())), result);

@@ -2,10 +2,7 @@
 // analysers, judged by the exit status, the table, the JSON and the files.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <regex>
 
 #include "tool_run.hpp"
 
@@ -15,75 +12,56 @@ namespace {
 constexpr const char* kBins = "W1=0.3000,0.4000;0.3600,0.4000;0.3600,0.4500;0.3000,0.4500\n"
                               "R1=0.2500,0.2500;0.2800,0.2500;0.2800,0.2800;0.2500,0.2800\n";
 
-std::string Slurp(const std::string& file) {
-  std::ifstream in(file);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// A directory of its own for each test, as ctest runs them side by side;
-// empty when none could be made.
-std::string FreshDirectory() {
-  std::string pattern = ::testing::TempDir() + "plan_test.XXXXXX";
-  return mkdtemp(pattern.data()) == nullptr ? std::string() : pattern + "/";
-}
-
 class PlanTest : public ::testing::Test {
  protected:
-  PlanTest()
-      : first_(Analyser("ZP000001", 3)), second_(Analyser("ZP000002")), dir_(FreshDirectory()) {
+  PlanTest() : first_(Analyser("ZP000001", 3)), second_(Analyser("ZP000002")) {
     ports_ = Ports({&first_, &second_});
-    std::ofstream(dir_ + "plan_bins.vec") << kBins;
+    std::ofstream(dir_ / "plan_bins.vec") << kBins;
   }
-  ~PlanTest() override {
-    if (!dir_.empty()) std::filesystem::remove_all(dir_);
-  }
-  void SetUp() override { ASSERT_FALSE(dir_.empty()) << "no temporary directory"; }
+  void SetUp() override { ASSERT_TRUE(dir_.made()) << "no temporary directory"; }
 
-  // A plan of both analysers, all their fibers, with wide limits and `more`
-  // after them.
+  // A plan of both analysers, all their fibers, with wide limits on lines
+  // 8 to 14 and `more` after them.
   std::string WritePlan(const std::string& more, const std::string& second = "ZP000002") {
-    const std::string file = dir_ + "plan.toml";
-    std::ofstream(file) << "name = \"front lamp\"\n"
-                           "station = \"line-3\"\n"
-                           "[[instrument]]\n"
-                           "serial = \"ZP000001\"\n"
-                           "fibers = \"1-2\"\n"
-                           "[[instrument]]\n"
-                           "serial = \""
-                        << second
-                        << "\"\n"
-                           "[limits]\n"
-                           "x = [0.2, 0.5]\n"
-                           "y = [0.2, 0.6]\n"
-                           "intensity = [100, 50000]\n"
-                           "wavelength = [380, 780]\n"
-                           "bins = \"plan_bins.vec\"\n"
-                           "accept = [\"W1\"]\n"
-                        << more;
+    const std::string file = dir_ / "plan.toml";
+    std::ofstream(file) << R"(name = "front lamp"
+station = "line-3"
+[[instrument]]
+serial = "ZP000001"
+fibers = "1-2"
+[[instrument]]
+serial = ")" << second << R"("
+[limits]
+x = [0.2, 0.5]
+y = [0.2, 0.6]
+intensity = [100, 50000]
+wavelength = [380, 780]
+bins = "plan_bins.vec"
+accept = ["W1"]
+)" << more;
     return file;
   }
 
-  Outcome Test(const std::vector<std::string>& args) {
-    std::vector<std::string> words = {"test"};
-    words.insert(words.end(), args.begin(), args.end());
-    return Tool(words, ports_);
+  Outcome Test(std::vector<std::string> args) {
+    args.insert(args.begin(), "test");
+    return Tool(args, ports_);
+  }
+  FlatJson TestJson(std::vector<std::string> args, int status) {
+    args.insert(args.begin(), "test");
+    args.push_back("--json");
+    return ToolJson(args, ports_, status);
   }
 
   zeltosim::SimPort first_;
   zeltosim::SimPort second_;
-  const std::string dir_;
+  const TempDir dir_;
   std::string ports_;
 };
 
 TEST_F(PlanTest, WideLimitsPassWithLinearIntensitiesAndTheirScale) {
   // The second reports linear intensities, the first logarithmic ones.
   ASSERT_EQ(Tool({"send", second_.path(), "SETLIN"}, ports_).status, 0);
-  const Outcome run = Test({WritePlan(""), "--unit", "U0042", "--json"});
-  ASSERT_EQ(run.status, 0) << run.err << run.out;
-  const FlatJson json(run.out);
-  ASSERT_TRUE(json.valid()) << run.out;
+  const FlatJson json = TestJson({WritePlan(""), "--unit", "U0042"}, 0);
   EXPECT_EQ(json["/format"], "1");
   EXPECT_EQ(json["/plan"], "front lamp");
   EXPECT_EQ(json["/unit"], "U0042");
@@ -112,14 +90,11 @@ TEST_F(PlanTest, WideLimitsPassWithLinearIntensitiesAndTheirScale) {
 
 // A window no reading can meet, on fiber 2 of the second analyser only.
 TEST_F(PlanTest, AnImpossibleWindowFailsThatFiberAndNamesTheLimit) {
-  const std::string csv = dir_ + "plan.csv";
-  const std::string junit = dir_ + "plan.xml";
+  const std::string csv = dir_ / "plan.csv";
+  const std::string junit = dir_ / "plan.xml";
   const std::string plan =
       WritePlan("[[fiber]]\ninstrument = \"ZP000002\"\nfiber = 2\nintensity = [1, 2]\n");
-  const Outcome run = Test({plan, "--json", "--csv", csv, "--junit", junit});
-  ASSERT_EQ(run.status, 1) << run.err << run.out;
-  const FlatJson json(run.out);
-  ASSERT_TRUE(json.valid()) << run.out;
+  const FlatJson json = TestJson({plan, "--csv", csv, "--junit", junit}, 1);
   EXPECT_EQ(json["/pass"], "false");
   EXPECT_EQ(json["/instruments/1/fibers/0/pass"], "true");
   EXPECT_EQ(json["/instruments/1/fibers/1/pass"], "false");
@@ -142,28 +117,20 @@ TEST_F(PlanTest, AnImpossibleWindowFailsThatFiberAndNamesTheLimit) {
   EXPECT_NE(rows.find(",false,\"intensity 1200 not in [1, 2]\""), std::string::npos) << rows;
 
   // Well-formed, four cases, the one failure naming the limit.
-  const std::string check = "python3 -c \"import sys, xml.etree.ElementTree as E; "
-                            "r = E.parse(sys.argv[1]).getroot(); "
-                            "print(r.tag, len(r.findall('.//testcase')), "
-                            "[f.get('message') for f in r.iter('failure')])\" " +
-                            junit;
-  FILE* pipe = popen(check.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  char line[512] = "";
-  const bool read = std::fgets(line, sizeof line, pipe) != nullptr;
-  EXPECT_EQ(pclose(pipe), 0) << Slurp(junit);
-  ASSERT_TRUE(read);
-  EXPECT_TRUE(std::regex_search(line, std::regex("^testsuites 4 \\['intensity [0-9]+ not in "
-                                                 "\\[1, 2\\]'\\]")))
-      << line;
+  const Outcome check = Shell(
+      "python3 -c \"import sys, xml.etree.ElementTree as E; r = E.parse(sys.argv[1]).getroot(); "
+      "print(r.tag, len(r.findall('.//testcase')), "
+      "[f.get('message') for f in r.iter('failure')])\" " +
+      junit);
+  EXPECT_EQ(check.status, 0) << Slurp(junit);
+  EXPECT_TRUE(std::regex_search(
+      check.out, std::regex("^testsuites 4 \\['intensity [0-9]+ not in \\[1, 2\\]'\\]\n")))
+      << check.out;
 }
 
 TEST_F(PlanTest, BinsOutsideTheAcceptedOnesFail) {
-  const Outcome run = Test({WritePlan("[[fiber]]\ninstrument = \"ZP000001\"\nfiber = 1\n"
-                                      "accept = [\"R1\"]\n"),
-                            "--json"});
-  ASSERT_EQ(run.status, 1) << run.err;
-  const FlatJson json(run.out);
+  const FlatJson json = TestJson(
+      {WritePlan("[[fiber]]\ninstrument = \"ZP000001\"\nfiber = 1\naccept = [\"R1\"]\n")}, 1);
   EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/limit"], "bin");
   EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/value"], "W1");
   EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/window/0"], "R1");
@@ -171,10 +138,7 @@ TEST_F(PlanTest, BinsOutsideTheAcceptedOnesFail) {
 }
 
 TEST_F(PlanTest, AnInstrumentThatCannotBeUsedIsStatus3AndTheOthersAreStillRead) {
-  const Outcome run = Test({WritePlan("", "ZP999999"), "--json"});
-  EXPECT_EQ(run.status, 3) << run.err;
-  const FlatJson json(run.out);
-  ASSERT_TRUE(json.valid()) << run.out;
+  const FlatJson json = TestJson({WritePlan("", "ZP999999")}, 3);
   EXPECT_EQ(json["/pass"], "false");
   EXPECT_EQ(json["/instruments/1/serial"], "ZP999999");
   EXPECT_NE(json["/instruments/1/error"].find("ZP999999"), std::string::npos);
@@ -183,10 +147,9 @@ TEST_F(PlanTest, AnInstrumentThatCannotBeUsedIsStatus3AndTheOthersAreStillRead) 
 }
 
 TEST_F(PlanTest, AResultThatCannotBeWrittenIsStatus3AfterTheOthers) {
-  const std::string junit = dir_ + "plan_written.xml";
-  std::remove(junit.c_str());
+  const std::string junit = dir_ / "plan_written.xml";
   const Outcome run =
-      Test({WritePlan(""), "--csv", dir_ + "no-such-directory/plan.csv", "--junit", junit});
+      Test({WritePlan(""), "--csv", dir_ / "no-such-directory/plan.csv", "--junit", junit});
   EXPECT_EQ(run.status, 3);
   EXPECT_NE(run.err.find("no-such-directory/plan.csv"), std::string::npos) << run.err;
   EXPECT_NE(run.out.find("unit: PASS"), std::string::npos) << run.out;
@@ -194,25 +157,21 @@ TEST_F(PlanTest, AResultThatCannotBeWrittenIsStatus3AfterTheOthers) {
 }
 
 TEST_F(PlanTest, AnInstrumentByPathReadsEveryFiberItHasOrFailsForOneItLacks) {
-  const std::string file = dir_ + "plan_path.toml";
-  const auto run = [&](const std::string& fibers) {
+  const std::string file = dir_ / "plan_path.toml";
+  const auto run = [&](const std::string& fibers, int status) {
     std::ofstream(file) << "name = \"by path\"\n[[instrument]]\npath = \"" << first_.path()
                         << "\"\n"
                         << fibers;
-    return Test({file, "--json", "--station", "s7"});
+    return TestJson({file, "--station", "s7"}, status);
   };
-  const Outcome all = run("");
-  EXPECT_EQ(all.status, 0) << all.err;
-  const FlatJson json(all.out);
+  const FlatJson json = run("", 0);
   EXPECT_EQ(json["/station"], "s7");
   EXPECT_EQ(json["/instruments/0/serial"], "ZP000001");
   EXPECT_EQ(json["/instruments/0/fibers/2/fiber"], "3");
   EXPECT_EQ(json["/instruments/0/fibers/2/bin"], "null");
 
-  const Outcome lacking = run("fibers = [2, 4]\n");
-  EXPECT_EQ(lacking.status, 3);
-  EXPECT_NE(FlatJson(lacking.out)["/instruments/0/error"].find("fiber 4"), std::string::npos)
-      << lacking.out;
+  const std::string lacking = run("fibers = [2, 4]\n", 3)["/instruments/0/error"];
+  EXPECT_NE(lacking.find("fiber 4"), std::string::npos) << lacking;
 }
 
 // A light blinking at 5 Hz, half the time lit, on fiber 1 of the second
@@ -229,16 +188,15 @@ TEST_F(PlanTest, SequenceChecksMeasureTheBlinkingInTheirWindow) {
       {"frequency = [20, 30]\n", 1, "frequency"},
   };
   for (const auto& [windows, status, failed] : cases) {
-    const Outcome run = Test(
-        {WritePlan("[[sequence]]\ninstrument = \"ZP000002\"\nfiber = 1\n" + windows), "--json"});
-    EXPECT_EQ(run.status, status) << windows << run.err;
-    const FlatJson json(run.out);
+    SCOPED_TRACE(windows);
+    const FlatJson json = TestJson(
+        {WritePlan("[[sequence]]\ninstrument = \"ZP000002\"\nfiber = 1\n" + windows)}, status);
     EXPECT_EQ(json["/sequences/0/instrument"], "ZP000002");
     if (failed.empty()) {
-      EXPECT_NEAR(std::stod(json["/sequences/0/frequency"]), 5, 0.2) << run.out;
-      EXPECT_NEAR(std::stod(json["/sequences/0/duty_cycle"]), 0.5, 0.05) << run.out;
+      EXPECT_NEAR(std::stod(json["/sequences/0/frequency"]), 5, 0.2);
+      EXPECT_NEAR(std::stod(json["/sequences/0/duty_cycle"]), 0.5, 0.05);
     } else {
-      EXPECT_EQ(json["/sequences/0/failed/0/limit"], failed) << windows << run.out;
+      EXPECT_EQ(json["/sequences/0/failed/0/limit"], failed);
     }
   }
 }
@@ -264,14 +222,15 @@ TEST_F(PlanTest, ABadPlanNamesItsLineAndKey) {
        "plan.toml:18: fiber.accept: expected a list of bin names"},
   };
   for (const auto& [more, named] : cases) {
+    SCOPED_TRACE(more);
     const Outcome run = Test({WritePlan(more)});
-    EXPECT_EQ(run.status, 2) << more;
-    EXPECT_NE(run.err.find(dir_ + named), std::string::npos) << more << run.err;
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find(dir_ / named), std::string::npos) << run.err;
   }
   EXPECT_EQ(first_.master().captures() + second_.master().captures(), 0);
-  std::ofstream(dir_ + "plan.toml") << "[[instrument]]\nserial = \"ZP000001\"\n";
-  EXPECT_NE(Test({dir_ + "plan.toml"}).err.find("plan.toml:1: name: missing"), std::string::npos);
-  const Outcome missing = Test({dir_ + "no-such-plan.toml"});
+  std::ofstream(dir_ / "plan.toml") << "[[instrument]]\nserial = \"ZP000001\"\n";
+  EXPECT_NE(Test({dir_ / "plan.toml"}).err.find("plan.toml:1: name: missing"), std::string::npos);
+  const Outcome missing = Test({dir_ / "no-such-plan.toml"});
   EXPECT_EQ(missing.status, 2);
   EXPECT_NE(missing.err.find("no-such-plan.toml: No such file"), std::string::npos) << missing.err;
 }

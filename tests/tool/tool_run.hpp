@@ -3,18 +3,22 @@
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
-#include <regex>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -28,81 +32,134 @@ struct Outcome {
   std::string err;
 };
 
-// Runs the tool with ZELTOCOM_PORTS = `ports` and `input` on its stdin,
-// `meanwhile` (given the tool's process) in a thread of its own; a run that
-// outlasts 60 s is killed (and fails the status checks).
-inline Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
-                    const std::string& input = "",
-                    const std::function<void(pid_t)>& meanwhile = nullptr) {
-  std::vector<std::string> env = {"ZELTOCOM_PORTS=" + ports};
+// This process's environment less the variables each run of the tool is
+// given: no run writes to a database that its test did not name.
+inline std::vector<std::string> Inherited() {
+  std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "ZELTOCOM_PORTS=", 15) != 0) env.emplace_back(*e);
+    const std::string_view entry = *e;
+    if (!entry.starts_with("ZELTOCOM_PORTS=") && !entry.starts_with("ZELTOCOM_DB=")) {
+      env.emplace_back(entry);
+    }
   }
-  std::vector<char*> argv = {const_cast<char*>(ZELTOCOM_TOOL)};
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (std::string& entry : env) envp.push_back(entry.data());
-  envp.push_back(nullptr);
+  return env;
+}
 
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-    return {};
+// What was written to the file `fd`, which is closed.
+inline std::string Contents(int fd) {
+  std::string text;
+  char chunk[4096];
+  ssize_t got = 0;
+  for (off_t at = 0; (got = pread(fd, chunk, sizeof chunk, at)) > 0; at += got) {
+    text.append(chunk, static_cast<std::size_t>(got));
   }
+  close(fd);
+  return text;
+}
+
+// Runs `argv` (a path first) with the environment `env` and `input` on its
+// stdin, `meanwhile` (given its process) in a thread of its own; a run that
+// outlasts 60 s is killed (and fails the status checks).
+inline Outcome Run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                   const std::string& input = "",
+                   const std::function<void(pid_t)>& meanwhile = nullptr) {
+  // Built before the fork: the child of a threaded process must not allocate.
+  const auto pointers = [](const std::vector<std::string>& words) {
+    std::vector<char*> all;
+    for (const std::string& word : words) all.push_back(const_cast<char*>(word.c_str()));
+    all.push_back(nullptr);
+    return all;
+  };
+  const std::vector<char*> args = pointers(argv);
+  const std::vector<char*> envp = pointers(env);
+  int in[2];
+  const int out = memfd_create("stdout", MFD_CLOEXEC);
+  const int err = memfd_create("stderr", MFD_CLOEXEC);
+  if (pipe2(in, O_CLOEXEC) != 0 || out < 0 || err < 0) return {};
   const pid_t child = fork();
   if (child == 0) {
     dup2(in[0], 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    execve(argv[0], argv.data(), envp.data());
+    dup2(out, 1);
+    dup2(err, 2);
+    execve(args[0], args.data(), envp.data());
     _exit(127);
   }
   close(in[0]);
-  close(out[1]);
-  close(err[1]);
   signal(SIGPIPE, SIG_IGN);
   if (!input.empty()) (void)!write(in[1], input.data(), input.size());
   close(in[1]);
   std::thread side;
   if (meanwhile) side = std::thread(meanwhile, child);
-
-  Outcome run;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string* sinks[2] = {&run.out, &run.err};
-  int open = 2;
-  while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-    if (poll(fds, 2, 100) <= 0) continue;
-    for (int k = 0; k < 2; ++k) {
-      if (fds[k].fd < 0 || fds[k].revents == 0) continue;
-      char chunk[4096];
-      const ssize_t n = read(fds[k].fd, chunk, sizeof chunk);
-      if (n > 0) {
-        sinks[k]->append(chunk, static_cast<std::size_t>(n));
-      } else {
-        close(fds[k].fd);
-        fds[k].fd = -1;
-        --open;
-      }
-    }
-  }
-  if (open > 0) kill(child, SIGKILL);
-  for (const pollfd& fd : fds) {
-    if (fd.fd >= 0) close(fd.fd);
-  }
   int status = 0;
-  waitpid(child, &status, 0);
+  bool ended = false;
+  while (!(ended = waitpid(child, &status, WNOHANG) == child) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (!ended) {
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+  }
   if (side.joinable()) side.join();
-  run.status = WIFEXITED(status) && open == 0 ? WEXITSTATUS(status) : -1;
-  return run;
+  return {ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1, Contents(out), Contents(err)};
 }
 
+// The tool run with ZELTOCOM_PORTS = `ports` and `environment` (VAR=value)
+// over this process's own.
+inline Outcome Tool(const std::vector<std::string>& args, const std::string& ports = "",
+                    const std::string& input = "",
+                    const std::function<void(pid_t)>& meanwhile = nullptr,
+                    const std::vector<std::string>& environment = {}) {
+  std::vector<std::string> argv = {ZELTOCOM_TOOL};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<std::string> env = environment;
+  env.push_back("ZELTOCOM_PORTS=" + ports);
+  const std::vector<std::string> inherited = Inherited();
+  env.insert(env.end(), inherited.begin(), inherited.end());
+  return Run(argv, env, input, meanwhile);
+}
+
+// A shell command's run.
+inline Outcome Shell(const std::string& command) {
+  return Run({"/bin/sh", "-c", command}, Inherited());
+}
+
+inline std::string Slurp(const std::string& file) {
+  std::ifstream in(file);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// A directory of its own for each test, as ctest runs them side by side;
+// removed with everything in it. Its path is empty when none could be made.
+class TempDir {
+ public:
+  TempDir() {
+    std::string name = (std::filesystem::temp_directory_path() / "zeltocom-tool-XXXXXX").string();
+    path_ = mkdtemp(name.data()) != nullptr ? name : "";
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  bool made() const { return !path_.empty(); }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
 // A JSON document flattened to "members/0/name" -> value (strings without
-// quotes); false when the text is not exactly one valid JSON document.
+// quotes, other values as JSON writes them, empty arrays and objects not at
+// all); not valid() when the text is not exactly one valid JSON document.
 class FlatJson {
  public:
-  explicit FlatJson(const std::string& text) : s_(text) {
-    valid_ = Value("") && (Space(), i_ == s_.size());
+  explicit FlatJson(const std::string& text) {
+    const auto document = nlohmann::json::parse(text, nullptr, false);
+    valid_ = !document.is_discarded();
+    if (valid_) Flatten(document, "");
   }
   bool valid() const { return valid_; }
   bool has(const std::string& path) const { return values_.count(path) > 0; }
@@ -112,83 +169,27 @@ class FlatJson {
   }
 
  private:
-  void Space() {
-    while (i_ < s_.size() && std::strchr(" \t\r\n", s_[i_]) != nullptr) ++i_;
-  }
-  bool Eat(char c) {
-    Space();
-    if (i_ >= s_.size() || s_[i_] != c) return false;
-    ++i_;
-    return true;
-  }
-  bool Value(const std::string& path) {
-    Space();
-    if (Eat('{')) {
-      if (Eat('}')) return true;
-      do {
-        std::string key;
-        if (!String(key) || !Eat(':') || !Value(path + "/" + key)) return false;
-      } while (Eat(','));
-      return Eat('}');
+  void Flatten(const nlohmann::json& value, const std::string& path) {
+    if (!value.is_structured()) {
+      values_[path] = value.is_string() ? value.get<std::string>() : value.dump();
+      return;
     }
-    if (Eat('[')) {
-      if (Eat(']')) return true;
-      int index = 0;
-      do {
-        if (!Value(path + "/" + std::to_string(index++))) return false;
-      } while (Eat(','));
-      return Eat(']');
-    }
-    std::string text;
-    if (i_ < s_.size() && s_[i_] == '"') {
-      if (!String(text)) return false;
-      values_[path] = text;
-      return true;
-    }
-    static const std::regex literal(
-        R"(true|false|null|-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?)");
-    std::smatch match;
-    const auto from = s_.begin() + static_cast<long>(i_);
-    if (!std::regex_search(from, s_.end(), match, literal,
-                           std::regex_constants::match_continuous)) {
-      return false;
-    }
-    values_[path] = match.str();
-    i_ += match.str().size();
-    return true;
-  }
-  bool String(std::string& text) {
-    if (!Eat('"')) return false;
-    while (i_ < s_.size() && s_[i_] != '"') {
-      const unsigned char c = static_cast<unsigned char>(s_[i_++]);
-      if (c < 0x20) return false;
-      if (c != '\\') {
-        text += static_cast<char>(c);
-        continue;
-      }
-      if (i_ >= s_.size()) return false;
-      const char e = s_[i_++];
-      if (e == 'u') {
-        if (i_ + 4 > s_.size()) return false;
-        const std::string hex = s_.substr(i_, 4);
-        if (hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
-        const long code = std::strtol(hex.c_str(), nullptr, 16);
-        text += code < 0x80 ? static_cast<char>(code) : '?';
-        i_ += 4;
-      } else if (const char* known = std::strchr("\"\\/bfnrt", e); known != nullptr && e != 0) {
-        text += "\"\\/\b\f\n\r\t"[known - "\"\\/bfnrt"];
-      } else {
-        return false;
-      }
-    }
-    return Eat('"');
+    for (const auto& member : value.items()) Flatten(member.value(), path + "/" + member.key());
   }
 
-  const std::string& s_;
-  std::size_t i_ = 0;
   bool valid_ = false;
   std::map<std::string, std::string> values_;
 };
+
+// The JSON of a run of the tool that should end with `status`.
+inline FlatJson ToolJson(const std::vector<std::string>& args, const std::string& ports = "",
+                         int status = 0) {
+  const Outcome run = Tool(args, ports);
+  EXPECT_EQ(run.status, status) << ::testing::PrintToString(args) << "\n" << run.err;
+  FlatJson json(run.out);
+  EXPECT_TRUE(json.valid()) << ::testing::PrintToString(args) << "\n" << run.out;
+  return json;
+}
 
 inline zeltosim::Config Analyser(const std::string& serial, int fibers = 2) {
   zeltosim::Config config;
