@@ -30,6 +30,8 @@ class SimBench : public ::testing::Test {
   // Adds, publishes and opens one instrument at its own rate; the test ends
   // there when it does not open.
   zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
+  // The same, with the instrument's log cleared of the opening's lines.
+  zeltosim::SimPort& OpenQuiet(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
 
   // Sends `command` to an open port; the answer lands in answer_.
   int Send(const zeltosim::SimPort& port, const char* command);
@@ -47,6 +49,8 @@ class SimBench : public ::testing::Test {
   static std::vector<int> SpeedsOf(const zeltosim::SimPort& port, const std::string& command);
   // The lines that arrived, in order.
   static std::vector<std::string> Sent(const zeltosim::SimPort& port);
+  // The blank-separated words of `text`: the lines a table row expects, in a line of its own.
+  static std::vector<std::string> Words(const std::string& text);
 
   // The line of this run's instruments, and the same at another rate.
   static zeltosim::LineOptions BenchLine();
