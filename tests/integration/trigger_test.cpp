@@ -180,21 +180,21 @@ TEST_F(TriggerTest, EveryCallOnThePortEndsAListenerAtOnce) {
   };
   for (const Row& row : rows) {
     for (int i = 0; i < 30; ++i) {
+      SCOPED_TRACE(std::string(row.name) + " " + std::to_string(i));
       port.clearLog();
-      ASSERT_EQ(Listen(port), 1) << row.name << " " << i << ": " << LastError();
+      ASSERT_EQ(Listen(port), 1) << LastError();
       const auto start = Clock::now();
-      ASSERT_EQ(row.call(), 1) << row.name << " " << i << ": " << LastError();
-      EXPECT_LT(Clock::now() - start, 1s) << row.name << " " << i;
+      ASSERT_EQ(row.call(), 1) << LastError();
+      EXPECT_LT(Clock::now() - start, 1s);
       if (row.closes) {
         ASSERT_EQ(ZeltoCom_Open(path.c_str(), port.baud()), 1) << LastError();
         continue;
       }
       // A second Listen neither asks the instrument nor stops the first.
       const bool stillListening = std::string(row.name) == "Listen";
-      EXPECT_EQ(port.countReceived("GETEXTERNALCAPTURE"), 1) << row.name << " " << i;
-      EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(path.c_str()), stillListening ? 0 : -2)
-          << row.name << " " << i;
-      ASSERT_EQ(Send(port, "GETSERIAL"), 1) << row.name << " " << i << ": " << LastError();
+      EXPECT_EQ(port.countReceived("GETEXTERNALCAPTURE"), 1);
+      EXPECT_EQ(ZeltoCom_ExternalTrigger_isFinished(path.c_str()), stillListening ? 0 : -2);
+      ASSERT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
       EXPECT_STREQ(answer_, "ZA0001");
     }
   }
