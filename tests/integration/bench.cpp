@@ -96,6 +96,12 @@ std::string SimBench::Outcome(int result) {
   return result == 1 ? "1" : std::to_string(result) + ": " + LastError();
 }
 
+std::string SimBench::Opened() {
+  char text[4096] = "";
+  ZeltoCom_GetOpenedPortsS(text, ';');
+  return text;
+}
+
 std::string SimBench::PortError(const zeltosim::SimPort& port) {
   char buffer[512];
   return ZeltoCom_GetError_DescriptionByPort(port.path().c_str(), buffer);

@@ -40,6 +40,8 @@ class SimBench : public ::testing::Test {
   // A call's result, with the error text when it failed: "1", "0: Timeout".
   static std::string Outcome(int result);
   static std::string PortError(const zeltosim::SimPort& port);
+  // The open ports' paths, ';' between them.
+  static std::string Opened();
   // The library's record of an open port; the test ends when there is none.
   static zeltocom::PortRef Record(const zeltosim::SimPort& port);
   static bool IsOpen(const zeltosim::SimPort& port);
