@@ -42,8 +42,7 @@ TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
   zeltosim::SimPort& node = Open(nodeConfig);
   const char* a = analyser.path().c_str();
   const char* n = node.path().c_str();
-  float x = 0;
-  float y = 0;
+  float x = 0, y = 0;
   double factor = 0;
   struct Row {
     zeltosim::SimPort& port;
@@ -95,10 +94,8 @@ TEST_F(UserCalTest, ValuesReadBackResetsStoreTheNeutralOnesAndSilenceLeavesThem)
   EXPECT_FALSE(Cal(port, 1).xOffset.stored);
   EXPECT_FALSE(Cal(port, 1).absIntFactor.stored);
 
-  float x = 0;
-  float y = 0;
-  int offset = 0;
-  int gain = 0;
+  float x = 0, y = 0;
+  int offset = 0, gain = 0;
   double factor = 0;
   ASSERT_EQ(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y), 1) << LastError();
   ASSERT_EQ(ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &offset), 1) << LastError();
@@ -145,8 +142,7 @@ TEST_F(UserCalTest, AdjustmentsMoveTheNextReadingOntoTheReference) {
   const char* p = port.path().c_str();
 
   ASSERT_EQ(ZeltoCom_UserCal_AdjustxyOffsets(p, 1, 0.3300f, 0.4100f), 1) << LastError();
-  float x = 0;
-  float y = 0;
+  float x = 0, y = 0;
   ASSERT_EQ(std::sscanf(Reading(port, "GETXY01").c_str(), "%f %f", &x, &y), 2);
   // The offsets have three decimals, the readings four.
   EXPECT_NEAR(x, 0.3300f, 0.0006f);
@@ -285,8 +281,7 @@ TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
   zeltosim::SimPort& port = Open(Analyser("ZA0001"));
   const char* p = port.path().c_str();
   constexpr const char* kWrong = "0: Wrong reading from the instrument";
-  float x = 7;
-  float y = 7;
+  float x = 7, y = 7;
   int whole = 7;
   double factor = 7;
   struct Row {
