@@ -16,6 +16,16 @@ struct BadCall {
   std::vector<int> failures;  // the results that count as the expected failure
 };
 
+// Where the calls write their results, at namespace scope so that the rows'
+// lambdas reach them without capturing: room enough for any call.
+char buf[20000];
+char* bufs[2] = {buf, buf + 10000};
+int ints[4];
+double doubles[1];
+float floats[4];
+unsigned char bytes[4];
+unsigned uns[2];
+
 // One row of the table: the call as written, then the results that count as its failure.
 // clang-format off
 #define BAD_CALL(call, ...) BadCall{#call, [=] { return call; }, {__VA_ARGS__}}
@@ -48,13 +58,6 @@ class BadInputTest : public SimBench {
 
   // Every call that takes a name, with `name` in each place that takes one.
   std::vector<BadCall> CallsWithName(const char* name) {
-    char* buf = buffer_;
-    int* ints = ints_;
-    char** bufs = bufs_;
-    float* floats = floats_;
-    double* doubles = doubles_;
-    unsigned char* bytes = bytes_;
-    unsigned* uns = unsigned_;
     const char* open = open_.c_str();
     std::vector<BadCall> calls = {
         BAD_CALL(ZeltoCom_OpenSN(name, 57600), 0, -1),
@@ -158,15 +161,11 @@ class BadInputTest : public SimBench {
 
   // Calls with a bad number, a missing buffer or array, or the wrong kind of port.
   std::vector<BadCall> OtherCalls() {
-    char* buf = buffer_;
-    int* ints = ints_;
-    char** bufs = bufs_;
     const char* open = open_.c_str();
     const char* closed = closed_.c_str();
     const char* const* paths = paths_;
     const char* noFile = "/nonexistent/bins.vec";
     const float nan = std::nanf("");
-    unsigned* uns = unsigned_;
     return {
         BAD_CALL(ZeltoCom_Open(closed, -57600), -1),
         BAD_CALL(ZeltoCom_Open(closed, INT_MAX), -1),
@@ -269,15 +268,8 @@ class BadInputTest : public SimBench {
 
   std::string open_;
   std::string closed_;
-  int ints_[4] = {};
-  double doubles_[1] = {};
-  char* bufs_[2] = {buffer_, buffer_ + 10000};
   const char* paths_[2] = {};  // the open port, then the closed one
   const std::string long_ = std::string(10000, 'Z');
-  char buffer_[20000] = {};
-  float floats_[4] = {};
-  unsigned char bytes_[4] = {};
-  unsigned unsigned_[2] = {};
 };
 
 #undef BAD_CALL

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 
 #include "frame/errors.hpp"
@@ -75,6 +76,12 @@ zeltosim::SimPort& SimBench::OpenPort(zeltosim::Config config, zeltosim::LineOpt
   return port;
 }
 
+zeltosim::SimPort& SimBench::OpenQuiet(zeltosim::Config config, zeltosim::LineOptions line) {
+  zeltosim::SimPort& port = OpenPort(std::move(config), line);
+  port.clearLog();
+  return port;
+}
+
 int SimBench::Send(const zeltosim::SimPort& port, const char* command) {
   answer_[0] = '\0';
   return ZeltoCom_Send(port.path().c_str(), command, answer_);
@@ -87,6 +94,12 @@ std::string SimBench::LastError() {
 
 std::string SimBench::Outcome(int result) {
   return result == 1 ? "1" : std::to_string(result) + ": " + LastError();
+}
+
+std::string SimBench::Opened() {
+  char text[4096] = "";
+  ZeltoCom_GetOpenedPortsS(text, ';');
+  return text;
 }
 
 std::string SimBench::PortError(const zeltosim::SimPort& port) {
@@ -124,6 +137,13 @@ std::vector<std::string> SimBench::Sent(const zeltosim::SimPort& port) {
   std::vector<std::string> sent;
   for (const zeltosim::ReceivedLine& line : port.lineLog()) sent.push_back(line.text);
   return sent;
+}
+
+std::vector<std::string> SimBench::Words(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream in(text);
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
 }
 
 zeltosim::Config Analyser(const std::string& serial, int fibers) {

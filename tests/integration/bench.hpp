@@ -30,6 +30,8 @@ class SimBench : public ::testing::Test {
   // Adds, publishes and opens one instrument at its own rate; the test ends
   // there when it does not open.
   zeltosim::SimPort& OpenPort(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
+  // The same, with the instrument's log cleared of the opening's lines.
+  zeltosim::SimPort& OpenQuiet(zeltosim::Config config, zeltosim::LineOptions line = BenchLine());
 
   // Sends `command` to an open port; the answer lands in answer_.
   int Send(const zeltosim::SimPort& port, const char* command);
@@ -38,6 +40,8 @@ class SimBench : public ::testing::Test {
   // A call's result, with the error text when it failed: "1", "0: Timeout".
   static std::string Outcome(int result);
   static std::string PortError(const zeltosim::SimPort& port);
+  // The open ports' paths, ';' between them.
+  static std::string Opened();
   // The library's record of an open port; the test ends when there is none.
   static zeltocom::PortRef Record(const zeltosim::SimPort& port);
   static bool IsOpen(const zeltosim::SimPort& port);
@@ -47,6 +51,8 @@ class SimBench : public ::testing::Test {
   static std::vector<int> SpeedsOf(const zeltosim::SimPort& port, const std::string& command);
   // The lines that arrived, in order.
   static std::vector<std::string> Sent(const zeltosim::SimPort& port);
+  // The blank-separated words of `text`: the lines a table row expects, in a line of its own.
+  static std::vector<std::string> Words(const std::string& text);
 
   // The line of this run's instruments, and the same at another rate.
   static zeltosim::LineOptions BenchLine();

@@ -5,21 +5,10 @@
 using testlines::Clock;
 using testlines::MsSince;
 
-namespace {
-
-class CaptureTest : public SimBench {
- protected:
-  zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = BenchLine()) {
-    zeltosim::SimPort& port = OpenPort(std::move(config), line);
-    port.clearLog();
-    return port;
-  }
-};
-
-}  // namespace
+using CaptureTest = SimBench;
 
 TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   for (int frames : {3, 0}) {
     EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 1, 5, frames), 1) << LastError();
   }
@@ -29,7 +18,7 @@ TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
 }
 
 TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   port.master().setFiber(1, zeltosim::Fiber{0.0, 0.0, 1.0, 1000.0});
   ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 1) << LastError();
   port.master().setFiber(1, zeltosim::Fiber{1.0, 0.0, 0.0, 5.0});  // too late for that capture
@@ -45,7 +34,7 @@ TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
 }
 
 TEST_F(CaptureTest, RefusedArgumentsSendNothing) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 7, 0)),
             "-1: Range value out of limits");
   EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, -1, 0), -1);
@@ -57,7 +46,7 @@ TEST_F(CaptureTest, RefusedArgumentsSendNothing) {
 }
 
 TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   zeltosim::Fiber fiber;
   fiber.force = zeltosim::Range::OverRange;
   port.master().setFiber(1, fiber);
@@ -82,7 +71,7 @@ TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
 }
 
 TEST_F(CaptureTest, WithoutTheAutomaticTimeOutTheLibraryWideOneHolds) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 1, 0), 1);
   port.master().setFault(zeltosim::Fault::Silent);
   ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
@@ -98,18 +87,18 @@ TEST_F(CaptureTest, WithoutTheAutomaticTimeOutTheLibraryWideOneHolds) {
 }
 
 TEST_F(CaptureTest, AnalysersAndSpectrometersRefuseEachOthersCalls) {
-  zeltosim::SimPort& spectrometer = Open(Spectrometer("SP0001"));
+  zeltosim::SimPort& spectrometer = OpenQuiet(Spectrometer("SP0001"));
   EXPECT_EQ(Outcome(ZeltoCom_Capture(spectrometer.path().c_str(), 0, 2, 0)),
             "-1: Device is a Spectrometer");
   EXPECT_EQ(Sent(spectrometer), (std::vector<std::string>{"GETHW"}));
 
-  zeltosim::SimPort& analyser = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& analyser = OpenQuiet(Analyser("ZS0001"));
   EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(analyser.path().c_str(), 0, 0, 0)),
             "-1: Device is not a Spectrometer");
   EXPECT_EQ(Sent(analyser), (std::vector<std::string>{"GETHW"}));
 
   // The dark asks for the adjustment set before it refuses.
-  zeltosim::SimPort& other = Open(Analyser("ZS0002"));
+  zeltosim::SimPort& other = OpenQuiet(Analyser("ZS0002"));
   EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(other.path().c_str(), 0, 0, 0)),
             "-1: Device is not a Spectrometer");
   EXPECT_EQ(Sent(other), (std::vector<std::string>{"GETHW", "GETCALIBRATION"}));
@@ -118,7 +107,7 @@ TEST_F(CaptureTest, AnalysersAndSpectrometersRefuseEachOthersCalls) {
 TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimit) {
   zeltosim::Config fast = Spectrometer("SP0002", "Zelto 01-W2");
   fast.captureTimeScale = 0.01;
-  zeltosim::SimPort& w2 = Open(fast);
+  zeltosim::SimPort& w2 = OpenQuiet(fast);
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 2.5f), 1) << LastError();
   EXPECT_EQ(Sent(w2),
             (std::vector<std::string>{"GETHW", "GETADJUSTMENT", "GETAVERAGE", "PUTPWM0", "C2500"}));
@@ -130,7 +119,7 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
 
   fast.serial = "SP0001";
   fast.hardware = "Zelto 01-W";
-  zeltosim::SimPort& w = Open(fast);
+  zeltosim::SimPort& w = OpenQuiet(fast);
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 1, 1, 2.5f), 1) << LastError();
   EXPECT_EQ(w.master().lastCaptureCommand(), "C2");
   EXPECT_EQ(w.countReceived("PUTPWM1"), 0);
@@ -145,7 +134,7 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
 }
 
 TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
-  zeltosim::SimPort& port = Open(Spectrometer("SP0002", "Zelto 01-W2"));
+  zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0002", "Zelto 01-W2"));
   ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0), 1) << LastError();
   EXPECT_EQ(port.countReceived("PUTPWM1"), 1);
   EXPECT_EQ(port.master().settings().pwm, 1);
@@ -166,7 +155,7 @@ TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
 }
 
 TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
-  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0001", "Zelto 01-W"));
   for (const auto& [condition, error] : {std::pair{"NOT STABLE", "NOT STABLE"},
                                          {"DARK TOO HIGH", "DARK TOO HIGH"},
                                          {"Overrange", "Overrange condition detected"}}) {
@@ -177,7 +166,7 @@ TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
 }
 
 TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
-  zeltosim::SimPort& port = Open(Spectrometer("SP0001", "Zelto 01-W"));
+  zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0001", "Zelto 01-W"));
   ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 5.0f), 1) << LastError();
   EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK  5");
   ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 250.0f), 1) << LastError();
@@ -205,7 +194,7 @@ TEST_F(ProcessorTimeCaptureTest, DarkWhoseResultComesAfterTheFirstWaitSucceeds) 
   zeltosim::Config config = Spectrometer("SP0001", "Zelto 01-W");
   config.captureTimeScale = 1.0;
   config.darkAnnounces = false;
-  zeltosim::SimPort& port = Open(config);
+  zeltosim::SimPort& port = OpenQuiet(config);
   // Well past the first wait of 1000 ms, even when a loaded machine slows
   // the processor-time clock.
   EXPECT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 2500.0f), 1) << LastError();

@@ -32,11 +32,6 @@ class DetectionTest : public SimBench {
     ZeltoCom_DetectS(text, ';', 0);
     return text;
   }
-  static std::string Opened() {
-    char text[4096] = "";
-    ZeltoCom_GetOpenedPortsS(text, ';');
-    return text;
-  }
 };
 
 // An instrument played by the test itself that tells its model only after

@@ -80,8 +80,7 @@ TEST_F(FaultsTest, OpeningABabblingInstrumentFailsWithTheReason) {
   zeltosim::SimPort& port = AddPort(config);
   Publish();
   EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), port.baud())), "0: Answer too long");
-  char paths[256];
-  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(paths, ';'), 0);
+  EXPECT_EQ(Opened(), "");
 }
 
 TEST_F(FaultsTest, UnpluggingEndsASendAtOnceAndThePathComesBack) {
@@ -132,8 +131,7 @@ TEST_F(FaultsTest, UnpluggingEndsACaptureAtOnce) {
   EXPECT_LT(MsSince(start), 2000);
   EXPECT_EQ(LastError(), "Device disconnected");
   EXPECT_EQ(ZeltoCom_CloseAll(), 1);
-  char paths[256];
-  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(paths, ';'), 0);
+  EXPECT_EQ(Opened(), "");
 }
 
 // ---- Every answer belongs to its command --------------------------------

@@ -29,16 +29,11 @@ class FilesTest : public SimBench {
   int OpenProject(const std::string& text) {
     return ZeltoCom_OpenProject(Write("station.prj", text).c_str());
   }
-  // The bin of (x, y), "-" for none, or the error text.
-  static std::string BinOf(const std::string& path, float x, float y) {
+  // The bin of (x, y) by the established rule or the exact test, "-" for none, or the error text.
+  static std::string BinOf(const std::string& path, float x, float y, bool exact = false) {
     char name[64] = "";
-    const int result = ZeltoCom_Binning_GetBinFromVECFile(path.c_str(), name, x, y);
-    return result == 1 ? name : result == 0 ? "-" : LastError();
-  }
-  // The same through the exact test.
-  static std::string FoundBin(const std::string& path, float x, float y) {
-    char name[64] = "";
-    const int result = ZeltoCom_Binning_FindBin(path.c_str(), name, sizeof name, x, y);
+    const int result = exact ? ZeltoCom_Binning_FindBin(path.c_str(), name, sizeof name, x, y)
+                             : ZeltoCom_Binning_GetBinFromVECFile(path.c_str(), name, x, y);
     return result == 1 ? name : result == 0 ? "-" : LastError();
   }
   static std::string Section(const std::string& lines) { return "[DEVICE]\n" + lines + "[END]\n"; }
@@ -69,10 +64,17 @@ TEST_F(FilesTest, APointIsInTheFirstBinWhoseEdgesItsRayCrossesExactlyOnce) {
 
 TEST_F(FilesTest, BinFilePathsAndContents) {
   const std::string bin = "B1=0.1,0.1;0.1,0.2\n";
-  EXPECT_EQ(BinOf(".vec", 0, 0), "Wrong VEC file path");
-  EXPECT_EQ(BinOf(Write("bins.txt", bin), 0, 0), "Wrong VEC file extension");
-  EXPECT_EQ(BinOf(Write("none.vec", "0.1\n12345\n\n"), 0, 0), "VEC file does not contain any bin");
-  EXPECT_EQ(BinOf(Write("odd.vec", "B1=0.1,0.1;0.2\n"), 0, 0), "Syntax error in VEC file");
+  // The path and the file are checked alike by the established rule and the exact test.
+  for (const bool exact : {false, true}) {
+    SCOPED_TRACE(exact ? "exact" : "established");
+    EXPECT_EQ(BinOf(".vec", 0, 0, exact), "Wrong VEC file path");
+    EXPECT_EQ(BinOf(Write("bins.txt", bin), 0, 0, exact), "Wrong VEC file extension");
+    EXPECT_EQ(BinOf(Write("none.vec", "0.1\n12345\n\n"), 0, 0, exact),
+              "VEC file does not contain any bin");
+    EXPECT_EQ(BinOf(Write("odd.vec", "B1=0.1,0.1;0.2\n"), 0, 0, exact), "Syntax error in VEC file");
+  }
+  EXPECT_EQ(BinOf(dir_ + "/missing.vec", 0, 0, true),
+            "Unable to open file " + dir_ + "/missing.vec");
   std::string longLine = "B2=";
   for (int i = 0; i < 130; ++i) longLine += "0.1,0.1;";
   EXPECT_EQ(BinOf(Write("long.vec", bin + longLine), 0, 0), "Syntax error in VEC file");
@@ -120,7 +122,7 @@ TEST_F(FilesTest, FindBinHoldsEveryPointOfItsPolygonAndOnlyThose) {
   };
   for (const Case& c : cases) {
     const std::string where = std::to_string(c.x) + ", " + std::to_string(c.y);
-    EXPECT_EQ(FoundBin(bins, c.x, c.y), c.exact) << where;
+    EXPECT_EQ(BinOf(bins, c.x, c.y, true), c.exact) << where;
     if (!c.established.empty()) {
       EXPECT_EQ(BinOf(bins, c.x, c.y), c.established) << where;
     }
@@ -153,12 +155,6 @@ TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
     EXPECT_EQ(Outcome(find(name, 16, x, y)), "-1: The point's x and y must be finite numbers");
     EXPECT_EQ(name[0], '#');
   }
-  // The path and the file are checked as for the established rule.
-  EXPECT_EQ(FoundBin(".vec", 0, 0), "Wrong VEC file path");
-  EXPECT_EQ(FoundBin(Write("bins.txt", "B=0.1,0.1;0.2,0.2\n"), 0, 0), "Wrong VEC file extension");
-  EXPECT_EQ(FoundBin(Write("odd.vec", "B1=0.1,0.1;0.2\n"), 0, 0), "Syntax error in VEC file");
-  EXPECT_EQ(FoundBin(Write("none.vec", "0.1\n"), 0, 0), "VEC file does not contain any bin");
-  EXPECT_EQ(FoundBin(dir_ + "/missing.vec", 0, 0), "Unable to open file " + dir_ + "/missing.vec");
 }
 
 TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {

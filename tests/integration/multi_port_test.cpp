@@ -39,11 +39,6 @@ class MultiPortTest : public SimBench {
     return ZeltoCom_Open_Multi(results_.data(), Paths().data(), static_cast<int>(ports_.size()),
                                BenchLine().baud);
   }
-  static std::string Opened() {
-    char text[4096] = "";
-    ZeltoCom_GetOpenedPortsS(text, ';');
-    return text;
-  }
   std::string Joined() const {
     std::string text;
     for (const char* path : Paths()) text += (text.empty() ? "" : ";") + std::string(path);

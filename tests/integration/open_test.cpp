@@ -90,17 +90,14 @@ TEST_F(OpenTest, TheHandshakeTakesRefusalsButNotShortSerialsWhenSearching) {
 }
 
 TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
-  Config withEot = Analyser("ZSEOT1");
-  withEot.eot = true;
-  Config withoutEot = Analyser("ZSPLN1");
-  withoutEot.eot = false;
-  zeltosim::SimPort& eot = AddPort(withEot, At(230400));
-  zeltosim::SimPort& plain = AddPort(withoutEot, At(230400));
-  Publish();
-  ASSERT_EQ(ZeltoCom_Open(eot.path().c_str(), 230400), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_Open(plain.path().c_str(), 230400), 1) << LastError();
-  EXPECT_EQ(Record(eot)->eotFormat.view(), "\r\n\x04");
-  EXPECT_EQ(Record(plain)->eotFormat.view(), "\r\n");
+  for (const bool eot : {true, false}) {
+    Config config = Analyser(eot ? "ZSEOT1" : "ZSPLN1");
+    config.eot = eot;
+    zeltosim::SimPort& port = AddPort(config, At(230400));
+    Publish();
+    ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 230400), 1) << LastError();
+    EXPECT_EQ(Record(port)->eotFormat.view(), eot ? "\r\n\x04" : "\r\n");
+  }
 }
 
 TEST_F(OpenTest, UnknownPathsAndNoPorts) {

@@ -19,9 +19,7 @@ class SendTest : public SimBench {
     ZeltoCom_SetResponseTimeout(400);
   }
   zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = {}) {
-    zeltosim::SimPort& port = OpenPort(std::move(config), line);
-    port.clearLog();
-    return port;
+    return OpenQuiet(std::move(config), line);
   }
   // These waits apply to instruments that end their answers with CR LF only.
   static zeltosim::Config PlainAnalyser(int fibers) {

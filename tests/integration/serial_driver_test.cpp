@@ -19,46 +19,44 @@ class DriverTest : public SimBench {
     RS232ClosePort(line_);
     SimBench::TearDown();
   }
-  void OpenLine(const std::string& path, int baud = 57600) {
-    ASSERT_EQ(RS232OpenPort(line_, path, baud), 1);
-  }
+  // Opens the library's side of the test's own line.
+  void OpenLine(int baud = 57600) { ASSERT_EQ(RS232OpenPort(line_, far_.path(), baud), 1); }
   t_comresponse Wait(long timeoutMs, const std::string& marker) {
     t_comresponse response;
     RS232WaitForData(line_, &response, timeoutMs, marker, true);
     return response;
   }
+  FarEnd far_;
   SerialLine line_;
 };
 
 }  // namespace
 
 TEST_F(DriverTest, EveryCommandGetsItsOwnLineEndAfterStaleInputIsDiscarded) {
-  FarEnd line;
-  OpenLine(line.path());
+  OpenLine();
   EXPECT_EQ(RS232SendCommand(line_, "GETSERIAL\r\n"), 1);
-  EXPECT_EQ(line.ReadFor(50ms), "GETSERIAL\r\n\r\n");
-  line.Write("late answer\r\n");
+  EXPECT_EQ(far_.ReadFor(50ms), "GETSERIAL\r\n\r\n");
+  far_.Write("late answer\r\n");
   std::this_thread::sleep_for(20ms);
   ASSERT_EQ(RS232SendCommand(line_, "GETHW"), 1);
-  EXPECT_EQ(line.ReadFor(50ms), "GETHW\r\n");
-  line.Write("Zelto 05-P\r\n");
+  EXPECT_EQ(far_.ReadFor(50ms), "GETHW\r\n");
+  far_.Write("Zelto 05-P\r\n");
   EXPECT_EQ(Wait(300, "").data, "Zelto 05-P");
 }
 
 // An answer ends at its marker: what came after it in the same read is the
 // beginning of whatever follows, and the next command throws it away.
 TEST_F(DriverTest, AnAnswerEndsAtItsMarkerAndTheRestIsNotTheNextAnswer) {
-  FarEnd line;
-  OpenLine(line.path());
+  OpenLine();
   ASSERT_EQ(RS232SendCommand(line_, "GETHW"), 1);
-  line.Write("Zelto 05-P\r\nDATA 1\r\nDA");
+  far_.Write("Zelto 05-P\r\nDATA 1\r\nDA");
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(Wait(300, "\r\n").data, "Zelto 05-P");
   EXPECT_EQ(line_.leftover, "DATA 1\r\nDA");
-  line.ReadFor(20ms);
+  far_.ReadFor(20ms);
   ASSERT_EQ(RS232SendCommand(line_, "ID"), 1);
-  EXPECT_EQ(line.ReadFor(50ms), "ID\r\n");
-  line.Write("05F\r\n");
+  EXPECT_EQ(far_.ReadFor(50ms), "ID\r\n");
+  far_.Write("05F\r\n");
   EXPECT_EQ(Wait(300, "\r\n").data, "05F");
   EXPECT_EQ(line_.dropped.substr(line_.dropped.size() - 10), "DATA 1\r\nDA");
 }
@@ -66,8 +64,7 @@ TEST_F(DriverTest, AnAnswerEndsAtItsMarkerAndTheRestIsNotTheNextAnswer) {
 // A command goes out only once the line has been quiet, however fast the
 // stale bytes come; a message cut short holds it back longer.
 TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
-  FarEnd line;
-  OpenLine(line.path());
+  OpenLine();
   std::atomic<bool> stopped{false};
   // The flood's longest pause: a loaded machine may stop the writer for
   // longer than the quiet a cut message needs (50 ms), which lets the
@@ -81,7 +78,7 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
           std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - lastWritten);
       longestPauseUs = std::max(longestPauseUs.load(), static_cast<long>(pause.count()));
       // Never blocks: once the command is out nobody reads the line.
-      if (line.Offer(chunk, 1ms)) lastWritten = Clock::now();
+      if (far_.Offer(chunk, 1ms)) lastWritten = Clock::now();
       std::this_thread::sleep_for(200us);
     }
     stopped = true;
@@ -92,15 +89,15 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
   flood.join();
   ASSERT_EQ(sent, 1);
   EXPECT_TRUE(floodOver || longestPauseUs >= 50000) << "the flood never paused for 50 ms";
-  EXPECT_EQ(line.ReadFor(50ms), "GETSERIAL\r\n");
+  EXPECT_EQ(far_.ReadFor(50ms), "GETSERIAL\r\n");
   // The bytes were read, not left to be flushed: a message cut short keeps
   // the command back for longer than a pause between messages would.
-  line.Write("half a messa");
+  far_.Write("half a messa");
   std::this_thread::sleep_for(2ms);
   const auto start = Clock::now();
   ASSERT_EQ(RS232SendCommand(line_, "ID"), 1);
   EXPECT_GE(MsSince(start), 48);
-  EXPECT_EQ(line.ReadFor(50ms), "ID\r\n");
+  EXPECT_EQ(far_.ReadFor(50ms), "ID\r\n");
 }
 
 // These race a wait's time-out against a writer's wall-clock pauses: run
@@ -108,12 +105,11 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
 using ProcessorTimeDriverTest = DriverTest;
 
 TEST_F(ProcessorTimeDriverTest, TheTimeOutCountsFromTheLastByte) {
-  FarEnd line;
-  OpenLine(line.path());
+  OpenLine();
   std::thread trickle([&] {
     for (const char* piece : {"SLOW", " AN", "SWER", "\r\n"}) {
       std::this_thread::sleep_for(60ms);
-      line.Write(piece);
+      far_.Write(piece);
     }
   });
   const t_comresponse response = Wait(100, "\r\n");
@@ -123,12 +119,11 @@ TEST_F(ProcessorTimeDriverTest, TheTimeOutCountsFromTheLastByte) {
 }
 
 TEST_F(DriverTest, AnEndTextIsWaitedForWhole) {
-  FarEnd line;
-  OpenLine(line.path());
+  OpenLine();
   std::thread pieces([&] {
-    line.Write("Acquiring");
+    far_.Write("Acquiring");
     std::this_thread::sleep_for(60ms);
-    line.Write("...\r\n");
+    far_.Write("...\r\n");
   });
   const t_comresponse response = Wait(1000, "Acquiring...\r\n");
   pieces.join();
@@ -136,8 +131,7 @@ TEST_F(DriverTest, AnEndTextIsWaitedForWhole) {
 }
 
 TEST_F(ProcessorTimeDriverTest, ALongAnswerAtTheLineRateIsNotCut) {
-  FarEnd line;
-  OpenLine(line.path(), 9600);
+  OpenLine(9600);
   std::string readout;
   for (int i = 0; i < 300; ++i) readout += std::to_string(10000 + i) + "\r\n";
   // Byte by byte at 9600 baud: about 2.4 s, eight times the time-out, and
@@ -146,9 +140,9 @@ TEST_F(ProcessorTimeDriverTest, ALongAnswerAtTheLineRateIsNotCut) {
     const auto start = Clock::now();
     for (std::size_t i = 0; i < readout.size(); ++i) {
       std::this_thread::sleep_until(start + std::chrono::microseconds(1146 * (i + 1)));
-      line.Write(readout.substr(i, 1));
+      far_.Write(readout.substr(i, 1));
     }
-    line.Write("END\r\n");
+    far_.Write("END\r\n");
   });
   const t_comresponse response = Wait(300, "END\r\n");
   paced.join();
