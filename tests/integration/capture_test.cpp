@@ -53,8 +53,17 @@ TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
   EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
             "0: OVERRANGE ON FIBER 02 condition detected");
   EXPECT_EQ(PortError(port), "OVERRANGE ON FIBER 02 condition detected");
-  // The port stays usable.
   port.master().setFiber(1, zeltosim::Fiber{});
+  fiber.force = zeltosim::Range::UnderRange;
+  port.master().setFiber(0, fiber);
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
+            "0: UNDERRANGE ON FIBER 01 condition detected");
+  port.master().setAnswer("C5", "Not stable");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
+            "0: Not stable condition detected");
+  // The port stays usable.
+  port.master().setAnswer("C5", "");
+  port.master().setFiber(0, zeltosim::Fiber{});
   ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 1);
 
   // Time-outs and syntax errors name the device.
