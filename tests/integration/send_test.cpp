@@ -18,7 +18,7 @@ class SendTest : public SimBench {
     SimBench::SetUp();
     ZeltoCom_SetResponseTimeout(400);
   }
-  zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = {}) {
+  zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = BenchLine()) {
     return OpenQuiet(std::move(config), line);
   }
   // These waits apply to instruments that end their answers with CR LF only.
