@@ -23,15 +23,6 @@ using namespace zeltocom;
 
 namespace {
 
-// The time an instrument of the chain gets to answer a bus hand-over, and
-// the time of one completion query, from the line's character time.
-TimeoutMs FreeTimeMs(const s_CommPort* master) {
-  return static_cast<TimeoutMs>(5 * master->charTimeMs) * 5 + 50;
-}
-TimeoutMs PollTimeMs(const s_CommPort* master) {
-  return static_cast<TimeoutMs>(5 * master->charTimeMs) * 5 + 20;
-}
-
 // The master at `devicePath`, held for the call, after the detection checks.
 std::optional<HeldPort> HoldMaster(Call& call, const char* devicePath) {
   if (!PortsDetected()) return std::nullopt;
@@ -65,7 +56,7 @@ int AddToChain(const HeldPort& port, const std::string& serial) {
     SetError(nullptr, "Device has already been added");
     return 0;
   }
-  const TimeoutMs freeTime = FreeTimeMs(master);
+  const TimeoutMs freeTime = ChainFreeTimeMs(master->charTimeMs);
   FreeBus(master, freeTime);
 
   // Whatever the answer, the line goes back to the master afterwards.
@@ -252,7 +243,12 @@ int AwaitChainCaptures(const ChainCapture& c, TimeoutMs timeoutMs) {
 int CaptureChain(const HeldPort& port, int pwm, int range, int pwmFrames) {
   s_CommPort* master = port.get();
   if (!LedCaptureArgumentsAccepted(master, pwm, range, pwmFrames)) return -1;
-  const ChainCapture c{master, pwm, range, pwmFrames, FreeTimeMs(master), PollTimeMs(master)};
+  const ChainCapture c{master,
+                       pwm,
+                       range,
+                       pwmFrames,
+                       ChainFreeTimeMs(master->charTimeMs),
+                       ChainPollTimeMs(master->charTimeMs)};
   TimeoutMs t = LA_ResponseTimeout;
   if (master->autoResponseTimeout) {
     int failure = 0;

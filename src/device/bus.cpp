@@ -36,6 +36,14 @@ TimeoutMs BusFreeTimeoutMs(double charTimeMs) {
   return static_cast<TimeoutMs>(16 * charTimeMs + 20);
 }
 
+TimeoutMs ChainFreeTimeMs(double charTimeMs) {
+  return static_cast<TimeoutMs>(5 * charTimeMs) * 5 + 50;
+}
+
+TimeoutMs ChainPollTimeMs(double charTimeMs) {
+  return static_cast<TimeoutMs>(5 * charTimeMs) * 5 + 20;
+}
+
 Reply AskForLine(s_CommPort* master, std::string_view serial, const End& end, Rounding rounding) {
   return Exchange(master, "BUSGET" + std::string(serial), end,
                   BusGetTimeoutMs(master->charTimeMs, rounding));

@@ -19,6 +19,11 @@ TimeoutMs BusGetTimeoutMs(double charTimeMs, Rounding rounding);
 // How long whoever holds the line gets to answer "BUSFREE": 16 characters'
 // time and 20 ms.
 TimeoutMs BusFreeTimeoutMs(double charTimeMs);
+// The chain calls' own hand-overs, and one completion query of a chain
+// capture: 25 characters' time, counted in whole groups of five, and 50 or
+// 20 ms.
+TimeoutMs ChainFreeTimeMs(double charTimeMs);
+TimeoutMs ChainPollTimeMs(double charTimeMs);
 
 // Asks the instrument with `serial` on the master's line to take it
 // ("BUSGET<serial>"), waiting for the answer as `end` says.

@@ -92,4 +92,8 @@ TEST(BusTimeout, CharacterCountsRoundingAndFloor) {
   EXPECT_EQ(BusGetTimeoutMs(slow, Rounding::Down), 80);
   EXPECT_EQ(BusGetTimeoutMs(slow * 4, Rounding::Down), 88);  // 68.75 + 20
   EXPECT_EQ(BusGetTimeoutMs(slow * 4, Rounding::Up), 89);
+  // Whole groups of five characters: none at 57600, five at 9600.
+  EXPECT_EQ(ChainFreeTimeMs(CharTimeMs(57600)), 50);
+  EXPECT_EQ(ChainFreeTimeMs(slow), 75);
+  EXPECT_EQ(ChainPollTimeMs(slow), 45);
 }
