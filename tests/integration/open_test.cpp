@@ -265,9 +265,12 @@ TEST_F(OpenTest, ListsOfOpenPortsFollowTheOpeningOrder) {
 TEST_F(OpenTest, DeviceTypeWords) {
   zeltosim::Config unknown = Analyser("ZS0003");
   unknown.hardware = "Zelto 05-P rev2";
+  zeltosim::Config standard = Analyser("ZS0004");
+  standard.hardware = "Zelto CLR_STD";  // the last of the words
   char word[13];
   for (const auto& [config, expected] : {std::pair{unknown, "UNKONWN"},
                                          {Spectrometer("SP0001"), "SPECTROMETER"},
+                                         {standard, "CLRSTD"},
                                          {Analyser("ZS0001"), "ICT"}}) {
     ASSERT_EQ(ZeltoCom_GetDeviceType(OpenPort(config).path().c_str(), word), 1);
     EXPECT_STREQ(word, expected);

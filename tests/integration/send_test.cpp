@@ -240,9 +240,15 @@ TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
   EXPECT_EQ(answer_[256], '#');
   EXPECT_EQ(Record(port)->lastResponse.Get(), whole);
 
-  // Answers that fit are not affected.
-  EXPECT_EQ(Send(port, "GETSERIAL"), 1);
-  EXPECT_STREQ(answer_, "ZS0001");
+  // The buffer holds the answer and its terminating zero, or it is cut.
+  const int size = static_cast<int>(whole.size());
+  ASSERT_EQ(ZeltoCom_SetResponseBufferSize(size), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_Send(port.path().c_str(), "HELP", answer_)),
+            "0: Answer longer than the response buffer");
+  EXPECT_EQ(std::string(answer_), whole.substr(0, whole.size() - 1));
+  ASSERT_EQ(ZeltoCom_SetResponseBufferSize(size + 1), 1);
+  EXPECT_EQ(Send(port, "HELP"), 1);
+  EXPECT_EQ(answer_, whole);
   ASSERT_EQ(ZeltoCom_SetResponseBufferSize(0), 1);
   EXPECT_EQ(Send(port, "HELP"), 1);
 }

@@ -149,3 +149,24 @@ TEST_F(ProcessorTimeDriverTest, ALongAnswerAtTheLineRateIsNotCut) {
   EXPECT_EQ(response.data, readout + "END");
   EXPECT_LT(response.elapsedMs, 300);
 }
+
+// A trigger report may be as long as an answer may be, and no longer.
+TEST_F(DriverTest, ATriggerReportTakesUpToTheAnswerLimit) {
+  OpenLine();
+  for (const std::size_t size : {kMaxAnswerBytes, kMaxAnswerBytes + 1}) {
+    SCOPED_TRACE(size);
+    std::atomic<bool> written{false};
+    std::thread writer([&] {
+      far_.Write(std::string(size - 2, '7') + "\r\n");
+      written = true;
+    });
+    t_comresponse report;
+    const std::atomic<bool> abort{false};
+    const bool ended = RS232WaitForExternalCapture(line_.fd, -1, &report, abort, "\r\n", false, 0);
+    // What the wait left unread is taken, so that the writer can finish.
+    while (!written) ReadFrom(line_.fd, 10ms);
+    writer.join();
+    EXPECT_EQ(ended, size == kMaxAnswerBytes);
+    EXPECT_EQ(report.data, ended ? std::string(size - 2, '7') : "Answer too long");
+  }
+}
