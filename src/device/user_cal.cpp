@@ -117,10 +117,10 @@ std::string FormatExponential(double value) {
     sign = exponent.front();
     exponent.remove_prefix(1);
   }
-  // Exactly two digits: a lone one padded, longer ones cut to their last two.
+  // Exactly two digits: the C library writes at least two, and longer ones
+  // are cut to their last two.
   std::string result = text.substr(0, e + 1);
   result += sign;
-  if (exponent.size() < 2) result += '0';
   result += exponent.substr(exponent.size() > 2 ? exponent.size() - 2 : 0);
   return result;
 }

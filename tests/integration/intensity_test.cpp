@@ -77,4 +77,7 @@ TEST_F(IntensityTest, BadArgumentsAndSilentInstrumentsAreRefused) {
   EXPECT_EQ(PortError(port), "Unable to read the intensity scale of the instrument");
   EXPECT_EQ(ZeltoCom_GetIntensityScale(path, &value), 0);
   EXPECT_EQ(value, 7);
+  // Range 6, the fastest, is the last that captures take.
+  port.master().setFault(zeltosim::Fault::None);
+  EXPECT_EQ(Outcome(ZeltoCom_IntensityToLinear(path, 100, 0, 6, &value)), "1");
 }
