@@ -104,6 +104,11 @@ TEST_F(OpenTest, UnknownPathsAndNoPorts) {
   AddPort(Analyser("ZS0001"));
   Publish();
   EXPECT_EQ(Outcome(ZeltoCom_Open("/dev/pts/nothing", 57600)), "0: Device Path not available");
+  // The longest path a record holds is looked for; one more is refused.
+  const std::string longest = "/dev/" + std::string(ZELTOCOM_DEVICE_PATH_SIZE - 6, 'x');
+  EXPECT_EQ(Outcome(ZeltoCom_Open(longest.c_str(), 57600)), "0: Device Path not available");
+  EXPECT_EQ(Outcome(ZeltoCom_Open((longest + "x").c_str(), 57600)),
+            "-1: The device path is too long (at most 253 characters)");
 
   setenv("ZELTOCOM_PORTS", ";", 1);
   EXPECT_EQ(ZeltoCom_EnumPorts(), 0);
