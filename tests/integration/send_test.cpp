@@ -143,6 +143,11 @@ TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
   EXPECT_EQ(record->settings.current, &record->settings.sets[5]);
   EXPECT_EQ(record->settings.current->factor, -1);
   EXPECT_EQ(record->settings.sets[0].factor, 3);
+  // A set beyond the last the cache keeps is not followed, even when taken.
+  port.master().setAnswer("SETCALIBRATION99", "OK");
+  ASSERT_EQ(Send(port, "SETCALIBRATION99"), 1);
+  EXPECT_EQ(record->settings.adjustmentSet, 5);
+  EXPECT_EQ(record->settings.current, &record->settings.sets[5]);
 
   ASSERT_EQ(Send(port, "GETFACTOR"), 1);
   EXPECT_EQ(record->settings.current->factor, 1);

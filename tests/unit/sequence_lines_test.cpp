@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -77,6 +78,12 @@ TEST(SequenceLines, ALineIsStoredOnlyWhenItReadsWhole) {
       {"ffi", "nan 0.4 5", "untouched"},
   };
   for (const LineCase& c : cases) EXPECT_EQ(Read(c.format, c.line), c.stored) << c.line;
+
+  // A field more than the columns: nothing stored, nothing past them either.
+  std::array<int, 2> two{-99, -99};
+  const std::vector<SampleColumn> both = {&two[0], &two[1]};
+  StoreSamples("549 7", 1, std::span<const SampleColumn>(both).first(1));
+  EXPECT_EQ(two, (std::array<int, 2>{-99, -99}));
 }
 
 TEST(SequenceLines, EveryLineTakesItsSamplesPlace) {
