@@ -61,10 +61,13 @@ TEST_F(DaisyChainTest, AddingAsksForTheInstrumentAndHandsTheLineBack) {
   EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_Add(Path(), "CHAIN01")),
             "0: Device has already been added");
   EXPECT_EQ(ZeltoCom_DaisyChain_Add(Path(), "MASTER1"), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_Add(Path(), "NOBODY000000015")),
+            "0: The serial number is too long (at most 14 characters)");
   EXPECT_TRUE(Sent(Port()).empty());
 
-  // Nobody answers "OK" to an unknown serial number; the line is still handed back.
-  EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_Add(Path(), "NOBODY")), "0: Communication error");
+  // Nobody answers "OK" to an unknown serial number (of the longest kind);
+  // the line is still handed back.
+  EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_Add(Path(), "NOBODY00000014")), "0: Communication error");
   EXPECT_EQ(Sent(Port()).back(), "BUSFREE");
   EXPECT_EQ(ChainLength(), 2);
 }
