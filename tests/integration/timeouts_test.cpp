@@ -135,6 +135,16 @@ TEST_F(TimeoutTest, BusGetWaitsItsFloorForTheChainedInstrument) {
   }
 }
 
+// A burst lasts its start delay and its samples, and its wait half a second
+// more: 900 + 100 x 1 ms of burst against 1500 ms.
+TEST_F(TimeoutTest, SequenceCaptureWaitsForTheStartDelayToo) {
+  zeltosim::SimPort& port = OpenPort(Model("ZS0001", "Zelto 05-P"), Line());
+  port.master().setCaptureTimeScale(1.0);  // the burst in real time
+  const char* path = port.path().c_str();
+  ASSERT_EQ(ZeltoCom_Sequence_Setup(path, 900, 1, 0, 100, 0), 1) << LastError();
+  EXPECT_EQ(Outcome(ZeltoCom_Sequence_Capture(path, 1)), "1");
+}
+
 // Twice the time the line needs for a line per sample, each line's time
 // rounded up: at 57600 baud 11 characters take 2.1 ms, at 9600 19 take 21.8.
 TEST_F(TimeoutTest, SequenceReadoutWaitsTwiceTheLinesTime) {
