@@ -15,6 +15,12 @@ TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
   EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 7), 1) << LastError();
   EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETHW", "GETCALIBRATION", "GETFACTOR", "C5PWM03",
                                                   "C5PWM", "C"}));
+
+  // A set beyond the last the cache keeps is not believed; the capture goes on.
+  zeltosim::SimPort& odd = OpenQuiet(Analyser("ZS0002"));
+  odd.master().setAnswer("GETCALIBRATION", "99");
+  EXPECT_EQ(ZeltoCom_Capture(odd.path().c_str(), 0, 5, 0), 1) << LastError();
+  EXPECT_EQ(Record(odd)->settings.adjustmentSet, -1);
 }
 
 TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
