@@ -16,6 +16,14 @@ TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
   EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETHW", "GETCALIBRATION", "GETFACTOR", "C5PWM03",
                                                   "C5PWM", "C"}));
 
+  // Colour models count their averages too.
+  zeltosim::Config colour = Analyser("ZS0003");
+  colour.hardware = "Zelto 05-CLR";
+  zeltosim::SimPort& clr = OpenQuiet(colour);
+  EXPECT_EQ(ZeltoCom_Capture(clr.path().c_str(), 0, 5, 0), 1) << LastError();
+  EXPECT_EQ(Sent(clr),
+            (std::vector<std::string>{"GETHW", "GETCALIBRATION", "GETAVERAGE", "GETFACTOR", "C5"}));
+
   // A set beyond the last the cache keeps is not believed; the capture goes on.
   zeltosim::SimPort& odd = OpenQuiet(Analyser("ZS0002"));
   odd.master().setAnswer("GETCALIBRATION", "99");

@@ -72,6 +72,22 @@ TEST_F(DaisyChainTest, AddingAsksForTheInstrumentAndHandsTheLineBack) {
   EXPECT_EQ(ChainLength(), 2);
 }
 
+// A set chosen for the whole bus is followed by every cache of the chain.
+TEST_F(DaisyChainTest, ABusWideSetIsFollowedByEveryCacheOfTheChain) {
+  for (const char* serial : {"CHAIN01", "CHAIN02"}) {
+    ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), serial), 1) << LastError();
+  }
+  Port().master().setAnswer("BUSSETCALIBRATION05", "OK");
+  ASSERT_EQ(ZeltoCom_Send(Path(), "BUSSETCALIBRATION05", nullptr), 1) << LastError();
+  EXPECT_EQ(Record(Port())->settings.adjustmentSet, 5);
+  for (const char* serial : {"CHAIN01", "CHAIN02"}) {
+    EXPECT_EQ(zeltocom::PortsList_GetBySerialNumber(&Record(Port())->chain, serial)
+                  ->settings.adjustmentSet,
+              5)
+        << serial;
+  }
+}
+
 TEST_F(DaisyChainTest, AMasterThatRefusesOrIgnoresBusCommandsCannotLendItsLine) {
   Port().master().setFault(zeltosim::Fault::SyntaxErrorAll);
   EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_Add(Path(), "CHAIN01")), "0: Unable to get the bus");
