@@ -9,11 +9,11 @@
 
 namespace zeltocom {
 
-namespace {
-
-TimeoutMs IdentifyTimeoutMs(const s_CommPort* port) {
-  return static_cast<TimeoutMs>(10 * port->charTimeMs) + 20;
+TimeoutMs IdentifyTimeoutMs(double charTimeMs) {
+  return static_cast<TimeoutMs>(10 * charTimeMs) + 20;
 }
+
+namespace {
 
 // One model code: "Zelto <n>-<suffix>", the number zero-padded to two
 // digits or written plainly.
@@ -37,14 +37,15 @@ constexpr ModelCode kModelCodes[] = {
 
 int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text) {
   std::string answer;
-  const int result = CMD_SendCommand(port, "GETHW", IdentifyTimeoutMs(port), &answer);
+  const int result = CMD_SendCommand(port, "GETHW", IdentifyTimeoutMs(port->charTimeMs), &answer);
   if (result == 1) text = answer;
   return result;
 }
 
 int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text) {
   std::string answer;
-  const int result = CMD_SendCommand(port, "GETVERSION", IdentifyTimeoutMs(port), &answer);
+  const int result =
+      CMD_SendCommand(port, "GETVERSION", IdentifyTimeoutMs(port->charTimeMs), &answer);
   if (result == 1) text = answer;
   return result;
 }

@@ -26,6 +26,10 @@ enum eDeviceType {
 
 // Identification exchanges: 1 answered in time, 0 late or refused, -1 not
 // sent.
+// How long the model and firmware queries wait: 10 characters' time and
+// 20 ms.
+TimeoutMs IdentifyTimeoutMs(double charTimeMs);
+
 int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text);
 int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text);
 void CMD_GetFirmwareVersion(s_CommPort* port);

@@ -10,17 +10,17 @@
 
 namespace zeltocom {
 
-namespace {
-
-TimeoutMs SettingTimeoutMs(const s_CommPort* port) {
-  return static_cast<TimeoutMs>(16 * port->charTimeMs) + 20;
+TimeoutMs SettingTimeoutMs(double charTimeMs) {
+  return static_cast<TimeoutMs>(16 * charTimeMs) + 20;
 }
+
+namespace {
 
 // Sends a query whose answer is one integer; an answer that is none counts
 // as no answer.
 int QueryInteger(s_CommPort* port, const char* command, int* value) {
   std::string answer;
-  const int result = CMD_SendCommand(port, command, SettingTimeoutMs(port), &answer);
+  const int result = CMD_SendCommand(port, command, SettingTimeoutMs(port->charTimeMs), &answer);
   if (result != 1) return result;
   const std::optional<int> parsed = SingleReading<int>(answer);
   if (!parsed) return 0;
@@ -51,7 +51,7 @@ bool IsW2Model(const s_CommPort* port) { return Contains(port->hardwareDescripto
 int CMD_GetAdjustmentSet(s_CommPort* port, int* set) {
   *set = 0;
   std::string answer;
-  const TimeoutMs timeout = SettingTimeoutMs(port);
+  const TimeoutMs timeout = SettingTimeoutMs(port->charTimeMs);
   if (!IsSpectrometer(port)) {
     const int result = CMD_SendCommand(port, "GETCALIBRATION", timeout, &answer);
     if (result < 0) return -1;

@@ -4,6 +4,10 @@
 
 namespace zeltocom {
 
+// How long a settings query waits for its one number: 16 characters' time
+// and 20 ms.
+TimeoutMs SettingTimeoutMs(double charTimeMs);
+
 // Queries: 1 value stored, 0 late or refused (nothing stored), -1 not sent.
 int CMD_GetAdjustmentSet(s_CommPort* port, int* set);
 int CMD_GetIntensityMode(s_CommPort* port, IntensityMode* mode);

@@ -4,6 +4,7 @@
 
 #include "device/bus.hpp"
 #include "device/capture_command.hpp"
+#include "device/settings.hpp"
 #include "serial/baudrates.hpp"
 
 using namespace zeltocom;
@@ -81,9 +82,9 @@ TEST(CaptureCommand, RangeAndPwmForms) {
   EXPECT_EQ(BuildCaptureCommand("BUSC", 1, 0, 0), "BUSCPWM");
 }
 
-// A hand-over is too quick to time against the wall clock: its time-outs are
-// pinned here at the slowest and fastest admitted rates.
-TEST(BusTimeout, CharacterCountsRoundingAndFloor) {
+// Hand-overs and short queries are too quick to time against the wall
+// clock: their time-outs are pinned here at the slowest and fastest rates.
+TEST(ShortTimeouts, CharacterCountsRoundingAndFloors) {
   const double slow = CharTimeMs(9600);  // 1.1458 ms
   const double fast = CharTimeMs(921600);
   EXPECT_EQ(BusFreeTimeoutMs(slow), 38);  // 16 characters + 20
@@ -96,4 +97,7 @@ TEST(BusTimeout, CharacterCountsRoundingAndFloor) {
   EXPECT_EQ(ChainFreeTimeMs(CharTimeMs(57600)), 50);
   EXPECT_EQ(ChainFreeTimeMs(slow), 75);
   EXPECT_EQ(ChainPollTimeMs(slow), 45);
+  EXPECT_EQ(SettingTimeoutMs(slow), 38);   // 18.3 + 20
+  EXPECT_EQ(IdentifyTimeoutMs(slow), 31);  // 11.5 + 20
+  EXPECT_EQ(IdentifyTimeoutMs(fast), 21);
 }
