@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <utility>
 #include <vector>
 
@@ -22,14 +21,6 @@ constexpr std::array<std::pair<std::string_view, int>, 6> kFields = {{
     {"WSI", 3},
 }};
 
-bool IsNumber(std::string_view token) {
-  if (!token.empty() && (token.front() == '+' || token.front() == '-')) token.remove_prefix(1);
-  double value = 0;
-  const char* end = token.data() + token.size();
-  const auto [ptr, error] = std::from_chars(token.data(), end, value);
-  return !token.empty() && error == std::errc() && ptr == end;
-}
-
 }  // namespace
 
 UnaskedReports ReportsOf(std::string_view outputType, int fibers, bool spectrometer) {
@@ -48,7 +39,8 @@ bool IsReportLine(const UnaskedReports& reports, std::string_view line) {
   if (reports.fields == 0) return line == "OK";
   const std::vector<std::string> tokens = SplitNonEmpty(line, ' ');
   if (static_cast<int>(tokens.size()) != reports.fields) return false;
-  return std::ranges::all_of(tokens, [](const std::string& token) { return IsNumber(token); });
+  return std::ranges::all_of(
+      tokens, [](const std::string& token) { return WholeNumber<double>(token).has_value(); });
 }
 
 std::vector<std::string> PlainLines(std::string_view text) {

@@ -236,6 +236,7 @@ std::optional<Number> SingleReading(std::string_view answer) {
 template std::optional<int> WholeNumber<int>(std::string_view);
 template std::optional<unsigned char> WholeNumber<unsigned char>(std::string_view);
 template std::optional<float> WholeNumber<float>(std::string_view);
+template std::optional<double> WholeNumber<double>(std::string_view);
 template std::optional<int> Reading::Next<int>();
 template std::optional<unsigned> Reading::Next<unsigned>();
 template std::optional<float> Reading::Next<float>();

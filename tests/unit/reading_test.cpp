@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "device/trigger_report.hpp"
 #include "device/user_cal.hpp"
 #include "frame/utils.hpp"
 
@@ -56,4 +57,17 @@ TEST(ExponentFits, ExactlyTheFactorsTheCommandsCarryWhole) {
   for (double value : {1e100, 9.9999996e99, 5e-101, 1e300, HUGE_VAL, std::nan("")}) {
     EXPECT_FALSE(ExponentFits(value)) << value;
   }
+}
+
+// An unasked report line is one number per field of its type, signed or not:
+// a line with a field more or less is some other message.
+TEST(TriggerReportLine, ExactlyTheFieldsOfItsTypeAllNumbers) {
+  const UnaskedReports xyi = ReportsOf("XYI", 2, false);
+  EXPECT_TRUE(IsReportLine(xyi, "0.3127 0.3290 1200"));
+  EXPECT_TRUE(IsReportLine(xyi, "-0.0100 +0.3290 1200"));
+  EXPECT_FALSE(IsReportLine(xyi, "0.3127 0.3290"));
+  EXPECT_FALSE(IsReportLine(xyi, "0.3127 0.3290 1200 7"));
+  EXPECT_FALSE(IsReportLine(xyi, "0.3127 0.3290 --1200"));
+  EXPECT_FALSE(IsReportLine(xyi, "0.3127 0.3290 I"));
+  EXPECT_TRUE(IsReportLine(ReportsOf("NONE", 2, false), "OK"));
 }
