@@ -24,12 +24,12 @@ enum eDeviceType {
   DEVTYPE_CLRSTD = 9,
 };
 
-// Identification exchanges: 1 answered in time, 0 late or refused, -1 not
-// sent.
 // How long the model and firmware queries wait: 10 characters' time and
 // 20 ms.
 TimeoutMs IdentifyTimeoutMs(double charTimeMs);
 
+// Identification exchanges: 1 answered in time, 0 late or refused, -1 not
+// sent.
 int CMD_GetHardwareDescriptor(s_CommPort* port, std::string& text);
 int CMD_GetFirmwareVersion(s_CommPort* port, std::string& text);
 void CMD_GetFirmwareVersion(s_CommPort* port);
