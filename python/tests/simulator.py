@@ -4,11 +4,15 @@ naming exactly its ports."""
 
 from __future__ import annotations
 
+import contextlib
 import os
 import subprocess
+import unittest
 from pathlib import Path
+from typing import Any, Iterator, Optional
 
 import zeltocom
+from zeltocom import ZeltoComError
 
 ZELTOSIM = (os.environ.get("ZELTOSIM")
             or str(Path(__file__).resolve().parents[2] / "build" / "zeltosim"))
@@ -43,3 +47,29 @@ class Simulator:
         self.process.wait(timeout=10)
         self.process.stdout.close()
         self.process.stdin.close()
+
+
+class SimulatedTest(unittest.TestCase):
+    """Tests against one Simulator of ARGUMENTS, `paths` its ports."""
+    ARGUMENTS: tuple[str, ...] = ()
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        cls.sim = Simulator(*cls.ARGUMENTS)
+        cls.paths = cls.sim.paths
+
+    @classmethod
+    def tearDownClass(cls) -> None:
+        cls.sim.stop()
+
+    @contextlib.contextmanager
+    def raises(self, text: str, call: str, port: Optional[str] = None) -> Iterator[Any]:
+        """Expects a ZeltoComError from `call` whose text starts with `text`;
+        yields assertRaises' context."""
+        with self.assertRaises(ZeltoComError) as caught:
+            yield caught
+        error = caught.exception
+        self.assertTrue(error.text.startswith(text), error.text)
+        self.assertEqual(error.call, call)
+        if port is not None:
+            self.assertEqual(error.port, port)

@@ -33,13 +33,9 @@ except zeltocom.ZeltoComError as error:
 class LoadingTest(unittest.TestCase):
     def probe(self, library: str = "") -> str:
         """PROBE's output, with this build's library on the loader's path and
-        ZELTOCOM_LIBRARY set to `library` (unset when empty)."""
+        ZELTOCOM_LIBRARY set to `library` (empty: none)."""
         build = str(Path(os.environ["ZELTOCOM_LIBRARY"]).resolve().parent)
-        environment = {key: value for key, value in os.environ.items()
-                       if key != "ZELTOCOM_LIBRARY"}
-        environment["LD_LIBRARY_PATH"] = build
-        if library:
-            environment["ZELTOCOM_LIBRARY"] = library
+        environment = {**os.environ, "LD_LIBRARY_PATH": build, "ZELTOCOM_LIBRARY": library}
         run = subprocess.run([sys.executable, "-c", PROBE], cwd=PACKAGE_ROOT, env=environment,
                              capture_output=True, text=True, timeout=60)
         self.assertEqual(run.returncode, 0, run.stderr)

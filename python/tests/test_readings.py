@@ -15,8 +15,7 @@ class ReadingsListTest(unittest.TestCase):
         read = {f.name for f in fields(Reading) if f.name not in kept}
         self.assertEqual(set(names) | reported, read)
         self.assertEqual(readings.READ_COMMANDS[0] % 7, readings.READOUTS[0][0] + "07")
-
-    def test_list_lines_skip_comments_and_blanks(self) -> None:
+        # The list's lines skip comments and blanks.
         self.assertEqual(readings._readouts("# a comment\n\nGETxyI x y intensity\n  GETCCT\tcct\n"),
                          (("GETxyI", ("x", "y", "intensity")), ("GETCCT", ("cct",))))
 
@@ -35,16 +34,14 @@ class ReadingsListTest(unittest.TestCase):
 
     def test_trigger_reports_become_readings_of_their_output_type(self) -> None:
         cases = [
-            ("XYI", "0.3288 0.4232 16411\r\n0.1 0.2 3", [
-                Reading(1, x=0.3288, y=0.4232, intensity=16411), Reading(2, x=0.1, y=0.2,
-                                                                         intensity=3)]),
+            ("XYI", "0.3288 0.4232 16411\r\n0.1 0.2 3",
+             [Reading(1, x=0.3288, y=0.4232, intensity=16411),
+              Reading(2, x=0.1, y=0.2, intensity=3)]),
             ("hsi", "12.50 0.75 900", [Reading(1, hue=12.5, saturation=0.75, intensity=900)]),
-            (" RGBI ", "77 128 51 16411\n", [Reading(1, red=77, green=128, blue=51,
-                                                       intensity=16411)]),
+            (" RGBI ", "77 128 51 900\n", [Reading(1, red=77, green=128, blue=51, intensity=900)]),
             ("CCTI", "5614 16411", [Reading(1, cct=5614, intensity=16411)]),
             ("ABSINT", "1.641100E+01", [Reading(1, absolute_intensity=16.411)]),
-            ("WSI", "549 0.50 16411", [Reading(1, wavelength=549, saturation=0.5,
-                                               intensity=16411)]),
+            ("WSI", "549 0.50 900", [Reading(1, wavelength=549, saturation=0.5, intensity=900)]),
             ("NONE", "OK", []),
         ]
         for output, report, expected in cases:
