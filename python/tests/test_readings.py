@@ -1,10 +1,26 @@
+"""What the package makes of the library's answers and of the numbers it
+is given, without instruments; and its docstrings."""
+
 import ctypes
+import functools
+import importlib
+import inspect
+import math
+import pkgutil
+import sys
 import unittest
 from dataclasses import fields
+from fractions import Fraction
+from unittest import mock
 
-from zeltocom import Reading, ZeltoComError
-from zeltocom import readings
+import zeltocom
+from zeltocom import Reading, ZeltoComError, readings
+from zeltocom._library import real, whole
 
+try:
+    import numpy
+except ImportError:
+    numpy = None
 
 class ReadingsListTest(unittest.TestCase):
     def test_captures_and_trigger_reports_fill_every_field_of_a_reading(self) -> None:
@@ -58,16 +74,70 @@ class ReadingsListTest(unittest.TestCase):
                 self.assertEqual(readings.float32(ctypes.c_float(float(text)).value), float(text))
 
     def test_the_old_spelling_still_reads_with_a_warning(self) -> None:
-        def ask(ports: object, command: str) -> list[str]:
-            answers = {"GETNFIB": "1", "GETxyI01": "0.1 0.2 3", "GETWAVELENGTH01": "4",
-                       "GETCCT01": "5", "GETRGBI01": "6 7 8 3"}
-            return [answers[command]]
-
+        answers = {"GETNFIB": "1", "GETxyI01": "0.1 0.2 3", "GETWAVELENGTH01": "4",
+                   "GETCCT01": "5", "GETRGBI01": "6 7 8 3"}
+        ask = lambda ports, command: [answers[command]]  # noqa: E731
         with self.assertWarns(DeprecationWarning):
             found = readings.read_fibres(["/dev/pts/9"], ask)
         self.assertEqual(found, readings.read_fibers(["/dev/pts/9"], ask))
         self.assertEqual(found["/dev/pts/9"][0].cct, 5)
 
+
+class NumbersTest(unittest.TestCase):
+    def test_numbers_of_every_kind_and_clear_refusals(self) -> None:
+        accepted = [3, 3.0, Fraction(6, 2)]
+        if numpy is not None:
+            accepted += [numpy.int64(3), numpy.uint8(3), numpy.float32(3.0)]
+        for value in accepted:
+            with self.subTest(value=value):
+                self.assertEqual((whole(value, "count"), real(value, "count")), (3, 3.0))
+        self.assertEqual([whole(value, "count") for value in (-2**31, 2**31 - 1)],
+                         [-2**31, 2**31 - 1])
+        whole_count = functools.partial(whole, what="count", low=0, call="f")
+        real_count = functools.partial(real, what="count", call="f")
+        refused = [(whole_count, 2.5, "a whole number, not 2.5"),
+                   (whole_count, "3", "a whole number"), (whole_count, math.nan, "a whole number"),
+                   (whole_count, -1, "between 0 and"),
+                   (whole_count, 2**31, "between 0 and 2147483647, not 2147483648"),
+                   (real_count, "0.5", "a finite number"), (real_count, -math.inf, "a finite"),
+                   (real_count, 10**400, "a finite number"), (real_count, 1j, "a finite number")]
+        for check, value, text in refused:
+            with self.subTest(value=value):
+                with self.assertRaisesRegex(ZeltoComError, f"^f: The count must be {text}"):
+                    check(value)
+        with mock.patch.dict(sys.modules, {"numpy": None}):
+            with self.assertRaises(ZeltoComError) as caught:
+                readings.numpy_module("ZeltoCom_Sequence_ReadxyI")
+        self.assertEqual(str(caught.exception), "ZeltoCom_Sequence_ReadxyI: as_numpy needs numpy "
+                                                "(Debian: python3-numpy)")
+
+
+class DocstringTest(unittest.TestCase):
+    def test_every_public_name_has_a_docstring(self) -> None:
+        modules = [zeltocom] + [importlib.import_module(f"zeltocom.{info.name}")
+                                for info in pkgutil.iter_modules(zeltocom.__path__)
+                                if not info.name.startswith("_")]
+        missing = [module.__name__ for module in modules if not inspect.getdoc(module)]
+        for module in modules:
+            for name, value in vars(module).items():
+                defined = inspect.isclass(value) or inspect.isfunction(value)
+                if defined and not name.startswith("_") and value.__module__ == module.__name__:
+                    missing += [f"{module.__name__}.{name}{member}"
+                                for member in self.undocumented(value)]
+        self.assertEqual(missing, [])
+
+    @staticmethod
+    def undocumented(value: object) -> list[str]:
+        """"" for `value` itself and ".member" for each public member of a
+        class without a docstring of its own (a dataclass's generated
+        signature is none)."""
+        own = value.__dict__.get("__doc__") if inspect.isclass(value) else value.__doc__
+        missing = [] if own and not own.startswith(f"{value.__name__}(") else [""]
+        for name, member in vars(value).items() if inspect.isclass(value) else []:
+            function = getattr(member, "__func__", getattr(member, "fget", member))
+            if not name.startswith("_") and callable(function) and not inspect.getdoc(function):
+                missing.append(f".{name}")
+        return missing
 
 if __name__ == "__main__":
     unittest.main()
