@@ -59,6 +59,3 @@ class HeaderCheckTest(unittest.TestCase):
         with mock.patch.object(_library, "_PROTOTYPES", unknown):
             self.assertEqual(self.errors(HEADER.read_text()),
                              ["ZeltoCom_Close: used by the package without a prototype"])
-
-if __name__ == "__main__":
-    unittest.main()

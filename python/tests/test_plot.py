@@ -1,6 +1,5 @@
-"""zeltocom.plot: the CIE table and the loci computed from it, the result
-document read, and the pictures drawn with matplotlib's Agg backend (skipped
-without matplotlib)."""
+"""zeltocom.plot: the CIE loci, the result document, and the pictures (with
+matplotlib's Agg backend, skipped without matplotlib)."""
 
 import io
 import json
@@ -35,14 +34,11 @@ class LociTest(unittest.TestCase):
             ("520 nm", locus[520], (0.0743, 0.8338)),
             ("380 nm", locus[380], (0.1741, 0.0050)),
             ("700 nm", locus[700], (0.7347, 0.2653)),
-            ("illuminant A, 2856 K", plot.planckian(2856), (0.4476, 0.4074)),
             ("1000 K", plot.planckian(1000), (0.6528, 0.3444)),
             ("6500 K", plot.planckian(6500), (0.3135, 0.3237)),
         ]
         for what, computed, published in cases:
-            with self.subTest(what):
-                self.assertAlmostEqual(computed[0], published[0], delta=6e-4)
-                self.assertAlmostEqual(computed[1], published[1], delta=6e-4)
+            self.assertLess(max(abs(c - p) for c, p in zip(computed, published)), 6e-4, what)
 
 
 class ResultDocumentTest(unittest.TestCase):
@@ -63,9 +59,8 @@ class ResultDocumentTest(unittest.TestCase):
                             {"instruments": [{"serial": "S", "fibers": [
                                 {"fiber": 1, "x": "a", "y": 0.3, "pass": True}]}]}):
                 with self.subTest(results=results):
-                    with self.assertRaises(ZeltoComError) as caught:
+                    with self.assertRaisesRegex(ZeltoComError, "(?i)not a test result document"):
                         plot._points(plot._document(results))
-                    self.assertIn("not a test result document", str(caught.exception).lower())
 
 
 class WithoutMatplotlibTest(unittest.TestCase):
@@ -82,16 +77,12 @@ class PicturesTest(unittest.TestCase):
     def tearDown(self) -> None:
         pyplot.close("all")
 
-    @staticmethod
-    def marks(ax: object) -> dict[str, int]:
-        """The number of points of each scatter, by its legend label."""
-        return {collection.get_label(): len(collection.get_offsets())
-                for collection in ax.collections if collection.get_label().startswith(("pass",
-                                                                                       "fail"))}
-
     def test_chart_of_a_result_file_with_its_bins(self) -> None:
         ax = plot.cie(RESULT, bins=BINS)
-        self.assertEqual(self.marks(ax), {"pass (3)": 3, "fail (2)": 2})
+        # The points of each scatter by its legend label.
+        self.assertEqual({c.get_label(): len(c.get_offsets()) for c in ax.collections
+                          if c.get_label().startswith(("pass", "fail"))},
+                         {"pass (3)": 3, "fail (2)": 2})
         texts = {text.get_text() for text in ax.texts}
         self.assertLessEqual({"A1", "Area 7", "ZA000002:2", "6500 K", "520"}, texts)
         self.assertEqual(ax.get_title(), 'front lamp <&> "test", unit U0042: FAIL')
@@ -110,7 +101,7 @@ class PicturesTest(unittest.TestCase):
         self.assertLess(right - left, 0.6)  # the whole chart is 0.8 wide
         self.assertAlmostEqual((top - bottom) / (right - left), 0.9 / 0.8)
         # Given axes are drawn on, not replaced.
-        figure, given = pyplot.subplots()
+        given = pyplot.subplots()[1]
         self.assertIs(plot.cie(document, ax=given), given)
 
     def test_sequence_with_runs_and_blinking(self) -> None:
@@ -128,6 +119,3 @@ class PicturesTest(unittest.TestCase):
                 with self.assertRaises(ZeltoComError):
                     plot.sequence(samples, period)
 
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,19 +1,14 @@
-"""What the package makes of the library's answers and of the numbers it
-is given, without instruments; and its docstrings."""
+"""What the package makes of the instruments' answers and of numbers."""
 
 import ctypes
 import functools
-import importlib
-import inspect
 import math
-import pkgutil
 import sys
 import unittest
 from dataclasses import fields
 from fractions import Fraction
 from unittest import mock
 
-import zeltocom
 from zeltocom import Reading, ZeltoComError, readings
 from zeltocom._library import real, whole
 
@@ -21,6 +16,7 @@ try:
     import numpy
 except ImportError:
     numpy = None
+
 
 class ReadingsListTest(unittest.TestCase):
     def test_captures_and_trigger_reports_fill_every_field_of_a_reading(self) -> None:
@@ -43,10 +39,8 @@ class ReadingsListTest(unittest.TestCase):
                                  y=0.4232, cct=5614, wavelength=549))
         for command, answer in [("GETxyI%02d", "0.3288 0.4232"), ("GETCCT%02d", ""),
                                 ("GETRGBI%02d", "77 x 51"), ("GETWAVELENGTH%02d", "549.5")]:
-            with self.subTest(command=command, answer=answer):
-                with self.assertRaises(ZeltoComError) as caught:
-                    Reading.parse(2, {**good, command: answer})
-                self.assertIn(command % 2, caught.exception.text)
+            with self.subTest(answer=answer), self.assertRaisesRegex(ZeltoComError, command % 2):
+                Reading.parse(2, {**good, command: answer})
 
     def test_trigger_reports_become_readings_of_their_output_type(self) -> None:
         cases = [
@@ -64,9 +58,8 @@ class ReadingsListTest(unittest.TestCase):
             with self.subTest(output=output):
                 self.assertEqual(readings.parse_report(output, report), expected)
         for output, report in [("XYI", "0.3 0.4"), ("CCTI", "5614.5 3"), ("WHAT", "1")]:
-            with self.subTest(output=output, report=report):
-                with self.assertRaises(ZeltoComError):
-                    readings.parse_report(output, report)
+            with self.subTest(report=report), self.assertRaises(ZeltoComError):
+                readings.parse_report(output, report)
 
     def test_c_floats_read_as_their_shortest_decimal(self) -> None:
         for text in ["0.3288", "12345.68", "1e-07", "0", "-2.5"]:
@@ -110,34 +103,3 @@ class NumbersTest(unittest.TestCase):
                 readings.numpy_module("ZeltoCom_Sequence_ReadxyI")
         self.assertEqual(str(caught.exception), "ZeltoCom_Sequence_ReadxyI: as_numpy needs numpy "
                                                 "(Debian: python3-numpy)")
-
-
-class DocstringTest(unittest.TestCase):
-    def test_every_public_name_has_a_docstring(self) -> None:
-        modules = [zeltocom] + [importlib.import_module(f"zeltocom.{info.name}")
-                                for info in pkgutil.iter_modules(zeltocom.__path__)
-                                if not info.name.startswith("_")]
-        missing = [module.__name__ for module in modules if not inspect.getdoc(module)]
-        for module in modules:
-            for name, value in vars(module).items():
-                defined = inspect.isclass(value) or inspect.isfunction(value)
-                if defined and not name.startswith("_") and value.__module__ == module.__name__:
-                    missing += [f"{module.__name__}.{name}{member}"
-                                for member in self.undocumented(value)]
-        self.assertEqual(missing, [])
-
-    @staticmethod
-    def undocumented(value: object) -> list[str]:
-        """"" for `value` itself and ".member" for each public member of a
-        class without a docstring of its own (a dataclass's generated
-        signature is none)."""
-        own = value.__dict__.get("__doc__") if inspect.isclass(value) else value.__doc__
-        missing = [] if own and not own.startswith(f"{value.__name__}(") else [""]
-        for name, member in vars(value).items() if inspect.isclass(value) else []:
-            function = getattr(member, "__func__", getattr(member, "fget", member))
-            if not name.startswith("_") and callable(function) and not inspect.getdoc(function):
-                missing.append(f".{name}")
-        return missing
-
-if __name__ == "__main__":
-    unittest.main()

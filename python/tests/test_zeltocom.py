@@ -1,5 +1,4 @@
-"""Instruments, stations and files against simulated instruments: what the
-package adds to the library's calls."""
+"""What the package adds to the library's calls, on simulated instruments."""
 
 import logging
 import math
@@ -10,7 +9,7 @@ from fractions import Fraction
 from pathlib import Path
 
 import zeltocom
-from zeltocom import Instrument, Project, Station, TriggerState, readings
+from zeltocom import Instrument, Project, Station, TriggerState
 
 from .simulator import SimulatedTest
 
@@ -73,17 +72,10 @@ class InstrumentTest(SimulatedTest):
             # Shown linear, as reported kept: 1200 reads 16411 on the logarithmic scale.
             self.assertEqual((third.intensity_raw, third.intensity_scale), (16411, "logarithmic"))
             self.assertAlmostEqual(third.intensity, 1200, delta=1)
-            analyser.send("SETLIN")
-            try:
-                linear = analyser.capture()[2]
-                self.assertEqual((linear.intensity_raw, linear.intensity_scale),
-                                 (linear.intensity, "linear"))
-                with self.raises("ZeltoCom_IntensityToLinear: The range must be between 0 and 6"):
-                    analyser.intensity_to_linear(100, range=7)
-            finally:
-                analyser.send("SETLOG")
+            with self.raises("ZeltoCom_IntensityToLinear: The range must be between 0 and 6"):
+                analyser.intensity_to_linear(100, range=7)
 
-    def test_captures_wait_the_library_wide_timeout_when_not_automatic(self) -> None:
+    def test_user_calibration_and_time_outs_take_the_package_s_types(self) -> None:
         self.addCleanup(zeltocom.set_response_timeout, 2500)
         with Instrument(self.paths[1]) as analyser:  # its captures take 400 ms
             zeltocom.set_response_timeout(100.0)
@@ -91,47 +83,21 @@ class InstrumentTest(SimulatedTest):
             analyser.set_automatic_timeouts(False)
             with self.raises(f"ZeltoCom_Capture on {self.paths[1]}: Timeout"):
                 analyser.capture()
-
-    def test_user_calibration_writes_adjusts_and_resets(self) -> None:
-        with Instrument(self.paths[0]) as analyser:
             c = analyser.calibration
-            # get, set, reset, a value to set, the value after a reset
-            quantities = [
-                (c.xy_offsets, c.set_xy_offsets, c.reset_xy_offsets, (0.012, -0.003), (0.0, 0.0)),
-                (c.wavelength_offset, c.set_wavelength_offset, c.reset_wavelength_offset, (-7,), 0),
-                (c.intensity_gain, c.set_intensity_gain, c.reset_intensity_gain, (120,), 100),
-                (c.absolute_intensity_factor, c.set_absolute_intensity_factor,
-                 c.reset_absolute_intensity_factor, (2.5,), 1.0),
-            ]
-            for get, set_, reset, value, initial in quantities:
-                with self.subTest(get.__name__):
-                    set_(2, *value, store=True)
-                    got = get(2)
-                    self.assertEqual(got if isinstance(got, tuple) else (got,), value)
-                    reset(2)
-                    self.assertEqual(get(2), initial)
-            c.adjust_wavelength_offset(2, analyser.capture()[1].wavelength + 5)
-            self.assertEqual(c.wavelength_offset(2), 5)
-            c.reset_wavelength_offset(2)
-            for colour in "RGB":
-                c.take_rgb(1, colour)
-            c.adjust_rgb(1, red=(0.69, 0.30, 100), green=(0.17, 0.70, 300.0),
-                         blue=(0.14, 0.05, Fraction(50)))
-            c.reset_rgb(1)
-            refused = [
-                (lambda: c.reset_rgb(1.5), "ResetRGBAdj: The fiber must be a whole number"),
-                (lambda: c.set_intensity_gain(1, "120"),
-                 "SetIntensityGain: The intensity gain must be a whole number"),
-                (lambda: c.take_rgb(1, "RG"),
-                 f"TakeRGBCurrentValues on {self.paths[0]}: The colour must be one letter"),
-                (lambda: c.adjust_rgb(1, (0, 0, 1), (0, math.nan, 1), (0, 0, 1)),
-                 "AdjustRGB: The green y must be a finite number"),
-            ]
-            for attempt, shown in refused:
-                with self.subTest(shown), self.raises("ZeltoCom_UserCal_" + shown):
-                    attempt()
+            c.set_xy_offsets(1, 0.012, -0.003, store=True)
+            self.assertEqual(c.xy_offsets(1), (0.012, -0.003))  # C floats as written
+            c.reset_xy_offsets(1)
+            self.assertEqual(c.xy_offsets(1), (0.0, 0.0))
+            c.set_absolute_intensity_factor(1, Fraction(5, 2))
+            self.assertEqual(c.absolute_intensity_factor(1), 2.5)
+            c.reset_absolute_intensity_factor(1)
+            with self.raises(f"ZeltoCom_UserCal_TakeRGBCurrentValues on {self.paths[1]}: "
+                             "The colour must be one letter"):
+                c.take_rgb(1, "RG")
+            with self.raises("ZeltoCom_UserCal_AdjustRGB: The green y must be a finite number"):
+                c.adjust_rgb(1, (0, 0, 1), (0, math.nan, 1), (0, 0, 1))
 
-    def test_sequence_readouts_measure_a_blinking_light(self) -> None:
+    def test_sequence_readouts_as_lists_and_as_numpy_arrays(self) -> None:
         with Instrument(self.paths[2]) as analyser:
             with self.raises(f"ZeltoCom_Sequence_ReadxyI on {self.paths[2]}: No sequence set up"):
                 analyser.sequence_read_xyi(1)
@@ -153,43 +119,31 @@ class InstrumentTest(SimulatedTest):
                     self.assertTrue(all(len(samples[name]) == count for name in columns))
                     self.assertIn(samples["intensity"], (None, intensities))
             blinking = analyser.sequence_frequency(intensities)
-            self.assertAlmostEqual(blinking.frequency, 5.0, delta=0.5)
             self.assertGreater(len(analyser.sequence_pattern(intensities)), 2 * blinking.cycles)
             with self.raises(f"ZeltoCom_Sequence_GetFrequency on {self.paths[2]}: {count - 1} "
                              f"intensities given for a sequence of {count} samples"):
                 analyser.sequence_frequency(intensities[1:])
-
-    @unittest.skipIf(numpy is None, "needs numpy (Debian: python3-numpy)")
-    def test_sequences_as_numpy_arrays(self) -> None:
-        with Instrument(self.paths[2]) as analyser:
-            settings = analyser.sequence_find_settings(numpy.int64(1), numpy.float32(4), 10)
-            analyser.sequence_setup(numpy.uint16(settings.capture_time),
-                                    numpy.int64(settings.sample_count))
-            analyser.sequence_capture(numpy.int8(1))
-            intensities = analyser.sequence_read_intensity(1, as_numpy=True)
-            rgbi = analyser.sequence_read_rgbi(1, as_numpy=True)
-            self.assertEqual((intensities.dtype, intensities.shape, rgbi.red.dtype,
-                              analyser.sequence_read_xyi(1, as_numpy=True).x.dtype),
-                             (numpy.int32, (settings.sample_count,), numpy.uint8, numpy.float32))
-            # Float arrays hold the same numbers: a blinking found alike.
-            self.assertEqual(analyser.sequence_frequency(intensities.astype(numpy.float64)),
-                             analyser.sequence_frequency(list(intensities)))
-            with self.raises("ZeltoCom_Sequence_GetFrequency: The intensity must be a whole"):
-                analyser.sequence_frequency(intensities / 2.0 + 0.25)
+            with self.subTest("numpy"):
+                if numpy is None:
+                    self.skipTest("needs numpy (Debian: python3-numpy)")
+                array = analyser.sequence_read_intensity(1, as_numpy=True)
+                self.assertEqual((array.dtype, array.tolist(),
+                                  analyser.sequence_read_rgbi(1, as_numpy=True).red.dtype,
+                                  analyser.sequence_read_xyi(1, as_numpy=True).x.dtype),
+                                 (numpy.int32, intensities, numpy.uint8, numpy.float32))
+                # Float arrays hold the same numbers: a blinking found alike.
+                self.assertEqual(analyser.sequence_frequency(array.astype(numpy.float64)), blinking)
+                with self.raises("ZeltoCom_Sequence_GetFrequency: The intensity must be a whole"):
+                    analyser.sequence_frequency(array / 2.0 + 0.25)
 
     def test_trigger_reports_arrive_as_readings_of_their_output_type(self) -> None:
         with Instrument(self.paths[0]) as analyser:
-            for output, fields in readings.TRIGGER_REPORTS.items():
-                with self.subTest(output=output):
-                    analyser.trigger_enable(output.lower(), pre_delay=10, post_delay=10)
-                    analyser.trigger_listen()
-                    self.assertIsNone(analyser.trigger_wait(timeout=0.05))
-                    self.assertEqual(analyser.trigger_state(), TriggerState.LISTENING)
-                    self.sim.fire(1)
-                    report = analyser.trigger_wait(timeout=10)
-                    self.assertEqual([{name for name, value in vars(reading).items()
-                                       if value is not None} for reading in report],
-                                     [{"fiber", *fields}] * (3 if fields else 0))
+            analyser.trigger_enable("xyi", pre_delay=10, post_delay=10)
+            analyser.trigger_listen()
+            self.assertIsNone(analyser.trigger_wait(timeout=0.05))
+            self.assertEqual(analyser.trigger_state(), TriggerState.LISTENING)
+            self.sim.fire(1)
+            self.assertEqual(len(analyser.trigger_wait(timeout=10)), 3)
             analyser.trigger_listen()
             analyser.trigger_abort()
             self.assertIs(analyser.trigger_state(), TriggerState.ENDED)
@@ -204,16 +158,12 @@ class InstrumentTest(SimulatedTest):
             self.assertIsNotNone(analyser.trigger_wait(timeout=10)[0].cct)
             analyser.trigger_disable()
 
-    def test_logs_and_traces_each_call_and_each_failure(self) -> None:
-        trace = Path(self.write("trace", ""))
+    def test_logs_each_call_and_each_failure(self) -> None:
         with Instrument(self.paths[0]) as analyser:
-            zeltocom.set_trace(trace)
             with self.assertLogs("zeltocom", logging.DEBUG) as logged:
                 analyser.send("GETSERIAL")
                 with self.raises(f"ZeltoCom_Send on {self.paths[0]}: Syntax error"):
                     analyser.send("NOSUCHCOMMAND")
-            zeltocom.set_trace(None)
-        self.assertIn(f"{self.paths[0]} ZA000001 < ZA000001", trace.read_text())
         debug = [r.getMessage() for r in logged.records if r.levelno == logging.DEBUG]
         warning = [r.getMessage() for r in logged.records if r.levelno == logging.WARNING]
         self.assertEqual(len(debug), 2)
@@ -221,7 +171,7 @@ class InstrumentTest(SimulatedTest):
             f"ZeltoCom_Send('{self.paths[0]}', 'GETSERIAL', <buffer>) = 1 in "), debug[0])
         self.assertEqual(warning, [f"ZeltoCom_Send on {self.paths[0]}: Syntax error"])
 
-    def test_a_station_captures_its_own_ports_beside_an_open_spectrometer(self) -> None:
+    def test_a_station_opens_captures_and_names_the_port_that_failed(self) -> None:
         analysers, spectrometer = self.paths[3:6], self.paths[6]
         self.assertEqual(zeltocom.detect(), self.paths)
         with Instrument(spectrometer) as alone, Station(analysers) as station:
@@ -234,9 +184,6 @@ class InstrumentTest(SimulatedTest):
         with Station(analysers + [spectrometer]) as station:
             with self.raises(f"ZeltoCom_Capture on {spectrometer}: Device is a Spectrometer"):
                 station.capture()
-        self.assertEqual(zeltocom.opened_ports(), [])
-
-    def test_a_station_opens_by_serial_numbers_in_their_order_and_names_a_failure(self) -> None:
         with Station.by_serials(["ZS000002", "ZW000009", "ZS000001"]) as station:
             self.assertEqual(station.paths, [self.paths[4], self.paths[6], self.paths[3]])
             self.assertEqual(station.send("GETSERIAL"), ["ZS000002", "ZW000009", "ZS000001"])
@@ -262,26 +209,18 @@ class InstrumentTest(SimulatedTest):
                 project.send("RIGHT", "GETSERIAL")
         self.assertEqual(zeltocom.opened_ports(), [])
 
-    def test_bins_found_exactly_or_by_the_established_rule_and_listed(self) -> None:
+    def test_bins_found_checked_and_listed(self) -> None:
         path = self.write("bins.vec", "Square=0.3,0.3;0.4,0.3;0.4,0.4;0.3,0.4\n"
                                       "0.5,0.5;0.6,0.55;0.55,0.65\n")
-        # The established rule takes a point above the square for one in it.
-        for (x, y), exactly, by_rule in [((0.35, 0.45), None, "Square"),
-                                         ((0.56, 0.56), "Area 2", "Area 2"), ((0.1, 0.8), None, None)]:
+        for (x, y), found in [((0.56, 0.56), "Area 2"), ((0.1, 0.8), None)]:
             self.assertEqual((zeltocom.find_bin(path, x, y), zeltocom.bin_of(path, x, y)),
-                             (exactly, by_rule))
+                             (found, found))
         self.assertEqual(zeltocom.check_bins(path),
                          ["Square: an edge parallel or nearly parallel to the y axis"])
-        listed = zeltocom.bins(path)
-        self.assertEqual([name for name, _ in listed], ["Square", "Area 2"])
-        self.assertEqual(listed[0][1], [(0.3, 0.3), (0.4, 0.3), (0.4, 0.4), (0.3, 0.4)])
-        for name, find in [("FindBin", zeltocom.find_bin),
-                           ("GetBinFromVECFile", zeltocom.bin_of)]:
-            with self.subTest(name), self.raises(f"ZeltoCom_Binning_{name}: The x must be a finite"):
-                find(path, math.inf, 0.3)
+        self.assertEqual(zeltocom.bins(path)[0],
+                         ("Square", [(0.3, 0.3), (0.4, 0.3), (0.4, 0.4), (0.3, 0.4)]))
+        with self.raises("ZeltoCom_Binning_GetBinFromVECFile: The x must be a finite number"):
+            zeltocom.bin_of(path, math.inf, 0.3)
         with self.raises("ZeltoCom_Binning_ListBins: Unable to open file"):
             zeltocom.bins(Path(path).with_name("missing.vec"))
 
-
-if __name__ == "__main__":
-    unittest.main()
