@@ -83,26 +83,42 @@ class InstrumentTest(SimulatedTest):
                 analyser.intensity_to_linear(100, range=7)
 
     def test_user_calibration_and_time_outs_take_the_package_s_types(self) -> None:
-        self.addCleanup(zeltocom.set_response_timeout, 2500)
         with Instrument(self.paths[1]) as analyser:  # its captures take 400 ms
-            zeltocom.set_response_timeout(100.0)
-            analyser.capture()  # waits as long as the instrument's settings say
-            analyser.set_automatic_timeouts(False)
-            with self.raises(f"ZeltoCom_Capture on {self.paths[1]}: Timeout"):
-                analyser.capture()
             c = analyser.calibration
-            c.set_xy_offsets(1, 0.012, -0.003, store=True)
-            self.assertEqual(c.xy_offsets(1), (0.012, -0.003))  # C floats as written
-            c.reset_xy_offsets(1)
-            self.assertEqual(c.xy_offsets(1), (0.0, 0.0))
-            c.set_absolute_intensity_factor(1, Fraction(5, 2))
-            self.assertEqual(c.absolute_intensity_factor(1), 2.5)
-            c.reset_absolute_intensity_factor(1)
+            # get, set, reset, a value to set, the value after a reset
+            quantities = [
+                (c.xy_offsets, c.set_xy_offsets, c.reset_xy_offsets, (0.012, -0.003), (0.0, 0.0)),
+                (c.wavelength_offset, c.set_wavelength_offset, c.reset_wavelength_offset,
+                 (-7,), 0),
+                (c.intensity_gain, c.set_intensity_gain, c.reset_intensity_gain, (120,), 100),
+                (c.absolute_intensity_factor, c.set_absolute_intensity_factor,
+                 c.reset_absolute_intensity_factor, (Fraction(5, 2),), 1.0),
+            ]
+            for get, set_, reset, value, initial in quantities:
+                with self.subTest(get.__name__):
+                    set_(1, *value, store=True)
+                    got = get(1)
+                    self.assertEqual(got if isinstance(got, tuple) else (got,), value)
+                    reset(1)
+                    self.assertEqual(get(1), initial)
+            reading = analyser.capture()[0]
+            c.adjust_wavelength_offset(1, reading.wavelength + 5)
+            c.adjust_intensity_gain(1, round(reading.intensity * 1.2))
+            self.assertEqual(c.wavelength_offset(1), 5)
+            self.assertAlmostEqual(c.intensity_gain(1), 120, delta=1)
+            c.reset_wavelength_offset(1)
+            c.reset_intensity_gain(1)
             with self.raises(f"ZeltoCom_UserCal_TakeRGBCurrentValues on {self.paths[1]}: "
                              "The colour must be one letter"):
                 c.take_rgb(1, "RG")
             with self.raises("ZeltoCom_UserCal_AdjustRGB: The green y must be a finite number"):
                 c.adjust_rgb(1, (0, 0, 1), (0, math.nan, 1), (0, 0, 1))
+            self.addCleanup(zeltocom.set_response_timeout, 2500)
+            zeltocom.set_response_timeout(100.0)
+            analyser.capture()  # waits as long as the instrument's settings say
+            analyser.set_automatic_timeouts(False)
+            with self.raises(f"ZeltoCom_Capture on {self.paths[1]}: Timeout"):
+                analyser.capture()
 
     def test_sequence_readouts_as_lists_and_as_numpy_arrays(self) -> None:
         with Instrument(self.paths[2]) as analyser:
