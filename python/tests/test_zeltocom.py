@@ -4,7 +4,6 @@ import logging
 import math
 import pickle
 import tempfile
-import unittest
 from fractions import Fraction
 from pathlib import Path
 
