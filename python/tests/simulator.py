@@ -5,10 +5,14 @@ naming exactly its ports."""
 from __future__ import annotations
 
 import os
+import re
 import subprocess
+import unittest
 from pathlib import Path
+from typing import Any
 
 import zeltocom
+from zeltocom import ZeltoComError
 
 ZELTOSIM = (os.environ.get("ZELTOSIM")
             or str(Path(__file__).resolve().parents[2] / "build" / "zeltosim"))
@@ -25,7 +29,7 @@ class Simulator:
             if line.startswith("ZELTOCOM_PORTS="):
                 os.environ["ZELTOCOM_PORTS"] = line.strip().split("=", 1)[1]
                 break
-            path = line.split("path=")[1].strip()
+            path = line.split("path=")[1].split()[0]
             if path not in self.paths:  # a chained instrument shares its port
                 self.paths.append(path)
         else:
@@ -43,3 +47,22 @@ class Simulator:
         self.process.wait(timeout=10)
         self.process.stdout.close()
         self.process.stdin.close()
+
+
+class SimulatedTest(unittest.TestCase):
+    """Tests against one Simulator of ARGUMENTS, `paths` its ports."""
+    ARGUMENTS: tuple[str, ...] = ()
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        cls.sim = Simulator(*cls.ARGUMENTS)
+        cls.paths = cls.sim.paths
+
+    @classmethod
+    def tearDownClass(cls) -> None:
+        cls.sim.stop()
+
+    def raises(self, shown: str) -> Any:
+        """Expects a ZeltoComError whose str(), "call on port: text", starts
+        with `shown`."""
+        return self.assertRaisesRegex(ZeltoComError, "^" + re.escape(shown))

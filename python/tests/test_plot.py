@@ -1,7 +1,7 @@
-"""zeltocom.plot: the CIE table and the loci computed from it, the result
-document read, and the pictures drawn with matplotlib's Agg backend (skipped
-without matplotlib); the bins as the library lists them."""
+"""zeltocom.plot: the CIE loci, the result document, and the pictures (with
+matplotlib's Agg backend, skipped without matplotlib)."""
 
+import io
 import json
 import sys
 import tempfile
@@ -24,36 +24,27 @@ except ImportError:
     pyplot = None
 
 
-class LociTest(unittest.TestCase):
-    def test_the_table_runs_every_5_nm_from_380_to_780(self) -> None:
-        nms = [row[0] for row in plot.observer()]
-        self.assertEqual(nms, list(range(380, 785, 5)))
+class DocumentTest(unittest.TestCase):
+    def test_known_chromaticities_from_the_table_of_every_5_nm_from_380_to_780(self) -> None:
+        self.assertEqual([row[0] for row in plot.observer()], list(range(380, 785, 5)))
         self.assertEqual(plot._observer_table("# nm\n\n500 0.0049 0.323 0.272\n"),
                          ((500, 0.0049, 0.323, 0.272),))
-
-    def test_known_chromaticities(self) -> None:
         locus = {nm: (x, y) for nm, x, y in plot.spectral_locus()}
         cases = [  # (what, computed, published)
             ("520 nm", locus[520], (0.0743, 0.8338)),
             ("380 nm", locus[380], (0.1741, 0.0050)),
             ("700 nm", locus[700], (0.7347, 0.2653)),
-            ("illuminant A, 2856 K", plot.planckian(2856), (0.4476, 0.4074)),
             ("1000 K", plot.planckian(1000), (0.6528, 0.3444)),
             ("6500 K", plot.planckian(6500), (0.3135, 0.3237)),
         ]
         for what, computed, published in cases:
-            with self.subTest(what):
-                self.assertAlmostEqual(computed[0], published[0], delta=6e-4)
-                self.assertAlmostEqual(computed[1], published[1], delta=6e-4)
+            self.assertLess(max(abs(c - p) for c, p in zip(computed, published)), 6e-4, what)
 
-
-class ResultDocumentTest(unittest.TestCase):
     def test_points_of_every_fiber_with_x_and_y(self) -> None:
         document = json.loads(RESULT.read_text())
         self.assertEqual([(label, passed) for label, _, _, passed in plot._points(document)],
                          [("ZA000001:1", True), ("ZA000001:2", True), ("ZA000001:3", False),
                           ("ZA000002:1", True), ("ZA000002:2", False)])
-        self.assertEqual(plot._title(document), 'front lamp <&> "test", unit U0042: FAIL')
         self.assertEqual(plot._title({"plan": "p", "unit": None, "pass": True}), "p: PASS")
 
     def test_what_is_no_result_document_is_refused(self) -> None:
@@ -65,24 +56,9 @@ class ResultDocumentTest(unittest.TestCase):
                             {"instruments": [{"serial": "S", "fibers": [
                                 {"fiber": 1, "x": "a", "y": 0.3, "pass": True}]}]}):
                 with self.subTest(results=results):
-                    with self.assertRaises(ZeltoComError) as caught:
+                    with self.assertRaisesRegex(ZeltoComError, "(?i)not a test result document"):
                         plot._points(plot._document(results))
-                    self.assertIn("not a test result document", str(caught.exception).lower())
 
-
-class BinsTest(unittest.TestCase):
-    def test_bins_as_the_library_reads_them(self) -> None:
-        listed = zeltocom.bins(BINS)
-        self.assertEqual([name for name, _ in listed],
-                         ["A1", "A2", "B1", "B2", "R1", "R2", "Area 7"])
-        self.assertEqual(listed[4], ("R1", [(0.25, 0.25), (0.28, 0.25), (0.28, 0.28),
-                                            (0.25, 0.28)]))
-        with self.assertRaises(ZeltoComError) as caught:
-            zeltocom.bins(ROOT / "examples" / "missing.vec")
-        self.assertIn("Unable to open file", caught.exception.text)
-
-
-class WithoutMatplotlibTest(unittest.TestCase):
     def test_a_picture_asks_for_matplotlib(self) -> None:
         with mock.patch.dict(sys.modules, {"matplotlib": None, "matplotlib.pyplot": None}):
             for draw in (lambda: plot.cie(RESULT), lambda: plot.sequence([1, 2], 10)):
@@ -96,22 +72,17 @@ class PicturesTest(unittest.TestCase):
     def tearDown(self) -> None:
         pyplot.close("all")
 
-    @staticmethod
-    def marks(ax: object) -> dict[str, int]:
-        """The number of points of each scatter, by its legend label."""
-        return {collection.get_label(): len(collection.get_offsets())
-                for collection in ax.collections if collection.get_label().startswith(("pass",
-                                                                                       "fail"))}
-
     def test_chart_of_a_result_file_with_its_bins(self) -> None:
         ax = plot.cie(RESULT, bins=BINS)
-        self.assertEqual(self.marks(ax), {"pass (3)": 3, "fail (2)": 2})
+        # The points of each scatter by its legend label.
+        self.assertEqual({c.get_label(): len(c.get_offsets()) for c in ax.collections
+                          if c.get_label().startswith(("pass", "fail"))},
+                         {"pass (3)": 3, "fail (2)": 2})
         texts = {text.get_text() for text in ax.texts}
         self.assertLessEqual({"A1", "Area 7", "ZA000002:2", "6500 K", "520"}, texts)
         self.assertEqual(ax.get_title(), 'front lamp <&> "test", unit U0042: FAIL')
         self.assertEqual((ax.get_xlim(), ax.get_ylim()), (plot.WHOLE_X, plot.WHOLE_Y))
-        with tempfile.TemporaryDirectory() as directory:
-            ax.figure.savefig(Path(directory) / "chart.svg")
+        ax.figure.savefig(io.BytesIO(), format="svg")
 
     def test_zoom_shows_every_point_and_bin_and_no_more_than_needed(self) -> None:
         document = json.loads(RESULT.read_text())
@@ -125,7 +96,7 @@ class PicturesTest(unittest.TestCase):
         self.assertLess(right - left, 0.6)  # the whole chart is 0.8 wide
         self.assertAlmostEqual((top - bottom) / (right - left), 0.9 / 0.8)
         # Given axes are drawn on, not replaced.
-        figure, given = pyplot.subplots()
+        given = pyplot.subplots()[1]
         self.assertIs(plot.cie(document, ax=given), given)
 
     def test_sequence_with_runs_and_blinking(self) -> None:
@@ -143,6 +114,3 @@ class PicturesTest(unittest.TestCase):
                 with self.assertRaises(ZeltoComError):
                     plot.sequence(samples, period)
 
-
-if __name__ == "__main__":
-    unittest.main()
