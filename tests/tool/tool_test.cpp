@@ -155,7 +155,6 @@ TEST(ToolOutput, JsonIsOneLineADocumentAndAnswersAreLines) {
   EXPECT_EQ(compact.out.find('\n'), compact.out.size() - 1) << compact.out;
   EXPECT_EQ(compact.out.find('\r'), std::string::npos) << compact.out;
   const FlatJson json(compact.out);
-  EXPECT_TRUE(json.valid()) << compact.out;
   EXPECT_EQ(json["/exchanges/0/answer/0"], "Zelto LED analyser");
   EXPECT_EQ(json["/exchanges/0/answer/3"], "Serial: ZT000001");
   EXPECT_EQ(json["/exchanges/1/answer"], "ZT000001");
@@ -222,40 +221,37 @@ TEST(ToolBin, NamesTheBinOfAPointAndWhenTheOneCrossingRuleAnswersOtherwise) {
   EXPECT_EQ(Tool({"bin", file + ".missing.vec", "0.3", "0.3"}).status, 2);
 }
 
-TEST(ToolInstruments, DetectListsAStationAsJson) {
-  zeltosim::Station station(3, Analyser("ZT0000"));
-  const FlatJson json = ToolJson({"detect", "--json"}, station.portsVariable());
-  for (int i = 0; i < 3; ++i) {
-    const std::string at = "/instruments/" + std::to_string(i);
-    EXPECT_EQ(json[at + "/serial"], zeltosim::StationSerial("ZT0000", i + 1));
-    EXPECT_EQ(json[at + "/path"], station.port(i).path());
-    EXPECT_EQ(json[at + "/model"], "Zelto 05-P");
-  }
-  const Outcome filtered = Tool({"detect", "--filter", "spectrometer"}, station.portsVariable());
-  EXPECT_EQ(filtered.status, 0);
-  EXPECT_EQ(filtered.out.find("ZT0000"), std::string::npos) << filtered.out;
-}
-
 TEST(ToolPorts, ListingsSayWhereTheirPortsCameFrom) {
-  zeltosim::SimPort port(Analyser("ZT000001"));
-  const std::string one = Ports({&port});
+  zeltosim::Station station(3, Analyser("ZT0000"));
+  const std::string three = station.portsVariable();
   struct Case {
     std::string command;
     std::string variable;
     std::string member;  // of the JSON, holding the list
   };
-  for (const Case& c : {Case{"ports", one, "/ports"}, Case{"detect", one, "/instruments"},
+  for (const Case& c : {Case{"ports", three, "/ports"}, Case{"detect", three, "/instruments"},
                         Case{"ports", "", "/ports"}, Case{"detect", "", "/instruments"}}) {
-    const std::string what = c.command + " with ZELTOCOM_PORTS='" + c.variable + "'";
+    SCOPED_TRACE(c.command + " with ZELTOCOM_PORTS='" + c.variable + "'");
     const Outcome human = Tool({c.command}, c.variable);
-    EXPECT_EQ(human.status, 0) << what << ": " << human.err;
-    EXPECT_EQ(human.out.rfind("Ports from ZELTOCOM_PORTS\n", 0), 0u) << what << ":\n" << human.out;
+    EXPECT_EQ(human.status, 0) << human.err;
+    EXPECT_EQ(human.out.rfind("Ports from ZELTOCOM_PORTS\n", 0), 0u) << human.out;
     const FlatJson json = ToolJson({c.command, "--json"}, c.variable);
-    EXPECT_EQ(json["/ports_from"], "ZELTOCOM_PORTS") << what;
+    EXPECT_EQ(json["/ports_from"], "ZELTOCOM_PORTS");
     // Set but empty names no port: the machine's own are never listed.
-    EXPECT_EQ(json.has(c.member + "/0/path"), !c.variable.empty()) << what;
-    EXPECT_FALSE(json.has(c.member + "/1/path")) << what;
+    const int listed = c.variable.empty() ? 0 : 3;
+    for (int i = 0; i < listed; ++i) {
+      const std::string at = c.member + "/" + std::to_string(i);
+      EXPECT_EQ(json[at + "/path"], station.port(i).path());
+      if (c.command == "detect") {
+        EXPECT_EQ(json[at + "/serial"], zeltosim::StationSerial("ZT0000", i + 1));
+        EXPECT_EQ(json[at + "/model"], "Zelto 05-P");
+      }
+    }
+    EXPECT_FALSE(json.has(c.member + "/" + std::to_string(listed) + "/path"));
   }
+  const Outcome filtered = Tool({"detect", "--filter", "spectrometer"}, three);
+  EXPECT_EQ(filtered.status, 0);
+  EXPECT_EQ(filtered.out.find("ZT0000"), std::string::npos) << filtered.out;
 }
 
 TEST(ToolPorts, NamesAHolderOnlyForTheLibrarysOwnLock) {
@@ -358,19 +354,12 @@ TEST(ToolInstruments, TraceShowsTheCommandsOfOneRunWhereAsked) {
   EXPECT_EQ(unwritable.out, "");
 }
 
-TEST(ToolInstruments, SilentOrHeldInstrumentIsStatus1WithTheLibrarysText) {
-  zeltosim::Config silent = Analyser("ZT000001");
-  silent.fault = zeltosim::Fault::Silent;
-  zeltosim::SimPort quiet(silent);
+// This process holds the port: the tool keeps off it and says why.
+TEST(ToolInstruments, HeldInstrumentIsStatus1WithTheLibrarysText) {
   zeltosim::SimPort held(Analyser("ZT000002"));
-  const std::string ports = Ports({&quiet, &held});
-  const Outcome run = Tool({"send", quiet.path(), "GETSERIAL", "--baud", "57600"}, ports);
-  EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("Unable to communicate with device"), std::string::npos) << run.err;
-
-  // This process holds the second port: the tool names it, and keeps off it.
+  const std::string ports = Ports({&held});
   setenv("ZELTOCOM_PORTS", ports.c_str(), 1);
-  ASSERT_EQ(ZeltoCom_EnumPorts(), 2);
+  ASSERT_EQ(ZeltoCom_EnumPorts(), 1);
   ASSERT_EQ(ZeltoCom_Open(held.path().c_str(), 0), 1);
   const Outcome busy = Tool({"send", held.path(), "GETSERIAL"}, ports);
   EXPECT_EQ(busy.status, 1);
@@ -450,10 +439,11 @@ TEST(ToolInstruments, CapturePrintsEveryPortThatWorkedAndALinePerPortThatDidNot)
     std::vector<std::string> options;
     std::string error;
   };
-  for (const Case& c : {Case{spectrometer.path(), {}, "Device is a Spectrometer"},
-                        Case{"ZT000099", {}, "no such instrument"},
-                        Case{quiet.path(), {"--baud", "57600"}, "Unable to communicate"},
-                        Case{small.path(), {"--fibers", "2"}, "has 1 fiber"}}) {
+  for (const Case& c :
+       {Case{spectrometer.path(), {}, "Device is a Spectrometer"},
+        Case{"ZT000099", {}, "no such instrument"},
+        Case{quiet.path(), {"--baud", "57600"}, "Unable to communicate with device"},
+        Case{small.path(), {"--fibers", "2"}, "has 1 fiber"}}) {
     std::vector<std::string> args = {"capture", good.path(), c.bad};
     args.insert(args.end(), c.options.begin(), c.options.end());
     SCOPED_TRACE(c.bad);
