@@ -130,7 +130,6 @@ TEST(ToolUsage, OptionsStandAnywhereAndDashesEndThem) {
 
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {"--json", "send", port.path(), "GETNFIB"},
-           {"send", port.path(), "GETNFIB", "--json"},
            {"send", "-j", port.path(), "GETNFIB"},
            {"--timeout", "900", "send", port.path(), "GETNFIB", "--json"}}) {
     EXPECT_EQ(ToolJson(args, ports)["/exchanges/0/answer"], "2");
