@@ -9,21 +9,10 @@ set -eu
 sim=$1
 dir=$2
 work=$(mktemp -d)
-"$sim" --port serial=ZE000001,fibers=2 --blink 1:5:50 --station 2 </dev/null >"$work/sim" 2>&1 &
-simpid=$!
+simpid=""
 trap 'kill $simpid 2>/dev/null; rm -rf "$work"' EXIT
-
-# Waits up to 30 s for a line matching $2 in the file $1.
-await() {
-  tries=0
-  until grep -q "$2" "$1"; do
-    tries=$((tries + 1))
-    if [ $tries -gt 300 ]; then echo "no \"$2\" in $1:"; cat "$1"; exit 1; fi
-    sleep 0.1
-  done
-}
-await "$work/sim" '^ZELTOCOM_PORTS='
-export "$(grep '^ZELTOCOM_PORTS=' "$work/sim")"
+. "$(dirname "$0")/../tool/sim_ports.sh"
+start_sim "$sim" --port serial=ZE000001,fibers=2 --blink 1:5:50 --station 2
 
 "$dir/example_open_send"
 "$dir/example_station_capture" | tee "$work/station"

@@ -20,13 +20,6 @@ using namespace zeltocom;
 
 namespace {
 
-bool HasControlCharacter(const std::string& text) {
-  for (char c : text) {
-    if (static_cast<unsigned char>(c) <= 31) return true;
-  }
-  return false;
-}
-
 bool IsTrimmed(const std::string& text) {
   return text.empty() || (text.front() != ' ' && text.back() != ' ');
 }
@@ -48,7 +41,7 @@ void CheckFields(const std::string& text) {
   }
   std::string filtered = text;
   filterstring(filtered);
-  Require(!HasControlCharacter(filtered));
+  Require(std::ranges::none_of(filtered, [](unsigned char c) { return c <= 31; }));
   std::string line = text;
   const std::string key = GetParameter(line, 0);
   const std::string value = GetParameter(line, 1);

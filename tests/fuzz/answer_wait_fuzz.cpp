@@ -15,11 +15,11 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -115,59 +115,43 @@ Script Decode(const std::uint8_t* data, std::size_t size) {
   return script;
 }
 
-// The instrument's side: sends its pieces as one packet each, so each read
-// of the driver takes exactly one, and notes what went out.
-class Instrument {
- public:
-  Instrument(int fd, std::vector<Piece> pieces, bool repeats)
-      : fd_(fd), pieces_(std::move(pieces)), repeats_(repeats), thread_([this] { Run(); }) {}
-  ~Instrument() { Stop(); }
-
-  void Stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
-  // After Stop: the bytes sent, and the offset in them where each packet ends.
-  const std::string& sent() const { return sent_; }
-  const std::vector<std::size_t>& packetEnds() const { return packetEnds_; }
-
- private:
-  void Run() {
-    const bool anything =
-        std::ranges::any_of(pieces_, [](const Piece& p) { return !p.bytes.empty(); });
-    do {
-      for (const Piece& piece : pieces_) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(piece.pauseMs));
-        if (stop_) return;
-        if (!piece.bytes.empty() && !Send(piece.bytes)) return;
-      }
-    } while (repeats_ && anything && !stop_);
-  }
-
-  // False when stopped before the packet could go.
-  bool Send(const std::string& bytes) {
-    while (!stop_) {
-      const ssize_t n = send(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (n == static_cast<ssize_t>(bytes.size())) {
-        sent_ += bytes;
-        packetEnds_.push_back(sent_.size());
-        return true;
-      }
-      Require(n < 0 && errno == EAGAIN);
-      pollfd room{fd_, POLLOUT, 0};
-      poll(&room, 1, 1);
-    }
-    return false;
-  }
-
-  const int fd_;
-  const std::vector<Piece> pieces_;
-  const bool repeats_;
-  std::atomic<bool> stop_{false};
-  std::string sent_;
-  std::vector<std::size_t> packetEnds_;
-  std::thread thread_;
+// What the instrument's side sent, and the offset in it where each packet
+// ends.
+struct Sent {
+  std::string bytes;
+  std::vector<std::size_t> packetEnds;
 };
+
+// Sends `bytes` as one packet; false when stopped before it could go.
+bool SendPacket(const std::stop_token& stop, int fd, const std::string& bytes, Sent& sent) {
+  while (!stop.stop_requested()) {
+    const ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n == static_cast<ssize_t>(bytes.size())) {
+      sent.bytes += bytes;
+      sent.packetEnds.push_back(sent.bytes.size());
+      return true;
+    }
+    Require(n < 0 && errno == EAGAIN);
+    pollfd room{fd, POLLOUT, 0};
+    poll(&room, 1, 1);
+  }
+  return false;
+}
+
+// The instrument's side: sends its pieces as one packet each, so each read
+// of the driver takes exactly one.
+void Play(const std::stop_token& stop, int fd, const std::vector<Piece>& pieces, bool repeats,
+          Sent& sent) {
+  const bool anything =
+      std::ranges::any_of(pieces, [](const Piece& p) { return !p.bytes.empty(); });
+  do {
+    for (const Piece& piece : pieces) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(piece.pauseMs));
+      if (stop.stop_requested()) return;
+      if (!piece.bytes.empty() && !SendPacket(stop, fd, piece.bytes, sent)) return;
+    }
+  } while (repeats && anything && !stop.stop_requested());
+}
 
 std::string DrainRest(int fd) {
   std::string rest;
@@ -181,10 +165,8 @@ std::string DrainRest(int fd) {
 
 // What one wait gave back.
 struct Outcome {
-  std::string answer;
+  t_comresponse answer;
   std::string leftover;
-  std::int64_t elapsedMs = 0;
-  bool syntaxError = false;
   bool outOfStep = false;
   bool tooLong = false;  // ended by "Answer too long"
   double wallMs = 0;
@@ -192,20 +174,16 @@ struct Outcome {
 
 Outcome RunWait(SerialLine& line, const Wait& wait) {
   Outcome out;
-  t_comresponse answer;
   line.outOfStep = false;
   const double begin = WallClockMs();
   try {
-    WaitForAnswer(line, wait, answer);
+    WaitForAnswer(line, wait, out.answer);
   } catch (const LineError& e) {
     Require(std::string_view(e.what()) == "Answer too long");
     out.tooLong = true;
   }
   out.wallMs = WallClockMs() - begin;
-  out.answer = std::move(answer.data);
   out.leftover = line.leftover;
-  out.elapsedMs = answer.elapsedMs;
-  out.syntaxError = answer.syntaxError;
   out.outOfStep = line.outOfStep;
   return out;
 }
@@ -267,7 +245,7 @@ Expected ExpectedEnd(const Wait& wait, std::string_view consumed, std::size_t fr
 // `readEnds` in turn, from `firstLook` on.
 void CheckWait(const Wait& wait, const Outcome& out, std::string_view stream, std::size_t from,
                std::size_t firstLook, const std::vector<std::size_t>& readEnds) {
-  const std::string consumed = out.answer + out.leftover;
+  const std::string consumed = out.answer.data + out.leftover;
   const std::size_t stop = from + consumed.size();
   Require(stop <= stream.size() && stream.substr(from, consumed.size()) == consumed);
   Require(std::ranges::binary_search(readEnds, stop));
@@ -279,20 +257,20 @@ void CheckWait(const Wait& wait, const Outcome& out, std::string_view stream, st
   if (expected.stopRead != kNone && !unseen) {
     // The answer ends at its end: the bytes after it are the next message's.
     Require(!out.tooLong && expected.stopRead == stop &&
-            from + out.answer.size() == expected.answerEnd);
-    Require(out.syntaxError == expected.refusal);
-    Require(out.elapsedMs < wait.timeoutMs && !out.outOfStep);
+            from + out.answer.data.size() == expected.answerEnd);
+    Require(out.answer.syntaxError == expected.refusal);
+    Require(out.answer.elapsedMs < wait.timeoutMs && !out.outOfStep);
     return;
   }
   // No end came: everything received is the answer.
-  Require(out.leftover.empty() && !out.syntaxError);
+  Require(out.leftover.empty() && !out.answer.syntaxError);
   if (out.tooLong) {
-    Require(out.answer.size() > kMaxAnswerBytes && out.outOfStep);
+    Require(out.answer.data.size() > kMaxAnswerBytes && out.outOfStep);
     return;
   }
-  Require(out.answer.size() <= kMaxAnswerBytes);
+  Require(out.answer.data.size() <= kMaxAnswerBytes);
   // Only a quiet line may end such a wait in time, after 200 ms of quiet.
-  if (out.outOfStep) Require(out.elapsedMs >= wait.timeoutMs);
+  if (out.outOfStep) Require(out.answer.elapsedMs >= wait.timeoutMs);
   else Require(wait.kind == EndKind::Quiet && out.wallMs >= 200);
 }
 
@@ -309,30 +287,32 @@ void Run(const Script& script) {
   }
   line.leftover = stream;
 
+  Sent sent;
   std::vector<Outcome> outcomes;
-  Instrument instrument(ends[1], std::move(pieces), script.repeats);
-  for (const Wait& wait : script.waits) {
-    outcomes.push_back(RunWait(line, wait));
-    if (outcomes.back().tooLong) break;
-  }
-  instrument.Stop();
+  {
+    std::jthread instrument(Play, ends[1], std::cref(pieces), script.repeats, std::ref(sent));
+    for (const Wait& wait : script.waits) {
+      outcomes.push_back(RunWait(line, wait));
+      if (outcomes.back().tooLong) break;
+    }
+  }  // stopped and joined
   const std::string rest = DrainRest(ends[0]);
   close(ends[0]);
   close(ends[1]);
   line.fd = -1;
 
   std::vector<std::size_t> readEnds{stream.size()};
-  for (std::size_t end : instrument.packetEnds()) readEnds.push_back(stream.size() + end);
-  stream += instrument.sent();
+  for (std::size_t end : sent.packetEnds) readEnds.push_back(stream.size() + end);
+  stream += sent.bytes;
 
   std::size_t from = 0;
   std::size_t carried = readEnds.front();  // the leftover the first wait starts with
   for (std::size_t i = 0; i < outcomes.size(); ++i) {
     const Outcome& out = outcomes[i];
     // Nothing left over by the wait before is dropped.
-    Require(out.answer.size() + out.leftover.size() >= carried);
+    Require(out.answer.data.size() + out.leftover.size() >= carried);
     CheckWait(script.waits[i], out, stream, from, from + carried, readEnds);
-    from += out.answer.size();
+    from += out.answer.data.size();
     carried = out.leftover.size();
   }
   // What no wait took is still on the line, in order.

@@ -15,6 +15,7 @@ here=$(dirname "$0")
 work=$(mktemp -d)
 simpid=""
 trap '[ -z "$simpid" ] || kill $simpid 2>/dev/null; rm -rf "$work"' EXIT
+. "$here/sim_ports.sh"
 
 fail() { echo "$*"; exit 1; }
 # count FILE TEXT: the lines of FILE holding TEXT.
@@ -68,15 +69,7 @@ for zoom in "" --zoom; do
 done
 
 # A sequence of a light blinking at 5 Hz, half lit.
-"$sim" --port serial=ZQ000001,fibers=2 --blink 1:5:50 </dev/null >"$work/sim" 2>&1 &
-simpid=$!
-tries=0
-until grep -q '^ZELTOCOM_PORTS=' "$work/sim"; do
-  tries=$((tries + 1))
-  [ $tries -le 200 ] || { cat "$work/sim"; fail "zeltosim printed no ports"; }
-  sleep 0.1
-done
-export "$(grep '^ZELTOCOM_PORTS=' "$work/sim")"
+start_sim "$sim" --port serial=ZQ000001,fibers=2 --blink 1:5:50
 "$tool" sequence "${ZELTOCOM_PORTS%%;*}" --fiber 1 --samples 200 --capture-time 10 \
   --svg "$work/sequence.svg" >"$work/sequence.txt" || fail "sequence --svg failed"
 kill $simpid

@@ -8,22 +8,11 @@ set -eu
 sim=$1
 tool=$2
 work=$(mktemp -d)
-"$sim" --port serial=ZP000001 </dev/null >"$work/sim" 2>&1 &
-simpid=$!
+simpid=""
 session=""
-trap 'kill $simpid 2>/dev/null; [ -z "$session" ] || kill $session 2>/dev/null; rm -rf "$work"' EXIT
-
-# Waits up to 20 s for a line matching $2 in the file $1.
-await() {
-  tries=0
-  until grep -q "$2" "$1"; do
-    tries=$((tries + 1))
-    if [ $tries -gt 200 ]; then echo "no \"$2\" in $1:"; cat -v "$1"; exit 1; fi
-    sleep 0.1
-  done
-}
-await "$work/sim" '^ZELTOCOM_PORTS='
-export "$(grep '^ZELTOCOM_PORTS=' "$work/sim")"
+trap 'kill $simpid $session 2>/dev/null; rm -rf "$work"' EXIT
+. "$(dirname "$0")/sim_ports.sh"
+start_sim "$sim" --port serial=ZP000001
 port=${ZELTOCOM_PORTS%%;*}
 
 mkfifo "$work/keys"

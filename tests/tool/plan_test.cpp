@@ -88,14 +88,20 @@ TEST_F(PlanTest, WideLimitsPassWithLinearIntensitiesAndTheirScale) {
   EXPECT_EQ(table.out.find("\033["), std::string::npos) << "colour on a pipe";
 }
 
-// A window no reading can meet, on fiber 2 of the second analyser only.
-TEST_F(PlanTest, AnImpossibleWindowFailsThatFiberAndNamesTheLimit) {
+// A window no reading can meet, on fiber 2 of the second analyser, and a
+// bin the light is not in, on fiber 1 of the first: only those fail.
+TEST_F(PlanTest, AnImpossibleWindowOrBinFailsThatFiberAndNamesTheLimit) {
   const std::string csv = dir_ / "plan.csv";
   const std::string junit = dir_ / "plan.xml";
   const std::string plan =
-      WritePlan("[[fiber]]\ninstrument = \"ZP000002\"\nfiber = 2\nintensity = [1, 2]\n");
+      WritePlan("[[fiber]]\ninstrument = \"ZP000002\"\nfiber = 2\nintensity = [1, 2]\n"
+                "[[fiber]]\ninstrument = \"ZP000001\"\nfiber = 1\naccept = [\"R1\"]\n");
   const FlatJson json = TestJson({plan, "--csv", csv, "--junit", junit}, 1);
   EXPECT_EQ(json["/pass"], "false");
+  EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/limit"], "bin");
+  EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/value"], "W1");
+  EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/window/0"], "R1");
+  EXPECT_EQ(json["/instruments/0/fibers/1/pass"], "true");
   EXPECT_EQ(json["/instruments/1/fibers/0/pass"], "true");
   EXPECT_EQ(json["/instruments/1/fibers/1/pass"], "false");
   EXPECT_EQ(json["/instruments/1/fibers/1/failed/0/limit"], "intensity");
@@ -116,7 +122,7 @@ TEST_F(PlanTest, AnImpossibleWindowFailsThatFiberAndNamesTheLimit) {
   EXPECT_NE(rows.find(",front lamp,ZP000002,2,"), std::string::npos) << rows;
   EXPECT_NE(rows.find(",false,\"intensity 1200 not in [1, 2]\""), std::string::npos) << rows;
 
-  // Well-formed, four cases, the one failure naming the limit.
+  // Well-formed, four cases, each failure naming its limit.
   const Outcome check = Shell(
       "python3 -c \"import sys, xml.etree.ElementTree as E; r = E.parse(sys.argv[1]).getroot(); "
       "print(r.tag, len(r.findall('.//testcase')), "
@@ -124,17 +130,10 @@ TEST_F(PlanTest, AnImpossibleWindowFailsThatFiberAndNamesTheLimit) {
       junit);
   EXPECT_EQ(check.status, 0) << Slurp(junit);
   EXPECT_TRUE(std::regex_search(
-      check.out, std::regex("^testsuites 4 \\['intensity [0-9]+ not in \\[1, 2\\]'\\]\n")))
+      check.out,
+      std::regex(
+          "^testsuites 4 \\['bin W1 not in \\[R1\\]', 'intensity [0-9]+ not in \\[1, 2\\]'\\]\n")))
       << check.out;
-}
-
-TEST_F(PlanTest, BinsOutsideTheAcceptedOnesFail) {
-  const FlatJson json = TestJson(
-      {WritePlan("[[fiber]]\ninstrument = \"ZP000001\"\nfiber = 1\naccept = [\"R1\"]\n")}, 1);
-  EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/limit"], "bin");
-  EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/value"], "W1");
-  EXPECT_EQ(json["/instruments/0/fibers/0/failed/0/window/0"], "R1");
-  EXPECT_EQ(json["/instruments/0/fibers/1/pass"], "true");
 }
 
 TEST_F(PlanTest, AnInstrumentThatCannotBeUsedIsStatus3AndTheOthersAreStillRead) {

@@ -32,10 +32,10 @@ struct Outcome {
   std::string err;
 };
 
-// This process's environment less the variables each run of the tool is
-// given: no run writes to a database that its test did not name.
-inline std::vector<std::string> Inherited() {
-  std::vector<std::string> env;
+// `env` (VAR=value) over this process's environment less the variables each
+// run of the tool is given: no run writes to a database that its test did
+// not name.
+inline std::vector<std::string> Environment(std::vector<std::string> env = {}) {
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string_view entry = *e;
     if (!entry.starts_with("ZELTOCOM_PORTS=") && !entry.starts_with("ZELTOCOM_DB=")) {
@@ -45,14 +45,14 @@ inline std::vector<std::string> Inherited() {
   return env;
 }
 
+inline std::string Slurp(const std::string& file) {
+  std::ifstream in(file);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 // What was written to the file `fd`, which is closed.
 inline std::string Contents(int fd) {
-  std::string text;
-  char chunk[4096];
-  ssize_t got = 0;
-  for (off_t at = 0; (got = pread(fd, chunk, sizeof chunk, at)) > 0; at += got) {
-    text.append(chunk, static_cast<std::size_t>(got));
-  }
+  std::string text = Slurp("/proc/self/fd/" + std::to_string(fd));
   close(fd);
   return text;
 }
@@ -115,19 +115,12 @@ inline Outcome Tool(const std::vector<std::string>& args, const std::string& por
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<std::string> env = environment;
   env.push_back("ZELTOCOM_PORTS=" + ports);
-  const std::vector<std::string> inherited = Inherited();
-  env.insert(env.end(), inherited.begin(), inherited.end());
-  return Run(argv, env, input, meanwhile);
+  return Run(argv, Environment(std::move(env)), input, meanwhile);
 }
 
 // A shell command's run.
 inline Outcome Shell(const std::string& command) {
-  return Run({"/bin/sh", "-c", command}, Inherited());
-}
-
-inline std::string Slurp(const std::string& file) {
-  std::ifstream in(file);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  return Run({"/bin/sh", "-c", command}, Environment());
 }
 
 // A directory of its own for each test, as ctest runs them side by side;
