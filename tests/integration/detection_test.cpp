@@ -14,14 +14,6 @@ namespace {
 
 class DetectionTest : public SimBench {
  protected:
-  void SetUp() override {
-    SimBench::SetUp();
-    ZeltoCom_ClearDetectionFilters();
-  }
-  void TearDown() override {
-    ZeltoCom_ClearDetectionFilters();
-    SimBench::TearDown();
-  }
   zeltosim::SimPort& AddModel(const std::string& serial, const std::string& model) {
     zeltosim::Config config = Analyser(serial);
     config.hardware = model;
