@@ -35,14 +35,9 @@ class BadInputTest : public SimBench {
  protected:
   void SetUp() override {
     SimBench::SetUp();
-    zeltosim::SimPort& closed = AddPort(Analyser("ZS0002"));
-    zeltosim::SimPort& open = AddPort(Analyser("ZS0001"));
-    Publish();
-    ASSERT_EQ(ZeltoCom_Open(closed.path().c_str(), closed.baud()), 1);
-    ASSERT_EQ(ZeltoCom_Close(closed.path().c_str()), 1);
-    ASSERT_EQ(ZeltoCom_Open(open.path().c_str(), open.baud()), 1) << LastError();
-    closed_ = closed.path();
-    open_ = open.path();
+    closed_ = OpenPort(Analyser("ZS0002")).path();
+    ASSERT_EQ(ZeltoCom_Close(closed_.c_str()), 1);
+    open_ = OpenPort(Analyser("ZS0001")).path();
     paths_[0] = open_.c_str();
     paths_[1] = closed_.c_str();
   }

@@ -27,6 +27,7 @@ void SimBench::SetUp() {
   zeltocom::SetDetectedPorts({});
   zeltocom::FirstDetectionDone = false;
   zeltocom::IDtoPortList_Clear();
+  ZeltoCom_ClearDetectionFilters();
   zeltocom::SetError(nullptr, "");
   ZeltoCom_SetResponseTimeout(2500);
   ZeltoCom_SetResponseBufferSize(0);

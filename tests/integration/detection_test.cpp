@@ -14,19 +14,6 @@ namespace {
 
 class DetectionTest : public SimBench {
  protected:
-  void SetUp() override {
-    SimBench::SetUp();
-    ZeltoCom_ClearDetectionFilters();
-  }
-  void TearDown() override {
-    ZeltoCom_ClearDetectionFilters();
-    SimBench::TearDown();
-  }
-  zeltosim::SimPort& AddModel(const std::string& serial, const std::string& model) {
-    zeltosim::Config config = Analyser(serial);
-    config.hardware = model;
-    return AddPort(config);
-  }
   static std::string Detected() {
     char text[4096] = "";
     ZeltoCom_DetectS(text, ';', 0);
@@ -70,11 +57,11 @@ class SlowModel {
 }  // namespace
 
 TEST_F(DetectionTest, WithoutFiltersEveryAnsweringPortIsReportedInOrder) {
-  zeltosim::SimPort& first = AddModel("ZS0001", "Zelto 05-P");
+  zeltosim::SimPort& first = AddPort(Analyser("ZS0001"));
   zeltosim::Config silent = Analyser("ZS0002");
   silent.fault = zeltosim::Fault::Silent;
   AddPort(silent);
-  zeltosim::SimPort& third = AddModel("ZS0003", "Zelto 01-W2");
+  zeltosim::SimPort& third = AddPort(Spectrometer("ZS0003"));
   Publish();
   EXPECT_EQ(Detected(), first.path() + ";" + third.path());
   char serials[3][25] = {};
@@ -109,7 +96,7 @@ TEST_F(DetectionTest, CategoriesReachFromTheFirstModelNumberToTheLast) {
       {"SPECTROMETER", {"Zelto 01-W", "Zelto 01-W2", "Zelto 02-W"}},
       {"ATLAS", {"Zelto Node", "Zelto Atlas", "Zelto Node 2"}},
   };
-  for (int i = 0; i < 3; ++i) AddModel("ZS000" + std::to_string(i + 1), "Zelto 05-P");
+  for (int i = 0; i < 3; ++i) AddPort(Analyser("ZS000" + std::to_string(i + 1)));
   Publish();
   const std::string passing = ports_[0]->path() + ";" + ports_[1]->path();
   for (const auto& row : rows) {

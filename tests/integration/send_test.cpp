@@ -18,9 +18,6 @@ class SendTest : public SimBench {
     SimBench::SetUp();
     ZeltoCom_SetResponseTimeout(400);
   }
-  zeltosim::SimPort& Open(zeltosim::Config config, zeltosim::LineOptions line = BenchLine()) {
-    return OpenQuiet(std::move(config), line);
-  }
   // These waits apply to instruments that end their answers with CR LF only.
   static zeltosim::Config PlainAnalyser(int fibers) {
     zeltosim::Config config = Analyser("ZS0001", fibers);
@@ -35,7 +32,7 @@ class SendTest : public SimBench {
 }  // namespace
 
 TEST_F(SendTest, CommandsAreSentAsTypedAndFailuresSayWhy) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001", 3));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001", 3));
   ASSERT_EQ(Send(port, "getnfib"), 1) << LastError();
   EXPECT_STREQ(answer_, "3");
   EXPECT_EQ(port.lineLog().back().text, "getnfib");
@@ -53,7 +50,7 @@ TEST_F(SendTest, CommandsAreSentAsTypedAndFailuresSayWhy) {
 }
 
 TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
-  zeltosim::SimPort& port = Open(PlainAnalyser(3));
+  zeltosim::SimPort& port = OpenQuiet(PlainAnalyser(3));
   ASSERT_EQ(Send(port, "C4"), 1) << LastError();
   ZeltoCom_SetResponseTimeout(3000);
   auto start = Clock::now();
@@ -75,7 +72,7 @@ TEST_F(SendTest, GetAllWaitsForOneLinePerFibre) {
 }
 
 TEST_F(SendTest, ALateAnswerTeachesTheCacheNothing) {
-  zeltosim::SimPort& port = Open(PlainAnalyser(2));
+  zeltosim::SimPort& port = OpenQuiet(PlainAnalyser(2));
   const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "GETFACTOR"), 1);
   ASSERT_EQ(record->settings.current->factor, 1);
@@ -99,7 +96,7 @@ TEST_F(SendTest, ALateAnswerTeachesTheCacheNothing) {
 }
 
 TEST_F(SendTest, PagedAnswersEndWhenTheInstrumentFallsSilent) {
-  zeltosim::SimPort& port = Open(PlainAnalyser(2));
+  zeltosim::SimPort& port = OpenQuiet(PlainAnalyser(2));
   for (const char* command : {"GETSTATUS", "GETINFO", "HELP"}) {
     const auto start = Clock::now();
     ASSERT_EQ(Send(port, command), 1) << command;
@@ -110,7 +107,7 @@ TEST_F(SendTest, PagedAnswersEndWhenTheInstrumentFallsSilent) {
 }
 
 TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   ASSERT_EQ(Send(port, "SETBAUD115200"), 1) << LastError();
   EXPECT_EQ(port.baud(), 115200);
   EXPECT_EQ(ZeltoCom_GetBaudrate(port.path().c_str()), 115200);
@@ -127,7 +124,7 @@ TEST_F(SendTest, SetBaudMovesTheLineToTheNewRate) {
 }
 
 TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "SETFACTOR3"), 1);
   ASSERT_EQ(Send(port, "putaverage4"), 1);
@@ -162,7 +159,7 @@ TEST_F(SendTest, CacheFollowsSetAndPutCommands) {
 TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   zeltosim::Config config = Spectrometer("ZS0001", "Zelto 01-W2");
   config.firmware = "S1.90";
-  zeltosim::SimPort& port = Open(config);
+  zeltosim::SimPort& port = OpenQuiet(config);
   const PortRef record = Record(port);
   ASSERT_EQ(Send(port, "GETHW"), 1);
   EXPECT_EQ(record->hardwareDescriptor.view(), "Zelto 01-W2");
@@ -177,7 +174,7 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
 }
 
 TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   for (const auto& [command, eot] : {std::pair{"ENABLEEOT", "\r\n\x04"}, {"DisableEot", "\r\n"}}) {
     ASSERT_EQ(Send(port, command), 1) << command;
     EXPECT_STREQ(answer_, "OK");
@@ -188,7 +185,7 @@ TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
 }
 
 TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   char answer[64];
   EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
   EXPECT_STREQ(answer, "ZS0001");
@@ -231,7 +228,7 @@ TEST_F(SendTest, BusCommandsHandTheLineOver) {
 }
 
 TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
-  zeltosim::SimPort& port = Open(Analyser("ZS0001"));
+  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   ASSERT_EQ(Send(port, "HELP"), 1);
   const std::string whole = answer_;
   ASSERT_GT(whole.size(), 300u);

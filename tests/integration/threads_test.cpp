@@ -30,11 +30,7 @@ TEST_F(ThreadsTest, ThreadsSharingOnePortTakeTurns) {
 }
 
 TEST_F(ThreadsTest, FourPortsWorkWhileAFifthThreadListsAndClosesThem) {
-  for (const char* serial : {"ZS0001", "ZS0002", "ZS0003", "ZS0004"}) AddPort(Analyser(serial));
-  Publish();
-  for (const auto& port : ports_) {
-    ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1) << LastError();
-  }
+  for (const char* serial : {"ZS0001", "ZS0002", "ZS0003", "ZS0004"}) OpenPort(Analyser(serial));
 
   std::atomic<bool> closing{false};
   std::vector<std::future<std::string>> workers;
@@ -79,11 +75,8 @@ TEST_F(ThreadsTest, FourPortsWorkWhileAFifthThreadListsAndClosesThem) {
 }
 
 TEST_F(ThreadsTest, ParallelWaitsDoNotShortenEachOthersTimeOuts) {
-  for (const char* serial : {"ZS0001", "ZS0002", "ZS0003"}) AddPort(Analyser(serial));
-  Publish();
-  for (const auto& port : ports_) {
-    ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1) << LastError();
-    port->master().setFault(zeltosim::Fault::Silent);
+  for (const char* serial : {"ZS0001", "ZS0002", "ZS0003"}) {
+    OpenPort(Analyser(serial)).master().setFault(zeltosim::Fault::Silent);
   }
   ZeltoCom_SetResponseTimeout(1000);
   // More waiting threads than processors: each must still wait its own
