@@ -1,6 +1,7 @@
 // Thresholds, runs, blinking and trial settings from sample series alone.
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "api/sequence_analysis.hpp"
@@ -92,47 +93,38 @@ TEST(PatternAnalysis, LogarithmicSeriesTakeThresholdsThroughTheLinearScale) {
 }
 
 TEST(FrequencyAnalysis, CompleteRunsGiveFrequencyAndDutyCycle) {
-  const Blinking fast = BlinkingIn({0, 100, 0, 100, 0}, 1);
-  EXPECT_TRUE(fast.found);
-  EXPECT_FLOAT_EQ(fast.frequency, 500.0f);
-  EXPECT_FLOAT_EQ(fast.dutyCycle, 50.0f);
-  EXPECT_EQ(fast.cycleCount, 2);
-
   std::vector<int> slow;
   for (int level : {0, 100, 0, 100}) slow.insert(slow.end(), 5, level);
-  const Blinking tenHz = BlinkingIn(slow, 10);
-  EXPECT_FLOAT_EQ(tenHz.frequency, 10.0f);
-  EXPECT_FLOAT_EQ(tenHz.dutyCycle, 50.0f);
-  EXPECT_EQ(tenHz.cycleCount, 1);
-
-  // One change only: both runs are partial.
-  EXPECT_FALSE(BlinkingIn({0, 0, 100, 100}, 10).found);
-
-  // Samples equal to the automatic low (15) end lit runs, equal to high (85)
-  // dark ones.
-  const Blinking atLow = BlinkingIn({0, 100, 15, 100, 15, 100, 0}, 1);
-  EXPECT_FLOAT_EQ(atLow.frequency, 500.0f);
-  EXPECT_EQ(atLow.cycleCount, 3);
-  const Blinking atHigh = BlinkingIn({100, 0, 85, 0, 85, 0, 100}, 1);
-  EXPECT_FLOAT_EQ(atHigh.frequency, 500.0f);
-  EXPECT_EQ(atHigh.cycleCount, 2);
+  const struct {
+    std::vector<int> samples;
+    int periodMs;
+    std::tuple<bool, float, float, int> blinking;  // found, Hz, duty cycle, cycles
+  } rows[] = {
+      {{0, 100, 0, 100, 0}, 1, {true, 500, 50, 2}},
+      {slow, 10, {true, 10, 50, 1}},
+      // One change only: both runs are partial.
+      {{0, 0, 100, 100}, 10, {false, 0, 0, 0}},
+      // Samples equal to the automatic low (15) end lit runs, equal to high
+      // (85) dark ones.
+      {{0, 100, 15, 100, 15, 100, 0}, 1, {true, 500, 50, 3}},
+      {{100, 0, 85, 0, 85, 0, 100}, 1, {true, 500, 50, 2}},
+  };
+  for (const auto& row : rows) {
+    const Blinking b = BlinkingIn(row.samples, row.periodMs);
+    EXPECT_EQ(std::tuple(b.found, b.frequency, b.dutyCycle, b.cycleCount), row.blinking)
+        << ::testing::PrintToString(row.samples);
+  }
 }
 
 TEST(SweepAnalysis, EntriesFromTheFirstRunsOrTheReferenceRun) {
+  const auto fields = [](const SweepEntry& e) { return std::tuple(e.delay, e.duration, e.level); };
   const std::vector<zeltocom::Run> litFirst = {{20, 900}, {40, 0}};
   const std::vector<zeltocom::Run> darkFirst = {{20, 0}, {30, 800}, {10, 0}};
-  EXPECT_EQ(SweepFromStart(litFirst).duration, 20);
-  const SweepEntry delayed = SweepFromStart(darkFirst);
-  EXPECT_EQ(delayed.delay, 20);
-  EXPECT_EQ(delayed.duration, 30);
-  EXPECT_EQ(delayed.level, 800);
-
+  EXPECT_EQ(fields(SweepFromStart(litFirst)), std::tuple(0, 20, 900));
+  EXPECT_EQ(fields(SweepFromStart(darkFirst)), std::tuple(20, 30, 800));
   EXPECT_EQ(ReferenceRun(darkFirst), 1u);
   EXPECT_EQ(ReferenceRun({{100, 0}}), std::nullopt);
-  const SweepEntry referenced = SweepFromReference(darkFirst, 1);
-  EXPECT_EQ(referenced.delay, 10);
-  EXPECT_EQ(referenced.duration, 30);
-  EXPECT_EQ(referenced.level, 0);
+  EXPECT_EQ(fields(SweepFromReference(darkFirst, 1)), std::tuple(10, 30, 0));
   // A reference past the fibre's runs reads as empty runs.
   EXPECT_EQ(SweepFromReference(litFirst, 5).delay, 0);
 }
