@@ -43,7 +43,6 @@ TEST(CaptureTimeout, FamiliesRangesAndFloors) {
       {"range 3", DEVTYPE_FUNCTIONAL, 0, 3, 0, 1, 1, 695},
       // from range 4 on, 1.2 times longer
       {"range 4", DEVTYPE_FUNCTIONAL, 0, 4, 0, 1, 1, 383},
-      {"range 5", DEVTYPE_FUNCTIONAL, 0, 5, 0, 1, 1, 200},
       {"automatic range", DEVTYPE_FUNCTIONAL, 0, 0, 0, 1, 1, 1320},
       {"PWM, default frames", DEVTYPE_FUNCTIONAL, 1, 0, 0, 1, 1, 10070},
       {"PWM, 2 frames", DEVTYPE_FUNCTIONAL, 1, 5, 2, 1, 1, 461},
@@ -57,7 +56,6 @@ TEST(CaptureTimeout, FamiliesRangesAndFloors) {
       // Fast ranges hit the floors: 300 ms for low-light and colour models.
       {"floor", DEVTYPE_ICT, 0, 6, 0, 1, 1, 150},
       {"just above the floor", DEVTYPE_ICT, 0, 5, 0, 1, 1, 200},
-      {"low-light floor", DEVTYPE_LOWLIGHT, 0, 6, 0, 1, 1, 300},
       {"low-light just under the floor", DEVTYPE_LOWLIGHT, 0, 5, 0, 1, 1, 300},
       {"low-light, 2 averages", DEVTYPE_LOWLIGHT, 0, 5, 0, 1, 2, 528},
       {"colour floor", DEVTYPE_CLR, 0, 6, 0, 1, 1, 300},

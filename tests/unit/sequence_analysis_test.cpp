@@ -28,10 +28,15 @@ Blinking BlinkingIn(const std::vector<int>& samples, int periodMs) {
 }  // namespace
 
 TEST(PatternAnalysis, AutomaticThresholds) {
+  IntensityScale log;
+  log.logarithmic = true;
+  log.toLinear = [](int v) { return v * 2; };
+  log.toLogarithmic = [](int v) { return v / 2; };
   const struct {
     const char* what;
     std::vector<int> samples;
     int low, high;
+    const IntensityScale& scale = kLinear;
   } rows[] = {
       // low = min(step, 0.15 range), high = max(max - step, 0.85 range)
       {"worked series", {0, 0, 100, 100, 0}, 15, 85},
@@ -39,12 +44,13 @@ TEST(PatternAnalysis, AutomaticThresholds) {
       {"any fall replaces the step", {0, 10, 1000, 0}, 150, 850},
       {"the smallest rise is the step", {0, 100, 105, 110}, 5, 105},
       {"absolute, not above the minimum", {1000, 1100, 1000}, 15, 1000},
+      // Linear extremes 2000 and 0, step 1000 in the log scale: low min(1000,
+      // 300), high max(2000 - 1000, 1700), both halved back.
+      {"through the linear scale", {0, 1000, 0, 1000}, 150, 850, log},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    const Thresholds t = AutomaticThresholds(row.samples, kLinear);
-    EXPECT_EQ(t.low, row.low);
-    EXPECT_EQ(t.high, row.high);
+    const Thresholds t = AutomaticThresholds(row.samples, row.scale);
+    EXPECT_EQ(std::pair(t.low, t.high), std::pair(row.low, row.high)) << row.what;
   }
 }
 
@@ -78,18 +84,6 @@ TEST(PatternAnalysis, AConstantSeriesIsOneRun) {
     EXPECT_FALSE(BlinkingIn(std::vector<int>(6, level), 10).found) << level;
   }
   EXPECT_TRUE(Runs({}, 10).empty());
-}
-
-TEST(PatternAnalysis, LogarithmicSeriesTakeThresholdsThroughTheLinearScale) {
-  IntensityScale log;
-  log.logarithmic = true;
-  log.toLinear = [](int v) { return v * 2; };
-  log.toLogarithmic = [](int v) { return v / 2; };
-  // Linear extremes 2000 and 0, step 1000 in the log scale: low min(1000, 300),
-  // high max(2000 - 1000, 1700), both halved back.
-  const Thresholds t = AutomaticThresholds(std::vector<int>{0, 1000, 0, 1000}, log);
-  EXPECT_EQ(t.low, 150);
-  EXPECT_EQ(t.high, 850);
 }
 
 TEST(FrequencyAnalysis, CompleteRunsGiveFrequencyAndDutyCycle) {
