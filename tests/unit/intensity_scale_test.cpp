@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <set>
+#include <utility>
 
 #include "device/identify.hpp"
 #include "frame/registry.hpp"
@@ -33,6 +34,14 @@ void Describe(s_CommPort& port, const Generation& g) {
   port.eotFormat.assign(g.eot);
 }
 
+// Log 20000 on the linear scale and linear 5000 on the log scale.
+std::pair<int, int> Converted(const Generation& g) {
+  s_CommPort port;
+  Describe(port, g);
+  return {AnalyserIntensityLogToLin(&port, 20000, g.isPWM, g.range),
+          AnalyserIntensityLinToLog(&port, 5000, g.isPWM, g.range)};
+}
+
 }  // namespace
 
 TEST(IntensityScale, EachFirmwareGenerationConvertsBothWays) {
@@ -49,11 +58,7 @@ TEST(IntensityScale, EachFirmwareGenerationConvertsBothWays) {
       {"node, older firmware", "Zelto Node", "04", "F1.10", "\r\n", 1, 0, 4562, 9251},
   };
   for (const Generation& g : generations) {
-    SCOPED_TRACE(g.name);
-    s_CommPort port;
-    Describe(port, g);
-    EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, g.isPWM, g.range), g.linearOf20000);
-    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, g.isPWM, g.range), g.logOf5000);
+    EXPECT_EQ(Converted(g), std::pair(g.linearOf20000, g.logOf5000)) << g.name;
   }
 }
 
@@ -76,46 +81,32 @@ TEST(IntensityScale, FirmwareNumbersAtTheEdgesOfEachGeneration) {
       {like("I1.15"), older},    {like("BI1.10"), pwm},     {like("F2.01"), modern},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.edge.name);
-    s_CommPort port;
-    s_CommPort reference;
-    Describe(port, row.edge);
-    Describe(reference, row.as);
-    EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, 1, 3),
-              AnalyserIntensityLogToLin(&reference, 20000, 1, 3));
-    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, 1, 3),
-              AnalyserIntensityLinToLog(&reference, 5000, 1, 3));
+    EXPECT_EQ(Converted(row.edge), Converted(row.as)) << row.edge.name;
   }
   // The four references differ, so each row tells its generation.
-  s_CommPort a, b, c, d;
-  Describe(a, modern);
-  Describe(b, standard);
-  Describe(c, pwm);
-  Describe(d, older);
-  const std::set<int> values = {
-      AnalyserIntensityLinToLog(&a, 5000, 1, 3), AnalyserIntensityLinToLog(&b, 5000, 1, 3),
-      AnalyserIntensityLinToLog(&c, 5000, 1, 3), AnalyserIntensityLinToLog(&d, 5000, 1, 3)};
+  const std::set<int> values = {Converted(modern).second, Converted(standard).second,
+                                Converted(pwm).second, Converted(older).second};
   EXPECT_EQ(values.size(), 4u);
 }
 
 // The range gains 1, 2, 10, 25, 50 scale a PWM capture before 0x04; range 6
 // has none and reads as automatic.
 TEST(IntensityScale, EachRangeGainOfPwmCapturesBeforeEot) {
+  const Generation automatic{"", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 0, 0, 0};
   s_CommPort port;
-  Describe(port, {"", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 0, 0, 0});
-  const int ranges[] = {1, 2, 3, 4, 5};
+  Describe(port, automatic);
   const int gains[] = {1, 2, 10, 25, 50};
   const int unit = AnalyserIntensityLogToLin(&port, 20000, 1, 1);
   for (int i = 0; i < 5; ++i) {
-    SCOPED_TRACE(ranges[i]);
-    EXPECT_NEAR(AnalyserIntensityLogToLin(&port, 20000, 1, ranges[i]), unit * gains[i], gains[i]);
-    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000 * gains[i], 1, ranges[i]),
+    const int range = i + 1;
+    SCOPED_TRACE(range);
+    EXPECT_NEAR(AnalyserIntensityLogToLin(&port, 20000, 1, range), unit * gains[i], gains[i]);
+    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000 * gains[i], 1, range),
               AnalyserIntensityLinToLog(&port, 5000, 1, 1));
   }
-  EXPECT_EQ(AnalyserIntensityLogToLin(&port, 20000, 1, 6),
-            AnalyserIntensityLogToLin(&port, 20000, 1, 0));
-  EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000, 1, 6),
-            AnalyserIntensityLinToLog(&port, 5000, 1, 0));
+  Generation six = automatic;
+  six.range = 6;
+  EXPECT_EQ(Converted(six), Converted(automatic));
 }
 
 TEST(IntensityScale, WorkedValueAndLinearMode) {

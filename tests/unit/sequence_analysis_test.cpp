@@ -1,6 +1,7 @@
 // Thresholds, runs, blinking and trial settings from sample series alone.
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "api/sequence_analysis.hpp"
@@ -27,10 +28,15 @@ Blinking BlinkingIn(const std::vector<int>& samples, int periodMs) {
 }  // namespace
 
 TEST(PatternAnalysis, AutomaticThresholds) {
+  IntensityScale log;
+  log.logarithmic = true;
+  log.toLinear = [](int v) { return v * 2; };
+  log.toLogarithmic = [](int v) { return v / 2; };
   const struct {
     const char* what;
     std::vector<int> samples;
     int low, high;
+    const IntensityScale& scale = kLinear;
   } rows[] = {
       // low = min(step, 0.15 range), high = max(max - step, 0.85 range)
       {"worked series", {0, 0, 100, 100, 0}, 15, 85},
@@ -38,12 +44,13 @@ TEST(PatternAnalysis, AutomaticThresholds) {
       {"any fall replaces the step", {0, 10, 1000, 0}, 150, 850},
       {"the smallest rise is the step", {0, 100, 105, 110}, 5, 105},
       {"absolute, not above the minimum", {1000, 1100, 1000}, 15, 1000},
+      // Linear extremes 2000 and 0, step 1000 in the log scale: low min(1000,
+      // 300), high max(2000 - 1000, 1700), both halved back.
+      {"through the linear scale", {0, 1000, 0, 1000}, 150, 850, log},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    const Thresholds t = AutomaticThresholds(row.samples, kLinear);
-    EXPECT_EQ(t.low, row.low);
-    EXPECT_EQ(t.high, row.high);
+    const Thresholds t = AutomaticThresholds(row.samples, row.scale);
+    EXPECT_EQ(std::pair(t.low, t.high), std::pair(row.low, row.high)) << row.what;
   }
 }
 
@@ -79,60 +86,39 @@ TEST(PatternAnalysis, AConstantSeriesIsOneRun) {
   EXPECT_TRUE(Runs({}, 10).empty());
 }
 
-TEST(PatternAnalysis, LogarithmicSeriesTakeThresholdsThroughTheLinearScale) {
-  IntensityScale log;
-  log.logarithmic = true;
-  log.toLinear = [](int v) { return v * 2; };
-  log.toLogarithmic = [](int v) { return v / 2; };
-  // Linear extremes 2000 and 0, step 1000 in the log scale: low min(1000, 300),
-  // high max(2000 - 1000, 1700), both halved back.
-  const Thresholds t = AutomaticThresholds(std::vector<int>{0, 1000, 0, 1000}, log);
-  EXPECT_EQ(t.low, 150);
-  EXPECT_EQ(t.high, 850);
-}
-
 TEST(FrequencyAnalysis, CompleteRunsGiveFrequencyAndDutyCycle) {
-  const Blinking fast = BlinkingIn({0, 100, 0, 100, 0}, 1);
-  EXPECT_TRUE(fast.found);
-  EXPECT_FLOAT_EQ(fast.frequency, 500.0f);
-  EXPECT_FLOAT_EQ(fast.dutyCycle, 50.0f);
-  EXPECT_EQ(fast.cycleCount, 2);
-
   std::vector<int> slow;
   for (int level : {0, 100, 0, 100}) slow.insert(slow.end(), 5, level);
-  const Blinking tenHz = BlinkingIn(slow, 10);
-  EXPECT_FLOAT_EQ(tenHz.frequency, 10.0f);
-  EXPECT_FLOAT_EQ(tenHz.dutyCycle, 50.0f);
-  EXPECT_EQ(tenHz.cycleCount, 1);
-
-  // One change only: both runs are partial.
-  EXPECT_FALSE(BlinkingIn({0, 0, 100, 100}, 10).found);
-
-  // Samples equal to the automatic low (15) end lit runs, equal to high (85)
-  // dark ones.
-  const Blinking atLow = BlinkingIn({0, 100, 15, 100, 15, 100, 0}, 1);
-  EXPECT_FLOAT_EQ(atLow.frequency, 500.0f);
-  EXPECT_EQ(atLow.cycleCount, 3);
-  const Blinking atHigh = BlinkingIn({100, 0, 85, 0, 85, 0, 100}, 1);
-  EXPECT_FLOAT_EQ(atHigh.frequency, 500.0f);
-  EXPECT_EQ(atHigh.cycleCount, 2);
+  const struct {
+    std::vector<int> samples;
+    int periodMs;
+    std::tuple<bool, float, float, int> blinking;  // found, Hz, duty cycle, cycles
+  } rows[] = {
+      {{0, 100, 0, 100, 0}, 1, {true, 500, 50, 2}},
+      {slow, 10, {true, 10, 50, 1}},
+      // One change only: both runs are partial.
+      {{0, 0, 100, 100}, 10, {false, 0, 0, 0}},
+      // Samples equal to the automatic low (15) end lit runs, equal to high
+      // (85) dark ones.
+      {{0, 100, 15, 100, 15, 100, 0}, 1, {true, 500, 50, 3}},
+      {{100, 0, 85, 0, 85, 0, 100}, 1, {true, 500, 50, 2}},
+  };
+  for (const auto& row : rows) {
+    const Blinking b = BlinkingIn(row.samples, row.periodMs);
+    EXPECT_EQ(std::tuple(b.found, b.frequency, b.dutyCycle, b.cycleCount), row.blinking)
+        << ::testing::PrintToString(row.samples);
+  }
 }
 
 TEST(SweepAnalysis, EntriesFromTheFirstRunsOrTheReferenceRun) {
+  const auto fields = [](const SweepEntry& e) { return std::tuple(e.delay, e.duration, e.level); };
   const std::vector<zeltocom::Run> litFirst = {{20, 900}, {40, 0}};
   const std::vector<zeltocom::Run> darkFirst = {{20, 0}, {30, 800}, {10, 0}};
-  EXPECT_EQ(SweepFromStart(litFirst).duration, 20);
-  const SweepEntry delayed = SweepFromStart(darkFirst);
-  EXPECT_EQ(delayed.delay, 20);
-  EXPECT_EQ(delayed.duration, 30);
-  EXPECT_EQ(delayed.level, 800);
-
+  EXPECT_EQ(fields(SweepFromStart(litFirst)), std::tuple(0, 20, 900));
+  EXPECT_EQ(fields(SweepFromStart(darkFirst)), std::tuple(20, 30, 800));
   EXPECT_EQ(ReferenceRun(darkFirst), 1u);
   EXPECT_EQ(ReferenceRun({{100, 0}}), std::nullopt);
-  const SweepEntry referenced = SweepFromReference(darkFirst, 1);
-  EXPECT_EQ(referenced.delay, 10);
-  EXPECT_EQ(referenced.duration, 30);
-  EXPECT_EQ(referenced.level, 0);
+  EXPECT_EQ(fields(SweepFromReference(darkFirst, 1)), std::tuple(10, 30, 0));
   // A reference past the fibre's runs reads as empty runs.
   EXPECT_EQ(SweepFromReference(litFirst, 5).delay, 0);
 }
