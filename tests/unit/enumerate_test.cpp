@@ -87,16 +87,6 @@ TEST_F(FakeSysfs, LegacyUartsNeedHardwareAndComeLast) {
   EXPECT_EQ(probes, 3);
 }
 
-TEST_F(FakeSysfs, RealProbeRejectsWhatIsNotASerialPortOrNotThere) {
-  // A regular file stands in for the device node: it opens, but reports no UART.
-  AddTty("ttyS3", "serial8250");
-  std::FILE* node = std::fopen((DevDir() + "ttyS3").c_str(), "w");
-  std::fclose(node);
-  EXPECT_TRUE(Scan(HasUartBehind).empty());
-  EXPECT_FALSE(HasUartBehind(DevDir() + "missing"));
-  EXPECT_TRUE(ScanTtyClass("/nonexistent/tty/", "/dev/", HasUartBehind).empty());
-}
-
 TEST_F(FakeSysfs, ConsoleTtysAreNeitherProbedNorListed) {
   AddTty("ttyS0", "serial8250");
   AddTty("ttyS1", "serial8250");
@@ -134,17 +124,13 @@ TEST(Enumeration, EnvironmentVariableNamesThePorts) {
   const std::string tooLong = "/dev/" + std::string(250, 'x');
   setenv("ZELTOCOM_PORTS", ("/dev/pts/41;;" + tooLong + ";/dev/pts/40;").c_str(), 1);
   EXPECT_EQ(EnumSerialPorts(), (std::vector<std::string>{"/dev/pts/41", "/dev/pts/40"}));
-  unsetenv("ZELTOCOM_PORTS");
-}
 
-// Only an unset variable leaves the choice to the machine's scan (which this
-// test never runs: it would open the machine's own lines).
-TEST(Enumeration, SetButEmptyVariableNamesNoPort) {
-  for (const char* value : {"", ";", ";;;"}) {
+  // Set but empty names no port: only an unset variable leaves the choice to
+  // the machine's scan (which this test never runs: it would open the
+  // machine's own lines).
+  for (const char* value : {"", ";;;"}) {
     setenv("ZELTOCOM_PORTS", value, 1);
-    const auto named = PortsNamedByEnvironment();
-    ASSERT_TRUE(named.has_value()) << '"' << value << '"';
-    EXPECT_TRUE(named->empty()) << '"' << value << '"';
+    EXPECT_EQ(PortsNamedByEnvironment(), std::vector<std::string>{}) << '"' << value << '"';
   }
   unsetenv("ZELTOCOM_PORTS");
   EXPECT_FALSE(PortsNamedByEnvironment().has_value());

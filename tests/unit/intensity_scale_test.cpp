@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <set>
 #include <utility>
 
 #include "device/identify.hpp"
@@ -56,57 +55,28 @@ TEST(IntensityScale, EachFirmwareGenerationConvertsBothWays) {
       {"PWM without 0x04, automatic", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 0, 1022077, 58},
       {"PWM with 0x04", "Zelto 05-P", "04", "F1.20", "\r\n\x04", 1, 1, 1982, 15203},
       {"node, older firmware", "Zelto Node", "04", "F1.10", "\r\n", 1, 0, 4562, 9251},
+      // Firmware numbers on either side of each edge between generations, in
+      // a PWM capture at range 3 without 0x04.
+      {"F1.99", "Zelto 05-P", "04", "F1.99", "\r\n", 1, 3, 1982, 15203},
+      {"F1.25", "Zelto 05-P", "04", "F1.25", "\r\n", 1, 3, 1982, 15203},
+      {"F1.24", "Zelto 05-P", "04", "F1.24", "\r\n", 1, 3, 6343, 7162},
+      {"F1.13", "Zelto 05-P", "04", "F1.13", "\r\n", 1, 3, 6343, 7162},
+      {"F1.12", "Zelto 05-P", "04", "F1.12", "\r\n", 1, 3, 3446, 11204},
+      {"I1.16", "Zelto 05-P", "04", "I1.16", "\r\n", 1, 3, 6343, 7162},
+      {"I1.15", "Zelto 05-P", "04", "I1.15", "\r\n", 1, 3, 3446, 11204},
+      {"BI1.10", "Zelto 05-P", "04", "BI1.10", "\r\n", 1, 3, 6343, 7162},
+      {"F2.01", "Zelto 05-P", "04", "F2.01", "\r\n", 1, 3, 1614, 16196},
+      // The range gains 1, 2, 10, 25, 50 scale a PWM capture before 0x04;
+      // range 6 has none and reads as automatic.
+      {"PWM without 0x04, range 1", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 1, 634, 25688},
+      {"PWM without 0x04, range 2", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 2, 1268, 19083},
+      {"PWM without 0x04, range 4", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 4, 15858, 3319},
+      {"PWM without 0x04, range 5", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 5, 31717, 1664},
+      {"PWM without 0x04, range 6", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 6, 1022077, 58},
   };
   for (const Generation& g : generations) {
     EXPECT_EQ(Converted(g), std::pair(g.linearOf20000, g.logOf5000)) << g.name;
   }
-}
-
-// Firmware numbers on either side of each edge between generations convert
-// as the generation they belong to: a PWM capture at range 3, without 0x04.
-TEST(IntensityScale, FirmwareNumbersAtTheEdgesOfEachGeneration) {
-  const auto like = [](const char* firmware) {
-    return Generation{firmware, "Zelto 05-P", "04", firmware, "\r\n", 1, 3, 0, 0};
-  };
-  const Generation modern = like("F2.00");
-  const Generation standard = like("F1.50");
-  const Generation pwm = like("F1.20");
-  const Generation older = like("F1.10");
-  const struct {
-    Generation edge;
-    const Generation& as;
-  } rows[] = {
-      {like("F1.99"), standard}, {like("F1.25"), standard}, {like("F1.24"), pwm},
-      {like("F1.13"), pwm},      {like("F1.12"), older},    {like("I1.16"), pwm},
-      {like("I1.15"), older},    {like("BI1.10"), pwm},     {like("F2.01"), modern},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(Converted(row.edge), Converted(row.as)) << row.edge.name;
-  }
-  // The four references differ, so each row tells its generation.
-  const std::set<int> values = {Converted(modern).second, Converted(standard).second,
-                                Converted(pwm).second, Converted(older).second};
-  EXPECT_EQ(values.size(), 4u);
-}
-
-// The range gains 1, 2, 10, 25, 50 scale a PWM capture before 0x04; range 6
-// has none and reads as automatic.
-TEST(IntensityScale, EachRangeGainOfPwmCapturesBeforeEot) {
-  const Generation automatic{"", "Zelto 05-P", "04", "F1.20", "\r\n", 1, 0, 0, 0};
-  s_CommPort port;
-  Describe(port, automatic);
-  const int gains[] = {1, 2, 10, 25, 50};
-  const int unit = AnalyserIntensityLogToLin(&port, 20000, 1, 1);
-  for (int i = 0; i < 5; ++i) {
-    const int range = i + 1;
-    SCOPED_TRACE(range);
-    EXPECT_NEAR(AnalyserIntensityLogToLin(&port, 20000, 1, range), unit * gains[i], gains[i]);
-    EXPECT_EQ(AnalyserIntensityLinToLog(&port, 5000 * gains[i], 1, range),
-              AnalyserIntensityLinToLog(&port, 5000, 1, 1));
-  }
-  Generation six = automatic;
-  six.range = 6;
-  EXPECT_EQ(Converted(six), Converted(automatic));
 }
 
 TEST(IntensityScale, WorkedValueAndLinearMode) {

@@ -10,36 +10,26 @@ using namespace zeltocom;
 
 namespace {
 
-PortRef AddPort(s_CommPorts* list, const char* path, const char* serial, const char* firmware = "",
-                s_CommPort* parent = nullptr) {
-  std::shared_ptr<SerialLine> line =
-      parent != nullptr ? parent->line : std::make_shared<SerialLine>();
-  PortRef port = PortsList_Add(list, parent, line, path, serial, firmware, "\r\n", 57600, 0.19);
+PortRef AddPort(s_CommPorts* list, const char* path, const char* serial,
+                const char* firmware = "") {
+  PortRef port = PortsList_Add(list, nullptr, std::make_shared<SerialLine>(), path, serial,
+                               firmware, "\r\n", 57600, 0.19);
   EXPECT_TRUE(port);
   return port;
 }
 
 }  // namespace
 
-TEST(Registry, LookUpsAndRemovals) {
+TEST(Registry, LookUpsMatchWholeSerialsInAnyCaseAndPathsExactly) {
   s_CommPorts list;
   PortRef a = AddPort(&list, "/dev/a", "AB12");
-  AddPort(&list, "/dev/b", "CD34");
   EXPECT_EQ(PortsList_GetBySerialNumber(&list, "ab12"), a);
   EXPECT_EQ(PortsList_GetBySerialNumber(&list, "AB1"), nullptr);
-  EXPECT_EQ(PortsList_GetByIndex(&list, 1)->devicePath.view(), "/dev/b");
-  EXPECT_EQ(PortsList_GetByIndex(&list, 2), nullptr);
+  EXPECT_EQ(PortsList_GetByIndex(&list, 1), nullptr);
   EXPECT_EQ(PortsList_GetByIndex(&list, -1), nullptr);
 
-  // A removed record stays valid for whoever still holds it.
-  EXPECT_TRUE(PortsList_Del(&list, a.get()));
-  EXPECT_FALSE(PortsList_Del(&list, a.get()));
-  EXPECT_EQ(a->devicePath.view(), "/dev/a");
-  ASSERT_EQ(PortsList_Count(&list), 1);
-  EXPECT_EQ(PortsList_GetByIndex(&list, 0)->devicePath.view(), "/dev/b");
-
-  // Path look-ups search the opened ports only, and mind the letter case.
-  EXPECT_EQ(PortsList_GetByDevPath("/dev/b"), nullptr);
+  // Path look-ups search the opened ports only.
+  EXPECT_EQ(PortsList_GetByDevPath("/dev/a"), nullptr);
   AddPort(&OpenedPorts, "/dev/Ttyx", "EF56");
   EXPECT_NE(PortsList_GetByDevPath("/dev/Ttyx"), nullptr);
   EXPECT_EQ(PortsList_GetByDevPath("/dev/ttyx"), nullptr);
@@ -55,23 +45,6 @@ TEST(Registry, FirmwareTextAndNumberGoTogether) {
   EXPECT_EQ(port->firmwareNumber, 35);
   port->SetFirmware("F2.13");
   EXPECT_EQ(port->firmwareNumber, 213);
-}
-
-TEST(Registry, DeletingAChainedHolderLeavesTheLineToBeFreed) {
-  s_CommPorts list;
-  PortRef master = AddPort(&list, "/dev/a", "M1");
-  PortRef first = AddPort(&master->chain, "/dev/a", "C1", "", master.get());
-  AddPort(&master->chain, "/dev/a", "C2", "", master.get());
-  master->busOwner = first.get();
-  PortsList_DelBySerialNumber(&list, "C1");  // not in this list: nothing happens
-  EXPECT_EQ(PortsList_Count(&list), 1);
-  PortsList_DelByIndex(&master->chain, 0);
-  EXPECT_EQ(PortsList_GetByIndex(&master->chain, 0)->serialNumber.view(), "C2");
-  EXPECT_EQ(master->busOwner, master.get());
-  EXPECT_EQ(master->removedHolder.view(), "C1");
-  PortsList_DelBySerialNumber(&list, "m1");
-  EXPECT_EQ(PortsList_Count(&list), 0);
-  EXPECT_EQ(PortsList_Count(&master->chain), 0);
 }
 
 TEST(ErrorTexts, PerPortAndLibraryWide) {
