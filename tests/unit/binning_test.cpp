@@ -34,17 +34,11 @@ TEST(BinHolds, DecidesPointsNextToAnEdgeWithoutRounding) {
 TEST(OneCrossingRisks, NamesWhatInTheShapeMisleadsTheEstablishedRule) {
   const float huge = std::numeric_limits<float>::infinity();
   const std::pair<tBinVector, std::vector<std::string>> cases[] = {
-      // Closed by repeating the first corner, and a corner written twice:
-      // neither makes an edge.
-      {Bin({0.3f, 0.4f, 0.25f, 0.3f}, {0.2f, 0.3f, 0.4f, 0.2f}), {}},
+      // A corner written twice makes no edge.
       {Bin({0.3f, 0.3f, 0.4f, 0.25f}, {0.2f, 0.2f, 0.3f, 0.4f}), {}},
-      {Bin({0.3f, 0.4f, 0.3f}, {0.2f, 0.3f, 0.4f}), {kSteep}},
-      // An arrow head.
-      {Bin({0.2f, 0.5f, 0.2f, 0.3f}, {0.2f, 0.3f, 0.4f, 0.3f}), {"not convex"}},
       // Rising more than 1000 times its run, and a little less.
       {Bin({0.3f, 0.30009f, 0.1f}, {0.2f, 0.3f, 0.25f}), {kSteep}},
       {Bin({0.3f, 0.30011f, 0.1f}, {0.2f, 0.3f, 0.25f}), {}},
-      {Bin({-0.1f, 0.5f, 0.1f}, {-0.1f, 0.1f, 0.5f}), {"holds the origin"}},
       {Bin({0.0f, 0.5f, 0.5f}, {0.0f, 0.0f, 0.5f}), {kSteep, "holds the origin"}},
       {Bin({0.2f}, {0.3f}), {"no area (its corners lie on one line)"}},
       {Bin({0.2f, 0.3f, 0.2f}, {0.3f, 0.4f, 0.3f}), {"no area (its corners lie on one line)"}},

@@ -29,24 +29,10 @@ TEST(SingleReading, TakesOnlyWholeFiniteNumbersOfTheType) {
   for (const auto& [text, value] : decimals) {
     EXPECT_EQ(SingleReading<double>(text), value) << '"' << text << '"';
   }
-}
-
-TEST(Reading, ReadsFieldByFieldAndLeavesTheRest) {
-  Reading xyi("0.3288 0.4232\r\n16411 cd");
-  EXPECT_EQ(xyi.Next<float>(), 0.3288f);
-  EXPECT_EQ(xyi.Next<float>(), 0.4232f);
-  EXPECT_EQ(xyi.Next<unsigned>(), 16411u);
-  EXPECT_FALSE(xyi.Done());
-  EXPECT_EQ(xyi.Next<unsigned>(), std::nullopt);
-  EXPECT_TRUE(xyi.Done());
-  EXPECT_EQ(xyi.Next<unsigned>(), std::nullopt);
-
-  // A float has a smaller range than the double the text would fit.
-  Reading wide("3.5E38 -1E39");
-  EXPECT_EQ(wide.Next<float>(), std::nullopt);
-  EXPECT_EQ(wide.Next<float>(), std::nullopt);
-  EXPECT_EQ(Reading("-1").Next<unsigned>(), std::nullopt);
-  EXPECT_EQ(Reading("4294967296").Next<unsigned>(), std::nullopt);
+  // Less fits a float than a double, and no sign an unsigned.
+  for (const char* text : {"3.5E38", "-1E39"}) EXPECT_EQ(SingleReading<float>(text), std::nullopt);
+  for (const char* text : {"-1", "4294967296"})
+    EXPECT_EQ(SingleReading<unsigned>(text), std::nullopt);
 }
 
 TEST(ExponentFits, ExactlyTheFactorsTheCommandsCarryWhole) {

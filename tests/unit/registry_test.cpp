@@ -20,23 +20,6 @@ PortRef AddPort(s_CommPorts* list, const char* path, const char* serial,
 
 }  // namespace
 
-TEST(Registry, LookUpsMatchWholeSerialsInAnyCaseAndPathsExactly) {
-  s_CommPorts list;
-  PortRef a = AddPort(&list, "/dev/a", "AB12");
-  EXPECT_EQ(PortsList_GetBySerialNumber(&list, "ab12"), a);
-  EXPECT_EQ(PortsList_GetBySerialNumber(&list, "AB1"), nullptr);
-  EXPECT_EQ(PortsList_GetByIndex(&list, 1), nullptr);
-  EXPECT_EQ(PortsList_GetByIndex(&list, -1), nullptr);
-
-  // Path look-ups search the opened ports only.
-  EXPECT_EQ(PortsList_GetByDevPath("/dev/a"), nullptr);
-  AddPort(&OpenedPorts, "/dev/Ttyx", "EF56");
-  EXPECT_NE(PortsList_GetByDevPath("/dev/Ttyx"), nullptr);
-  EXPECT_EQ(PortsList_GetByDevPath("/dev/ttyx"), nullptr);
-  PortsList_DelByDevPath(&OpenedPorts, "/dev/Ttyx");
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
-}
-
 TEST(Registry, FirmwareTextAndNumberGoTogether) {
   s_CommPorts list;
   EXPECT_EQ(AddPort(&list, "/a", "1", "1B2")->firmwareNumber, 999);
@@ -56,6 +39,9 @@ TEST(ErrorTexts, PerPortAndLibraryWide) {
   EXPECT_STREQ(ZeltoCom_GetError_Description(buffer), "library failed");
   EXPECT_STREQ(ZeltoCom_GetError_DescriptionByPort("/dev/a", buffer), "first port failed");
   EXPECT_STREQ(ZeltoCom_GetError_DescriptionBySN("a1", buffer), "first port failed");
+  // Serial numbers match whole in any case, paths exactly.
+  EXPECT_STREQ(ZeltoCom_GetError_DescriptionBySN("A", buffer), "library failed");
+  EXPECT_STREQ(ZeltoCom_GetError_DescriptionByPort("/dev/A", buffer), "library failed");
   EXPECT_STREQ(ZeltoCom_GetError_DescriptionByPort("/dev/b", buffer), "");
   EXPECT_STREQ(ZeltoCom_GetError_DescriptionByPort("/dev/none", buffer), "library failed");
   EXPECT_STREQ(ZeltoCom_GetError_DescriptionBySN(nullptr, buffer), "library failed");

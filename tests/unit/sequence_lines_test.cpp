@@ -5,6 +5,7 @@
 #include <span>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -39,16 +40,11 @@ std::string Read(const std::string& format, const std::string& line) {
   return Shown(columns) == markers ? "untouched" : Shown(columns);
 }
 
-struct LineCase {
-  std::string format;
-  std::string line;
-  std::string stored;
-};
-
 }  // namespace
 
 TEST(SequenceLines, ALineIsStoredOnlyWhenItReadsWhole) {
-  const std::vector<LineCase> cases = {
+  // format, line, what is stored
+  const std::tuple<std::string, std::string, std::string> cases[] = {
       // Short values, bare or padded as instruments pad them.
       {"i", "380", "380"},
       {"i", "7", "7"},
@@ -61,7 +57,7 @@ TEST(SequenceLines, ALineIsStoredOnlyWhenItReadsWhole) {
       {"bbbi", "        77 128 51 16411", "77 128 51 16411"},
       {"if", "5614 0.3288", "5614 0.3288"},
   };
-  for (const LineCase& c : cases) EXPECT_EQ(Read(c.format, c.line), c.stored) << c.line;
+  for (const auto& [format, line, stored] : cases) EXPECT_EQ(Read(format, line), stored) << line;
   // Some fields only or more than the format holds, garbage, numbers written
   // only in part (the number reader's own cases are tested with it), numbers
   // their type cannot hold, and no numbers at all.

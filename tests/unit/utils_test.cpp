@@ -33,8 +33,3 @@ TEST(Parsers, ParseDecimalPlacesTheLastPoint) {
   EXPECT_EQ(ParseDecimal("0." + std::string(400, '0') + "1"), 0.0f);
   EXPECT_EQ(ParseDecimal("1" + std::string(400, '0')), HUGE_VALF);
 }
-
-TEST(Parsers, IsIntegerTakesDigitsOnly) {
-  for (const char* text : {"", "0", "0123"}) EXPECT_TRUE(isInteger(text)) << text;
-  for (const char* text : {"-1", "1.0", " 1", "1 ", "x"}) EXPECT_FALSE(isInteger(text)) << text;
-}
