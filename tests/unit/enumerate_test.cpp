@@ -51,9 +51,7 @@ class FakeSysfs : public ::testing::Test {
 
 }  // namespace
 
-// Legacy UARTs are listed only when the probe finds hardware behind them, and
-// after the others, which come in reverse directory order.
-TEST_F(FakeSysfs, ListsPortsWithADriverAndLegacyUartsWithHardwareLast) {
+TEST_F(FakeSysfs, ListsPortsWithADriverThenLegacyUartsWithHardwareButNoConsole) {
   AddTty("ttyUSB0", "ftdi_sio");
   AddTty("ttyACM0", "cdc_acm");
   AddTty("ttyUSB1", "ftdi_sio");
@@ -62,6 +60,8 @@ TEST_F(FakeSysfs, ListsPortsWithADriverAndLegacyUartsWithHardwareLast) {
   AddTty("ttyS1", "port");  // the serial-base driver of current kernels
   AddTty("ttyS2", "serial8250");
 
+  // Legacy UARTs come last, and only with hardware behind them; the others
+  // in reverse directory order.
   std::vector<std::string> expected;
   for (const fs::directory_entry& entry : fs::directory_iterator(TtyDir())) {
     const std::string name = entry.path().filename();
@@ -76,26 +76,18 @@ TEST_F(FakeSysfs, ListsPortsWithADriverAndLegacyUartsWithHardwareLast) {
   };
   EXPECT_EQ(Scan(onlyS1), expected);
   EXPECT_EQ(probes, 3);
-}
 
-TEST_F(FakeSysfs, ConsoleTtysAreNeitherProbedNorListed) {
-  AddTty("ttyS0", "serial8250");
-  AddTty("ttyS1", "serial8250");
-  AddTty("ttyUSB0", "ftdi_sio");
-  AddTty("ttyUSB1", "ftdi_sio");
-  AddTty("tty0", "");
-  const struct {
-    std::string active;
-    std::vector<std::string> left;  // sorted
-  } cases[] = {
-      {"tty0 ttyS0\n", {"ttyS1", "ttyUSB0", "ttyUSB1"}},
-      {"ttyS1", {"ttyS0", "ttyUSB0", "ttyUSB1"}},
-      {"  ttyUSB1\tttyS0 \n", {"ttyS1", "ttyUSB0"}},
-      {"ttyS", {"ttyS0", "ttyS1", "ttyUSB0", "ttyUSB1"}},  // whole names only
-      {"", {"ttyS0", "ttyS1", "ttyUSB0", "ttyUSB1"}},
+  // The active consoles, and the ports left (sorted): a console is neither
+  // probed nor listed.
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"tty1 ttyS0\n", {"ttyACM0", "ttyS1", "ttyS2", "ttyUSB0", "ttyUSB1"}},
+      {"ttyS1", {"ttyACM0", "ttyS0", "ttyS2", "ttyUSB0", "ttyUSB1"}},
+      {"  ttyUSB1\tttyS0 \n", {"ttyACM0", "ttyS1", "ttyS2", "ttyUSB0"}},
+      {"ttyS", {"ttyACM0", "ttyS0", "ttyS1", "ttyS2", "ttyUSB0", "ttyUSB1"}},  // whole names only
+      {"", {"ttyACM0", "ttyS0", "ttyS1", "ttyS2", "ttyUSB0", "ttyUSB1"}},
   };
-  for (const auto& c : cases) {
-    SetConsole(c.active);
+  for (const auto& [active, left] : cases) {
+    SetConsole(active);
     std::vector<std::string> probed;
     std::vector<std::string> listed;
     const auto probe = [&](const std::string& path) {
@@ -105,8 +97,8 @@ TEST_F(FakeSysfs, ConsoleTtysAreNeitherProbedNorListed) {
     for (const std::string& path : Scan(probe)) listed.push_back(fs::path(path).filename());
     std::ranges::sort(listed);
     std::ranges::sort(probed);
-    EXPECT_EQ(listed, c.left) << c.active;
-    EXPECT_TRUE(std::ranges::includes(c.left, probed)) << c.active << " probed too many";
+    EXPECT_EQ(listed, left) << active;
+    EXPECT_TRUE(std::ranges::includes(left, probed)) << active << " probed too many";
   }
 }
 

@@ -63,6 +63,4 @@ TEST(ProjectFileReading, GrowsLinearlyWithTheNumberOfSections) {
   EXPECT_EQ(duplicateId.rows.size(), 1000u);
   const ProjectFile secondMaster = ReadProjectFile(small + Section("/dev/m2", "X", "MASTER"));
   EXPECT_EQ(secondMaster.error, "Master has been previously added for this port");
-  const ProjectFile noMaster = ReadProjectFile(small + Section("/dev/m1", "Y", "DAISY-CHAIN"));
-  EXPECT_EQ(noMaster.error, "No Bus Master has been previously added for this port");
 }

@@ -10,25 +10,14 @@ using namespace zeltocom;
 
 namespace {
 
-PortRef AddPort(s_CommPorts* list, const char* path, const char* serial,
-                const char* firmware = "") {
-  PortRef port = PortsList_Add(list, nullptr, std::make_shared<SerialLine>(), path, serial,
-                               firmware, "\r\n", 57600, 0.19);
+PortRef AddPort(s_CommPorts* list, const char* path, const char* serial) {
+  PortRef port = PortsList_Add(list, nullptr, std::make_shared<SerialLine>(), path, serial, "",
+                               "\r\n", 57600, 0.19);
   EXPECT_TRUE(port);
   return port;
 }
 
 }  // namespace
-
-TEST(Registry, FirmwareTextAndNumberGoTogether) {
-  s_CommPorts list;
-  EXPECT_EQ(AddPort(&list, "/a", "1", "1B2")->firmwareNumber, 999);
-  EXPECT_EQ(AddPort(&list, "/b", "2", "")->firmwareNumber, -1);
-  PortRef port = AddPort(&list, "/c", "3", "35");
-  EXPECT_EQ(port->firmwareNumber, 35);
-  port->SetFirmware("F2.13");
-  EXPECT_EQ(port->firmwareNumber, 213);
-}
 
 TEST(ErrorTexts, PerPortAndLibraryWide) {
   AddPort(&OpenedPorts, "/dev/a", "A1");
