@@ -13,14 +13,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A fabricated /sys/class/tty and /dev: each tty directory gets a device
-// link whose driver link names `driver` (or no device link at all).
+// A fabricated /sys/class/tty (and the /dev its ports are named in): each tty directory gets a
+// device link whose driver link names `driver` (or no device link at all).
 class FakeSysfs : public ::testing::Test {
  protected:
   void SetUp() override {
     root_ = fs::temp_directory_path() / ("zeltocom-sysfs-" + std::to_string(getpid()));
     fs::create_directories(root_ / "class/tty");
-    fs::create_directories(root_ / "dev");
   }
   void TearDown() override { fs::remove_all(root_); }
 

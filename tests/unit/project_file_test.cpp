@@ -60,7 +60,6 @@ TEST(ProjectFileReading, GrowsLinearlyWithTheNumberOfSections) {
   EXPECT_TRUE(valid.rows.back().chained);
   const ProjectFile duplicateId = ReadProjectFile(small + Section("/dev/m0", "C1", "DAISY-CHAIN"));
   EXPECT_EQ(duplicateId.error, "This ID has already been added");
-  EXPECT_EQ(duplicateId.rows.size(), 1000u);
   const ProjectFile secondMaster = ReadProjectFile(small + Section("/dev/m2", "X", "MASTER"));
   EXPECT_EQ(secondMaster.error, "Master has been previously added for this port");
 }

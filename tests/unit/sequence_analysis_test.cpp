@@ -87,15 +87,12 @@ TEST(PatternAnalysis, AConstantSeriesIsOneRun) {
 }
 
 TEST(FrequencyAnalysis, CompleteRunsGiveFrequencyAndDutyCycle) {
-  std::vector<int> slow;
-  for (int level : {0, 100, 0, 100}) slow.insert(slow.end(), 5, level);
   const struct {
     std::vector<int> samples;
     int periodMs;
     std::tuple<bool, float, float, int> blinking;  // found, Hz, duty cycle, cycles
   } rows[] = {
       {{0, 100, 0, 100, 0}, 1, {true, 500, 50, 2}},
-      {slow, 10, {true, 10, 50, 1}},
       // One change only: both runs are partial.
       {{0, 0, 100, 100}, 10, {false, 0, 0, 0}},
       // Samples equal to the automatic low (15) end lit runs, equal to high
@@ -112,13 +109,12 @@ TEST(FrequencyAnalysis, CompleteRunsGiveFrequencyAndDutyCycle) {
 
 TEST(SweepAnalysis, EntriesFromTheReferenceRun) {
   const auto fields = [](const SweepEntry& e) { return std::tuple(e.delay, e.duration, e.level); };
-  const std::vector<zeltocom::Run> litFirst = {{20, 900}, {40, 0}};
   const std::vector<zeltocom::Run> darkFirst = {{20, 0}, {30, 800}, {10, 0}};
   EXPECT_EQ(ReferenceRun(darkFirst), 1u);
   EXPECT_EQ(ReferenceRun({{100, 0}}), std::nullopt);
   EXPECT_EQ(fields(SweepFromReference(darkFirst, 1)), std::tuple(10, 30, 0));
   // A reference past the fibre's runs reads as empty runs.
-  EXPECT_EQ(SweepFromReference(litFirst, 5).delay, 0);
+  EXPECT_EQ(SweepFromReference(darkFirst, 5).delay, 0);
 }
 
 TEST(TrialSettings, EightSamplesPerFastCycleAndFourSlowCycles) {
