@@ -279,13 +279,7 @@ TEST_F(BadInputTest, EveryCallFailsWithAnErrorText) {
         << bad.what << " returned " << result;
     EXPECT_NE(LastError(), "") << bad.what << " set no error text";
   }
-  // The open port survived all of it.
-  char answer[64];
-  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", answer), 1) << LastError();
-  EXPECT_STREQ(answer, "ZS0001");
-}
-
-TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
+  // Calls without a result take null buffers.
   ZeltoCom_GetLibraryVersion(nullptr);
   EXPECT_EQ(ZeltoCom_GetError_Description(nullptr), nullptr);
   EXPECT_EQ(ZeltoCom_GetError_DescriptionByPort(nullptr, nullptr), nullptr);
@@ -294,7 +288,8 @@ TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
   ZeltoCom_AddDetectionFilter(long_.c_str());
   ZeltoCom_ClearDetectionFilters();
   ZeltoCom_ExternalTrigger_Listen_thread(nullptr);
-  // An answer nobody wants is still taken and kept.
-  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1);
+  // The open port survived all of it, and an answer nobody wants is still
+  // taken and kept.
+  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1) << LastError();
   EXPECT_EQ(Record(*ports_.back())->lastResponse.Get(), "ZS0001");
 }

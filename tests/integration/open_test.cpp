@@ -149,44 +149,34 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
   EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{460800}));
 }
 
-TEST_F(OpenTest, ClosingByPathSerialAndAll) {
-  OpenPort(Analyser("ZSAAAA"));
-  zeltosim::SimPort& b = OpenPort(Analyser("ZSBBBB"));
-  zeltosim::SimPort& c = OpenPort(Analyser("ZSCCCC"));
-
-  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
-  EXPECT_EQ(Outcome(ZeltoCom_Close(b.path().c_str())), "0: The device path is not in use");
-  int result = -5;
-  EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
-  EXPECT_EQ(result, 1);
-  EXPECT_EQ(ZeltoCom_CloseSN("ZSAAAA"), 0);
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
-  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
-  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
-  EXPECT_EQ(ZeltoCom_Close_Multi_Thread(&result, c.path().c_str()), 0);
-  EXPECT_EQ(result, 0);
-
-  // A closed path opens again.
-  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), c.baud()), 1) << LastError();
-}
-
-TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
+TEST_F(OpenTest, PortsAreFoundByPathSerialOrId) {
   zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
   Publish();
   zeltocom::s_IDPort row;
   row.devicePath.assign(port.path());
-  row.deviceID.assign("LEFT-LAMP");
+  row.deviceID.assign("LAMP");
   zeltocom::IDtoPortList_Add(row);
-
-  EXPECT_EQ(ZeltoCom_OpenID("LEFT-LAMP"), 1);
+  // Opening by ID consults the project table only: nothing goes on the line.
+  EXPECT_EQ(ZeltoCom_OpenID("LAMP"), 1);
   EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(Outcome(ZeltoCom_OpenID("RIGHT-LAMP")), "-1: ID not found");
-
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("NOLAMP")), "-1: ID not found");
   char path[256] = "untouched";
-  EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LEFT-LAMP", path)), port.path());
-  ZeltoCom_GetPortByID("RIGHT-LAMP", path);
+  EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LAMP", path)), port.path());
+  ZeltoCom_GetPortByID("NOLAMP", path);
   EXPECT_STREQ(path, "");
+
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
+  char answer[64];
+  EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
+  EXPECT_STREQ(answer, "ZS0001");
+  EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer)), "-1: ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1)),
+            "-1: The port is not in use");
 }
 
 TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
@@ -231,23 +221,40 @@ TEST_F(OpenTest, ADeviceOpenUnderOneNameIsNotOpenedUnderAnother) {
   unlink(link.c_str());
 }
 
-TEST_F(OpenTest, ListsOfOpenPortsFollowTheOpeningOrder) {
+TEST_F(OpenTest, ListsFollowTheOpeningOrderAndPortsCloseByPathSerialOrAll) {
   zeltosim::SimPort& a = AddPort(Analyser("ZSAAAA"));
   zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
+  zeltosim::SimPort& c = AddPort(Analyser("ZSCCCC"));
   Publish();
   char text[1024] = "untouched";
   EXPECT_EQ(Outcome(ZeltoCom_GetOpenedPortsS(text, ';')), "0: No ports have been opened yet");
   EXPECT_STREQ(text, "untouched");
 
-  ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), b.baud()), 1);
-  ASSERT_EQ(ZeltoCom_Open(a.path().c_str(), a.baud()), 1);
-  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 2);
-  EXPECT_EQ(std::string(text), b.path() + ";" + a.path());
-  char paths[2][256];
-  char* list[] = {paths[0], paths[1]};
-  EXPECT_EQ(ZeltoCom_GetOpenedPorts(list), 2);
-  EXPECT_EQ(std::vector<std::string>(list, list + 2),
-            (std::vector<std::string>{b.path(), a.path()}));
+  for (const zeltosim::SimPort* port : {&b, &a, &c}) {
+    ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1) << LastError();
+  }
+  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 3);
+  EXPECT_EQ(std::string(text), b.path() + ";" + a.path() + ";" + c.path());
+  char paths[3][256];
+  char* list[] = {paths[0], paths[1], paths[2]};
+  EXPECT_EQ(ZeltoCom_GetOpenedPorts(list), 3);
+  EXPECT_EQ(std::vector<std::string>(list, list + 3),
+            (std::vector<std::string>{b.path(), a.path(), c.path()}));
+
+  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_Close(b.path().c_str())), "0: The device path is not in use");
+  int result = -5;
+  EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(ZeltoCom_CloseSN("ZSAAAA"), 0);
+  EXPECT_EQ(Opened(), c.path());
+  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
+  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  EXPECT_EQ(ZeltoCom_Close_Multi_Thread(&result, c.path().c_str()), 0);
+  EXPECT_EQ(result, 0);
+  // A closed path opens again.
+  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), c.baud()), 1) << LastError();
 }
 
 TEST_F(OpenTest, DeviceTypeWords) {

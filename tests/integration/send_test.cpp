@@ -184,27 +184,6 @@ TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
   }
 }
 
-TEST_F(SendTest, PortsAreFoundByPathSerialOrId) {
-  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
-  char answer[64];
-  EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
-  EXPECT_STREQ(answer, "ZS0001");
-  EXPECT_EQ(Outcome(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer)),
-            "-1: The device path is not in use");
-  EXPECT_EQ(Outcome(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer)),
-            "-1: The device path is not in use");
-
-  zeltocom::s_IDPort row;
-  row.devicePath.assign(port.path());
-  row.deviceID.assign("LAMP");
-  zeltocom::IDtoPortList_Add(row);
-  EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
-  EXPECT_EQ(Outcome(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer)), "-1: ID not found");
-
-  EXPECT_EQ(Outcome(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1)),
-            "-1: The port is not in use");
-}
-
 TEST_F(SendTest, BusCommandsHandTheLineOver) {
   zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
   port.chain(Analyser("CHAIN01"));
