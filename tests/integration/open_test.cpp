@@ -81,7 +81,8 @@ TEST_F(OpenTest, SilentAndEchoingLinesAreNoInstruments) {
   EXPECT_EQ(ZeltoCom_Open(shortSerial.path().c_str(), shortSerial.baud()), 1) << LastError();
 }
 
-TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
+// Learnt at the opening, and switched by the commands that switch it.
+TEST_F(OpenTest, EndOfTransmissionMarkerIsLearntAndSwitched) {
   for (const bool eot : {true, false}) {
     Config config = Analyser(eot ? "ZSEOT1" : "ZSPLN1");
     config.eot = eot;
@@ -89,6 +90,14 @@ TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
     Publish();
     ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 230400), 1) << LastError();
     EXPECT_EQ(Record(port)->eotFormat.view(), eot ? "\r\n\x04" : "\r\n");
+  }
+  const zeltosim::SimPort& port = *ports_.back();
+  for (const auto& [command, eot] : {std::pair{"ENABLEEOT", "\r\n\x04"}, {"DisableEot", "\r\n"}}) {
+    ASSERT_EQ(Send(port, command), 1) << command;
+    EXPECT_STREQ(answer_, "OK");
+    EXPECT_EQ(Record(port)->eotFormat.view(), eot);
+    ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+    EXPECT_STREQ(answer_, "ZSPLN1");
   }
 }
 

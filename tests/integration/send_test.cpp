@@ -173,17 +173,6 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   EXPECT_EQ(record->settings.current->pwm, 1);
 }
 
-TEST_F(SendTest, EndOfTransmissionCanBeSwitched) {
-  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
-  for (const auto& [command, eot] : {std::pair{"ENABLEEOT", "\r\n\x04"}, {"DisableEot", "\r\n"}}) {
-    ASSERT_EQ(Send(port, command), 1) << command;
-    EXPECT_STREQ(answer_, "OK");
-    EXPECT_EQ(Record(port)->eotFormat.view(), eot);
-    ASSERT_EQ(Send(port, "GETSERIAL"), 1);
-    EXPECT_STREQ(answer_, "ZS0001");
-  }
-}
-
 TEST_F(SendTest, BusCommandsHandTheLineOver) {
   zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
   port.chain(Analyser("CHAIN01"));
