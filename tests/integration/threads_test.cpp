@@ -1,5 +1,5 @@
-// Host threads driving ports at once: on different ports, on one port, and
-// while another thread lists and closes ports.
+// Host threads driving ports at once: two on each port, while another thread
+// lists and closes the ports.
 #include <atomic>
 #include <future>
 #include <thread>
