@@ -1,18 +1,12 @@
-// Instruments that trickle, babble, chatter, flood, answer late or are
+// Instruments that trickle, babble, chatter, stream, answer late or are
 // unplugged: every call still returns, within its time-outs, with a clear
 // error, and never with an answer that is not its own.
-#include <pthread.h>
-#include <sched.h>
-
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <thread>
-#include <vector>
 
 #include "bench.hpp"
-#include "frame/clock.hpp"
 #include "serial/driver.hpp"
 
 using namespace testlines;
@@ -226,35 +220,4 @@ TEST_F(FaultsTest, ClosingEndsAnExchangeInProgress) {
     EXPECT_LT(MsSince(start), 1000);  // 100 ms on an idle machine
     EXPECT_EQ(send.get(), "-1: The port was closed during the exchange");
   }
-}
-
-// A busy wait counts processor time, which a starved thread barely earns;
-// it still ends in wall-clock time.
-TEST_F(FaultsTest, ABusyWaitEndsInWallClockTimeWhenStarved) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
-  port.master().setFault(zeltosim::Fault::Silent);
-  ZeltoCom_SetResponseTimeout(200);
-  zeltocom::SetBlockingWaits(false);
-  // Four threads that never yield share this thread's processor.
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(sched_getcpu(), &one);
-  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
-  std::atomic<bool> burning{true};
-  std::vector<std::thread> burners;
-  for (int i = 0; i < 4; ++i) {
-    burners.emplace_back([&] {
-      pthread_setaffinity_np(pthread_self(), sizeof one, &one);
-      while (burning) {
-      }
-    });
-  }
-  const auto start = Clock::now();
-  const int result = Send(port, "GETSERIAL");
-  const long took = MsSince(start);
-  burning = false;
-  for (std::thread& burner : burners) burner.join();
-  zeltocom::SetBlockingWaits(true);
-  EXPECT_EQ(result, 0);
-  EXPECT_LT(took, 6000);  // 2 x 200 ms + 1 s, and scheduling
 }

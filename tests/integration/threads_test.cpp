@@ -60,23 +60,3 @@ TEST_F(ThreadsTest, FourPortsWorkWhileAFifthThreadListsAndClosesThem) {
   char text[256];
   EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 0);
 }
-
-TEST_F(ThreadsTest, ParallelWaitsDoNotShortenEachOthersTimeOuts) {
-  for (const char* serial : {"ZS0001", "ZS0002", "ZS0003"}) {
-    OpenPort(Analyser(serial)).master().setFault(zeltosim::Fault::Silent);
-  }
-  ZeltoCom_SetResponseTimeout(1000);
-  // More waiting threads than processors: each must still wait its own
-  // second, not a share of the process's time.
-  std::vector<std::future<long>> waits;
-  for (const auto& port : ports_) {
-    const std::string path = port->path();
-    waits.push_back(std::async(std::launch::async, [path] {
-      const auto start = Clock::now();
-      char answer[64];
-      EXPECT_EQ(ZeltoCom_Send(path.c_str(), "GETSERIAL", answer), 0);
-      return MsSince(start);
-    }));
-  }
-  for (auto& wait : waits) EXPECT_GE(wait.get(), 950);
-}
