@@ -16,24 +16,6 @@ namespace {
 
 using FaultsTest = SimBench;
 
-// A stable name for a line whose device comes and goes, as the links under
-// /dev/serial/by-id are for USB adapters.
-class DeviceLink {
- public:
-  DeviceLink() : dir_(fs::temp_directory_path() / ("zeltocom-link-" + std::to_string(getpid()))) {
-    fs::create_directories(dir_);
-  }
-  ~DeviceLink() { fs::remove_all(dir_); }
-  std::string path() const { return (dir_ / "instrument").string(); }
-  void PointAt(const std::string& target) {
-    fs::remove(path());
-    fs::create_symlink(target, path());
-  }
-
- private:
-  fs::path dir_;
-};
-
 }  // namespace
 
 // An answer that trickles, with never more than the time-out between two
@@ -103,19 +85,22 @@ TEST_F(FaultsTest, ABabblingInstrumentIsCutOffAndThenRefused) {
 // A send or a capture in progress ends as soon as the instrument is
 // unplugged; plugged in again, it answers on the same path.
 TEST_F(FaultsTest, UnpluggingEndsASendAtOnceAndThePathComesBack) {
-  DeviceLink link;
   zeltosim::Config config = Spectrometer("SP0001", "Zelto 01-W");
   config.captureTimeScale = 1.0;
-  setenv("ZELTOCOM_PORTS", link.path().c_str(), 1);
-  ASSERT_EQ(ZeltoCom_EnumPorts(), 1);
-  const std::string linkPath = link.path();
+  // A stable name for the line while its device comes and goes, as the
+  // links under /dev/serial/by-id are for USB adapters.
+  const fs::path link = fs::temp_directory_path() / ("zeltocom-link-" + std::to_string(getpid()));
+  const std::string linkPath = link.string();
   const char* path = linkPath.c_str();
+  setenv("ZELTOCOM_PORTS", path, 1);
   const auto send = [&] { return ZeltoCom_Send(path, "GETSERIAL", answer_); };
   const auto capture = [&] { return ZeltoCom_SpectrometerCapture(path, 0, 1, 10000.0f); };
   const std::pair<std::function<int()>, int> rows[] = {{send, 2000}, {capture, 0}};
   for (const auto& [call, answerDelayMs] : rows) {
     zeltosim::SimPort port(config, BenchLine());
-    link.PointAt(port.path());
+    fs::remove(link);
+    fs::create_symlink(port.path(), link);
+    ASSERT_EQ(ZeltoCom_EnumPorts(), 1);
     ASSERT_EQ(ZeltoCom_Open(path, port.baud()), 1) << LastError();
     ASSERT_EQ(ZeltoCom_Send(path, "GETSERIAL", answer_), 1) << LastError();
     EXPECT_STREQ(answer_, "SP0001");
@@ -131,6 +116,7 @@ TEST_F(FaultsTest, UnpluggingEndsASendAtOnceAndThePathComesBack) {
     EXPECT_EQ(ZeltoCom_Close(path), 1);
   }
   EXPECT_EQ(Opened(), "");
+  fs::remove(link);
 }
 
 // ---- Every answer belongs to its command --------------------------------
@@ -143,22 +129,19 @@ TEST_F(FaultsTest, ALateAnswerIsNeverTakenForALaterCommands) {
   port.master().setAnswerDelayMs(120);
   const std::pair<const char*, const char*> kAnswers[] = {
       {"GETHW", "Zelto 05-P"}, {"ID", "05F"}, {"GETVERSION", "F2.20"}};
-  int answered = 0;
   int late = 0;
   for (int i = 0; i < 9; ++i) {
     const auto& [command, expected] = kAnswers[i % 3];
     ZeltoCom_SetResponseTimeout(i % 2 == 0 ? 60 : 600);
     const int result = Send(port, command);
     if (result == 1) {
-      ++answered;
       EXPECT_STREQ(answer_, expected) << i;
     } else {
       ++late;
       EXPECT_EQ(Outcome(result), "0: Timeout") << i;
     }
   }
-  EXPECT_EQ(late, 5);
-  EXPECT_EQ(answered, 4);
+  EXPECT_EQ(late, 5);  // of 9: the other 4 answered
   EXPECT_EQ(Record(port)->line->resyncs, 4u);
   // A late serial number is owed too: two are awaited, the line's own and
   // the one that brings it back.
