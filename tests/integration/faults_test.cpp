@@ -1,4 +1,4 @@
-// Instruments that trickle, babble, chatter, stream, answer late or are
+// Instruments that trickle, babble, stream, answer late or are
 // unplugged: every call still returns, within its time-outs, with a clear
 // error, and never with an answer that is not its own.
 #include <filesystem>
@@ -150,37 +150,6 @@ TEST_F(FaultsTest, ALateAnswerIsNeverTakenForALaterCommands) {
   ZeltoCom_SetResponseTimeout(600);
   ASSERT_EQ(Send(port, "GETHW"), 1) << LastError();
   EXPECT_STREQ(answer_, "Zelto 05-P");
-}
-
-// Lines the instrument sends unasked before a command never make its answer:
-// the line is read until it has been quiet before the command goes out. A
-// line that never pauses long enough is refused instead.
-TEST_F(FaultsTest, ChatterBeforeACommandIsNeverPartOfItsAnswer) {
-  zeltosim::Config config = Analyser("ZS0001");
-  config.fault = zeltosim::Fault::Chatter;
-  zeltosim::SimPort& port = OpenPort(config);
-  for (const int every : {10, 1}) {
-    port.master().setChatterMs(every);
-    int answered = 0;
-    const int sends = every == 10 ? 300 : 20;
-    for (int i = 0; i < sends; ++i) {
-      const std::string outcome = Outcome(Send(port, "GETSERIAL"));
-      const int before = port.lineLog().back().chatterBefore;
-      if (outcome != "1") {
-        EXPECT_EQ(outcome, "-1: The line does not stop sending");
-        continue;
-      }
-      ++answered;
-      const std::string answer = answer_;
-      if (answer == "ZS0001") continue;
-      // Only a line that raced the command may pass for its answer.
-      ASSERT_EQ(answer.rfind("DATA ", 0), 0u) << answer;
-      EXPECT_GT(std::stoi(answer.substr(5)), before) << answer;
-    }
-    if (every == 10) {
-      EXPECT_GT(answered, 290);
-    }
-  }
 }
 
 // ---- Every wait ends on time -------------------------------------------------
