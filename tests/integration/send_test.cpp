@@ -173,28 +173,6 @@ TEST_F(SendTest, CacheFollowsIdentificationQueries) {
   EXPECT_EQ(record->settings.current->pwm, 1);
 }
 
-TEST_F(SendTest, BusCommandsHandTheLineOver) {
-  zeltosim::SimPort& port = AddPort(Analyser("MASTER1"));
-  port.chain(Analyser("CHAIN01"));
-  Publish();
-  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1);
-  ASSERT_EQ(Send(port, "BUSGETchain01"), 1) << LastError();
-  EXPECT_NE(std::string(answer_).find("OK"), std::string::npos);
-  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
-  EXPECT_STREQ(answer_, "CHAIN01");
-  // The chained instrument's settings are its own.
-  EXPECT_EQ(Record(port)->busOwner->serialNumber.view(), "CHAIN01");
-  ASSERT_EQ(Send(port, "GETNFIB"), 1);
-  EXPECT_EQ(Record(port)->busOwner->settings.numFibers, 2);
-  EXPECT_EQ(Record(port)->settings.numFibers, -1);
-
-  ASSERT_EQ(Send(port, "BUSFREE"), 1);
-  ASSERT_EQ(Send(port, "GETSERIAL"), 1);
-  EXPECT_STREQ(answer_, "MASTER1");
-  // A bare BUSGET is an ordinary command.
-  EXPECT_EQ(Outcome(Send(port, "BUSGET")), "0: Syntax error");
-}
-
 // The buffer holds the answer and its terminating zero, or the answer is cut
 // and the record keeps it whole.
 TEST_F(SendTest, AnswersAreCutToTheResponseBufferSize) {
