@@ -78,6 +78,8 @@ TEST_F(TraceTest, EveryCommandAndAnswerIsOneLineWithPortSerialOutcomeAndTime) {
   EXPECT_GT(std::stod(sent[0]), 0.0);
   EXPECT_LE(std::stod(sent[0]), std::stod(answered[0]));
 
+  // From here on: a loaded machine may have made the opening's answers late too.
+  std::ofstream(path_, std::ios::trunc);
   port.master().setFault(zeltosim::Fault::Silent);
   EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "0: Timeout");
   EXPECT_EQ(LinesWith(", late, ").size(), 1u) << Traced();
