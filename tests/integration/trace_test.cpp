@@ -59,6 +59,9 @@ TEST(TraceText, BytesOutsidePrintableAsciiAreEscaped) {
 
 TEST_F(TraceTest, EveryCommandAndAnswerIsOneLineWithPortSerialOutcomeAndTime) {
   ASSERT_EQ(ZeltoCom_SetTrace(path_.c_str()), 1) << LastError();
+  // A file that cannot be opened fails, and the trace goes on as it was.
+  EXPECT_EQ(ZeltoCom_SetTrace("/nonexistent-dir/trace.txt"), -1);
+  EXPECT_EQ(LastError(), "Unable to open trace file /nonexistent-dir/trace.txt");
   zeltosim::SimPort& port = OpenPort(Analyser("ZT0001", 3));
   ZeltoCom_SetResponseTimeout(300);
   ASSERT_EQ(Send(port, "GETNFIB"), 1) << LastError();
@@ -75,6 +78,8 @@ TEST_F(TraceTest, EveryCommandAndAnswerIsOneLineWithPortSerialOutcomeAndTime) {
   EXPECT_GT(std::stod(sent[0]), 0.0);
   EXPECT_LE(std::stod(sent[0]), std::stod(answered[0]));
 
+  // From here on: a loaded machine may have made the opening's answers late too.
+  std::ofstream(path_, std::ios::trunc);
   port.master().setFault(zeltosim::Fault::Silent);
   EXPECT_EQ(Outcome(Send(port, "GETSERIAL")), "0: Timeout");
   EXPECT_EQ(LinesWith(", late, ").size(), 1u) << Traced();
@@ -88,13 +93,4 @@ TEST_F(TraceTest, EveryCommandAndAnswerIsOneLineWithPortSerialOutcomeAndTime) {
   const std::string before = Traced();
   EXPECT_EQ(Send(port, "GETNFIB"), 1);
   EXPECT_EQ(Traced(), before);
-}
-
-TEST_F(TraceTest, AFileThatCannotBeOpenedFailsAndTheTraceGoesOnAsItWas) {
-  ASSERT_EQ(ZeltoCom_SetTrace(path_.c_str()), 1);
-  EXPECT_EQ(ZeltoCom_SetTrace("/nonexistent-dir/trace.txt"), -1);
-  EXPECT_EQ(LastError(), "Unable to open trace file /nonexistent-dir/trace.txt");
-  zeltosim::SimPort& port = OpenPort(Analyser("ZT0002", 2));
-  EXPECT_EQ(Send(port, "GETNFIB"), 1);
-  EXPECT_EQ(LinesWith("> GETNFIB").size(), 1u) << Traced();
 }
