@@ -1,5 +1,6 @@
-/* A program of one's own, built against an installed ZeltoCom: the header it
- * compiled with and the library it loaded must be the same version. */
+/* A program of one's own, in C, built against ZeltoCom (the build tree's or
+ * an installed one): the header it compiled with and the library it loaded
+ * must be the same version. */
 #include <stdio.h>
 #include <string.h>
 

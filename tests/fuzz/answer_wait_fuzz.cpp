@@ -67,16 +67,6 @@ struct Script {
   std::vector<Piece> pieces;
 };
 
-// The only call into the driver, alone so that a new name or form of the
-// wait changes nothing else here.
-void WaitForAnswer(SerialLine& line, const Wait& wait, t_comresponse& answer) {
-  const bool multiLine = wait.kind != EndKind::Marker;
-  const int lineCount = wait.kind == EndKind::Lines   ? wait.lineCount
-                        : wait.kind == EndKind::Quiet ? 0
-                                                      : -1;
-  RS232WaitForData(line, &answer, wait.timeoutMs, wait.marker, false, multiLine, lineCount);
-}
-
 Wait DecodeWait(std::uint8_t b) {
   static constexpr std::array<std::string_view, 4> kMarkers = {"", "\r\n", "\r\n\x04", "\x04"};
   static constexpr std::array<long, 4> kTimeoutsMs = {1, 2, 4, 10};
@@ -172,12 +162,17 @@ struct Outcome {
   double wallMs = 0;
 };
 
+// The only call into the driver.
 Outcome RunWait(SerialLine& line, const Wait& wait) {
+  const int lineCount = wait.kind == EndKind::Lines   ? wait.lineCount
+                        : wait.kind == EndKind::Quiet ? 0
+                                                      : -1;
   Outcome out;
   line.outOfStep = false;
   const double begin = WallClockMs();
   try {
-    WaitForAnswer(line, wait, out.answer);
+    RS232WaitForData(line, &out.answer, wait.timeoutMs, wait.marker, false,
+                     wait.kind != EndKind::Marker, lineCount);
   } catch (const LineError& e) {
     Require(std::string_view(e.what()) == "Answer too long");
     out.tooLong = true;

@@ -6,14 +6,12 @@
 // it on standard error.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <termios.h>
 
-#include <algorithm>
-#include <mutex>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "support/lines.hpp"
 #include "zeltosim/zeltosim.hpp"
@@ -126,36 +124,28 @@ TEST(SimStation, StartsQuicklyWithNumberedSerials) {
   EXPECT_THROW(zeltosim::Station(0), std::invalid_argument);
 }
 
-class Collected {
- public:
-  void Add(const std::string& line) {
-    std::lock_guard lock(mutex_);
-    lines_.push_back(line);
-  }
-  // Waits a little for `wanted` to have come, as the port's thread writes it.
-  bool Has(const std::string& wanted) {
-    const auto deadline = Clock::now() + 500ms;
-    for (;;) {
-      {
-        std::lock_guard lock(mutex_);
-        if (std::ranges::find(lines_, wanted) != lines_.end()) return true;
-      }
-      if (Clock::now() > deadline) return false;
-      std::this_thread::sleep_for(5ms);
+// Reads `fd` until a line starting with `start` has come; that line, or
+// empty after 2 s.
+std::string LineStarting(int fd, const std::string& start, std::string& pending) {
+  const auto deadline = Clock::now() + 2s;
+  while (Clock::now() < deadline) {
+    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+      const std::string line = pending.substr(0, end);
+      pending.erase(0, end + 1);
+      if (line.starts_with(start)) return line;
     }
+    pending += ReadFrom(fd, 50ms);
   }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+  return "";
+}
 
 TEST(SimTrace, EachLineInAndEachBurstOutIsOneEscapedLineOfItsInstrument) {
-  Collected trace;
+  int trace[2];
+  ASSERT_EQ(::pipe2(trace, O_CLOEXEC), 0);
   zeltosim::Config master = Instrument("ZT000001");
   master.eot = true;
   zeltosim::LineOptions line;
-  line.trace = [&trace](const std::string& text) { trace.Add(text); };
+  line.trace = [&trace](const std::string& text) { WriteTo(trace[1], text + "\n"); };
   zeltosim::SimPort port(master, line);
   port.chain(Instrument("ZT000002"));
   Host host(port.path());
@@ -173,62 +163,44 @@ TEST(SimTrace, EachLineInAndEachBurstOutIsOneEscapedLineOfItsInstrument) {
       {"GET\x01\xff\\\r\n", "\r\n", R"(ZT000002 <- GET\x01\xff\\\r\n)",
        R"(ZT000002 -> SYNTAX ERROR\r\n)"},
   };
+  std::string pending;
   for (const Case& c : cases) {
     host.Send(c.sent);
     EXPECT_TRUE(host.Read(500ms, c.answerEnd).ends_with(c.answerEnd)) << c.in;
-    EXPECT_TRUE(trace.Has(c.in)) << c.in;
-    EXPECT_TRUE(trace.Has(c.out)) << c.out;
+    EXPECT_EQ(LineStarting(trace[0], c.in, pending), c.in);
+    EXPECT_EQ(LineStarting(trace[0], c.out, pending), c.out);
   }
+  ::close(trace[0]);
+  ::close(trace[1]);
 }
 
-// Reads `fd` until a line starting with `start` has come; that line.
-std::string LineStarting(int fd, const std::string& start, std::string& pending) {
-  const auto deadline = Clock::now() + 2s;
-  while (Clock::now() < deadline) {
-    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
-      const std::string line = pending.substr(0, end);
-      pending.erase(0, end + 1);
-      if (line.starts_with(start)) return line;
-    }
-    pending += ReadFrom(fd, 50ms);
-  }
-  return "";
-}
-
+// zeltosim --verbose: the trace on standard error, standard output keeping
+// the port list alone. The shell says its pid, which the simulator takes on.
 TEST(SimTrace, VerboseZeltosimPrintsCommandAndAnswerOnStandardError) {
-  int out[2];
   int err[2];
-  ASSERT_EQ(::pipe2(out, O_CLOEXEC | O_NONBLOCK), 0);
-  ASSERT_EQ(::pipe2(err, O_CLOEXEC | O_NONBLOCK), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-  std::string words[] = {ZELTOSIM, "--verbose", "--port", "serial=ZV000001"};
-  char* argv[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), nullptr};
-  pid_t pid = 0;
-  ASSERT_EQ(::posix_spawn(&pid, ZELTOSIM, &actions, nullptr, argv, environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(out[1]);
+  ASSERT_EQ(::pipe(err), 0);
+  const std::string command = "echo $$; exec '" ZELTOSIM "' --verbose --port serial=ZV000001 "
+                              "</dev/null 2>&" +
+                              std::to_string(err[1]);
+  FILE* sim = ::popen(command.c_str(), "r");
+  ASSERT_NE(sim, nullptr);
   ::close(err[1]);
-
+  const int out = ::fileno(sim);
   std::string stdoutText;
   std::string stderrText;
-  const std::string ports = LineStarting(out[0], "ZELTOCOM_PORTS=", stdoutText);
+  const pid_t pid = std::atoi(LineStarting(out, "", stdoutText).c_str());
+  ASSERT_GT(pid, 0);
+  const std::string ports = LineStarting(out, "ZELTOCOM_PORTS=", stdoutText);
   ASSERT_FALSE(ports.empty());
   EXPECT_EQ(Host(ports.substr(ports.find('=') + 1)).Ask("GETSERIAL", 1s), "ZV000001\r\n");
   EXPECT_EQ(LineStarting(err[0], "ZV000001 <-", stderrText), R"(ZV000001 <- GETSERIAL\r\n)");
   EXPECT_EQ(LineStarting(err[0], "ZV000001 ->", stderrText), R"(ZV000001 -> ZV000001\r\n)");
-  // Standard output keeps only the port list.
-  stdoutText += ReadFrom(out[0], 50ms);
+  stdoutText += ReadFrom(out, 50ms);
   EXPECT_EQ(stdoutText.find("<-"), std::string::npos) << stdoutText;
 
   ::kill(pid, SIGTERM);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
+  const int status = ::pclose(sim);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  ::close(out[0]);
   ::close(err[0]);
 }
 

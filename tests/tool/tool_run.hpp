@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -144,34 +143,24 @@ class TempDir {
   std::string path_;
 };
 
-// A JSON document flattened to "members/0/name" -> value (strings without
-// quotes, other values as JSON writes them, empty arrays and objects not at
-// all); not valid() when the text is not exactly one valid JSON document.
+// A JSON document flattened to "/members/0/name" -> value (strings without
+// quotes, other values as JSON writes them, empty arrays and objects as
+// null); not valid() when the text is not exactly one valid JSON document.
 class FlatJson {
  public:
-  explicit FlatJson(const std::string& text) {
-    const auto document = nlohmann::json::parse(text, nullptr, false);
-    valid_ = !document.is_discarded();
-    if (valid_) Flatten(document, "");
+  explicit FlatJson(const std::string& text) : flat_(nlohmann::json::parse(text, nullptr, false)) {
+    if (valid()) flat_ = flat_.flatten();
   }
-  bool valid() const { return valid_; }
-  bool has(const std::string& path) const { return values_.count(path) > 0; }
+  bool valid() const { return !flat_.is_discarded(); }
+  bool has(const std::string& path) const { return valid() && flat_.contains(path); }
   std::string operator[](const std::string& path) const {
-    const auto found = values_.find(path);
-    return found == values_.end() ? "<absent " + path + ">" : found->second;
+    if (!has(path)) return "<absent " + path + ">";
+    const nlohmann::json& value = flat_.at(path);
+    return value.is_string() ? value.get<std::string>() : value.dump();
   }
 
  private:
-  void Flatten(const nlohmann::json& value, const std::string& path) {
-    if (!value.is_structured()) {
-      values_[path] = value.is_string() ? value.get<std::string>() : value.dump();
-      return;
-    }
-    for (const auto& member : value.items()) Flatten(member.value(), path + "/" + member.key());
-  }
-
-  bool valid_ = false;
-  std::map<std::string, std::string> values_;
+  nlohmann::json flat_;
 };
 
 // The JSON of a run of the tool that should end with `status`.
