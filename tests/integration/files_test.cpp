@@ -41,23 +41,6 @@ class FilesTest : public SimBench {
   std::string dir_;
 };
 
-TEST_F(FilesTest, APointIsInTheFirstBinWhoseEdgesItsRayCrossesExactlyOnce) {
-  // Unnamed bins are numbered by their place among the bins: a diamond closed
-  // by repeating its first vertex, and a triangle around everything. HOOK is
-  // a U whose right arm lies three crossings from the origin; SQ a square.
-  const std::string bins = Write(
-      "bins.VEC",
-      "0.3,0.2;0.4,0.3;0.3,0.4;0.2,0.3;0.3,0.2\r\n"
-      "0.1\n"
-      "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
-      "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
-      "0.1,0.05;0.9,0.1;0.4,0.9");
-  EXPECT_EQ(BinOf(bins, 0.3f, 0.3f), "Area 1");
-  EXPECT_EQ(BinOf(bins, 0.175f, 0.175f), "HOOK");
-  EXPECT_EQ(BinOf(bins, 0.36f, 0.36f), "Area 4");
-  EXPECT_EQ(BinOf(bins, 0.95f, 0.95f), "-");
-}
-
 TEST_F(FilesTest, BinFilePathsAndContents) {
   const std::string bin = "B1=0.1,0.1;0.1,0.2\n";
   // The path and the file are checked alike by the established rule and the exact test.
@@ -82,8 +65,9 @@ TEST_F(FilesTest, BinFilePathsAndContents) {
 // corners. The columns: FindBin's answer, then the established one where it
 // differs ("-" none).
 TEST_F(FilesTest, FindBinHoldsEveryPointOfItsPolygonAndOnlyThose) {
+  // The extension in either case.
   const std::string bins = Write(
-      "exact.vec",
+      "exact.VEC",
       "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
       // A U whose right arm lies three crossings from the origin.
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
@@ -132,13 +116,11 @@ TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
     std::memset(name, '#', sizeof name);
     return ZeltoCom_Binning_FindBin(bins.c_str(), buffer, size, x, y);
   };
-  EXPECT_EQ(find(name, 5), 1);
-  EXPECT_STREQ(name, "LONG");
-  EXPECT_EQ(name[5], '#');
-  EXPECT_EQ(find(name, 1), 1);
-  EXPECT_STREQ(name, "");
-  EXPECT_EQ(find(name, 9), 1);
-  EXPECT_STREQ(name, "LONGNAME");
+  for (const auto& [size, text] : {std::pair{5, "LONG"}, {1, ""}, {9, "LONGNAME"}}) {
+    EXPECT_EQ(find(name, size), 1);
+    EXPECT_STREQ(name, text);
+    EXPECT_EQ(name[size], '#');
+  }
   EXPECT_EQ(find(name, 16, 0.2f, 0.4f), 0);
   EXPECT_EQ(name[0], '#');
 
@@ -232,47 +214,39 @@ TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
   EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: No devices found");
 }
 
-TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
+// All or none: an instrument that does not open closes the others again.
+TEST_F(FilesTest, AProjectOpensAndClosesAllItsInstrumentsOrNone) {
   zeltosim::SimPort& left = AddPort(Analyser("ZS0001"));
   left.chain(Analyser("ZS0003"));
   zeltosim::SimPort& right = AddPort(Analyser("ZS0002"));
   Publish();
-  const std::string project =
+  const std::string masters =
       "# station 4\r\n\r\n[DEVICE]\r\nPORT=" + left.path() + "\r\nID=LEFT\r\n# fixed rate\r\n" +
       "BAUDRATE=" + std::to_string(left.baud()) + "\r\nSERIALNUMBER=ZS0001\r\n[END]\r\n" +
-      Section("DEVPATH=" + right.path() + "\nID=RIGHT\nSERIALNUMBER=ZS0002\n") +
-      Section("PORT=" + left.path() + "\nID=CHAINED\nSERIALNUMBER=ZS0003\nROLE=DaisyChain\n");
+      Section("DEVPATH=" + right.path() + "\nID=RIGHT\nSERIALNUMBER=ZS0002\n");
+  const std::string chained = "PORT=" + left.path() + "\nROLE=DAISY-CHAIN\nID=C";
+  EXPECT_EQ(OpenProject(masters + Section(chained + "\nSERIALNUMBER=ZS0003\n") +
+                        Section(chained + "2\nSERIALNUMBER=NOBODY\n")),
+            -1);
+  EXPECT_EQ(LastError(), "Communication error");
+  EXPECT_FALSE(IsOpen(left));
+  EXPECT_FALSE(IsOpen(right));
+  EXPECT_EQ(OpenProject(masters + Section("PORT=/dev/pts/none\nID=C\nSERIALNUMBER=ZS0004\n")), -1);
+  EXPECT_EQ(LastError(), "Device Path not available");
+  EXPECT_FALSE(IsOpen(left));
+
+  const std::string project =
+      masters + Section("PORT=" + left.path() + "\nID=C\nSERIALNUMBER=ZS0003\nROLE=DaisyChain\n");
   ASSERT_EQ(OpenProject(project), 1) << LastError();
   EXPECT_EQ(zeltocom::PortsList_Count(&Record(left)->chain), 1);
   char answer[64];
   EXPECT_EQ(ZeltoCom_SendByID("RIGHT", "GETSERIAL", answer), 1);
   EXPECT_STREQ(answer, "ZS0002");
-
   EXPECT_EQ(ZeltoCom_CloseProject(), 1);
   EXPECT_FALSE(IsOpen(left));
   EXPECT_FALSE(IsOpen(right));
   // The IDs stay known, and closing again finds the ports closed.
   EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: The device path is not in use");
-}
-
-TEST_F(FilesTest, AnInstrumentThatDoesNotOpenClosesTheOthersAgain) {
-  zeltosim::SimPort& first = AddPort(Analyser("ZS0001"));
-  first.chain(Analyser("ZS0003"));
-  zeltosim::SimPort& second = AddPort(Analyser("ZS0002"));
-  Publish();
-  const std::string masters = Section("PORT=" + first.path() + "\nID=A\nSERIALNUMBER=ZS0001\n") +
-                              Section("PORT=" + second.path() + "\nID=B\nSERIALNUMBER=ZS0002\n");
-  const std::string chained = "PORT=" + first.path() + "\nROLE=DAISY-CHAIN\nID=C";
-  EXPECT_EQ(OpenProject(masters + Section(chained + "\nSERIALNUMBER=ZS0003\n") +
-                        Section(chained + "2\nSERIALNUMBER=NOBODY\n")),
-            -1);
-  EXPECT_EQ(LastError(), "Communication error");
-  EXPECT_FALSE(IsOpen(first));
-  EXPECT_FALSE(IsOpen(second));
-
-  EXPECT_EQ(OpenProject(masters + Section("PORT=/dev/pts/none\nID=C\nSERIALNUMBER=ZS0004\n")), -1);
-  EXPECT_EQ(LastError(), "Device Path not available");
-  EXPECT_FALSE(IsOpen(first));
 }
 
 }  // namespace
