@@ -47,16 +47,28 @@ TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
   EXPECT_EQ(ask("GETINTENSITY02"), "14427");  // 20814 ln 2
 }
 
-TEST_F(CaptureTest, RefusedArgumentsSendNothing) {
+// Refusals send nothing, but what tells an analyser from a spectrometer.
+TEST_F(CaptureTest, RefusedCallsSendNothing) {
   zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 7, 0)),
-            "-1: Range value out of limits");
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, -1, 0), -1);
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 1, 2, 16)),
-            "-1: Frames value out of limits");
+  const char* p = port.path().c_str();
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 7, 0)), "-1: Range value out of limits");
+  EXPECT_EQ(ZeltoCom_Capture(p, 0, -1, 0), -1);
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 1, 2, 16)), "-1: Frames value out of limits");
   EXPECT_EQ(PortError(port), "Frames value out of limits");
   EXPECT_TRUE(port.lineLog().empty());
   EXPECT_EQ(Outcome(ZeltoCom_Capture("/dev/pts/none", 0, 2, 0)), "-1: The port is not in use");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(p, 0, 0, 0)), "-1: Device is not a Spectrometer");
+  EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETHW"}));
+
+  zeltosim::SimPort& spectrometer = OpenQuiet(Spectrometer("SP0001"));
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(spectrometer.path().c_str(), 0, 2, 0)),
+            "-1: Device is a Spectrometer");
+  EXPECT_EQ(Sent(spectrometer), (std::vector<std::string>{"GETHW"}));
+  // The dark asks for the adjustment set before it refuses.
+  zeltosim::SimPort& other = OpenQuiet(Analyser("ZS0002"));
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(other.path().c_str(), 0, 0, 0)),
+            "-1: Device is not a Spectrometer");
+  EXPECT_EQ(Sent(other), (std::vector<std::string>{"GETHW", "GETCALIBRATION"}));
 }
 
 TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
@@ -109,24 +121,6 @@ TEST_F(CaptureTest, WithoutTheAutomaticTimeOutTheLibraryWideOneHolds) {
   EXPECT_EQ(LastError().rfind("Timeout (250 ms)", 0), 0u) << LastError();
 }
 
-TEST_F(CaptureTest, AnalysersAndSpectrometersRefuseEachOthersCalls) {
-  zeltosim::SimPort& spectrometer = OpenQuiet(Spectrometer("SP0001"));
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(spectrometer.path().c_str(), 0, 2, 0)),
-            "-1: Device is a Spectrometer");
-  EXPECT_EQ(Sent(spectrometer), (std::vector<std::string>{"GETHW"}));
-
-  zeltosim::SimPort& analyser = OpenQuiet(Analyser("ZS0001"));
-  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(analyser.path().c_str(), 0, 0, 0)),
-            "-1: Device is not a Spectrometer");
-  EXPECT_EQ(Sent(analyser), (std::vector<std::string>{"GETHW"}));
-
-  // The dark asks for the adjustment set before it refuses.
-  zeltosim::SimPort& other = OpenQuiet(Analyser("ZS0002"));
-  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(other.path().c_str(), 0, 0, 0)),
-            "-1: Device is not a Spectrometer");
-  EXPECT_EQ(Sent(other), (std::vector<std::string>{"GETHW", "GETCALIBRATION"}));
-}
-
 TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimit) {
   zeltosim::Config fast = Spectrometer("SP0002", "Zelto 01-W2");
   fast.captureTimeScale = 0.01;
@@ -177,17 +171,6 @@ TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
   EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0)), "0: Syntax error");
 }
 
-TEST_F(CaptureTest, SpectrometerConditionsAreReported) {
-  zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0001", "Zelto 01-W"));
-  for (const auto& [condition, error] : {std::pair{"NOT STABLE", "NOT STABLE"},
-                                         {"DARK TOO HIGH", "DARK TOO HIGH"},
-                                         {"Overrange", "Overrange condition detected"}}) {
-    port.master().setCaptureCondition(condition);
-    EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0) << condition;
-    EXPECT_EQ(LastError(), error);
-  }
-}
-
 TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
   zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0001", "Zelto 01-W"));
   ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 5.0f), 1) << LastError();
@@ -207,6 +190,15 @@ TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
   EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0)),
             "0: Dark Acquisition not detected");
   EXPECT_EQ(port.countReceived("I"), 1);
+
+  // Conditions of a capture are its error.
+  for (const auto& [condition, error] : {std::pair{"NOT STABLE", "NOT STABLE"},
+                                         {"DARK TOO HIGH", "DARK TOO HIGH"},
+                                         {"Overrange", "Overrange condition detected"}}) {
+    port.master().setCaptureCondition(condition);
+    EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0) << condition;
+    EXPECT_EQ(LastError(), error);
+  }
 }
 
 // Races the first wait's processor time against the instrument's wall-clock
