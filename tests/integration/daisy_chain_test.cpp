@@ -1,5 +1,5 @@
 // Instruments behind a master: adding and removing them, talking to them
-// through the master's line, and the last answer of a port.
+// through the master's line, and capturing from all at once.
 #include "bench.hpp"
 #include "frame/registry.hpp"
 
@@ -101,21 +101,6 @@ TEST_F(DaisyChainTest, SendsLearnAndReachTheAddressedInstrumentInEitherFraming) 
   // Each chained instrument was learnt once, in its own framing.
   EXPECT_EQ(ChainLength(), 2);
   ExpectOwnFraming();
-}
-
-TEST_F(DaisyChainTest, TheLastAnswerOfAPortIsWhoeverGaveIt) {
-  char buffer[256] = "untouched";
-  EXPECT_EQ(ZeltoCom_GetResponseByPort(Path(), buffer), 1);
-  EXPECT_STREQ(buffer, "");
-  ASSERT_EQ(ZeltoCom_DaisyChain_Add(Path(), "CHAIN02"), 1);
-  ASSERT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "GETSERIAL", nullptr), 1);
-  EXPECT_EQ(ZeltoCom_GetResponseByPort(Path(), buffer), 1);
-  EXPECT_STREQ(buffer, "CHAIN02");
-
-  EXPECT_EQ(Outcome(ZeltoCom_GetResponseByPort("/dev/pts/none", buffer)),
-            "0: The device path is not in use");
-  ZeltoCom_CloseAll();
-  EXPECT_EQ(Outcome(ZeltoCom_GetResponseByPort(Path(), buffer)), "0: No ports have been opened");
 }
 
 TEST_F(DaisyChainTest, RemovingForgetsWithoutTraffic) {

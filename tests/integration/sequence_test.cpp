@@ -1,6 +1,6 @@
 // Sequences through the C interface against simulated analysers: set-up,
-// capture and readouts, pattern and frequency of simulated lights, and the
-// search for test settings.
+// capture and readouts, and the search for test settings, measured on a
+// simulated light.
 #include <functional>
 #include <utility>
 
@@ -174,33 +174,6 @@ TEST_F(SequenceTest, ShortValuesAreSamplesPaddedOrBare) {
     ASSERT_EQ(Send(*port_, "GETWAVELENGTH02"), 1);
     EXPECT_STREQ(answer_, line);
   }
-}
-
-TEST_F(SequenceTest, PatternsOfARunningLight) {
-  const char* p = Open();
-  port_->master().setRunningLight(20);  // fiber 1 lit 0-20 ms, fiber 2 20-40 ms, ...
-  Capture(10, 8);
-  const std::vector<int> first = Intensities(1, 8);
-  int count = 0;
-  std::vector<int> durations(8), levels(8);
-  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()),
-            1);
-  ASSERT_EQ(count, 4);
-  EXPECT_EQ(durations, (std::vector<int>{20, 20, 20, 20, 0, 0, 0, 0}));
-  EXPECT_EQ(levels, (std::vector<int>{1200, 0, 1200, 0, 0, 0, 0, 0}));
-
-  // A fixed high threshold above every sample leaves one dark run.
-  ASSERT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, 5000), 1);
-  ASSERT_EQ(ZeltoCom_Sequence_GetPattern(p, first.data(), &count, durations.data(), levels.data()),
-            1);
-  EXPECT_EQ(count, 1);
-  EXPECT_EQ(durations[0], 80);
-  ASSERT_EQ(ZeltoCom_Sequence_SetPatternThresholdHigh(p, -1), 1);
-
-  int delays[2], lengths[2], lit[2];
-  ASSERT_EQ(ZeltoCom_Sequence_GetSweepingPattern(p, 2, 1, delays, lengths, lit), 1);
-  EXPECT_EQ(std::vector<int>({delays[0], lengths[0], lit[0]}), (std::vector<int>{0, 20, 1200}));
-  EXPECT_EQ(std::vector<int>({delays[1], lengths[1], lit[1]}), (std::vector<int>{20, 20, 1200}));
 }
 
 TEST_F(SequenceTest, FindTestSettingsMeasuresTheLightItIsGiven) {
