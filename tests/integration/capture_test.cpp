@@ -31,22 +31,6 @@ TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
   EXPECT_EQ(Record(odd)->settings.adjustmentSet, -1);
 }
 
-TEST_F(CaptureTest, ReadingsComeFromTheLastCapture) {
-  zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
-  port.master().setFiber(1, zeltosim::Fiber{0.0, 0.0, 1.0, 1000.0});
-  ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 1) << LastError();
-  port.master().setFiber(1, zeltosim::Fiber{1.0, 0.0, 0.0, 5.0});  // too late for that capture
-  const auto ask = [&](const char* command) {
-    EXPECT_EQ(Send(port, command), 1) << command;
-    return std::string(answer_);
-  };
-  ask("SETLIN");
-  EXPECT_EQ(ask("GETRGBI01"), "77 128 51 1200");
-  EXPECT_EQ(ask("GETINTENSITY02"), "1000");
-  ask("SETLOG");
-  EXPECT_EQ(ask("GETINTENSITY02"), "14427");  // 20814 ln 2
-}
-
 // Refusals send nothing, but what tells an analyser from a spectrometer.
 TEST_F(CaptureTest, RefusedCallsSendNothing) {
   zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
