@@ -135,11 +135,8 @@ TEST_F(MultiPortTest, SendResultsPutMinusOneBeforeZero) {
   EXPECT_EQ(results_, (std::vector<int>{0, -1, 1}));
   EXPECT_STREQ(answers[1], "untouched");
   EXPECT_STREQ(answers[2], "ZS0001");
-}
 
-TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
-  AddSlowestFirst({"ZS0001", "ZS0002"});
-  ASSERT_EQ(OpenAll(), 1) << LastError();
+  // Without responses each port keeps its answer; empty list entries are skipped.
   const std::string list = std::string(Paths()[0]) + ";;" + Paths()[1];
   EXPECT_EQ(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 2, "GETSERIAL|GETHW", '|'), 1);
   EXPECT_EQ(Record(*ports_[0])->lastResponse.Get(), "ZS0001");
@@ -148,8 +145,6 @@ TEST_F(MultiPortTest, SendsWithoutResponsesKeepTheAnswersPerPort) {
   EXPECT_EQ(Outcome(ZeltoCom_Send_Multi_NR(results_.data(), list.c_str(), 3, "ID|ID|ID", '|')),
             "-1: Not enough commands given");
   EXPECT_TRUE(Sent(*ports_[0]).empty());
-  EXPECT_EQ(ZeltoCom_SendToAll_NR(results_.data(), "ID"), 1);
-  EXPECT_EQ(Record(*ports_[1])->lastResponse.Get(), "05F");
 }
 
 TEST_F(MultiPortTest, CapturesFromAllPortsAndFromTheSpectrometersAmongThem) {
