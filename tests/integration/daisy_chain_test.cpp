@@ -197,17 +197,6 @@ TEST_F(ChainCaptureTest, OneBroadcastThenEachInstrumentIsAskedUntilDone) {
   EXPECT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "GETRGBI01", rgbi), 1) << LastError();
 }
 
-TEST_F(ChainCaptureTest, ARefusedQuestionCountsAsDoneAndOldFirmwareEnds) {
-  Chained(0).setBusCapture(zeltosim::BusCapture::SyntaxError);
-  Chained(1).setEot(true);
-  ASSERT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "ENABLEEOT", nullptr), 1);
-  ASSERT_EQ(Capture(), 1) << LastError();
-  // The old firmware's separate 0x04 does not spoil the next exchange.
-  char serial[64];
-  ASSERT_EQ(ZeltoCom_DaisyChain_Send(Path(), "CHAIN02", "GETSERIAL", serial), 1) << LastError();
-  EXPECT_STREQ(serial, "CHAIN02");
-}
-
 // With a fixed time-out nothing is asked before the broadcast, not even by
 // the instrument that holds the line.
 TEST_F(ChainCaptureTest, AnInstrumentThatNeverEndsTimesOutAndTheLineIsFreed) {
