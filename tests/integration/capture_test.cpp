@@ -105,50 +105,48 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
   zeltosim::Config fast = Spectrometer("SP0002", "Zelto 01-W2");
   fast.captureTimeScale = 0.01;
   zeltosim::SimPort& w2 = OpenQuiet(fast);
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 2.5f), 1) << LastError();
+  const char* p = w2.path().c_str();
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 1, 2.5f), 1) << LastError();
   EXPECT_EQ(Sent(w2),
             (std::vector<std::string>{"GETHW", "GETADJUSTMENT", "GETAVERAGE", "PUTPWM0", "C2500"}));
-  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.5f)),
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(p, 0, 1, 4000.5f)),
             "-1: Exposure value out of limits");
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, -1.0f), -1);
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w2.path().c_str(), 0, 1, 4000.0f), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 1, -1.0f), -1);
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 1, 4000.0f), 1) << LastError();
   EXPECT_EQ(w2.master().lastCaptureCommand(), "C4000000");
+
+  // The PWM mode of W2 models is switched before the capture; the switch is
+  // not a cached setting.
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 1, 0, 0), 1) << LastError();
+  EXPECT_EQ(w2.countReceived("PUTPWM1"), 1);
+  EXPECT_EQ(w2.master().settings().pwm, 1);
+  EXPECT_EQ(Record(w2)->settings.current->pwm, -1);
+  // Without the automatic time-out the spectrum is still taken.
+  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(p, 0), 1);
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 1, 1, 5.0f), 1) << LastError();
+  EXPECT_EQ(w2.master().lastCaptureCommand(), "C5000");
+  EXPECT_EQ(w2.countReceived("PUTPWM1"), 2);
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 0, 0), 1) << LastError();
+  EXPECT_EQ(w2.master().captures(), 5);
+  EXPECT_EQ(w2.master().lastCaptureCommand(), "C");
+  w2.master().setFault(zeltosim::Fault::SyntaxErrorAll);
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(p, 1, 0, 0)), "0: Syntax error");
 
   fast.serial = "SP0001";
   fast.hardware = "Zelto 01-W";
   zeltosim::SimPort& w = OpenQuiet(fast);
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 1, 1, 2.5f), 1) << LastError();
+  p = w.path().c_str();
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 1, 1, 2.5f), 1) << LastError();
   EXPECT_EQ(w.master().lastCaptureCommand(), "C2");
   EXPECT_EQ(w.countReceived("PUTPWM1"), 0);
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 1, 15000.0f), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 1, 15001.0f), -1);
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 1, 15000.0f), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 1, 15001.0f), -1);
   // Any other manual flag, or no averages to size the wait, lets the instrument choose.
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 2, 2.5f), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 2, 2.5f), 1) << LastError();
   EXPECT_EQ(w.master().lastCaptureCommand(), "C");
   Record(w)->settings.current->averages = 0;
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(w.path().c_str(), 0, 1, 20.0f), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 1, 20.0f), 1) << LastError();
   EXPECT_EQ(w.master().lastCaptureCommand(), "C");
-}
-
-TEST_F(CaptureTest, PwmModeOfW2ModelsIsSwitchedBeforeTheCapture) {
-  zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0002", "Zelto 01-W2"));
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0), 1) << LastError();
-  EXPECT_EQ(port.countReceived("PUTPWM1"), 1);
-  EXPECT_EQ(port.master().settings().pwm, 1);
-  // The switch is not a cached setting.
-  EXPECT_EQ(Record(port)->settings.current->pwm, -1);
-
-  // Without the automatic time-out the spectrum is still taken.
-  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 1, 5.0f), 1) << LastError();
-  EXPECT_EQ(port.master().lastCaptureCommand(), "C5000");
-  EXPECT_EQ(port.countReceived("PUTPWM1"), 2);
-  ASSERT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 1) << LastError();
-  EXPECT_EQ(port.master().captures(), 3);
-  EXPECT_EQ(port.master().lastCaptureCommand(), "C");
-
-  port.master().setFault(zeltosim::Fault::SyntaxErrorAll);
-  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerCapture(port.path().c_str(), 1, 0, 0)), "0: Syntax error");
 }
 
 TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
