@@ -17,7 +17,7 @@ class DaisyChainTest : public SimBench {
     withEot.eot = !withEot.eot;  // the chain mixes both framings
     withEot.firmware = "F2.05";  // old enough to send the 0x04 of a BUSCE answer apart
     chained_.push_back(&port.chain(withEot));
-    spectrometer_ = &port.chain(Spectrometer("SPEC01", "Zelto 01-W"));
+    port.chain(Spectrometer("SPEC01", "Zelto 01-W"));
     Publish();
     ASSERT_EQ(ZeltoCom_Open(port.path().c_str(), port.baud()), 1) << LastError();
     path_ = port.path();
@@ -32,7 +32,6 @@ class DaisyChainTest : public SimBench {
     return result == 1 ? answer : "failed: " + LastError();
   }
   std::string path_;
-  zeltosim::Instrument* spectrometer_ = nullptr;
   std::vector<zeltosim::Instrument*> chained_;
 
   // The library knows each chained analyser's end-of-answer marker.
@@ -131,19 +130,6 @@ TEST_F(DaisyChainTest, RemovingForgetsWithoutTraffic) {
   // Once forgotten, a send learns the instrument again.
   EXPECT_EQ(SendTo("CHAIN01", "GETSERIAL"), "CHAIN01");
   EXPECT_EQ(ChainLength(), 1);
-}
-
-TEST_F(DaisyChainTest, AChainedSpectrometerIsCapturedWithItsOwnSettings) {
-  EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "SPEC01", 0, 1, 20.0f), 1)
-      << LastError();
-  EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerDark(Path(), "SPEC01", 0, 1, 20.0f), 1) << LastError();
-  EXPECT_EQ(spectrometer_->captures(), 2);
-  EXPECT_EQ(Port().busHolder(), "SPEC01");                   // the line stays with it
-  EXPECT_EQ(Record(Port())->hardwareDescriptor.view(), "");  // the master was not asked
-
-  EXPECT_EQ(Outcome(ZeltoCom_DaisyChain_SpectrometerCapture(Path(), "CHAIN01", 0, 0, 0)),
-            "-1: Device is not a Spectrometer");
-  EXPECT_EQ(ZeltoCom_DaisyChain_SpectrometerDark(Path(), "NOBODY", 0, 0, 0), 0);
 }
 
 namespace {
