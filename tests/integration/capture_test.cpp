@@ -9,10 +9,11 @@ using CaptureTest = SimBench;
 
 TEST_F(CaptureTest, SettingsAreAskedOnceBeforeTheFirstCapture) {
   zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
+  const char* p = port.path().c_str();
   for (int frames : {3, 0}) {
-    EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 1, 5, frames), 1) << LastError();
+    EXPECT_EQ(ZeltoCom_Capture(p, 1, 5, frames), 1) << LastError();
   }
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 7), 1) << LastError();
+  EXPECT_EQ(ZeltoCom_Capture(p, 0, 0, 7), 1) << LastError();
   EXPECT_EQ(Sent(port), (std::vector<std::string>{"GETHW", "GETCALIBRATION", "GETFACTOR", "C5PWM03",
                                                   "C5PWM", "C"}));
 
@@ -57,47 +58,45 @@ TEST_F(CaptureTest, RefusedCallsSendNothing) {
 
 TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
   zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
+  const char* p = port.path().c_str();
   zeltosim::Fiber fiber;
   fiber.force = zeltosim::Range::OverRange;
   port.master().setFiber(1, fiber);
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
-            "0: OVERRANGE ON FIBER 02 condition detected");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)), "0: OVERRANGE ON FIBER 02 condition detected");
   EXPECT_EQ(PortError(port), "OVERRANGE ON FIBER 02 condition detected");
   port.master().setFiber(1, zeltosim::Fiber{});
   fiber.force = zeltosim::Range::UnderRange;
   port.master().setFiber(0, fiber);
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
-            "0: UNDERRANGE ON FIBER 01 condition detected");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)), "0: UNDERRANGE ON FIBER 01 condition detected");
   port.master().setAnswer("C5", "Not stable");
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 5, 0)),
-            "0: Not stable condition detected");
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)), "0: Not stable condition detected");
   // The port stays usable.
   port.master().setAnswer("C5", "");
   port.master().setFiber(0, zeltosim::Fiber{});
-  ASSERT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 1);
+  ASSERT_EQ(ZeltoCom_Capture(p, 0, 6, 0), 1);
 
   // Time-outs and syntax errors name the device.
   port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0), 0);
+  EXPECT_EQ(ZeltoCom_Capture(p, 0, 6, 0), 0);
   const std::string error = LastError();
   EXPECT_EQ(error.rfind("Timeout (", 0), 0u) << error;
   EXPECT_NE(error.find(" ms) in Device on " + port.path() + " with SN ZS0001"), std::string::npos)
       << error;
 
   port.master().setFault(zeltosim::Fault::SyntaxErrorAll);
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(port.path().c_str(), 0, 6, 0)),
+  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 6, 0)),
             "0: Syntax error in Device on " + port.path() + " with SN ZS0001");
 
   // Without the automatic time-out the library-wide one holds (range 1 would
   // wait seconds); the text tells the time waited as the library counted it.
   port.master().setFault(zeltosim::Fault::Silent);
-  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(port.path().c_str(), 0), 1);
+  ASSERT_EQ(ZeltoCom_SetResponseTimeoutAuto(p, 0), 1);
   ZeltoCom_SetResponseTimeout(250);
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 1, 0), 0);
+  EXPECT_EQ(ZeltoCom_Capture(p, 0, 1, 0), 0);
   EXPECT_EQ(LastError().rfind("Timeout (2", 0), 0u) << LastError();
   // Still silent: the line cannot be brought back in step, so the next
   // capture is held back and tells the whole time-out all the same.
-  EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 1, 0), 0);
+  EXPECT_EQ(ZeltoCom_Capture(p, 0, 1, 0), 0);
   EXPECT_EQ(LastError().rfind("Timeout (250 ms)", 0), 0u) << LastError();
 }
 
@@ -151,22 +150,22 @@ TEST_F(CaptureTest, SpectrometerExposureIsSentInTheModelsUnitWithinTheModelsLimi
 
 TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
   zeltosim::SimPort& port = OpenQuiet(Spectrometer("SP0001", "Zelto 01-W"));
-  ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 5.0f), 1) << LastError();
+  const char* p = port.path().c_str();
+  ASSERT_EQ(ZeltoCom_SpectrometerDark(p, 0, 1, 5.0f), 1) << LastError();
   EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK  5");
-  ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 250.0f), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_SpectrometerDark(p, 0, 1, 250.0f), 1) << LastError();
   EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK250");
-  ASSERT_EQ(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0), 1) << LastError();
+  ASSERT_EQ(ZeltoCom_SpectrometerDark(p, 0, 0, 0), 1) << LastError();
   EXPECT_EQ(port.master().lastCaptureCommand(), "CAPTUREDARK");
   EXPECT_EQ(port.countReceived("I"), 0);
 
   // An instant dark's result comes in the same read as the announcement.
   port.master().setCaptureMs(0);
-  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 1, 1.0f)), "1");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(p, 0, 1, 1.0f)), "1");
 
   port.master().setDarkAnnounces(false);
   // The instrument's plain result comes within the first wait.
-  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(port.path().c_str(), 0, 0, 0)),
-            "0: Dark Acquisition not detected");
+  EXPECT_EQ(Outcome(ZeltoCom_SpectrometerDark(p, 0, 0, 0)), "0: Dark Acquisition not detected");
   EXPECT_EQ(port.countReceived("I"), 1);
 
   // Conditions of a capture are its error.
@@ -174,7 +173,7 @@ TEST_F(CaptureTest, DarkIsAnnouncedThenReportedAndStoppedWithoutAnnouncement) {
                                          {"DARK TOO HIGH", "DARK TOO HIGH"},
                                          {"Overrange", "Overrange condition detected"}}) {
     port.master().setCaptureCondition(condition);
-    EXPECT_EQ(ZeltoCom_SpectrometerCapture(port.path().c_str(), 0, 0, 0), 0) << condition;
+    EXPECT_EQ(ZeltoCom_SpectrometerCapture(p, 0, 0, 0), 0) << condition;
     EXPECT_EQ(LastError(), error);
   }
 }
