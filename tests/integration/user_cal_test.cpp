@@ -24,7 +24,7 @@ class UserCalTest : public SimBench {
 
 }  // namespace
 
-TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
+TEST_F(UserCalTest, ValuesAreSentInTheirFormatsAndSilenceLeavesTheOutputs) {
   zeltosim::SimPort& analyser = Open(Analyser("ZA0001"));
   zeltosim::Config nodeConfig = Analyser("ZN0001");
   nodeConfig.hardware = "Zelto Node 4";
@@ -32,6 +32,7 @@ TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
   const char* a = analyser.path().c_str();
   const char* n = node.path().c_str();
   float x = 0, y = 0;
+  int offset = 0, gain = 0;
   double factor = 0;
   struct Row {
     zeltosim::SimPort& port;
@@ -63,6 +64,14 @@ TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
        "GETXOFFSET001 GETYOFFSET001"},
       {node, [&] { return ZeltoCom_UserCal_GetAbsIntFactor(n, 2, &factor); }, "1",
        "GETABSINTMULT002"},
+      // Resets store the neutral values.
+      {analyser, [&] { return ZeltoCom_UserCal_ResetxyOffsets(a, 1); }, "1",
+       "SETXOFFSET01+0.000 SETYOFFSET01+0.000"},
+      {analyser, [&] { return ZeltoCom_UserCal_ResetWavelengthOffset(a, 1); }, "1",
+       "SETWAVELENGTHOFFSET01+00"},
+      {analyser, [&] { return ZeltoCom_UserCal_ResetIntensityGain(a, 1); }, "1", "SETINTGAIN01100"},
+      {analyser, [&] { return ZeltoCom_UserCal_ResetAbsIntFactor(a, 1); }, "1",
+       "SETABSINTMULT011.00000E+00"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE("row " + std::to_string(&row - rows));
@@ -70,32 +79,19 @@ TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
     EXPECT_EQ(Outcome(row.call()), row.outcome);
     EXPECT_EQ(Sent(row.port), Words(row.sent));
   }
-}
 
-TEST_F(UserCalTest, ResetsStoreTheNeutralValuesAndSilenceLeavesTheOutputs) {
-  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
-  const char* p = port.path().c_str();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetxyOffsets(p, 1), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetWavelengthOffset(p, 1), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetIntensityGain(p, 1), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetAbsIntFactor(p, 1), 1) << LastError();
-  EXPECT_EQ(Sent(port), (std::vector<std::string>{"SETXOFFSET01+0.000", "SETYOFFSET01+0.000",
-                                                  "SETWAVELENGTHOFFSET01+00", "SETINTGAIN01100",
-                                                  "SETABSINTMULT011.00000E+00"}));
-
-  float x = 7, y = 7;
-  int offset = 7, gain = 7;
-  double factor = 7;
-  port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y)), "0: Unable to read xy offsets");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &offset)),
+  // Without an answer the getters leave the outputs as they were.
+  const auto before = std::make_tuple(x, y, offset, gain, factor);
+  analyser.master().setFault(zeltosim::Fault::Silent);
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(a, 1, &x, &y)), "0: Unable to read xy offsets");
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetWavelengthOffset(a, 1, &offset)),
             "0: Unable to read Wavelength offset");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetIntensityGain(p, 1, &gain)),
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetIntensityGain(a, 1, &gain)),
             "0: Unable to read Intensity gain");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor)),
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetAbsIntFactor(a, 1, &factor)),
             "0: Unable to read Absolute Intensity factor");
-  EXPECT_EQ(std::tie(x, y, offset, gain, factor), std::make_tuple(7.0f, 7.0f, 7, 7, 7.0));
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, nullptr)),
+  EXPECT_EQ(std::tie(x, y, offset, gain, factor), before);
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(a, 1, &x, nullptr)),
             "-1: No buffer given for the result");
 }
 
