@@ -59,20 +59,13 @@ TEST_F(CaptureTest, RefusedCallsSendNothing) {
 TEST_F(CaptureTest, RangeReportsTimeOutsAndSyntaxErrorsBecomeErrorTexts) {
   zeltosim::SimPort& port = OpenQuiet(Analyser("ZS0001"));
   const char* p = port.path().c_str();
-  zeltosim::Fiber fiber;
-  fiber.force = zeltosim::Range::OverRange;
-  port.master().setFiber(1, fiber);
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)), "0: OVERRANGE ON FIBER 02 condition detected");
-  EXPECT_EQ(PortError(port), "OVERRANGE ON FIBER 02 condition detected");
-  port.master().setFiber(1, zeltosim::Fiber{});
-  fiber.force = zeltosim::Range::UnderRange;
-  port.master().setFiber(0, fiber);
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)), "0: UNDERRANGE ON FIBER 01 condition detected");
-  port.master().setAnswer("C5", "Not stable");
-  EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)), "0: Not stable condition detected");
+  for (const char* condition : {"OVERRANGE ON FIBER 02", "UNDERRANGE ON FIBER 01", "Not stable"}) {
+    port.master().setAnswer("C5", condition);
+    EXPECT_EQ(Outcome(ZeltoCom_Capture(p, 0, 5, 0)),
+              "0: " + std::string(condition) + " condition detected");
+    EXPECT_EQ(PortError(port), std::string(condition) + " condition detected");
+  }
   // The port stays usable.
-  port.master().setAnswer("C5", "");
-  port.master().setFiber(0, zeltosim::Fiber{});
   ASSERT_EQ(ZeltoCom_Capture(p, 0, 6, 0), 1);
 
   // Time-outs and syntax errors name the device.

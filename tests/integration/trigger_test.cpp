@@ -84,8 +84,7 @@ TEST_F(TriggerTest, SetUpSendsTheInstrumentsCommandsAndRefusesBadArguments) {
       {spectrometer, 1, 0, "XYI", 65001, 0, 1, "0: Wrong pre-delay given", ""},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(::testing::Message()
-                 << "range " << row.range << ", delays " << row.pre << " and " << row.post);
+    SCOPED_TRACE(&row - rows);
     row.port.clearLog();
     EXPECT_EQ(Outcome(ZeltoCom_ExternalTrigger_Enable(row.port.path().c_str(), row.range, row.pwm,
                                                       row.type, row.pre, row.post, row.save)),

@@ -117,10 +117,9 @@ TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
   EXPECT_EQ(Outcome(take({1.0, 0.0, 0.0, 0.0}, 'R')), "0: Under-range detected");
 
   port.clearLog();
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustRGB(p, 25, 0.64f, 0.33f, 1234.5, 0.30f, 0.60f, 100.0, 0.15f,
-                                       0.06f, 50.0),
-            1)
-      << LastError();
+  ASSERT_EQ(Outcome(ZeltoCom_UserCal_AdjustRGB(p, 25, 0.64f, 0.33f, 1234.5, 0.30f, 0.60f, 100.0,
+                                               0.15f, 0.06f, 50.0)),
+            "1");
   EXPECT_EQ(
       Sent(port),
       (std::vector<std::string>{
