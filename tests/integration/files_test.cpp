@@ -135,50 +135,49 @@ TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
   }
 }
 
-TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
-  const std::string bins = Write(
+// The check lists the bins the established rule can misjudge; the list
+// gives each polygon as the test holds it.
+TEST_F(FilesTest, CheckAndListTellWhatTheTestHolds) {
+  std::string bins = Write(
       "check.vec",
       "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
       "CORNER=0,0;0.5,0.1;0.1,0.5\n"
       "LINE=0.1,0.1;0.2,0.2;0.3,0.3\n"
       "0.2,0.8;0.25,0.85;0.3,0.8\n");
-  char report[512];
-  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, sizeof report), 4) << LastError();
-  EXPECT_STREQ(report, "SQ: an edge parallel or nearly parallel to the y axis\n"
-                       "HOOK: not convex\n"
-                       "CORNER: holds the origin\n"
-                       "LINE: no area (its corners lie on one line)");
-  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 8), 4);
-  EXPECT_STREQ(report, "SQ: an ");
-  EXPECT_EQ(Outcome(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 0)),
+  char text[512];
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), text, sizeof text), 4) << LastError();
+  EXPECT_STREQ(text, "SQ: an edge parallel or nearly parallel to the y axis\n"
+                     "HOOK: not convex\n"
+                     "CORNER: holds the origin\n"
+                     "LINE: no area (its corners lie on one line)");
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), text, 8), 4);
+  EXPECT_STREQ(text, "SQ: an ");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_CheckVECFile(bins.c_str(), text, 0)),
             "-1: The size of the report buffer must be at least 1");
   EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(Write("fine.vec", "0.3,0.2;0.4,0.3;0.25,0.4\n").c_str(),
-                                          report, sizeof report),
+                                          text, sizeof text),
             0);
-  EXPECT_STREQ(report, "");
-}
+  EXPECT_STREQ(text, "");
 
-TEST_F(FilesTest, ListBinsGivesEachPolygonAsTheTestHoldsIt) {
   // Short lines hold no bin; an unnamed bin is named for its place; a
   // corner is written as the float the test uses, beyond its range "inf".
-  const std::string bins = Write("list.vec", "W1=0.3,0.3;0.25,0.3;0.25,0.5\n"
-                                             "x\n"
-                                             "0.1,0.2;0.30000001,0.2;0.2,0.5\r\n"
-                                             "=1" +
-                                                 std::string(40, '0') + ",0;0.5,0.5\n");
-  char list[256];
-  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, sizeof list), 3) << LastError();
-  EXPECT_STREQ(list, "W1=0.3,0.3;0.25,0.3;0.25,0.5\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
+  bins = Write("list.vec", "W1=0.3,0.3;0.25,0.3;0.25,0.5\n"
+                           "x\n"
+                           "0.1,0.2;0.30000001,0.2;0.2,0.5\r\n"
+                           "=1" +
+                               std::string(40, '0') + ",0;0.5,0.5\n");
+  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), text, sizeof text), 3) << LastError();
+  EXPECT_STREQ(text, "W1=0.3,0.3;0.25,0.3;0.25,0.5\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
                      "=inf,0;0.5,0.5");
-  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, 5), 3);
-  EXPECT_STREQ(list, "W1=0");
-  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), list, 0)),
+  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), text, 5), 3);
+  EXPECT_STREQ(text, "W1=0");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), text, 0)),
             "-1: The size of the list buffer must be at least 1");
   EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), nullptr, 8)),
             "-1: No buffer given for the result");
-  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(Write("odd.vec", "B1=0.1,0.1;0.2\n").c_str(), list,
-                                              sizeof list)),
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(Write("odd.vec", "B1=0.1,0.1;0.2\n").c_str(), text,
+                                              sizeof text)),
             "-1: Syntax error in VEC file");
 }
 
