@@ -128,7 +128,6 @@ TEST_F(SequenceTest, EachReadoutParsesItsColumns) {
   EXPECT_EQ(Outcome(ZeltoCom_Sequence_ReadIntensity(p, 2, intensity.data())),
             "0: Unexpected error detected while trying to retrieve the test results");
 }
-}
 
 TEST_F(SequenceTest, ShortValuesAreSamplesPaddedOrBare) {
   const char* p = Open();
