@@ -41,23 +41,6 @@ class FilesTest : public SimBench {
   std::string dir_;
 };
 
-TEST_F(FilesTest, APointIsInTheFirstBinWhoseEdgesItsRayCrossesExactlyOnce) {
-  // Unnamed bins are numbered by their place among the bins: a diamond closed
-  // by repeating its first vertex, and a triangle around everything. HOOK is
-  // a U whose right arm lies three crossings from the origin; SQ a square.
-  const std::string bins = Write(
-      "bins.VEC",
-      "0.3,0.2;0.4,0.3;0.3,0.4;0.2,0.3;0.3,0.2\r\n"
-      "0.1\n"
-      "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
-      "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
-      "0.1,0.05;0.9,0.1;0.4,0.9");
-  EXPECT_EQ(BinOf(bins, 0.3f, 0.3f), "Area 1");
-  EXPECT_EQ(BinOf(bins, 0.175f, 0.175f), "HOOK");
-  EXPECT_EQ(BinOf(bins, 0.36f, 0.36f), "Area 4");
-  EXPECT_EQ(BinOf(bins, 0.95f, 0.95f), "-");
-}
-
 TEST_F(FilesTest, BinFilePathsAndContents) {
   const std::string bin = "B1=0.1,0.1;0.1,0.2\n";
   // The path and the file are checked alike by the established rule and the exact test.
@@ -82,8 +65,9 @@ TEST_F(FilesTest, BinFilePathsAndContents) {
 // corners. The columns: FindBin's answer, then the established one where it
 // differs ("-" none).
 TEST_F(FilesTest, FindBinHoldsEveryPointOfItsPolygonAndOnlyThose) {
+  // The extension in either case.
   const std::string bins = Write(
-      "exact.vec",
+      "exact.VEC",
       "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
       // A U whose right arm lies three crossings from the origin.
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
@@ -132,13 +116,11 @@ TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
     std::memset(name, '#', sizeof name);
     return ZeltoCom_Binning_FindBin(bins.c_str(), buffer, size, x, y);
   };
-  EXPECT_EQ(find(name, 5), 1);
-  EXPECT_STREQ(name, "LONG");
-  EXPECT_EQ(name[5], '#');
-  EXPECT_EQ(find(name, 1), 1);
-  EXPECT_STREQ(name, "");
-  EXPECT_EQ(find(name, 9), 1);
-  EXPECT_STREQ(name, "LONGNAME");
+  for (const auto& [size, text] : {std::pair{5, "LONG"}, {1, ""}, {9, "LONGNAME"}}) {
+    EXPECT_EQ(find(name, size), 1);
+    EXPECT_STREQ(name, text);
+    EXPECT_EQ(name[size], '#');
+  }
   EXPECT_EQ(find(name, 16, 0.2f, 0.4f), 0);
   EXPECT_EQ(name[0], '#');
 
@@ -153,53 +135,49 @@ TEST_F(FilesTest, FindBinCutsTheNameAndRefusesWhatItCannotUse) {
   }
 }
 
-TEST_F(FilesTest, CheckListsTheBinsTheEstablishedRuleCanMisjudge) {
-  const std::string bins = Write(
+// The check lists the bins the established rule can misjudge; the list
+// gives each polygon as the test holds it.
+TEST_F(FilesTest, CheckAndListTellWhatTheTestHolds) {
+  std::string bins = Write(
       "check.vec",
-      "DIAMOND=0.3,0.2;0.4,0.3;0.3,0.4;0.2,0.3;0.3,0.2\n"
       "SQ=0.6,0.1;0.7,0.1;0.7,0.2;0.6,0.2\n"
       "HOOK=0.1,0.2;0.15,0.25;0.225,0.175;0.325,0.275;0.25,0.35;0.35,0.45;0.475,0.325;0.225,0.075\n"
-      "STAR=0.5,0.1;0.6,0.4;0.3,0.2;0.7,0.2;0.4,0.4\n"
       "CORNER=0,0;0.5,0.1;0.1,0.5\n"
       "LINE=0.1,0.1;0.2,0.2;0.3,0.3\n"
       "0.2,0.8;0.25,0.85;0.3,0.8\n");
-  char report[512];
-  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, sizeof report), 5) << LastError();
-  EXPECT_STREQ(report, "SQ: an edge parallel or nearly parallel to the y axis\n"
-                       "HOOK: not convex\n"
-                       "STAR: not convex\n"
-                       "CORNER: holds the origin\n"
-                       "LINE: no area (its corners lie on one line)");
-  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 8), 5);
-  EXPECT_STREQ(report, "SQ: an ");
-  EXPECT_EQ(Outcome(ZeltoCom_Binning_CheckVECFile(bins.c_str(), report, 0)),
+  char text[512];
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), text, sizeof text), 4) << LastError();
+  EXPECT_STREQ(text, "SQ: an edge parallel or nearly parallel to the y axis\n"
+                     "HOOK: not convex\n"
+                     "CORNER: holds the origin\n"
+                     "LINE: no area (its corners lie on one line)");
+  EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(bins.c_str(), text, 8), 4);
+  EXPECT_STREQ(text, "SQ: an ");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_CheckVECFile(bins.c_str(), text, 0)),
             "-1: The size of the report buffer must be at least 1");
   EXPECT_EQ(ZeltoCom_Binning_CheckVECFile(Write("fine.vec", "0.3,0.2;0.4,0.3;0.25,0.4\n").c_str(),
-                                          report, sizeof report),
+                                          text, sizeof text),
             0);
-  EXPECT_STREQ(report, "");
-}
+  EXPECT_STREQ(text, "");
 
-TEST_F(FilesTest, ListBinsGivesEachPolygonAsTheTestHoldsIt) {
   // Short lines hold no bin; an unnamed bin is named for its place; a
   // corner is written as the float the test uses, beyond its range "inf".
-  const std::string bins = Write("list.vec", "W1=0.3,0.3;0.25,0.3;0.25,0.5\n"
-                                             "x\n"
-                                             "0.1,0.2;0.30000001,0.2;0.2,0.5\r\n"
-                                             "=1" +
-                                                 std::string(40, '0') + ",0;0.5,0.5\n");
-  char list[256];
-  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, sizeof list), 3) << LastError();
-  EXPECT_STREQ(list, "W1=0.3,0.3;0.25,0.3;0.25,0.5\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
+  bins = Write("list.vec", "W1=0.3,0.3;0.25,0.3;0.25,0.5\n"
+                           "x\n"
+                           "0.1,0.2;0.30000001,0.2;0.2,0.5\r\n"
+                           "=1" +
+                               std::string(40, '0') + ",0;0.5,0.5\n");
+  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), text, sizeof text), 3) << LastError();
+  EXPECT_STREQ(text, "W1=0.3,0.3;0.25,0.3;0.25,0.5\nArea 2=0.1,0.2;0.3,0.2;0.2,0.5\n"
                      "=inf,0;0.5,0.5");
-  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), list, 5), 3);
-  EXPECT_STREQ(list, "W1=0");
-  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), list, 0)),
+  EXPECT_EQ(ZeltoCom_Binning_ListBins(bins.c_str(), text, 5), 3);
+  EXPECT_STREQ(text, "W1=0");
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), text, 0)),
             "-1: The size of the list buffer must be at least 1");
   EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(bins.c_str(), nullptr, 8)),
             "-1: No buffer given for the result");
-  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(Write("odd.vec", "B1=0.1,0.1;0.2\n").c_str(), list,
-                                              sizeof list)),
+  EXPECT_EQ(Outcome(ZeltoCom_Binning_ListBins(Write("odd.vec", "B1=0.1,0.1;0.2\n").c_str(), text,
+                                              sizeof text)),
             "-1: Syntax error in VEC file");
 }
 
@@ -230,49 +208,6 @@ TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
 
   EXPECT_EQ(Outcome(OpenProject("# no devices\n\n[END]\nPORT=/dev/a\n")), "0: No devices found");
   EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: No devices found");
-}
-
-TEST_F(FilesTest, AProjectOpensAndClosesItsInstruments) {
-  zeltosim::SimPort& left = AddPort(Analyser("ZS0001"));
-  left.chain(Analyser("ZS0003"));
-  zeltosim::SimPort& right = AddPort(Analyser("ZS0002"));
-  Publish();
-  const std::string project =
-      "# station 4\r\n\r\n[DEVICE]\r\nPORT=" + left.path() + "\r\nID=LEFT\r\n# fixed rate\r\n" +
-      "BAUDRATE=" + std::to_string(left.baud()) + "\r\nSERIALNUMBER=ZS0001\r\n[END]\r\n" +
-      Section("DEVPATH=" + right.path() + "\nID=RIGHT\nSERIALNUMBER=ZS0002\n") +
-      Section("PORT=" + left.path() + "\nID=CHAINED\nSERIALNUMBER=ZS0003\nROLE=DaisyChain\n");
-  ASSERT_EQ(OpenProject(project), 1) << LastError();
-  EXPECT_EQ(zeltocom::PortsList_Count(&Record(left)->chain), 1);
-  char answer[64];
-  EXPECT_EQ(ZeltoCom_SendByID("RIGHT", "GETSERIAL", answer), 1);
-  EXPECT_STREQ(answer, "ZS0002");
-
-  EXPECT_EQ(ZeltoCom_CloseProject(), 1);
-  EXPECT_FALSE(IsOpen(left));
-  EXPECT_FALSE(IsOpen(right));
-  // The IDs stay known, and closing again finds the ports closed.
-  EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: The device path is not in use");
-}
-
-TEST_F(FilesTest, AnInstrumentThatDoesNotOpenClosesTheOthersAgain) {
-  zeltosim::SimPort& first = AddPort(Analyser("ZS0001"));
-  first.chain(Analyser("ZS0003"));
-  zeltosim::SimPort& second = AddPort(Analyser("ZS0002"));
-  Publish();
-  const std::string masters = Section("PORT=" + first.path() + "\nID=A\nSERIALNUMBER=ZS0001\n") +
-                              Section("PORT=" + second.path() + "\nID=B\nSERIALNUMBER=ZS0002\n");
-  const std::string chained = "PORT=" + first.path() + "\nROLE=DAISY-CHAIN\nID=C";
-  EXPECT_EQ(OpenProject(masters + Section(chained + "\nSERIALNUMBER=ZS0003\n") +
-                        Section(chained + "2\nSERIALNUMBER=NOBODY\n")),
-            -1);
-  EXPECT_EQ(LastError(), "Communication error");
-  EXPECT_FALSE(IsOpen(first));
-  EXPECT_FALSE(IsOpen(second));
-
-  EXPECT_EQ(OpenProject(masters + Section("PORT=/dev/pts/none\nID=C\nSERIALNUMBER=ZS0004\n")), -1);
-  EXPECT_EQ(LastError(), "Device Path not available");
-  EXPECT_FALSE(IsOpen(first));
 }
 
 }  // namespace

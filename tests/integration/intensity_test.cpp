@@ -23,10 +23,8 @@ class IntensityTest : public SimBench {
 
 // The same light read on both scales: the conversion of the logarithmic
 // reading is the linear one, and the scale follows SETLIN and SETLOG.
-TEST_F(IntensityTest, ReadingsAgreeAcrossTheScales) {
-  zeltosim::Config config = Analyser("ZI0001");
-  config.fibers[0].intensity = 1200;
-  zeltosim::SimPort& port = OpenPort(config);
+TEST_F(IntensityTest, ReadingsAgreeAcrossTheScalesAndBadArgumentsAreRefused) {
+  zeltosim::SimPort& port = OpenPort(Analyser("ZI0001"));
   const char* path = port.path().c_str();
 
   int logarithmic = -1;
@@ -56,28 +54,27 @@ TEST_F(IntensityTest, ReadingsAgreeAcrossTheScales) {
   ASSERT_EQ(Send(port, "SETLOG"), 1);
   ASSERT_EQ(ZeltoCom_GetIntensityScale(path, &logarithmic), 1);
   EXPECT_EQ(logarithmic, 1);
-}
 
-TEST_F(IntensityTest, BadArgumentsAndSilentInstrumentsAreRefused) {
-  zeltosim::SimPort& port = OpenPort(Analyser("ZI0002"));
-  const char* path = port.path().c_str();
+  // Refusals write nothing; nothing of the scale is known before the first
+  // question, so a silent instrument has none.
+  zeltosim::SimPort& other = OpenPort(Analyser("ZI0002"));
+  path = other.path().c_str();
   int value = 7;
   EXPECT_EQ(ZeltoCom_IntensityToLinear("/dev/zeltocom-none", 100, 0, 0, &value), -1);
   EXPECT_EQ(LastError(), "The port is not in use");
   EXPECT_EQ(ZeltoCom_IntensityToLog(path, 100, 0, 0, nullptr), -1);
-  EXPECT_EQ(PortError(port), "No buffer given for the result");
+  EXPECT_EQ(PortError(other), "No buffer given for the result");
   EXPECT_EQ(ZeltoCom_IntensityToLinear(path, 100, 0, 7, &value), -1);
-  EXPECT_EQ(PortError(port), "Capture range should be a value between 0 and 6");
+  EXPECT_EQ(PortError(other), "Capture range should be a value between 0 and 6");
   EXPECT_EQ(ZeltoCom_IntensityToLinear(path, 100, 0, -1, &value), -1);
   EXPECT_EQ(value, 7) << "nothing written on a failure";
 
-  // Nothing of the scale is known before the first question.
-  port.master().setFault(zeltosim::Fault::Silent);
+  other.master().setFault(zeltosim::Fault::Silent);
   EXPECT_EQ(ZeltoCom_IntensityToLinear(path, 100, 0, 0, &value), 0);
-  EXPECT_EQ(PortError(port), "Unable to read the intensity scale of the instrument");
+  EXPECT_EQ(PortError(other), "Unable to read the intensity scale of the instrument");
   EXPECT_EQ(ZeltoCom_GetIntensityScale(path, &value), 0);
   EXPECT_EQ(value, 7);
   // Range 6, the fastest, is the last that captures take.
-  port.master().setFault(zeltosim::Fault::None);
+  other.master().setFault(zeltosim::Fault::None);
   EXPECT_EQ(Outcome(ZeltoCom_IntensityToLinear(path, 100, 0, 6, &value)), "1");
 }

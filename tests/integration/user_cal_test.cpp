@@ -20,22 +20,11 @@ class UserCalTest : public SimBench {
     port.clearLog();
     return port;
   }
-
-  // A reading of fiber 1 after a fresh capture.
-  std::string Reading(const zeltosim::SimPort& port, const char* command) {
-    EXPECT_EQ(ZeltoCom_Capture(port.path().c_str(), 0, 0, 0), 1) << LastError();
-    EXPECT_EQ(Send(port, command), 1) << command;
-    return answer_;
-  }
-
-  static zeltosim::UserCalibration Cal(zeltosim::SimPort& port, int fiber) {
-    return port.master().userCalibration(fiber - 1);
-  }
 };
 
 }  // namespace
 
-TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
+TEST_F(UserCalTest, ValuesAreSentInTheirFormatsAndSilenceLeavesTheOutputs) {
   zeltosim::SimPort& analyser = Open(Analyser("ZA0001"));
   zeltosim::Config nodeConfig = Analyser("ZN0001");
   nodeConfig.hardware = "Zelto Node 4";
@@ -43,136 +32,67 @@ TEST_F(UserCalTest, ValuesAreSentInTheirFormatsInTheSetOrPutForm) {
   const char* a = analyser.path().c_str();
   const char* n = node.path().c_str();
   float x = 0, y = 0;
+  int offset = 0, gain = 0;
   double factor = 0;
   struct Row {
     zeltosim::SimPort& port;
     std::function<int()> call;
-    int result;
+    std::string outcome;
     std::string sent;
   };
+  const std::string badGain = "-1: Intensity gain should be a value between 50 and 150";
   const Row rows[] = {
-      {analyser, [&] { return ZeltoCom_UserCal_SetxyOffsets(a, 2, 0.0f, -0.25f, 2); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetxyOffsets(a, 2, 0.0f, -0.25f, 2); }, "1",
        "SETXOFFSET02+0.000 SETYOFFSET02-0.250"},
-      {analyser, [&] { return ZeltoCom_UserCal_SetxyOffsets(a, 1, 0.5f, 0.0f, 0); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetxyOffsets(a, 1, 0.5f, 0.0f, 0); }, "1",
        "PUTXOFFSET01+0.500 PUTYOFFSET01+0.000"},
-      {analyser, [&] { return ZeltoCom_UserCal_SetWavelengthOffset(a, 1, -3, 0); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetWavelengthOffset(a, 1, -3, 0); }, "1",
        "PUTWAVELENGTHOFFSET01-03"},
-      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 50, 1); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 50, 1); }, "1",
        "SETINTGAIN02050"},
-      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 120, 2); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 120, 2); }, "1",
        "PUTINTGAIN02120"},
-      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 49, 1); }, -1, ""},
-      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 151, 1); }, -1, ""},
-      {analyser, [&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1.5, 1); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 49, 1); }, badGain, ""},
+      {analyser, [&] { return ZeltoCom_UserCal_SetIntensityGain(a, 2, 151, 1); }, badGain, ""},
+      {analyser, [&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1.5, 1); }, "1",
        "SETABSINTMULT011.50000E+00"},
-      {analyser, [&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1e-100, 2); }, 1,
+      {analyser, [&] { return ZeltoCom_UserCal_SetAbsIntFactor(a, 1, 1e-100, 2); }, "1",
        "PUTABSINTMULT011.00000E-00"},
-      {node, [&] { return ZeltoCom_UserCal_SetIntensityGain(n, 2, 100, 1); }, 1,
+      {node, [&] { return ZeltoCom_UserCal_SetIntensityGain(n, 2, 100, 1); }, "1",
        "SETINTGAIN002100"},
-      {node, [&] { return ZeltoCom_UserCal_GetxyOffsets(n, 1, &x, &y); }, 1,
+      {node, [&] { return ZeltoCom_UserCal_GetxyOffsets(n, 1, &x, &y); }, "1",
        "GETXOFFSET001 GETYOFFSET001"},
-      {node, [&] { return ZeltoCom_UserCal_GetAbsIntFactor(n, 2, &factor); }, 1,
+      {node, [&] { return ZeltoCom_UserCal_GetAbsIntFactor(n, 2, &factor); }, "1",
        "GETABSINTMULT002"},
+      // Resets store the neutral values.
+      {analyser, [&] { return ZeltoCom_UserCal_ResetxyOffsets(a, 1); }, "1",
+       "SETXOFFSET01+0.000 SETYOFFSET01+0.000"},
+      {analyser, [&] { return ZeltoCom_UserCal_ResetWavelengthOffset(a, 1); }, "1",
+       "SETWAVELENGTHOFFSET01+00"},
+      {analyser, [&] { return ZeltoCom_UserCal_ResetIntensityGain(a, 1); }, "1", "SETINTGAIN01100"},
+      {analyser, [&] { return ZeltoCom_UserCal_ResetAbsIntFactor(a, 1); }, "1",
+       "SETABSINTMULT011.00000E+00"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE("row " + std::to_string(&row - rows));
     row.port.clearLog();
-    EXPECT_EQ(row.call(), row.result) << LastError();
+    EXPECT_EQ(Outcome(row.call()), row.outcome);
     EXPECT_EQ(Sent(row.port), Words(row.sent));
   }
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_SetIntensityGain(a, 2, 151, 1)),
-            "-1: Intensity gain should be a value between 50 and 150");
-}
-
-TEST_F(UserCalTest, ValuesReadBackResetsStoreTheNeutralOnesAndSilenceLeavesThem) {
-  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
-  const char* p = port.path().c_str();
-  ASSERT_EQ(ZeltoCom_UserCal_SetxyOffsets(p, 1, 0.01f, -0.02f, 0), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_UserCal_SetWavelengthOffset(p, 1, 4, 0), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_UserCal_SetIntensityGain(p, 1, 90, 0), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_UserCal_SetAbsIntFactor(p, 1, 2.0, 0), 1) << LastError();
-  EXPECT_FALSE(Cal(port, 1).xOffset.stored);
-  EXPECT_FALSE(Cal(port, 1).absIntFactor.stored);
-
-  float x = 0, y = 0;
-  int offset = 0, gain = 0;
-  double factor = 0;
-  ASSERT_EQ(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &offset), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_UserCal_GetIntensityGain(p, 1, &gain), 1) << LastError();
-  ASSERT_EQ(ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor), 1) << LastError();
-  EXPECT_FLOAT_EQ(x, 0.01f);
-  EXPECT_FLOAT_EQ(y, -0.02f);
-  EXPECT_EQ(offset, 4);
-  EXPECT_EQ(gain, 90);
-  EXPECT_DOUBLE_EQ(factor, 2.0);
-
-  port.clearLog();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetxyOffsets(p, 1), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetWavelengthOffset(p, 1), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetIntensityGain(p, 1), 1) << LastError();
-  EXPECT_EQ(ZeltoCom_UserCal_ResetAbsIntFactor(p, 1), 1) << LastError();
-  EXPECT_EQ(Sent(port), (std::vector<std::string>{"SETXOFFSET01+0.000", "SETYOFFSET01+0.000",
-                                                  "SETWAVELENGTHOFFSET01+00", "SETINTGAIN01100",
-                                                  "SETABSINTMULT011.00000E+00"}));
 
   // Without an answer the getters leave the outputs as they were.
   const auto before = std::make_tuple(x, y, offset, gain, factor);
-  port.master().setFault(zeltosim::Fault::Silent);
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y)), "0: Unable to read xy offsets");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetWavelengthOffset(p, 1, &offset)),
+  analyser.master().setFault(zeltosim::Fault::Silent);
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(a, 1, &x, &y)), "0: Unable to read xy offsets");
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetWavelengthOffset(a, 1, &offset)),
             "0: Unable to read Wavelength offset");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetIntensityGain(p, 1, &gain)),
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetIntensityGain(a, 1, &gain)),
             "0: Unable to read Intensity gain");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor)),
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetAbsIntFactor(a, 1, &factor)),
             "0: Unable to read Absolute Intensity factor");
   EXPECT_EQ(std::tie(x, y, offset, gain, factor), before);
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, nullptr)),
+  EXPECT_EQ(Outcome(ZeltoCom_UserCal_GetxyOffsets(a, 1, &x, nullptr)),
             "-1: No buffer given for the result");
-}
-
-TEST_F(UserCalTest, AdjustmentsMoveTheNextReadingOntoTheReference) {
-  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
-  const char* p = port.path().c_str();
-
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustxyOffsets(p, 1, 0.3300f, 0.4100f), 1) << LastError();
-  float x = 0, y = 0;
-  ASSERT_EQ(std::sscanf(Reading(port, "GETXY01").c_str(), "%f %f", &x, &y), 2);
-  // The offsets have three decimals, the readings four.
-  EXPECT_NEAR(x, 0.3300f, 0.0006f);
-  EXPECT_NEAR(y, 0.4100f, 0.0006f);
-  EXPECT_TRUE(Cal(port, 1).xOffset.stored);
-
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustWavelengthOffset(p, 1, 560), 1) << LastError();
-  EXPECT_EQ(Reading(port, "GETWAVELENGTH01"), "560");
-
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0), 1) << LastError();
-  EXPECT_EQ(Reading(port, "GETABSINT01"), "3.000000E+00");
-
-  // The gain against a linear reference, in both intensity modes: 1200 seen.
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500), 1) << LastError();
-  EXPECT_EQ(Cal(port, 1).intensityGain.value, 125);
-  ASSERT_EQ(ZeltoCom_UserCal_ResetIntensityGain(p, 1), 1);
-  ASSERT_EQ(Send(port, "SETLIN"), 1);
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500), 1) << LastError();
-  EXPECT_EQ(Reading(port, "GETINTENSITY01"), "1500");
-  EXPECT_TRUE(Cal(port, 1).intensityGain.stored);
-}
-
-TEST_F(UserCalTest, AdjustmentsThatCannotHoldWriteNothing) {
-  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
-  const char* p = port.path().c_str();
-  ASSERT_EQ(Send(port, "SETLIN"), 1);
-  port.clearLog();
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 2400)),
-            "0: The new intensity gain (200) is outside 50 to 150");
-  EXPECT_EQ(Sent(port).back(), "GETINTGAIN01");  // and no gain written
-
-  port.master().setFiber(0, zeltosim::Fiber{0.3, 0.5, 0.2, 0.0});
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0)), "0: Under-range detected");
-  EXPECT_EQ(Outcome(ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1000)), "0: Under-range detected");
-  EXPECT_EQ(Cal(port, 1).intensityGain.value, 100);
-  EXPECT_EQ(Cal(port, 1).absIntFactor.value, 1.0);
 }
 
 TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
@@ -197,10 +117,9 @@ TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
   EXPECT_EQ(Outcome(take({1.0, 0.0, 0.0, 0.0}, 'R')), "0: Under-range detected");
 
   port.clearLog();
-  ASSERT_EQ(ZeltoCom_UserCal_AdjustRGB(p, 25, 0.64f, 0.33f, 1234.5, 0.30f, 0.60f, 100.0, 0.15f,
-                                       0.06f, 50.0),
-            1)
-      << LastError();
+  ASSERT_EQ(Outcome(ZeltoCom_UserCal_AdjustRGB(p, 25, 0.64f, 0.33f, 1234.5, 0.30f, 0.60f, 100.0,
+                                               0.15f, 0.06f, 50.0)),
+            "1");
   EXPECT_EQ(
       Sent(port),
       (std::vector<std::string>{
@@ -222,7 +141,9 @@ TEST_F(UserCalTest, RgbAdjustmentSendsTheTakenReadingsAndTheTrueValues) {
 TEST_F(UserCalTest, WavelengthOffsetsTheCommandCannotCarrySendNothing) {
   zeltosim::SimPort& port = Open(Analyser("ZA0001"));
   const char* p = port.path().c_str();
-  const int seen = std::atoi(Reading(port, "GETWAVELENGTH01").c_str());
+  ASSERT_EQ(ZeltoCom_Capture(p, 0, 0, 0), 1) << LastError();
+  ASSERT_EQ(Send(port, "GETWAVELENGTH01"), 1);
+  const int seen = std::atoi(answer_);
   ASSERT_GT(seen, 380);
   struct Row {
     int offset;  // stored before the adjustment
@@ -264,12 +185,17 @@ TEST_F(UserCalTest, WavelengthOffsetsTheCommandCannotCarrySendNothing) {
   EXPECT_EQ(Sent(port), std::vector<std::string>{"PUTWAVELENGTHOFFSET01-999"});
 }
 
-// An answer that is no finite number of the reading's type fails the call;
-// it never becomes a value, and nothing is written from it.
-TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
+// A reading that is no finite number of its type, or that no value could
+// follow, fails the call; it never becomes a value, and nothing is written
+// from it.
+TEST_F(UserCalTest, RefusedReadingsWriteNothing) {
   zeltosim::SimPort& port = Open(Analyser("ZA0001"));
   const char* p = port.path().c_str();
+  ASSERT_EQ(Send(port, "SETLIN"), 1);
+  ASSERT_EQ(ZeltoCom_Capture(p, 0, 0, 0), 1) << LastError();
   constexpr const char* kWrong = "0: Wrong reading from the instrument";
+  constexpr const char* kRgb = "0: Wrong RGB reading";
+  constexpr const char* kUnder = "0: Under-range detected";
   float x = 7, y = 7;
   int whole = 7;
   double factor = 7;
@@ -283,6 +209,11 @@ TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
   const auto gain = [&] { return ZeltoCom_UserCal_GetIntensityGain(p, 1, &whole); };
   const auto mult = [&] { return ZeltoCom_UserCal_GetAbsIntFactor(p, 1, &factor); };
   const auto xy = [&] { return ZeltoCom_UserCal_GetxyOffsets(p, 1, &x, &y); };
+  const auto rgb = [&] { return ZeltoCom_UserCal_TakeRGBCurrentValues(p, 1, 'R'); };
+  const auto adjustGain = [&](int reference) {
+    return [&, reference] { return ZeltoCom_UserCal_AdjustIntensityGain(p, 1, reference); };
+  };
+  const auto adjustAbs = [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); };
   const std::vector<Row> rows = {
       {"GETWAVELENGTHOFFSET01", "2147483648", offset, kWrong},
       {"GETINTGAIN01", "12abc", gain, kWrong},
@@ -294,12 +225,21 @@ TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
        kWrong},
       {"GETXYI01", "nan 0.4232 16411",
        [&] { return ZeltoCom_UserCal_AdjustxyOffsets(p, 1, 0.33f, 0.41f); }, kWrong},
-      {"GETINTENSITY01", "99999999999",
-       [&] { return ZeltoCom_UserCal_AdjustIntensityGain(p, 1, 1500); }, kWrong},
-      {"GETABSINT01", "inf", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); },
-       kWrong},
-      {"GETABSINT01", "1E-300", [&] { return ZeltoCom_UserCal_AdjustAbsIntFactor(p, 1, 3.0); },
+      {"GETINTENSITY01", "99999999999", adjustGain(1500), kWrong},
+      {"GETINTENSITY01", "1200", adjustGain(2400),
+       "0: The new intensity gain (200) is outside 50 to 150"},
+      {"GETINTENSITY01", "0", adjustGain(1000), kUnder},
+      {"GETABSINT01", "inf", adjustAbs, kWrong},
+      {"GETABSINT01", "0", adjustAbs, kUnder},
+      {"GETABSINT01", "1E-300", adjustAbs,
        "0: The new absolute intensity factor (3e+300) is outside 1E-99 to 1E+99"},
+      // Raw values beyond what the RGB commands carry.
+      {"GETRGBEXT01", "-1 5 5", rgb, kRgb},
+      {"GETRGBEXT01", "10000000 5 5", rgb, kRgb},
+      {"GETRGBEXT01", "5 5", rgb, kRgb},
+      {"GETRGBEXT01", "5 5 4294967296", rgb, kRgb},
+      {"GETRGBEXT01", "5 x 5", rgb, kRgb},
+      {"GETRGBEXT01", "9999999 0 12 extra", rgb, "1"},
   };
   for (const Row& row : rows) {
     port.master().setAnswer(row.command, row.answer);
@@ -322,17 +262,4 @@ TEST_F(UserCalTest, ReadingsThatAreNoNumberOfTheirTypeFail) {
   port.master().setAnswer("GETWAVELENGTHOFFSET01", "+4");
   EXPECT_EQ(offset(), 1) << LastError();
   EXPECT_EQ(whole, 4);
-}
-
-TEST_F(UserCalTest, RawRgbReadingsBeyondWhatTheirCommandsCarryAreRefused) {
-  zeltosim::SimPort& port = Open(Analyser("ZA0001"));
-  const char* p = port.path().c_str();
-  ASSERT_EQ(ZeltoCom_Capture(p, 0, 0, 0), 1) << LastError();
-  for (const char* raw : {"-1 5 5", "10000000 5 5", "5 5", "5 5 4294967296", "5 x 5"}) {
-    port.master().setAnswer("GETRGBEXT01", raw);
-    EXPECT_EQ(Outcome(ZeltoCom_UserCal_TakeRGBCurrentValues(p, 1, 'R')), "0: Wrong RGB reading")
-        << raw;
-  }
-  port.master().setAnswer("GETRGBEXT01", "9999999 0 12 extra");
-  EXPECT_EQ(ZeltoCom_UserCal_TakeRGBCurrentValues(p, 1, 'R'), 1) << LastError();
 }
