@@ -210,4 +210,39 @@ TEST_F(FilesTest, ProjectSectionErrorsInCheckingOrder) {
   EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: No devices found");
 }
 
+// All or none: an instrument that does not open closes the others again.
+TEST_F(FilesTest, AProjectOpensAndClosesAllItsInstrumentsOrNone) {
+  zeltosim::SimPort& left = AddPort(Analyser("ZS0001"));
+  left.chain(Analyser("ZS0003"));
+  zeltosim::SimPort& right = AddPort(Analyser("ZS0002"));
+  Publish();
+  const std::string masters =
+      "# station 4\r\n\r\n[DEVICE]\r\nPORT=" + left.path() + "\r\nID=LEFT\r\n# fixed rate\r\n" +
+      "BAUDRATE=" + std::to_string(left.baud()) + "\r\nSERIALNUMBER=ZS0001\r\n[END]\r\n" +
+      Section("DEVPATH=" + right.path() + "\nID=RIGHT\nSERIALNUMBER=ZS0002\n");
+  const std::string chained = "PORT=" + left.path() + "\nROLE=DAISY-CHAIN\nID=C";
+  EXPECT_EQ(OpenProject(masters + Section(chained + "\nSERIALNUMBER=ZS0003\n") +
+                        Section(chained + "2\nSERIALNUMBER=NOBODY\n")),
+            -1);
+  EXPECT_EQ(LastError(), "Communication error");
+  EXPECT_FALSE(IsOpen(left));
+  EXPECT_FALSE(IsOpen(right));
+  EXPECT_EQ(OpenProject(masters + Section("PORT=/dev/pts/none\nID=C\nSERIALNUMBER=ZS0004\n")), -1);
+  EXPECT_EQ(LastError(), "Device Path not available");
+  EXPECT_FALSE(IsOpen(left));
+
+  const std::string project =
+      masters + Section("PORT=" + left.path() + "\nID=C\nSERIALNUMBER=ZS0003\nROLE=DaisyChain\n");
+  ASSERT_EQ(OpenProject(project), 1) << LastError();
+  EXPECT_EQ(zeltocom::PortsList_Count(&Record(left)->chain), 1);
+  char answer[64];
+  EXPECT_EQ(ZeltoCom_SendByID("RIGHT", "GETSERIAL", answer), 1);
+  EXPECT_STREQ(answer, "ZS0002");
+  EXPECT_EQ(ZeltoCom_CloseProject(), 1);
+  EXPECT_FALSE(IsOpen(left));
+  EXPECT_FALSE(IsOpen(right));
+  // The IDs stay known, and closing again finds the ports closed.
+  EXPECT_EQ(Outcome(ZeltoCom_CloseProject()), "0: The device path is not in use");
+}
+
 }  // namespace

@@ -1,11 +1,13 @@
 // Calls that drive many ports at once: results in the caller's order, their
-// precedence, and eight ports at a time.
+// precedence, the roll-back of a failed open, and eight ports at a time.
 #include <array>
 #include <utility>
 
 #include "bench.hpp"
 
 namespace {
+
+using zeltosim::Fault;
 
 class MultiPortTest : public SimBench {
  protected:
@@ -77,6 +79,33 @@ TEST_F(MultiPortTest, EightPortsOpenSendCaptureAndCloseInTheCallersOrder) {
   EXPECT_EQ(Opened(), "");
   EXPECT_EQ(Outcome(ZeltoCom_Close_Multi(results_.data(), paths.data(), 8)),
             "0: The device path is not in use");
+}
+
+TEST_F(MultiPortTest, AFailedOpenClosesWhatItOpenedAndTellsWhy) {
+  AddSlowestFirst({"ZS0001", "ZS0002"});
+  ports_[1]->master().setFault(Fault::Silent);
+  const std::string tooLong(300, 'x');
+  std::vector<const char*> paths = Paths();
+  paths.push_back(tooLong.c_str());
+  std::vector<int> results(3, 9);
+  // The first failure in list order, not the worst, with its own text.
+  EXPECT_EQ(ZeltoCom_Open_Multi(results.data(), paths.data(), 3, BenchLine().baud), 0);
+  EXPECT_EQ(results, (std::vector<int>{1, 0, -1}));
+  EXPECT_EQ(LastError(), "Unable to communicate with device");
+  EXPECT_EQ(Opened(), "");
+
+  // A serial number on no port.
+  const char* serials[] = {"ZS0001", "ZS0404"};
+  EXPECT_EQ(ZeltoCom_OpenSN_Multi(results.data(), serials, 2, BenchLine().baud), -1);
+  EXPECT_EQ(results[1], -1);
+  EXPECT_EQ(LastError(), "Unable to find device");
+  EXPECT_EQ(Opened(), "");
+
+  // A port open already stays open.
+  ports_[1]->master().setFault(Fault::None);
+  ASSERT_EQ(ZeltoCom_Open(ports_[1]->path().c_str(), BenchLine().baud), 1);
+  EXPECT_EQ(Outcome(OpenAll()), "0: The port is already in use");
+  EXPECT_EQ(Opened(), ports_[1]->path());
 }
 
 TEST_F(MultiPortTest, SendResultsPutMinusOneBeforeZero) {
