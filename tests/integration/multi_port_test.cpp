@@ -162,3 +162,20 @@ TEST_F(MultiPortTest, CapturesFromAllPortsAndFromTheSpectrometersAmongThem) {
   EXPECT_EQ(std::vector<int>(results, results + 3), (std::vector<int>{1, -1, 0}));
   EXPECT_EQ(ports_[1]->master().captures(), 1);
 }
+
+// Wall time against the waits of seven other workers: the silent port's
+// time-out must not end early.
+using ProcessorTimeMultiPortTest = MultiPortTest;
+
+TEST_F(ProcessorTimeMultiPortTest, ASilentPortWaitsItsWholeTimeOutAmongSevenOthers) {
+  AddSlowestFirst(EightSerials());
+  ASSERT_EQ(OpenAll(), 1) << LastError();
+  for (const auto& port : ports_) port->master().setAnswerDelayMs(400);
+  ports_[5]->master().setFault(Fault::Silent);
+  ZeltoCom_SetResponseTimeout(600);
+  const auto start = testlines::Clock::now();
+  EXPECT_EQ(ZeltoCom_SendToAll_NR(results_.data(), "GETSERIAL"), 0);
+  EXPECT_GE(testlines::MsSince(start), 600);
+  EXPECT_EQ(results_, (std::vector<int>{1, 1, 1, 1, 1, 0, 1, 1}));
+  EXPECT_EQ(LastError(), "Timeout");
+}
