@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "bench.hpp"
-#include "frame/utils.hpp"
 
 namespace {
 
